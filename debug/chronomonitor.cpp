@@ -1,0 +1,204 @@
+// Timing statistics and thread names.
+//
+// Statistics live in a fixed open-addressing table. A category/operation
+// pair is entered once under a mutex; after that, completing a scope finds
+// its entry and updates it with atomic operations only.
+#include "foundation/debug/chronomonitor.h"
+
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+
+#include "internal.h"
+
+namespace zorv {
+namespace foundation {
+namespace debug {
+namespace {
+
+struct Stat {
+  std::atomic<const char*> category;  // published last, with release
+  const char* operation;
+  std::atomic<unsigned long long> count;
+  std::atomic<unsigned long long> total;
+  std::atomic<unsigned long long> max;
+};
+
+constexpr unsigned int kStatCount = 1024;
+Stat g_stats[kStatCount];
+internal::ForkSafeMutex g_statMutex = ZORV_DEBUG_FORK_SAFE_MUTEX_INIT;
+
+struct NameEntry {
+  unsigned long long thread;
+  char* name;
+  NameEntry* next;
+};
+
+constexpr unsigned int kNameBuckets = 256;
+NameEntry* g_names[kNameBuckets];
+internal::ForkSafeMutex g_nameMutex = ZORV_DEBUG_FORK_SAFE_MUTEX_INIT;
+
+struct Registrar {
+  Registrar() {
+    internal::RegisterForkSafe(&g_statMutex);
+    internal::RegisterForkSafe(&g_nameMutex);
+  }
+};
+Registrar g_registrar;
+
+unsigned int HashPair(const char* category, const char* operation) {
+  unsigned int h = 2166136261u;
+  for (const char* p = category; *p != '\0'; ++p) h = (h ^ static_cast<unsigned char>(*p)) * 16777619u;
+  h = (h ^ 0x1Fu) * 16777619u;
+  for (const char* p = operation; *p != '\0'; ++p) h = (h ^ static_cast<unsigned char>(*p)) * 16777619u;
+  return h;
+}
+
+char* CopyText(const char* text) {
+  const size_t n = strlen(text) + 1;
+  char* copy = static_cast<char*>(malloc(n));
+  if (copy != nullptr) memcpy(copy, text, n);
+  return copy;
+}
+
+// Finds the entry of the pair; enters it when `create` is set. Null when the
+// pair is unknown (or the table is full).
+Stat* Find(const char* category, const char* operation, bool create) {
+  if (category == nullptr) category = "";
+  if (operation == nullptr) operation = "";
+  const unsigned int start = HashPair(category, operation) & (kStatCount - 1);
+  for (unsigned int i = 0; i < kStatCount; ++i) {
+    Stat& stat = g_stats[(start + i) & (kStatCount - 1)];
+    const char* c = stat.category.load(std::memory_order_acquire);
+    if (c == nullptr) break;
+    if (strcmp(c, category) == 0 && strcmp(stat.operation, operation) == 0) return &stat;
+  }
+  if (!create) return nullptr;
+  internal::ScopedLock lock(g_statMutex);
+  for (unsigned int i = 0; i < kStatCount; ++i) {
+    Stat& stat = g_stats[(start + i) & (kStatCount - 1)];
+    const char* c = stat.category.load(std::memory_order_acquire);
+    if (c == nullptr) {
+      char* cat = CopyText(category);
+      char* op = CopyText(operation);
+      if (cat == nullptr || op == nullptr) {
+        free(cat);
+        free(op);
+        return nullptr;
+      }
+      stat.operation = op;
+      stat.category.store(cat, std::memory_order_release);
+      return &stat;
+    }
+    if (strcmp(c, category) == 0 && strcmp(stat.operation, operation) == 0) return &stat;
+  }
+  return nullptr;
+}
+
+unsigned int NameBucket(unsigned long long thread) {
+  return static_cast<unsigned int>((thread ^ (thread >> 12) ^ (thread >> 32)) * 2654435761u) >>
+         24;
+}
+
+// The operating system keeps 15 bytes of a thread name: keep the end, which
+// carries the most specific part of dotted and path-like names.
+void SetOsThreadName(const char* name, size_t length) {
+  char shortName[16];
+  const char* start = length > 15 ? name + (length - 15) : name;
+  const size_t n = length > 15 ? 15 : length;
+  memcpy(shortName, start, n);
+  shortName[n] = '\0';
+  pthread_setname_np(pthread_self(), shortName);
+}
+
+}  // namespace
+
+ChronoMonitor::Chronometer::Chronometer(const char* category, const char* operation)
+    : category_(category), operation_(operation), start_(internal::MonotonicNanos()) {}
+
+ChronoMonitor::Chronometer::~Chronometer() {
+  const unsigned long long elapsed = internal::MonotonicNanos() - start_;
+  Stat* stat = Find(category_, operation_, true);
+  if (stat == nullptr) return;
+  stat->count.fetch_add(1, std::memory_order_relaxed);
+  stat->total.fetch_add(elapsed, std::memory_order_relaxed);
+  unsigned long long seen = stat->max.load(std::memory_order_relaxed);
+  while (elapsed > seen &&
+         !stat->max.compare_exchange_weak(seen, elapsed, std::memory_order_relaxed)) {
+  }
+}
+
+unsigned long long ChronoMonitor::Count(const char* category, const char* operation) {
+  Stat* stat = Find(category, operation, false);
+  return stat == nullptr ? 0 : stat->count.load(std::memory_order_relaxed);
+}
+
+unsigned long long ChronoMonitor::TotalNanos(const char* category, const char* operation) {
+  Stat* stat = Find(category, operation, false);
+  return stat == nullptr ? 0 : stat->total.load(std::memory_order_relaxed);
+}
+
+unsigned long long ChronoMonitor::MaxNanos(const char* category, const char* operation) {
+  Stat* stat = Find(category, operation, false);
+  return stat == nullptr ? 0 : stat->max.load(std::memory_order_relaxed);
+}
+
+void ChronoMonitor::SetThreadName(const SafeString& name) {
+  const unsigned long long self = static_cast<unsigned long long>(pthread_self());
+  char* copy = static_cast<char*>(malloc(name.size() + 1));
+  if (copy == nullptr) return;
+  memcpy(copy, name.data(), name.size());
+  copy[name.size()] = '\0';
+  char* old = nullptr;
+  NameEntry* fresh = nullptr;
+  {
+    internal::ScopedLock lock(g_nameMutex);
+    NameEntry** bucket = &g_names[NameBucket(self)];
+    NameEntry* e = *bucket;
+    while (e != nullptr && e->thread != self) e = e->next;
+    if (e != nullptr) {
+      old = e->name;
+      e->name = copy;
+    } else {
+      fresh = static_cast<NameEntry*>(malloc(sizeof(NameEntry)));
+      if (fresh != nullptr) {
+        *fresh = NameEntry{self, copy, *bucket};
+        *bucket = fresh;
+      } else {
+        old = copy;
+      }
+    }
+  }
+  free(old);
+  SetOsThreadName(name.c_str(), strlen(name.c_str()));
+}
+
+SafeString ChronoMonitor::GetThreadName(unsigned long long threadId) {
+  SafeString result;
+  internal::ScopedLock lock(g_nameMutex);
+  for (NameEntry* e = g_names[NameBucket(threadId)]; e != nullptr; e = e->next) {
+    if (e->thread == threadId) {
+      result = e->name;
+      break;
+    }
+  }
+  return result;
+}
+
+namespace internal {
+
+void VisitChrono(ChronoVisitor visit, void* context) {
+  for (Stat& stat : g_stats) {
+    const char* c = stat.category.load(std::memory_order_acquire);
+    if (c == nullptr) continue;
+    visit(context, c, stat.operation, stat.count.load(std::memory_order_relaxed),
+          stat.total.load(std::memory_order_relaxed), stat.max.load(std::memory_order_relaxed));
+  }
+}
+
+}  // namespace internal
+}  // namespace debug
+}  // namespace foundation
+}  // namespace zorv

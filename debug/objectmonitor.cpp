@@ -1,0 +1,209 @@
+// Live-object records, kept in a hash table split into independently locked
+// shards so that threads creating objects rarely meet.
+#include "foundation/debug/objectmonitor.h"
+
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <atomic>
+
+#include "internal.h"
+
+namespace zorv {
+namespace foundation {
+namespace debug {
+namespace {
+
+struct Record {
+  void* object;
+  const char* source;
+  const char* name;
+  int line;
+  unsigned int size;
+  Record* next;
+};
+
+struct Shard {
+  internal::ForkSafeMutex mutex;
+  Record** buckets;
+  unsigned int bucketCount;
+  unsigned int count;
+};
+
+constexpr unsigned int kShardBits = 6;
+constexpr unsigned int kShardCount = 1u << kShardBits;
+
+Shard g_shards[kShardCount];
+std::atomic<long long> g_live{0};
+std::atomic<int> g_trace{-1};
+
+// 0: shards not registered for fork yet; 1: registering; 2: done.
+std::atomic<int> g_setUp{0};
+
+void SetUp() {
+  if (g_setUp.load(std::memory_order_acquire) == 2) return;
+  int expected = 0;
+  if (g_setUp.compare_exchange_strong(expected, 1)) {
+    for (Shard& shard : g_shards) internal::RegisterForkSafe(&shard.mutex);
+    g_setUp.store(2, std::memory_order_release);
+    return;
+  }
+  while (g_setUp.load(std::memory_order_acquire) != 2) {
+  }
+}
+
+inline uint32_t Hash(const void* object) {
+  uintptr_t v = reinterpret_cast<uintptr_t>(object);
+  v ^= v >> 17;
+  return static_cast<uint32_t>(v * 0x9E3779B1u) ^ static_cast<uint32_t>(v >> 3);
+}
+
+Shard& ShardOf(uint32_t hash) { return g_shards[hash & (kShardCount - 1)]; }
+
+inline unsigned int BucketOf(const Shard& shard, uint32_t hash) {
+  return (hash >> kShardBits) & (shard.bucketCount - 1);
+}
+
+// Doubles the bucket array; keeps the old one when memory is short.
+void Grow(Shard& shard) {
+  const unsigned int newCount = shard.bucketCount == 0 ? 64 : shard.bucketCount * 2;
+  Record** fresh = static_cast<Record**>(calloc(newCount, sizeof(Record*)));
+  if (fresh == nullptr) return;
+  const unsigned int oldCount = shard.bucketCount;
+  Record** old = shard.buckets;
+  shard.buckets = fresh;
+  shard.bucketCount = newCount;
+  for (unsigned int i = 0; i < oldCount; ++i) {
+    Record* r = old[i];
+    while (r != nullptr) {
+      Record* next = r->next;
+      const unsigned int b = BucketOf(shard, Hash(r->object));
+      r->next = fresh[b];
+      fresh[b] = r;
+      r = next;
+    }
+  }
+  free(old);
+}
+
+// Unlinks and returns the record of object, or null.
+Record* Take(void* object) {
+  const uint32_t hash = Hash(object);
+  Shard& shard = ShardOf(hash);
+  if (shard.bucketCount == 0) return nullptr;
+  Record** link = &shard.buckets[BucketOf(shard, hash)];
+  while (*link != nullptr) {
+    Record* r = *link;
+    if (r->object == object) {
+      *link = r->next;
+      --shard.count;
+      g_live.fetch_sub(1, std::memory_order_relaxed);
+      return r;
+    }
+    link = &r->next;
+  }
+  return nullptr;
+}
+
+struct Loader {
+  Loader() { ObjectMonitor::_IsTrace(); }
+};
+Loader g_loader;
+
+}  // namespace
+
+unsigned long long ObjectMonitor::LiveObjects() {
+  return static_cast<unsigned long long>(g_live.load(std::memory_order_relaxed));
+}
+
+int ObjectMonitor::_IsTrace() {
+  int trace = g_trace.load(std::memory_order_acquire);
+  if (trace < 0) {
+    int fresh = internal::EnvFlag("ZORV_DEBUG_TRACE") ? 1 : 0;
+    if (g_trace.compare_exchange_strong(trace, fresh, std::memory_order_acq_rel)) {
+      trace = fresh;
+    }
+  }
+  return trace;
+}
+
+unsigned char* ObjectMonitor::_Alloc(unsigned int size) {
+  return static_cast<unsigned char*>(malloc(size != 0 ? size : 1));
+}
+
+void ObjectMonitor::_Dealloc(unsigned char* block, unsigned int) { free(block); }
+
+void ObjectMonitor::_IncLeak(void* object, const char* source, int line,
+                             const char* name, unsigned int size) {
+  SetUp();
+  Record* record = static_cast<Record*>(malloc(sizeof(Record)));
+  if (record == nullptr) return;
+  *record = Record{object, source, name, line, size, nullptr};
+  const uint32_t hash = Hash(object);
+  Shard& shard = ShardOf(hash);
+  Record* replaced;
+  {
+    internal::ScopedLock lock(shard.mutex);
+    replaced = Take(object);
+    if (shard.count >= shard.bucketCount) Grow(shard);
+    if (shard.bucketCount == 0) {
+      free(record);
+      record = nullptr;
+    } else {
+      Record*& head = shard.buckets[BucketOf(shard, hash)];
+      record->next = head;
+      head = record;
+      ++shard.count;
+      g_live.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+  free(replaced);
+}
+
+void ObjectMonitor::_DecLeakEx(void* object, const char*, int, const char*) {
+  SetUp();
+  Shard& shard = ShardOf(Hash(object));
+  Record* record;
+  {
+    internal::ScopedLock lock(shard.mutex);
+    record = Take(object);
+  }
+  free(record);
+}
+
+ObjectMonitor::LeakInfo ObjectMonitor::_DecLeakInfoEx(void* object, const char*, int,
+                                                      const char*) {
+  SetUp();
+  Shard& shard = ShardOf(Hash(object));
+  Record* record;
+  {
+    internal::ScopedLock lock(shard.mutex);
+    record = Take(object);
+  }
+  LeakInfo info{nullptr, 0};
+  if (record != nullptr) {
+    info.block = static_cast<unsigned char*>(record->object);
+    info.size = record->size;
+    free(record);
+  }
+  return info;
+}
+
+namespace internal {
+
+void VisitObjects(ObjectVisitor visit, void* context) {
+  SetUp();
+  for (Shard& shard : g_shards) {
+    ScopedLock lock(shard.mutex);
+    for (unsigned int b = 0; b < shard.bucketCount; ++b) {
+      for (Record* r = shard.buckets[b]; r != nullptr; r = r->next) {
+        visit(context, r->name, r->source, r->line, r->size);
+      }
+    }
+  }
+}
+
+}  // namespace internal
+}  // namespace debug
+}  // namespace foundation
+}  // namespace zorv

@@ -1,0 +1,31 @@
+// The whole public API of the foundation library in one include.
+#ifndef ZORV_FOUNDATION_FOUNDATION_H_
+#define ZORV_FOUNDATION_FOUNDATION_H_
+
+// Core types and the debug-support hooks.
+#include "foundation/collection/vector.h"
+#include "foundation/debug/debug.h"
+#include "foundation/export.h"
+#include "foundation/lang/accounted.h"
+#include "foundation/lang/disposable.h"
+#include "foundation/lang/exception.h"
+#include "foundation/lang/interface.h"
+#include "foundation/text/safestring.h"
+
+// Text: string utilities, number text, codecs.
+
+// Memory and streams: buffers and serialization.
+
+// Threading: locks, conditions, threads, pools, timers, schedulers.
+
+// Configuration files.
+
+// File system.
+
+// Hashing.
+
+// System: clocks, console, processes, named lock.
+
+// Date and time.
+
+#endif  // ZORV_FOUNDATION_FOUNDATION_H_

@@ -1,0 +1,3 @@
+# Sources of the config area.
+list(APPEND ZORV_FOUNDATION_SOURCES
+)

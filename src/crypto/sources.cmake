@@ -1,0 +1,3 @@
+# Sources of the crypto area.
+list(APPEND ZORV_FOUNDATION_SOURCES
+)

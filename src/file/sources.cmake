@@ -1,0 +1,3 @@
+# Sources of the file area.
+list(APPEND ZORV_FOUNDATION_SOURCES
+)

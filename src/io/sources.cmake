@@ -1,0 +1,3 @@
+# Sources of the io area.
+list(APPEND ZORV_FOUNDATION_SOURCES
+)

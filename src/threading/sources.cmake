@@ -1,0 +1,3 @@
+# Sources of the threading area.
+list(APPEND ZORV_FOUNDATION_SOURCES
+)
