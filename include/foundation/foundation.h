@@ -16,7 +16,9 @@
 
 // Memory and streams: buffers and serialization.
 
-// Threading: locks, conditions, threads, pools, timers, schedulers.
+// Threading: locks, conditions, threads and tasks.
+
+// Threading: pools, timers, schedulers.
 
 // Configuration files.
 
@@ -24,7 +26,9 @@
 
 // Hashing.
 
-// System: clocks, console, processes, named lock.
+// System: clocks, processors, libraries, console.
+
+// System: named file lock, process control.
 
 // Date and time.
 
