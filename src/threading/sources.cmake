@@ -3,5 +3,11 @@ list(APPEND ZORV_FOUNDATION_SOURCES
   # locks, conditions, threads and tasks
 
   # pools, timers and schedulers
+  ${CMAKE_CURRENT_LIST_DIR}/threadpool/threadpool.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/threadpool/affinitythreadpool.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/timer/timerscheduler.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/scheduler/globaltaskscheduler.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/scheduler/globaltimerscheduler.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/../lang/injection/service.cpp
 
 )
