@@ -17,6 +17,9 @@
 // Memory and streams: buffers and serialization.
 
 // Threading: locks, conditions, threads and tasks.
+#include "foundation/threading/lock.h"
+#include "foundation/threading/lockcondition.h"
+#include "foundation/threading/thread.h"
 
 // Threading: pools, timers, schedulers.
 
@@ -27,9 +30,12 @@
 // Hashing.
 
 // System: clocks, processors, libraries, console.
+#include "foundation/system/consoleutils.h"
+#include "foundation/system/systemutils.h"
 
 // System: named file lock, process control.
 
 // Date and time.
+#include "foundation/time/stopwatch.h"
 
 #endif  // ZORV_FOUNDATION_FOUNDATION_H_
