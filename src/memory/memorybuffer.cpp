@@ -125,8 +125,9 @@ void MemoryBuffer::Copy(unsigned char* destination, const unsigned char* source,
 }
 
 void MemoryBuffer::_setAllocLength(unsigned long long length) {
-  // A size beyond the platform's size_t can never be allocated.
-  if (length > static_cast<unsigned long long>(SIZE_MAX)) throw std::bad_alloc();
+  // No object can be larger than PTRDIFF_MAX bytes (the C heap refuses such
+  // sizes too); failing early also keeps a cut size from being recorded.
+  if (length > static_cast<unsigned long long>(PTRDIFF_MAX)) throw std::bad_alloc();
   void* block = std::realloc(block_, static_cast<size_t>(length));
   if (block == nullptr && length != 0) throw std::bad_alloc();
   block_ = static_cast<unsigned char*>(block);

@@ -99,7 +99,7 @@ class ZORV_FOUNDATION_EXPORT MemoryBuffer : public IBuffer {
   // Resizes the storage to exactly `length` bytes with realloc and records
   // the new size; the length and positions are not adjusted. Throws
   // std::bad_alloc, leaving the buffer unchanged, when realloc fails for a
-  // non-zero size or the size does not fit the platform's size_t.
+  // non-zero size, or for a size above PTRDIFF_MAX.
   void _setAllocLength(unsigned long long length);
 
   // Grows the storage for a shortfall of `length` bytes: to exactly
