@@ -34,6 +34,8 @@
 // File system.
 
 // Hashing.
+#include "foundation/crypto/md5.h"
+#include "foundation/crypto/sha1.h"
 
 // System: clocks, processors, libraries, console.
 
