@@ -13,8 +13,17 @@
 #include "foundation/text/safestring.h"
 
 // Text: string utilities, number text, codecs.
+#include "foundation/text/codecutils.h"
+#include "foundation/text/stringutils.h"
 
 // Memory and streams: buffers and serialization.
+#include "foundation/io/archiver.h"
+#include "foundation/io/serialization.h"
+#include "foundation/io/stream.h"
+#include "foundation/memory/buffer.h"
+#include "foundation/memory/memorybuffer.h"
+#include "foundation/memory/stringreader.h"
+#include "foundation/memory/stringwriter.h"
 
 // Threading: locks, conditions, threads and tasks.
 #include "foundation/threading/lock.h"
@@ -28,6 +37,8 @@
 // File system.
 
 // Hashing.
+#include "foundation/crypto/md5.h"
+#include "foundation/crypto/sha1.h"
 
 // System: clocks, processors, libraries, console.
 #include "foundation/system/consoleutils.h"
