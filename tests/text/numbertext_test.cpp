@@ -241,6 +241,8 @@ TEST_F(FloatTextTest, Parse) {
   EXPECT_EQ(StringUtils::StringToFloat("-inf"), -HUGE_VAL);
   EXPECT_EQ(StringUtils::StringToFloat("-."), 0.0);
   EXPECT_EQ(StringUtils::StringToFloat(SafeString("1.5\0zz", 6)), 1.5);
+  EXPECT_EQ(StringUtils::StringToFloat(SafeString("1e\0", 3)), 0.0);
+  EXPECT_EQ(StringUtils::StringToFloat(SafeString("1e-\0", 4)), 0.0);
   // The exponent follows the integer rules, wrap-around included.
   EXPECT_EQ(StringUtils::StringToFloat("1e4294967297"), 10.0);
   const SafeString longMantissa = "1." + SafeString(500, '0') + "1e2";
