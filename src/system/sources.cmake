@@ -5,5 +5,6 @@ list(APPEND ZORV_FOUNDATION_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/consoleutils.cpp
 
   # named file lock, process control
+  ${CMAKE_CURRENT_LIST_DIR}/filedlock.cpp
 
 )
