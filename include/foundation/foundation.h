@@ -26,6 +26,9 @@
 #include "foundation/memory/stringwriter.h"
 
 // Threading: locks, conditions, threads and tasks.
+#include "foundation/threading/lock.h"
+#include "foundation/threading/lockcondition.h"
+#include "foundation/threading/thread.h"
 
 // Threading: pools, timers, schedulers.
 
@@ -38,9 +41,13 @@
 #include "foundation/crypto/sha1.h"
 
 // System: clocks, processors, libraries, console.
+#include "foundation/system/consoleutils.h"
+#include "foundation/system/systemutils.h"
 
 // System: named file lock, process control.
+#include "foundation/system/filedlock.h"
 
 // Date and time.
+#include "foundation/time/stopwatch.h"
 
 #endif  // ZORV_FOUNDATION_FOUNDATION_H_
