@@ -47,6 +47,7 @@
 #include "foundation/system/systemutils.h"
 
 // System: named file lock, process control.
+#include "foundation/system/filedlock.h"
 
 // Date and time.
 #include "foundation/time/datetime.h"

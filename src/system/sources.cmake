@@ -6,5 +6,6 @@ list(APPEND ZORV_FOUNDATION_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/library.cpp
 
   # named file lock, process control
+  ${CMAKE_CURRENT_LIST_DIR}/filedlock.cpp
 
 )
