@@ -10,7 +10,9 @@ set(CMAKE_FIND_ROOT_PATH /usr/arm-linux-gnueabihf)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# Packages: the target root first, then CMAKE_PREFIX_PATH as given, so that a
+# cross-built zorv installed under any prefix is found by find_package.
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
 if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
   find_program(ZORV_QEMU_ARM qemu-arm)

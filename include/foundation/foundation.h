@@ -13,10 +13,22 @@
 #include "foundation/text/safestring.h"
 
 // Text: string utilities, number text, codecs.
+#include "foundation/text/codecutils.h"
+#include "foundation/text/stringutils.h"
 
 // Memory and streams: buffers and serialization.
+#include "foundation/io/archiver.h"
+#include "foundation/io/serialization.h"
+#include "foundation/io/stream.h"
+#include "foundation/memory/buffer.h"
+#include "foundation/memory/memorybuffer.h"
+#include "foundation/memory/stringreader.h"
+#include "foundation/memory/stringwriter.h"
 
 // Threading: locks, conditions, threads and tasks.
+#include "foundation/threading/lock.h"
+#include "foundation/threading/lockcondition.h"
+#include "foundation/threading/thread.h"
 
 // Threading: pools, timers, schedulers.
 
@@ -25,11 +37,16 @@
 // File system.
 
 // Hashing.
+#include "foundation/crypto/md5.h"
+#include "foundation/crypto/sha1.h"
 
 // System: clocks, processors, libraries, console.
+#include "foundation/system/consoleutils.h"
+#include "foundation/system/systemutils.h"
 
 // System: named file lock, process control.
 
 // Date and time.
+#include "foundation/time/stopwatch.h"
 
 #endif  // ZORV_FOUNDATION_FOUNDATION_H_

@@ -1,6 +1,8 @@
 # Sources of the system area.
 list(APPEND ZORV_FOUNDATION_SOURCES
   # clocks, processors, libraries, console
+  ${CMAKE_CURRENT_LIST_DIR}/systemutils.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/consoleutils.cpp
 
   # named file lock, process control
 

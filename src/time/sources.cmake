@@ -1,3 +1,4 @@
 # Sources of the time area.
 list(APPEND ZORV_FOUNDATION_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/stopwatch.cpp
 )

@@ -229,7 +229,20 @@ bool ChildExitedCleanly(pid_t child, int seconds) {
   return false;
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZORV_SANITIZED_RUNTIME 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ZORV_SANITIZED_RUNTIME 1
+#endif
+#endif
+
 TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
+#ifdef ZORV_SANITIZED_RUNTIME
+  // The sanitizers' own allocators may be locked by another thread at fork
+  // time; what this test proves is about the monitors, not about them.
+  GTEST_SKIP() << "not meaningful under a sanitizer runtime";
+#endif
   std::atomic<bool> stop{false};
   std::vector<std::thread> churners;
   for (int t = 0; t < 2; ++t) {

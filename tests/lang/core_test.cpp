@@ -150,7 +150,7 @@ TEST_F(CoreTest, AccountedObjectsAreRecordedAndForgotten) {
 
 // Calls the default dispose() through a null pointer, as hosts may; the
 // sanitizer's null-call check would otherwise flag the call itself.
-__attribute__((no_sanitize("null"))) void DisposeNull() {
+__attribute__((no_sanitize("undefined"))) void DisposeNull() {
   lang::IDisposable* none = nullptr;
   __asm__("" : "+r"(none));  // a pointer the compiler cannot see is null
   none->lang::IDisposable::dispose();

@@ -1,0 +1,326 @@
+// StringUtils: integers and floating-point numbers to text and back.
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <system_error>
+
+#include "foundation/text/stringutils.h"
+
+namespace zorv {
+namespace foundation {
+namespace text {
+
+namespace {
+
+// Character classes, indexed by the unsigned byte: bit 0 decimal digit,
+// bit 1 hexadecimal digit.
+struct ClassTable {
+  unsigned char bytes[256];
+};
+
+constexpr ClassTable MakeClassTable() {
+  ClassTable table{};
+  for (int i = 0; i < 256; ++i) {
+    unsigned char c = 0;
+    if (i >= '0' && i <= '9') c = 3;
+    if ((i >= 'A' && i <= 'F') || (i >= 'a' && i <= 'f')) c = 2;
+    table.bytes[i] = c;
+  }
+  return table;
+}
+
+constexpr ClassTable kClass = MakeClassTable();
+constexpr unsigned char kDecimal = 1;
+constexpr unsigned char kHex = 2;
+
+inline bool IsDigit(char c) { return (kClass.bytes[static_cast<unsigned char>(c)] & kDecimal) != 0; }
+inline bool IsHexDigit(char c) { return (kClass.bytes[static_cast<unsigned char>(c)] & kHex) != 0; }
+
+constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+// Writes the decimal digits of `value` so that they end just before `end`;
+// returns the first digit's address.
+template <class U>
+char* WriteDigits(U value, char* end) {
+  while (value >= 100) {
+    const unsigned int pair = static_cast<unsigned int>(value % 100) * 2;
+    value /= 100;
+    end -= 2;
+    end[0] = kDigitPairs[pair];
+    end[1] = kDigitPairs[pair + 1];
+  }
+  if (value >= 10) {
+    const unsigned int pair = static_cast<unsigned int>(value) * 2;
+    end -= 2;
+    end[0] = kDigitPairs[pair];
+    end[1] = kDigitPairs[pair + 1];
+  } else {
+    *--end = static_cast<char>('0' + static_cast<unsigned int>(value));
+  }
+  return end;
+}
+
+template <class U>
+foundation::SafeString UnsignedText(U value, bool negative) {
+  char buffer[24];
+  char* end = buffer + sizeof(buffer);
+  char* begin = WriteDigits(value, end);
+  if (negative) *--begin = '-';
+  return foundation::SafeString(begin, static_cast<size_t>(end - begin));
+}
+
+// The decimal parse shared by the four integer parsers: sign, leading zeros,
+// a byte count of 1 to `limit` to the full length, digits up to the first
+// zero byte, accumulated with wrap-around, negated for '-'.
+template <class U>
+bool ParseDecimal(const char* p, size_t n, size_t limit, U& result) {
+  if (n == 0) return false;
+  size_t i = 0;
+  bool negative = false;
+  if (p[0] == '-' || p[0] == '+') {
+    negative = p[0] == '-';
+    i = 1;
+  }
+  while (i + 1 < n && p[i] == '0') ++i;
+  const size_t count = n - i;
+  if (count < 1 || count > limit) return false;
+  U value = 0;
+  for (const char* q = p + i; *q != '\0'; ++q) {
+    const unsigned int digit = static_cast<unsigned char>(*q) - static_cast<unsigned int>('0');
+    if (digit > 9) return false;
+    value = static_cast<U>(value * 10u + digit);
+  }
+  result = negative ? static_cast<U>(U(0) - value) : value;
+  return true;
+}
+
+template <class U>
+U ParseOrZero(const foundation::SafeString& text, size_t limit) {
+  U value = 0;
+  return ParseDecimal<U>(text.c_str(), text.size(), limit, value) ? value : U(0);
+}
+
+// Literal accumulation of a mantissa: value * 10 + digit, scaled by 1/10 per
+// digit after the point. Used when the exact conversion is out of range.
+double AccumulateMantissa(const char* p, const char* end) {
+  double value = 0.0;
+  double scale = 1.0;
+  bool point = false;
+  for (; p != end; ++p) {
+    if (*p == '.') {
+      point = true;
+      continue;
+    }
+    value = value * 10.0 + (*p - '0');
+    if (point) scale /= 10.0;
+  }
+  return value * scale;
+}
+
+}  // namespace
+
+foundation::SafeString StringUtils::IntToString(int value) {
+  if (value == INT_MIN) return foundation::SafeString("-2147483648");
+  const bool negative = value < 0;
+  const unsigned int magnitude =
+      negative ? 0u - static_cast<unsigned int>(value) : static_cast<unsigned int>(value);
+  return UnsignedText(magnitude, negative);
+}
+
+foundation::SafeString StringUtils::LongToString(long long value) {
+  if (value == LLONG_MIN) return foundation::SafeString("-9223372036854775808");
+  const bool negative = value < 0;
+  const unsigned long long magnitude = negative ? 0ull - static_cast<unsigned long long>(value)
+                                                : static_cast<unsigned long long>(value);
+  return UnsignedText(magnitude, negative);
+}
+
+foundation::SafeString StringUtils::UIntToString(unsigned int value) { return UnsignedText(value, false); }
+
+foundation::SafeString StringUtils::ULongToString(unsigned long long value) {
+  return UnsignedText(value, false);
+}
+
+foundation::SafeString StringUtils::ULongToHexString(unsigned long long value, bool prefix) {
+  char buffer[20];
+  char* end = buffer + sizeof(buffer);
+  char* begin = end;
+  do {
+    *--begin = kHexDigits[value & 15u];
+    value >>= 4;
+  } while (value != 0);
+  if (prefix) {
+    *--begin = 'x';
+    *--begin = '0';
+  }
+  return foundation::SafeString(begin, static_cast<size_t>(end - begin));
+}
+
+foundation::SafeString StringUtils::FloatToString(double value) {
+  if (std::isnan(value)) return foundation::SafeString("nan");
+  if (std::isinf(value)) return foundation::SafeString(value < 0 ? "-inf" : "inf");
+  char buffer[32];
+  const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof(buffer), value);
+  return foundation::SafeString(buffer, static_cast<size_t>(r.ptr - buffer));
+}
+
+int StringUtils::StringToInt(const foundation::SafeString& text) {
+  return static_cast<int>(ParseOrZero<unsigned int>(text, 10));
+}
+
+long long StringUtils::StringToLong(const foundation::SafeString& text) {
+  return static_cast<long long>(ParseOrZero<unsigned long long>(text, 19));
+}
+
+unsigned int StringUtils::StringToUInt(const foundation::SafeString& text) {
+  return ParseOrZero<unsigned int>(text, 10);
+}
+
+unsigned long long StringUtils::StringToULong(const foundation::SafeString& text) {
+  return ParseOrZero<unsigned long long>(text, 20);
+}
+
+unsigned long long StringUtils::HexStringToULong(const foundation::SafeString& text) {
+  const size_t n = text.size();
+  const char* p = text.c_str();
+  if (n < 3 || n > 18 || p[0] != '0' || (p[1] != 'x' && p[1] != 'X')) return 0;
+  if (!IsHexDigit(p[2])) return 0;
+  unsigned long long value = 0;
+  for (const char* q = p + 2; *q != '\0'; ++q) {
+    const unsigned char c = static_cast<unsigned char>(*q);
+    unsigned int digit;
+    if (c >= '0' && c <= '9') {
+      digit = c - '0';
+    } else if (c >= 'a' && c <= 'f') {
+      digit = c - 'a' + 10u;
+    } else if (c >= 'A' && c <= 'F') {
+      digit = c - 'A' + 10u;
+    } else {
+      return 0;
+    }
+    value = (value << 4) | digit;
+  }
+  return value;
+}
+
+double StringUtils::StringToFloat(const foundation::SafeString& text) {
+  const size_t n = text.size();
+  const char* p = text.c_str();
+  if (n == 0) return 0.0;
+  if (n == 1) return IsDigit(p[0]) ? static_cast<double>(p[0] - '0') : 0.0;
+  if (n == 3) {
+    if (std::memcmp(p, "nan", 3) == 0) return std::numeric_limits<double>::quiet_NaN();
+    if (std::memcmp(p, "inf", 3) == 0) return std::numeric_limits<double>::infinity();
+  }
+  if (n == 4) {
+    if (std::memcmp(p, "-inf", 4) == 0) return -std::numeric_limits<double>::infinity();
+    if (std::memcmp(p, "+inf", 4) == 0) return std::numeric_limits<double>::infinity();
+  }
+  bool negative = false;
+  const char* q = p;
+  if (*q == '-' || *q == '+') {
+    negative = *q == '-';
+    ++q;
+  }
+  const char* mantissa = q;
+  bool point = false;
+  bool digit = false;
+  for (; *q != '\0'; ++q) {
+    if (IsDigit(*q)) {
+      digit = true;
+    } else if (*q == '.' && !point) {
+      point = true;
+    } else {
+      break;
+    }
+  }
+  const char* mantissaEnd = q;
+  int exponent = 0;
+  if (*q != '\0') {
+    if ((*q != 'e' && *q != 'E') || !digit) return 0.0;
+    ++q;
+    unsigned int wrapped = 0;
+    const size_t rest = n - static_cast<size_t>(q - p);
+    if (!ParseDecimal<unsigned int>(q, rest, 10, wrapped)) return 0.0;
+    exponent = static_cast<int>(wrapped);
+  }
+  if (!digit) return negative ? -0.0 : 0.0;
+
+  // The exact conversion: the mantissa's digits with the exponent written
+  // back in canonical form (the parsed exponent may have wrapped around).
+  char small[64];
+  foundation::SafeString large;
+  const size_t mantissaLength = static_cast<size_t>(mantissaEnd - mantissa);
+  char* work = small;
+  if (mantissaLength + 16 > sizeof(small)) {
+    large.resize(mantissaLength + 16);
+    work = &large[0];
+  }
+  std::memcpy(work, mantissa, mantissaLength);
+  char* e = work + mantissaLength;
+  *e++ = 'e';
+  const std::to_chars_result w = std::to_chars(e, e + 15, exponent);
+  double value = 0.0;
+  const std::from_chars_result r = std::from_chars(work, w.ptr, value);
+  const bool exact = r.ec == std::errc() && r.ptr == w.ptr;
+  if (!exact) {
+    value = AccumulateMantissa(mantissa, mantissaEnd);
+    if (exponent != 0) value *= std::pow(10.0, exponent);
+  }
+  return negative ? -value : value;
+}
+
+int StringUtils::GetNumberFormat(const foundation::SafeString& text) {
+  const size_t n = text.size();
+  const char* p = text.c_str();
+  if (n == 0) return 0;
+  if (n == 1) return IsDigit(p[0]) ? 1 : 0;
+  const char* q = p;
+  if (n == 2) {
+    if (*q == '+' || *q == '-') ++q;
+    if (*q == '\0') return 0;
+  } else {
+    if (n == 3 && (std::memcmp(p, "nan", 3) == 0 || std::memcmp(p, "inf", 3) == 0)) return 2;
+    if (n == 4 && (std::memcmp(p, "-inf", 4) == 0 || std::memcmp(p, "+inf", 4) == 0)) return 2;
+    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
+      for (q = p + 2; *q != '\0'; ++q) {
+        if (!IsHexDigit(*q)) return 0;
+      }
+      return 3;
+    }
+    if (*q == '+' || *q == '-') ++q;
+    if (*q == '\0') return 0;
+  }
+  bool point = false;
+  bool digit = false;
+  for (; *q != '\0'; ++q) {
+    if (IsDigit(*q)) {
+      digit = true;
+    } else if (*q == '.') {
+      if (point) return 0;
+      point = true;
+    } else {
+      break;
+    }
+  }
+  if (*q == '\0') return point ? 2 : 1;
+  if ((*q != 'e' && *q != 'E') || !digit) return 0;
+  ++q;
+  if (*q == '+' || *q == '-') ++q;
+  if (*q == '\0') return 0;
+  for (; *q != '\0'; ++q) {
+    if (!IsDigit(*q)) return 0;
+  }
+  return 2;
+}
+
+}  // namespace text
+}  // namespace foundation
+}  // namespace zorv

@@ -1,0 +1,87 @@
+// Bounded meeting points for threading tests: every wait has a time limit,
+// so a fault fails the test instead of hanging it.
+#ifndef ZORV_TESTS_SUPPORT_BOUNDEDWAIT_H_
+#define ZORV_TESTS_SUPPORT_BOUNDEDWAIT_H_
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace zorv {
+namespace test {
+
+// The generous limit of a wait that is expected to succeed.
+constexpr std::chrono::milliseconds kLongWait{20000};
+
+// True on slow targets (qemu, sanitizers): stress sizes shrink there.
+inline bool SlowTarget() {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+  return true;
+#else
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+  return true;
+#endif
+#endif
+  return std::getenv("ZORV_SLOW_TARGET") != nullptr;
+#endif
+}
+
+// A one-way gate: threads wait until it is opened. Waits are bounded.
+class Gate {
+ public:
+  void open() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    open_ = true;
+    cond_.notify_all();
+  }
+
+  bool isOpen() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return open_;
+  }
+
+  // True when the gate opened within `limit`.
+  bool wait(std::chrono::milliseconds limit = kLongWait) {
+    std::unique_lock<std::mutex> hold(mutex_);
+    return cond_.wait_for(hold, limit, [this] { return open_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  bool open_ = false;
+};
+
+// Opens a gate when the scope ends, also on an early test failure, so that
+// threads parked on it can finish and be joined.
+class GateOpener {
+ public:
+  explicit GateOpener(Gate& gate) : gate_(gate) {}
+  ~GateOpener() { gate_.open(); }
+  GateOpener(const GateOpener&) = delete;
+  GateOpener& operator=(const GateOpener&) = delete;
+
+ private:
+  Gate& gate_;
+};
+
+// Polls `done` every millisecond until it is true or `limit` passes; returns
+// its last value. For states that cannot signal (flags read without a lock).
+inline bool PollUntil(const std::function<bool()>& done,
+                      std::chrono::milliseconds limit = kLongWait) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= end) return done();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+}  // namespace test
+}  // namespace zorv
+
+#endif  // ZORV_TESTS_SUPPORT_BOUNDEDWAIT_H_
