@@ -34,8 +34,11 @@
 // Threading: pools, timers, schedulers.
 
 // Configuration files.
+#include "foundation/config/configarchiver.h"
+#include "foundation/config/datareader.h"
 
 // File system.
+#include "foundation/file/fileutils.h"
 
 // Hashing.
 #include "foundation/crypto/md5.h"
