@@ -42,8 +42,11 @@
 #include "foundation/threading/timer/timerscheduler.h"
 
 // Configuration files.
+#include "foundation/config/configarchiver.h"
+#include "foundation/config/datareader.h"
 
 // File system.
+#include "foundation/file/fileutils.h"
 
 // Hashing.
 #include "foundation/crypto/md5.h"
