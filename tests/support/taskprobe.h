@@ -22,10 +22,11 @@
 namespace zorv {
 namespace test {
 
-// True when the tests run under a sanitizer or on a slow target (qemu), so
-// that stress sizes are scaled down.
+// True when the tests run under a sanitizer, on the 32-bit ARM target (real
+// or under qemu) or with ZORV_SLOW_TARGET set, so that stress sizes are
+// scaled down.
 inline bool SlowTarget() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
   return true;
 #else
 #if defined(__has_feature)

@@ -5,7 +5,9 @@
 #include <atomic>
 #include <new>
 #include <set>
+#include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "foundation/debug/chronomonitor.h"
@@ -57,7 +59,13 @@ template <class Pool>
 class ExecutorTest : public zorv::test::LeakCheckedTest {};
 
 using Executors = ::testing::Types<ThreadPool, AffinityThreadPool>;
-TYPED_TEST_SUITE(ExecutorTest, Executors);
+struct ExecutorNames {
+  template <class T>
+  static std::string GetName(int) {
+    return std::is_same<T, ThreadPool>::value ? "ThreadPool" : "AffinityThreadPool";
+  }
+};
+TYPED_TEST_SUITE(ExecutorTest, Executors, ExecutorNames);
 
 TYPED_TEST(ExecutorTest, WorkerCountsAreCappedAndDefaultToProcessors) {
   struct Case {
