@@ -297,6 +297,62 @@ TEST_F(ThreadPoolTest, RaisingTheBoundLetsABlockedProducerIn) {
   EXPECT_TRUE(pool.tryAddTask(task, 0));
 }
 
+TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallOnEveryWakeUp) {
+  // Two wake-ups without room, 100 ms apart: after the first the budget of
+  // 300 ms is charged 100 ms (200 left); at the second the whole 200 ms since
+  // the call are charged again, so the call gives up then, about 100 ms
+  // before its nominal budget.
+  Tally tally;
+  Gate gate0;
+  Gate gate1;
+  Gate gate2;
+  std::atomic<bool> started{false};
+  ThreadPool pool(1);
+  GateOpener open0(gate0);
+  GateOpener open1(gate1);
+  GateOpener open2(gate2);
+  pool.setMaxTaskNum(102);
+  ProbeTask* blocker = NewTask(&tally, -1);
+  blocker->gate = &gate0;
+  blocker->started = &started;
+  pool.addTask(blocker);
+  ASSERT_TRUE(WaitUntil([&] { return started.load(); }));
+  ProbeTask* first = NewTask(&tally, 1);
+  first->gate = &gate1;
+  pool.addTask(first);
+  ProbeTask* second = NewTask(&tally, 2);
+  second->gate = &gate2;
+  pool.addTask(second);
+  for (int i = 0; i < 100; ++i) pool.addTask(NewTask(&tally, 10 + i));
+  ASSERT_EQ(pool.queuedNum(), 102u);
+
+  ProbeTask* late = NewTask(&tally, 1000);
+  std::atomic<bool> done{false};
+  bool added = true;
+  unsigned long long begin = 0;
+  unsigned long long end = 0;
+  std::thread producer([&] {
+    begin = zorv::test::Tick();
+    added = pool.tryAddTask(late, 300);
+    end = zorv::test::Tick();
+    done = true;
+  });
+  Thread::Sleep(100);
+  pool.setMaxTaskNum(101);
+  gate0.open();  // the worker takes `first`: 101 queued, still full
+  Thread::Sleep(100);
+  pool.setMaxTaskNum(100);
+  const unsigned long long secondWake = zorv::test::Tick();
+  gate1.open();  // the worker takes `second`: 100 queued, still full
+  ASSERT_TRUE(WaitUntil([&] { return done.load(); }));
+  producer.join();
+  EXPECT_FALSE(added);
+  EXPECT_LT(end - secondWake, 60u) << "gave up at the second wake-up";
+  EXPECT_LT(end - begin, 280u);
+  gate2.open();
+  late->dispose();  // still the caller's
+}
+
 // ---- AffinityThreadPool ----
 
 using AffinityThreadPoolTest = zorv::test::LeakCheckedTest;
