@@ -65,7 +65,9 @@ struct TaskQueue {
     for (;;) {
       if (closed) return kClosed;
       if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) break;
+      ++full;
       notFull.wait(locker);
+      --full;
     }
     append(locker, node);
     return kAdded;
@@ -80,7 +82,9 @@ struct TaskQueue {
     for (;;) {
       if (closed) return kClosed;
       if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) break;
+      ++full;
       (void)notFull.tryWait(locker, remaining);
+      --full;
       const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
       if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) return kTimedOut;
       remaining -= static_cast<unsigned int>(elapsed);
@@ -104,8 +108,15 @@ struct TaskQueue {
   // microseconds: a producer that keeps up then hands over without the
   // sleep and wake-up of a condition wait.
   ITask* take(List& node) {
-    for (int spin = 0; spin < kSpins && queued.load(std::memory_order_relaxed) == 0; ++spin) {
-      CpuRelax();
+    if (queued.load(std::memory_order_relaxed) == 0) {
+      // Only one consumer watches at a time: more would take processor time
+      // from the producers.
+      if (spinners.fetch_add(1, std::memory_order_relaxed) == 0) {
+        for (int spin = 0; spin < kSpins && queued.load(std::memory_order_relaxed) == 0; ++spin) {
+          CpuRelax();
+        }
+      }
+      spinners.fetch_sub(1, std::memory_order_relaxed);
     }
     Locker locker(&lock, false);
     while (list.empty()) {
@@ -115,7 +126,7 @@ struct TaskQueue {
     }
     node.splice(node.begin(), list, list.begin());
     queued.store(queued.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-    notFull.notify(locker);
+    if (full != 0) notFull.notify(locker);  // nobody to wake otherwise
     return node.front();
   }
 
@@ -133,8 +144,12 @@ struct TaskQueue {
   List list;
   // Set by close(); read and written under the lock.
   bool closed = false;
-  // Consumers waiting on notEmpty; under the lock.
+  // Consumers waiting on notEmpty and producers waiting on notFull; under
+  // the lock.
   unsigned int idle = 0;
+  unsigned int full = 0;
+  // Consumers watching the count before they wait.
+  std::atomic<int> spinners{0};
   Lock lock;
   LockCondition notEmpty;
   LockCondition notFull;
