@@ -175,7 +175,10 @@ class ProbeTimer : public foundation::threading::ITimer, public ProbeBehaviour {
     tally = t;
     id = timerId;
   }
-  ~ProbeTimer() override { tally->disposals.fetch_add(1); }
+  ~ProbeTimer() override {
+    if (disposeDelayMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(disposeDelayMs));
+    tally->disposals.fetch_add(1);
+  }
 
   void run() override {
     ++ran;
@@ -188,6 +191,7 @@ class ProbeTimer : public foundation::threading::ITimer, public ProbeBehaviour {
   unsigned long long delay;
   int repeats;
   std::atomic<int> ran{0};
+  unsigned int disposeDelayMs = 0;  // a slow disposal
 };
 
 inline ProbeTask* NewTask(Tally* tally, int id = 0) {

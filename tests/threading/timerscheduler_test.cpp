@@ -190,6 +190,27 @@ TEST_P(TimerSchedulerTest, StopDisposesEveryTimerAndRefusesNewOnes) {
   scheduler().stop();  // harmless
 }
 
+TEST_P(TimerSchedulerTest, StopReturnsOnlyAfterTheLastRunDisposedItsTimer) {
+  Tally tally;
+  Gate gate;
+  GateOpener opener(gate);
+  std::atomic<bool> started{false};
+  ProbeTimer* timer = NewTimer(&tally, 1, 1, -1);
+  timer->gate = &gate;
+  timer->started = &started;
+  timer->disposeDelayMs = 30;
+  scheduler().addTimer(timer);
+  ASSERT_TRUE(WaitUntil([&] { return started.load(); }));
+  std::thread release([&] {
+    Thread::Sleep(20);
+    gate.open();
+  });
+  scheduler().stop();
+  EXPECT_EQ(tally.disposals.load(), 1) << "stop() returned before the timer was disposed";
+  EXPECT_EQ(tally.runs.load(), 1);
+  release.join();
+}
+
 TEST_P(TimerSchedulerTest, FailingRunIsInterruptedAndARepeatingTimerStaysScheduled) {
   Tally tally;
   ProbeTimer* repeating = NewTimer(&tally, 1, 1, 2);  // three runs

@@ -71,6 +71,10 @@ struct TimerSchedulerPrivate {
   Lock lock;
   LockCondition condition;
   sealed::_TimerScheduler* thread = nullptr;
+  // Timer tasks not yet destroyed. A task leaves the registration map before
+  // its last reference goes (an executor may drop it a little later), so
+  // stop() waits for this count too.
+  std::atomic<unsigned int> liveTasks{0};
 };
 
 }  // namespace detail
@@ -82,10 +86,15 @@ namespace sealed {
 // Destroying it disposes the user's timer.
 class _TimerScheduler::TimerTask : public ITimer {
  public:
-  TimerTask(ITimer* timer, detail::TimerSchedulerPrivate* d) : timer_(timer), d_(d) {}
+  TimerTask(ITimer* timer, detail::TimerSchedulerPrivate* d) : timer_(timer), d_(d) {
+    d_->liveTasks.fetch_add(1, std::memory_order_relaxed);
+  }
 
+  // Disposes the user's timer, then counts the task gone: the last touch of
+  // the scheduler's state, which stop() waits for.
   ~TimerTask() override {
     if (timer_ != nullptr) timer_->dispose();
+    d_->liveTasks.fetch_sub(1, std::memory_order_release);
   }
 
   // Drops one reference; the last destroys the task.
@@ -296,11 +305,11 @@ void TimerScheduler::stop() {
   }
   d_->thread->wait();
   // Runs in progress, or waiting in the executor, end without re-arming and
-  // unregister their timers.
+  // unregister their timers; the last references go soon after.
   for (;;) {
     {
       Locker locker(&d_->lock, false);
-      if (d_->registry.empty()) return;
+      if (d_->registry.empty() && d_->liveTasks.load(std::memory_order_acquire) == 0) return;
     }
     Thread::Yield();
   }
