@@ -28,13 +28,17 @@
 // Threading: locks, conditions, threads and tasks.
 #include "foundation/threading/lock.h"
 #include "foundation/threading/lockcondition.h"
+#include "foundation/threading/readwritelock.h"
 #include "foundation/threading/thread.h"
 
 // Threading: pools, timers, schedulers.
 
 // Configuration files.
+#include "foundation/config/configarchiver.h"
+#include "foundation/config/datareader.h"
 
 // File system.
+#include "foundation/file/fileutils.h"
 
 // Hashing.
 #include "foundation/crypto/md5.h"
@@ -42,12 +46,14 @@
 
 // System: clocks, processors, libraries, console.
 #include "foundation/system/consoleutils.h"
+#include "foundation/system/library.h"
 #include "foundation/system/systemutils.h"
 
 // System: named file lock, process control.
 #include "foundation/system/filedlock.h"
 
 // Date and time.
+#include "foundation/time/datetime.h"
 #include "foundation/time/stopwatch.h"
 
 #endif  // ZORV_FOUNDATION_FOUNDATION_H_

@@ -246,6 +246,9 @@ double StringUtils::StringToFloat(const foundation::SafeString& text) {
   if (*q != '\0') {
     if ((*q != 'e' && *q != 'E') || !digit) return 0.0;
     ++q;
+    // The exponent needs a digit before the end of the text.
+    const char* first = (*q == '+' || *q == '-') ? q + 1 : q;
+    if (!IsDigit(*first)) return 0.0;
     unsigned int wrapped = 0;
     const size_t rest = n - static_cast<size_t>(q - p);
     if (!ParseDecimal<unsigned int>(q, rest, 10, wrapped)) return 0.0;

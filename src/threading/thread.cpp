@@ -3,7 +3,6 @@
 
 #include <pthread.h>
 #include <sys/select.h>
-#include <stdio.h>
 
 #include <atomic>
 
@@ -12,6 +11,7 @@
 #include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/consoleutils.h"
+#include "foundation/text/stringutils.h"
 
 namespace zorv {
 namespace foundation {
@@ -54,16 +54,14 @@ Thread::~Thread() {
       const unsigned long long id = threadID();
       const SafeString name = debug::ChronoMonitor::GetThreadName(id);
       const unsigned int low = static_cast<unsigned int>(id);
-      char line[512];
-      if (!name.empty()) {
-        snprintf(line, sizeof line,
-                 "zorv.foundation.threading.Thread: [%u/%s]destroyed while still running", low,
-                 name.c_str());
-      } else {
-        snprintf(line, sizeof line,
-                 "zorv.foundation.threading.Thread: [%u] destroyed while still running", low);
-      }
-      system::ConsoleUtils::Println(line);
+      const SafeString line =
+          name.empty()
+              ? text::StringUtils::_InternalFormat(
+                    "zorv.foundation.threading.Thread: [%u] destroyed while still running", low)
+              : text::StringUtils::_InternalFormat(
+                    "zorv.foundation.threading.Thread: [%u/%s]destroyed while still running", low,
+                    name.c_str());
+      system::ConsoleUtils::Println(line.c_str());
     } catch (...) {
       // The warning is best effort; a destructor lets nothing out.
     }

@@ -1,0 +1,207 @@
+// FileUtils: path splitting and joining, whole-file reading and writing, and
+// folder creation, removal, copying and searching.
+#ifndef ZORV_FOUNDATION_FILE_FILEUTILS_H_
+#define ZORV_FOUNDATION_FILE_FILEUTILS_H_
+
+#include "foundation/collection/vector.h"
+#include "foundation/export.h"
+#include "foundation/text/safestring.h"
+
+namespace zorv {
+namespace foundation {
+namespace memory {
+class IBuffer;
+}  // namespace memory
+
+namespace file {
+
+// A family of static functions over paths, files and folders. Paths are
+// `SafeString`s of bytes; both '/' and '\' are accepted as separators on
+// input, and paths that these functions build use '/' only. Paths are handed
+// to the operating system as they are, except where a parent folder has to be
+// found or created.
+//
+// Thread safety: no function keeps state; each is as safe as the system calls
+// it makes. Two callers that write, remove or rename the same path race as
+// ordinary file operations do.
+//
+// Errors: no function throws on a file-system error or reports errno. Every
+// failure is reported by the result alone: false, 0 or an empty value. Only
+// running out of memory escapes (std::bad_alloc from the string types).
+class ZORV_FOUNDATION_EXPORT FileUtils {
+ public:
+  FileUtils() = delete;
+
+  // ---- Path utilities (pure string functions, no file-system access) ------
+  //
+  // The path is split into components at every '/' or '\'; runs of
+  // separators collapse, a trailing separator disappears, a leading separator
+  // is kept as the root component "/". Joining puts one '/' between
+  // components. "." and ".." are kept as they are; nothing consults the
+  // current directory. An embedded zero byte ends the component holding it.
+  // None of these functions fails.
+
+  // The last component: 'dir/file.txt' -> 'file.txt', 'dir/sub/' -> 'sub',
+  // '/' and '///' -> '/'; "" for "".
+  static SafeString GetFileName(const SafeString& path);
+
+  // The text after the last '.' of GetFileName(path), without the dot;
+  // "" when the name holds no dot. '.profile' -> 'profile',
+  // 'archive.tar.gz' -> 'gz', 'dir.d/file' -> "".
+  static SafeString GetFileExt(const SafeString& path);
+
+  // GetFileName(path) up to (not including) its last '.'; the whole name when
+  // it holds no dot. '.profile' -> "", 'name.' -> 'name'.
+  static SafeString GetNoExtFileName(const SafeString& path);
+
+  // The normalised path without its last component: '/a/b/c' -> '/a/b',
+  // '/a' -> '/', 'a' -> "", '/' -> "".
+  static SafeString GetFolderPath(const SafeString& path);
+
+  // The normalised path whose last component has lost its extension:
+  // 'a\b\c.d.e' -> 'a/b/c.d', '/a/.rc' -> '/a/' (the separator before the
+  // emptied name stays), '/' -> '/'.
+  static SafeString GetNoExtPath(const SafeString& path);
+
+  // The components of `first` followed by those of `second`, joined.
+  // Nothing is collapsed across the seam: ('/a', '/b') -> '/a//b',
+  // ('/opt/app', 'conf/x.ini') -> '/opt/app/conf/x.ini', ("", "") -> "".
+  static SafeString LinkPath(const SafeString& first, const SafeString& second);
+
+  // ---- Kind tests and sizes -----------------------------------------------
+  //
+  // All give false (or 0) for an empty path. Symbolic links are judged by
+  // their target; a dangling link is neither a file nor a folder.
+
+  // True when the path names anything the process may see (access F_OK).
+  [[nodiscard]] static bool IsExist(const SafeString& path);
+
+  // True when stat succeeds and the mode holds the directory type bit
+  // 040000. Block devices and sockets have that bit too and count as
+  // folders.
+  [[nodiscard]] static bool IsFolder(const SafeString& path);
+
+  // True when stat succeeds and the mode lacks the directory type bit:
+  // regular files, character devices and FIFOs.
+  [[nodiscard]] static bool IsFile(const SafeString& path);
+
+  // The size in bytes of a file (64-bit on every target); 0 when the path is
+  // not a file, cannot be opened or cannot be sought (a FIFO).
+  static unsigned long long GetFileSize(const SafeString& path);
+
+  // ---- Whole-file reading ---------------------------------------------------
+  //
+  // A leading byte-order mark is skipped: EF BB BF (UTF-8), or FF FE / FE FF
+  // (UTF-16 in either order; the rest is still returned as raw bytes). No
+  // line-end translation takes place.
+
+  // Replaces `text` by the file's bytes after any byte-order mark; an empty
+  // file gives true and "". False, with `text` untouched, when the file
+  // cannot be opened or read (a folder, a missing file).
+  [[nodiscard]] static bool ReadText(const SafeString& path, SafeString& text);
+
+  // Clears `lines`, then appends each line of the file (after any byte-order
+  // mark) without its '\n'. Only '\n' ends a line: a '\r' before it stays at
+  // the end of its line. A last line without '\n' is appended; a file ending
+  // in '\n' gives no empty last line. False, with `lines` empty, when the file
+  // cannot be opened or read.
+  [[nodiscard]] static bool ReadText(const SafeString& path, collection::Vector<SafeString>& lines);
+
+  // Appends the file's bytes to `buffer` at its write position: the buffer's
+  // length becomes write position + file size and the write position ends
+  // behind the file's bytes. False when the file cannot be opened, sized or
+  // read completely (the buffer keeps its new length in the last case).
+  // Exceptions of the buffer's own setLength pass through.
+  // REQUIRES: buffer is not null.
+  [[nodiscard]] static bool ReadBinary(const SafeString& path, memory::IBuffer* buffer);
+
+  // ---- Whole-file writing, removal, renaming, copying ---------------------
+
+  // Replaces the file's contents by all bytes of `text` (embedded zero bytes
+  // included), creating missing parent folders with mode 0755 (less the
+  // umask). False when the path is empty or a folder, a parent prefix exists
+  // and is not a folder, a folder cannot be made, or the file cannot be
+  // opened or written; the parent folders this call made are then removed
+  // again. An existing file that could not be rewritten is not restored.
+  [[nodiscard]] static bool WriteText(const SafeString& path, const SafeString& text);
+
+  // As WriteText, with `size` bytes from `data` (which may be null when
+  // `size` is 0).
+  [[nodiscard]] static bool WriteBinary(const SafeString& path, const unsigned char* data,
+                                        unsigned int size);
+
+  // Deletes one file (never a folder). False when the path is not a file or
+  // the removal fails.
+  [[nodiscard]] static bool RemoveFile(const SafeString& path);
+
+  // Moves the file `from` to `to`, replacing an existing file at `to`.
+  // False when a path is empty, the two are the same text, `from` is not a
+  // file, the folder of `to` is missing (it is not created), an existing
+  // `to` cannot be removed (a folder at `to` fails), or rename fails.
+  [[nodiscard]] static bool RenameFile(const SafeString& from, const SafeString& to);
+
+  // Moves the folder `from` to `to`; an existing folder tree at `to` is
+  // removed first. Otherwise as RenameFile.
+  [[nodiscard]] static bool RenameFolder(const SafeString& from, const SafeString& to);
+
+  // Copies the bytes of the file `from` to `to` in 4096-byte chunks,
+  // replacing an existing file. The copy gets the default mode of a new
+  // file; owner and times are not copied. False when a path is empty, the two
+  // name the same file, `from` is not a file (or cannot be sized, as a FIFO),
+  // the folder of `to` is missing (it is not created), `to` is a folder, or a
+  // read or write fails; a partial copy is then deleted.
+  [[nodiscard]] static bool CopyFile(const SafeString& from, const SafeString& to);
+
+  // ---- Folder operations ----------------------------------------------------
+
+  // Creates the folder and any missing parents with mode 0755 (less the
+  // umask). False when the path is empty or anything already exists there
+  // (an existing folder included), a parent prefix is not a folder, or mkdir
+  // fails; the folders this call made are then removed again.
+  [[nodiscard]] static bool CreateFolder(const SafeString& path);
+
+  // Deletes the folder with all its contents. Symbolic links inside the tree
+  // are removed as links, never followed. False when the path is empty, "/",
+  // or not a folder, or when anything cannot be removed; the first failure
+  // stops the removal and what was removed stays removed.
+  [[nodiscard]] static bool RemoveFolder(const SafeString& path);
+
+  // Copies the contents of the folder `from` into `to`, creating `to` (but
+  // not its parent) when missing; other contents of an existing `to` are
+  // kept, and existing files of the same names are overwritten. False when a
+  // path is empty, the two are the same text, `from` is not a folder, the
+  // folder of `to` is missing, or any entry fails to copy; a `to` that this
+  // call created is then removed again.
+  [[nodiscard]] static bool CopyFolder(const SafeString& from, const SafeString& to);
+
+  // Search flag bits, combined with |.
+  // Descend into every subfolder found (a folder is listed before its
+  // contents). Links to folders are followed.
+  static constexpr unsigned int kSearchRecursive = 0x4;
+  // Collect the bare entry name (when kSearchRelative is not set).
+  static constexpr unsigned int kSearchName = 0x2;
+  // Collect the path relative to the searched folder, always beginning with
+  // '/': '/a.txt', '/sub/b.txt'.
+  // With neither kSearchName nor kSearchRelative, full paths 'root/sub/name'
+  // are collected, where root is the normalised search path.
+  static constexpr unsigned int kSearchRelative = 0x1;
+
+  // The folders beneath `path`, in the order the system lists them (not
+  // sorted). Bits 30 and 31 of `flags` are ignored. Empty when the path is
+  // empty or not a readable folder.
+  static collection::Vector<SafeString> SearchFolders(const SafeString& path, unsigned int flags);
+
+  // The files (everything that is not a folder by IsFolder) beneath `path`
+  // whose collected string ends, ignoring ASCII case, in one of `suffixes`
+  // (every file when `suffixes` is empty; an empty suffix matches all).
+  // Suffixes match as given: 'txt' also matches 'atxt'. Otherwise as
+  // SearchFolders.
+  static collection::Vector<SafeString> SearchFiles(const SafeString& path, unsigned int flags,
+                                                    const collection::Vector<SafeString>& suffixes);
+};
+
+}  // namespace file
+}  // namespace foundation
+}  // namespace zorv
+
+#endif  // ZORV_FOUNDATION_FILE_FILEUTILS_H_

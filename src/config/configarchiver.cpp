@@ -1,0 +1,213 @@
+// Archiver: the configuration table, its parser, access and saving.
+#include "foundation/config/configarchiver.h"
+
+#include <unordered_map>
+#include <utility>
+
+#include "foundation/config/datareader.h"
+#include "foundation/debug/allocator.h"
+#include "foundation/file/fileutils.h"
+#include "foundation/lang/accounted.h"
+#include "foundation/lang/exception.h"
+#include "foundation/text/stringutils.h"
+
+namespace zorv {
+namespace foundation {
+namespace config {
+
+namespace detail {
+
+template <class K, class V>
+using Table = std::unordered_map<K, V, std::hash<K>, std::equal_to<K>,
+                                 debug::Allocator<std::pair<const K, V> > >;
+
+using KeyTable = Table<SafeString, SafeString>;
+using SectionTable = Table<SafeString, KeyTable>;
+
+// The section table: section name -> (key -> value).
+struct ArchiverPrivate {
+  SectionTable sections;
+};
+
+}  // namespace detail
+
+namespace {
+
+constexpr char kSource[] = "../config/configarchiver.cpp";
+constexpr char kArchiverSource[] = "zorv.foundation.config.Archiver";
+
+// The bytes [begin, begin + count) without leading and trailing blanks.
+SafeString Trimmed(const char* begin, size_t count) {
+  SafeString part(begin, count);
+  if (count == 0) return part;
+  const char first = begin[0];
+  const char last = begin[count - 1];
+  if (first != ' ' && first != '\t' && last != ' ' && last != '\t') return part;
+  return text::StringUtils::Trim(part);
+}
+
+inline bool IsHeader(const SafeString& line) {
+  return line.size() >= 2 && line.front() == '[' && line.back() == ']';
+}
+
+// True when `name` is not empty and holds none of '[', ']' and '='.
+bool IsStorableName(const SafeString& name) {
+  return !name.empty() && name.find('[') == SafeString::npos &&
+         name.find(']') == SafeString::npos && name.find('=') == SafeString::npos;
+}
+
+}  // namespace
+
+Archiver::Archiver() {
+  d_ = lang::AccountedNew<detail::ArchiverPrivate>(ZORV_ACCOUNTING_SITE(kSource, "Archiver"));
+}
+
+Archiver::~Archiver() {
+  lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~Archiver"));
+}
+
+bool Archiver::parseFile(const SafeString& path) {
+  d_->sections.clear();
+  detail::FileReader reader(path);
+  try {
+    reader.open();
+    parse(reader);
+  } catch (...) {
+    reader.close();
+    throw;
+  }
+  reader.close();
+  return true;
+}
+
+bool Archiver::parseText(const char* text) {
+  if (text == nullptr) return false;
+  d_->sections.clear();
+  detail::TextReader reader(text);
+  reader.open();
+  parse(reader);
+  reader.close();
+  return true;
+}
+
+void Archiver::parse(detail::IDataReader& reader) {
+  detail::SectionTable& sections = d_->sections;
+  sections.clear();
+  SafeString line;
+  bool found = false;
+  while (reader.readLine(line)) {
+    if (IsHeader(line)) {
+      found = true;
+      break;
+    }
+  }
+  if (!found) return;
+
+  auto current = sections.emplace(Trimmed(line.data() + 1, line.size() - 2),
+                                  detail::KeyTable()).first;
+  while (reader.readLine(line)) {
+    const size_t equals = line.find('=');
+    if (equals == SafeString::npos) {
+      if (!IsHeader(line)) continue;
+      SafeString name = Trimmed(line.data() + 1, line.size() - 2);
+      auto made = sections.emplace(std::move(name), detail::KeyTable());
+      if (!made.second) {
+        SafeString message("config error, repeated section [");
+        message += made.first->first;
+        message += "]";
+        throw lang::Exception(kArchiverSource, message.c_str());
+      }
+      current = made.first;
+      continue;
+    }
+    SafeString key = Trimmed(line.data(), equals);
+    detail::KeyTable& keys = current->second;
+    auto stored = keys.emplace(std::move(key), SafeString());
+    if (!stored.second) {
+      SafeString message("config error, repeated key [");
+      message += current->first;
+      message += ".";
+      message += stored.first->first;
+      message += "]";
+      throw lang::Exception(kArchiverSource, message.c_str());
+    }
+    stored.first->second = Trimmed(line.data() + equals + 1, line.size() - equals - 1);
+  }
+}
+
+bool Archiver::contains(const SafeString& section) const {
+  return d_->sections.find(section) != d_->sections.end();
+}
+
+collection::Vector<SafeString> Archiver::allSections() const {
+  collection::Vector<SafeString> names;
+  names.reserve(d_->sections.size());
+  for (const auto& section : d_->sections) names.push_back(section.first);
+  return names;
+}
+
+collection::Vector<SafeString> Archiver::allKeys(const SafeString& section) const {
+  collection::Vector<SafeString> keys;
+  auto found = d_->sections.find(section);
+  if (found == d_->sections.end()) return keys;
+  keys.reserve(found->second.size());
+  for (const auto& pair : found->second) keys.push_back(pair.first);
+  return keys;
+}
+
+SafeString Archiver::value(const SafeString& section, const SafeString& key) const {
+  SafeString out;
+  (void)value(section, key, out);
+  return out;
+}
+
+bool Archiver::value(const SafeString& section, const SafeString& key, SafeString& out) const {
+  auto found = d_->sections.find(section);
+  if (found == d_->sections.end()) return false;
+  auto pair = found->second.find(key);
+  if (pair == found->second.end()) return false;
+  out = pair->second;
+  return true;
+}
+
+bool Archiver::setValue(const SafeString& section, const SafeString& key,
+                        const SafeString& value) {
+  if (!IsStorableName(section) || !IsStorableName(key)) return false;
+  d_->sections[section][key] = value;
+  return true;
+}
+
+bool Archiver::remove(const SafeString& section, const SafeString& key) {
+  auto found = d_->sections.find(section);
+  if (found == d_->sections.end()) return false;
+  if (found->second.erase(key) == 0) return false;
+  if (found->second.empty()) d_->sections.erase(found);
+  return true;
+}
+
+bool Archiver::saveAs(const SafeString& path) {
+  size_t total = 0;
+  for (const auto& section : d_->sections) {
+    total += section.first.size() + 4;
+    for (const auto& pair : section.second) total += pair.first.size() + pair.second.size() + 4;
+  }
+  SafeString text;
+  text.reserve(total);
+  for (const auto& section : d_->sections) {
+    text += '[';
+    text += section.first;
+    text += "]\n";
+    for (const auto& pair : section.second) {
+      text += pair.first;
+      text += " = ";
+      text += pair.second;
+      text += '\n';
+    }
+    text += '\n';
+  }
+  return file::FileUtils::WriteText(path, text);
+}
+
+}  // namespace config
+}  // namespace foundation
+}  // namespace zorv

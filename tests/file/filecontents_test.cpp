@@ -1,0 +1,356 @@
+// Tests of FileUtils' single-file half: kind tests, sizes, reading,
+// writing with parent creation and roll-back, removal, renaming, copying.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "file/filetestutil.h"
+#include "foundation/file/fileutils.h"
+#include "foundation/memory/memorybuffer.h"
+#include "support/leakcheck.h"
+#include "support/tempdir.h"
+
+namespace {
+
+using zorv::foundation::SafeString;
+using zorv::foundation::collection::Vector;
+using zorv::foundation::file::FileUtils;
+using zorv::foundation::memory::MemoryBuffer;
+using zorv::test::RawExists;
+using zorv::test::RawIsDir;
+using zorv::test::ReadRawFile;
+using zorv::test::TempDir;
+using zorv::test::WriteRawFile;
+
+class FileContentsTest : public zorv::test::LeakCheckedTest {
+ protected:
+  SafeString P(const std::string& relative) const { return SafeString((dir_ / relative).c_str()); }
+  TempDir dir_;
+};
+
+std::string S(const SafeString& s) { return std::string(s.data(), s.size()); }
+
+std::vector<std::string> Lines(const Vector<SafeString>& lines) {
+  std::vector<std::string> result;
+  for (const SafeString& line : lines) result.push_back(S(line));
+  return result;
+}
+
+TEST_F(FileContentsTest, KindTests) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "file", "x"));
+  ASSERT_EQ(::mkdir((dir_ / "folder").c_str(), 0755), 0);
+  ASSERT_EQ(::symlink((dir_ / "folder").c_str(), (dir_ / "linkdir").c_str()), 0);
+  ASSERT_EQ(::symlink((dir_ / "file").c_str(), (dir_ / "linkfile").c_str()), 0);
+  ASSERT_EQ(::symlink((dir_ / "gone").c_str(), (dir_ / "dangling").c_str()), 0);
+  ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0644), 0);
+  int socketFd = -1;
+  ASSERT_TRUE(zorv::test::MakeSocket(dir_ / "sock", &socketFd));
+
+  struct Case {
+    std::string path;
+    bool exists, folder, file;
+  };
+  const std::vector<Case> cases = {
+      {"", false, false, false},
+      {dir_ / "file", true, false, true},
+      {dir_ / "folder", true, true, false},
+      {dir_ / "folder/", true, true, false},
+      {dir_ / "missing", false, false, false},
+      {dir_ / "file/below", false, false, false},
+      {dir_ / "linkdir", true, true, false},
+      {dir_ / "linkfile", true, false, true},
+      {dir_ / "dangling", false, false, false},
+      {dir_ / "fifo", true, false, true},
+      // A socket's type code holds the directory bit: it counts as a folder.
+      {dir_ / "sock", true, true, false},
+      {"/dev/null", true, false, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("path '" + c.path + "'");
+    EXPECT_EQ(FileUtils::IsExist(c.path.c_str()), c.exists);
+    EXPECT_EQ(FileUtils::IsFolder(c.path.c_str()), c.folder);
+    EXPECT_EQ(FileUtils::IsFile(c.path.c_str()), c.file);
+  }
+  ::close(socketFd);
+}
+
+TEST_F(FileContentsTest, GetFileSize) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "five", "12345"));
+  ASSERT_TRUE(WriteRawFile(dir_ / "empty", ""));
+  ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0644), 0);
+  EXPECT_EQ(FileUtils::GetFileSize(P("five")), 5u);
+  EXPECT_EQ(FileUtils::GetFileSize(P("empty")), 0u);
+  EXPECT_EQ(FileUtils::GetFileSize(dir_.path().c_str()), 0u);
+  EXPECT_EQ(FileUtils::GetFileSize(P("missing")), 0u);
+  EXPECT_EQ(FileUtils::GetFileSize(""), 0u);
+  EXPECT_EQ(FileUtils::GetFileSize("/dev/null"), 0u);
+  // A FIFO without a writer neither blocks nor has a size.
+  EXPECT_EQ(FileUtils::GetFileSize(P("fifo")), 0u);
+}
+
+TEST_F(FileContentsTest, GetFileSizeIsSixtyFourBit) {
+  // A sparse file just over 4 GiB costs no disk space.
+  const std::string path = dir_ / "sparse";
+  ASSERT_TRUE(WriteRawFile(path, ""));
+  const unsigned long long size = 0x100000010ull;
+  if (::truncate(path.c_str(), static_cast<off_t>(size)) != 0) GTEST_SKIP() << "no sparse files";
+  EXPECT_EQ(FileUtils::GetFileSize(path.c_str()), size);
+}
+
+TEST_F(FileContentsTest, ReadTextSkipsByteOrderMarks) {
+  struct Case {
+    std::string content;
+    std::string expected;
+  };
+  const std::vector<Case> cases = {
+      {"", ""},
+      {"a", "a"},
+      {"ab", "ab"},
+      {"\xEF\xBB\xBF", ""},
+      {"\xEF\xBB\xBFhello", "hello"},
+      {"\xEF\xBB", "\xEF\xBB"},
+      {std::string("\xFF\xFEh\0i\0", 6), std::string("h\0i\0", 4)},
+      {std::string("\xFE\xFF\0h", 4), std::string("\0h", 2)},
+      {"\xFF\xFE", ""},
+      {"\xEF\xBBX", "\xEF\xBBX"},
+      {"line1\r\nline2\n", "line1\r\nline2\n"},
+      {std::string("nul\0inside", 10), std::string("nul\0inside", 10)},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("content of " + std::to_string(c.content.size()) + " bytes");
+    ASSERT_TRUE(WriteRawFile(dir_ / "t", c.content));
+    SafeString text("old");
+    EXPECT_TRUE(FileUtils::ReadText(P("t"), text));
+    EXPECT_EQ(S(text), c.expected);
+  }
+}
+
+TEST_F(FileContentsTest, ReadTextFailuresLeaveTheTextAlone) {
+  SafeString text("untouched");
+  EXPECT_FALSE(FileUtils::ReadText(P("missing"), text));
+  EXPECT_FALSE(FileUtils::ReadText(dir_.path().c_str(), text));
+  EXPECT_FALSE(FileUtils::ReadText("", text));
+  EXPECT_EQ(S(text), "untouched");
+}
+
+TEST_F(FileContentsTest, ReadTextAsLines) {
+  struct Case {
+    std::string content;
+    std::vector<std::string> expected;
+  };
+  const std::vector<Case> cases = {
+      {"", {}},
+      {"a\r\nb", {"a\r", "b"}},
+      {"a\n\nb\n", {"a", "", "b"}},
+      {"\n", {""}},
+      {"\n\n", {"", ""}},
+      {"only", {"only"}},
+      {"\xEF\xBB\xBF" "x\ny", {"x", "y"}},
+      {"a\rb\n", {"a\rb"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("content '" + c.content + "'");
+    ASSERT_TRUE(WriteRawFile(dir_ / "t", c.content));
+    Vector<SafeString> lines;
+    lines.push_back("stale");
+    EXPECT_TRUE(FileUtils::ReadText(P("t"), lines));
+    EXPECT_EQ(Lines(lines), c.expected);
+  }
+  Vector<SafeString> lines;
+  lines.push_back("stale");
+  EXPECT_FALSE(FileUtils::ReadText(P("missing"), lines));
+  EXPECT_TRUE(lines.empty());
+  lines.push_back("stale");
+  EXPECT_FALSE(FileUtils::ReadText(dir_.path().c_str(), lines));
+  EXPECT_TRUE(lines.empty());
+}
+
+TEST_F(FileContentsTest, ReadBinaryAppendsAtTheWritePosition) {
+  const std::string bytes("\xEF\xBB\xBF\0\x01\x02", 6);
+  ASSERT_TRUE(WriteRawFile(dir_ / "b", bytes));
+  {
+    MemoryBuffer buffer;
+    ASSERT_TRUE(FileUtils::ReadBinary(P("b"), &buffer));
+    ASSERT_EQ(buffer.length(), 6u);
+    EXPECT_EQ(buffer.tellWrite(), 6u);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), 6), bytes);
+    // A second read appends behind the first.
+    ASSERT_TRUE(FileUtils::ReadBinary(P("b"), &buffer));
+    ASSERT_EQ(buffer.length(), 12u);
+    EXPECT_EQ(buffer.tellWrite(), 12u);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), 12), bytes + bytes);
+  }
+  {
+    MemoryBuffer buffer;
+    ASSERT_TRUE(WriteRawFile(dir_ / "empty", ""));
+    EXPECT_TRUE(FileUtils::ReadBinary(P("empty"), &buffer));
+    EXPECT_EQ(buffer.length(), 0u);
+    EXPECT_FALSE(FileUtils::ReadBinary(P("missing"), &buffer));
+    EXPECT_FALSE(FileUtils::ReadBinary(dir_.path().c_str(), &buffer));
+    EXPECT_FALSE(FileUtils::ReadBinary("", &buffer));
+    EXPECT_EQ(buffer.length(), 0u);
+  }
+}
+
+TEST_F(FileContentsTest, WriteTextCreatesParentsAndReplacesContents) {
+  const SafeString path = P("x/y/z.txt");
+  SafeString text("first\n", 6);
+  text.push_back('\0');
+  text += "after nul";
+  ASSERT_TRUE(FileUtils::WriteText(path, text));
+  EXPECT_EQ(ReadRawFile(dir_ / "x/y/z.txt"), S(text));
+  const int expectedMode = 0755 & ~zorv::test::CurrentUmask();
+  EXPECT_EQ(zorv::test::RawMode(dir_ / "x"), expectedMode);
+  EXPECT_EQ(zorv::test::RawMode(dir_ / "x/y"), expectedMode);
+  ASSERT_TRUE(FileUtils::WriteText(path, "short"));
+  EXPECT_EQ(ReadRawFile(dir_ / "x/y/z.txt"), "short");
+  ASSERT_TRUE(FileUtils::WriteText(path, ""));
+  EXPECT_EQ(ReadRawFile(dir_ / "x/y/z.txt"), "");
+}
+
+TEST_F(FileContentsTest, WriteBinaryWritesTheBytes) {
+  const unsigned char bytes[] = {0, 1, 2, 0xFF, 0};
+  ASSERT_TRUE(FileUtils::WriteBinary(P("d/b.bin"), bytes, sizeof(bytes)));
+  EXPECT_EQ(ReadRawFile(dir_ / "d/b.bin"), std::string("\0\1\2\xFF\0", 5));
+  ASSERT_TRUE(FileUtils::WriteBinary(P("d/b.bin"), nullptr, 0));
+  EXPECT_EQ(ReadRawFile(dir_ / "d/b.bin"), "");
+  EXPECT_FALSE(FileUtils::WriteBinary(P("d/c.bin"), nullptr, 3));
+  EXPECT_FALSE(RawExists(dir_ / "d/c.bin"));
+}
+
+TEST_F(FileContentsTest, WriteRefusesBadPathsWithoutCreatingAnything) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "plain", "p"));
+  ASSERT_EQ(::mkdir((dir_ / "folder").c_str(), 0755), 0);
+  EXPECT_FALSE(FileUtils::WriteText("", "x"));
+  EXPECT_FALSE(FileUtils::WriteText(P("folder"), "x"));
+  EXPECT_TRUE(RawIsDir(dir_ / "folder"));
+  // A prefix that is an ordinary file.
+  EXPECT_FALSE(FileUtils::WriteText(P("plain/sub/f.txt"), "x"));
+  EXPECT_EQ(ReadRawFile(dir_ / "plain"), "p");
+  EXPECT_FALSE(RawExists(dir_ / "plain/sub"));
+  EXPECT_FALSE(FileUtils::WriteText(P("plain/f.txt"), "x"));
+  EXPECT_FALSE(FileUtils::WriteBinary(P("plain/f.bin"), nullptr, 0));
+  EXPECT_FALSE(RawExists(dir_ / "plain/f.txt"));
+}
+
+TEST_F(FileContentsTest, FailedWriteRemovesTheFoldersItMade) {
+  // A name longer than any file system allows: the parents can be made, the
+  // file cannot be opened.
+  const std::string longName(300, 'n');
+  EXPECT_FALSE(FileUtils::WriteText(P("made/one/" + longName), "x"));
+  EXPECT_FALSE(RawExists(dir_ / "made"));
+  // Only what this call made goes: an existing parent stays.
+  ASSERT_EQ(::mkdir((dir_ / "kept").c_str(), 0755), 0);
+  EXPECT_FALSE(FileUtils::WriteText(P("kept/new/" + longName), "x"));
+  EXPECT_TRUE(RawIsDir(dir_ / "kept"));
+  EXPECT_FALSE(RawExists(dir_ / "kept/new"));
+}
+
+TEST_F(FileContentsTest, WriteThatRunsOutOfRoomRollsBack) {
+  zorv::test::FileSizeLimit limit(1024);
+  ASSERT_TRUE(limit.ok());
+  const SafeString big(4096, 'b');
+  EXPECT_FALSE(FileUtils::WriteText(P("grow/big.txt"), big));
+  EXPECT_FALSE(RawExists(dir_ / "grow"));
+  std::vector<unsigned char> bytes(4096, 7);
+  EXPECT_FALSE(FileUtils::WriteBinary(P("grow2/big.bin"), bytes.data(), 4096));
+  EXPECT_FALSE(RawExists(dir_ / "grow2"));
+}
+
+TEST_F(FileContentsTest, RemoveFile) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "f", "x"));
+  ASSERT_EQ(::mkdir((dir_ / "d").c_str(), 0755), 0);
+  EXPECT_TRUE(FileUtils::RemoveFile(P("f")));
+  EXPECT_FALSE(RawExists(dir_ / "f"));
+  EXPECT_FALSE(FileUtils::RemoveFile(P("f")));
+  EXPECT_FALSE(FileUtils::RemoveFile(P("d")));
+  EXPECT_TRUE(RawIsDir(dir_ / "d"));
+  EXPECT_FALSE(FileUtils::RemoveFile(""));
+}
+
+TEST_F(FileContentsTest, RenameFile) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "a", "A"));
+  ASSERT_TRUE(WriteRawFile(dir_ / "b", "B"));
+  ASSERT_EQ(::mkdir((dir_ / "d").c_str(), 0755), 0);
+  EXPECT_FALSE(FileUtils::RenameFile(P("a"), P("a")));
+  EXPECT_FALSE(FileUtils::RenameFile(P("a"), ""));
+  EXPECT_FALSE(FileUtils::RenameFile("", P("a")));
+  EXPECT_FALSE(FileUtils::RenameFile(P("missing"), P("c")));
+  EXPECT_FALSE(FileUtils::RenameFile(P("d"), P("e")));
+  EXPECT_FALSE(FileUtils::RenameFile(P("a"), P("d")));
+  EXPECT_FALSE(FileUtils::RenameFile(P("a"), P("nofolder/a")));
+  EXPECT_FALSE(RawExists(dir_ / "nofolder"));
+  EXPECT_EQ(ReadRawFile(dir_ / "a"), "A");
+  // Replaces an existing file.
+  EXPECT_TRUE(FileUtils::RenameFile(P("a"), P("b")));
+  EXPECT_FALSE(RawExists(dir_ / "a"));
+  EXPECT_EQ(ReadRawFile(dir_ / "b"), "A");
+  EXPECT_TRUE(FileUtils::RenameFile(P("b"), P("d/moved")));
+  EXPECT_EQ(ReadRawFile(dir_ / "d/moved"), "A");
+}
+
+TEST_F(FileContentsTest, RenameFolderReplacesATree) {
+  ASSERT_EQ(::mkdir((dir_ / "from").c_str(), 0755), 0);
+  ASSERT_TRUE(WriteRawFile(dir_ / "from/f", "F"));
+  ASSERT_EQ(::mkdir((dir_ / "to").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir((dir_ / "to/old").c_str(), 0755), 0);
+  ASSERT_TRUE(WriteRawFile(dir_ / "to/old/x", "X"));
+  ASSERT_TRUE(WriteRawFile(dir_ / "file", "x"));
+  EXPECT_FALSE(FileUtils::RenameFolder(P("file"), P("other")));
+  EXPECT_FALSE(FileUtils::RenameFolder(P("from"), P("from")));
+  EXPECT_TRUE(FileUtils::RenameFolder(P("from"), P("to")));
+  EXPECT_FALSE(RawExists(dir_ / "from"));
+  EXPECT_EQ(ReadRawFile(dir_ / "to/f"), "F");
+  EXPECT_FALSE(RawExists(dir_ / "to/old"));
+}
+
+TEST_F(FileContentsTest, CopyFileCopiesEveryByteInChunks) {
+  std::string content;
+  for (int i = 0; i < 3 * 4096 + 17; ++i) content += static_cast<char>(i * 7);
+  ASSERT_TRUE(WriteRawFile(dir_ / "src", content));
+  ASSERT_TRUE(WriteRawFile(dir_ / "dst", "old contents, longer than nothing"));
+  EXPECT_TRUE(FileUtils::CopyFile(P("src"), P("new")));
+  EXPECT_EQ(ReadRawFile(dir_ / "new"), content);
+  EXPECT_TRUE(FileUtils::CopyFile(P("src"), P("dst")));
+  EXPECT_EQ(ReadRawFile(dir_ / "dst"), content);
+  ASSERT_TRUE(WriteRawFile(dir_ / "empty", ""));
+  EXPECT_TRUE(FileUtils::CopyFile(P("empty"), P("dst")));
+  EXPECT_EQ(ReadRawFile(dir_ / "dst"), "");
+  EXPECT_TRUE(FileUtils::CopyFile("/dev/null", P("null")));
+  EXPECT_EQ(ReadRawFile(dir_ / "null"), "");
+}
+
+TEST_F(FileContentsTest, CopyFileRefusals) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "src", "data"));
+  ASSERT_EQ(::mkdir((dir_ / "d").c_str(), 0755), 0);
+  ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0644), 0);
+  EXPECT_FALSE(FileUtils::CopyFile(P("src"), P("src")));
+  // Another spelling of the same file must not truncate it.
+  EXPECT_FALSE(FileUtils::CopyFile(P("src"), P("d/../src")));
+  EXPECT_EQ(ReadRawFile(dir_ / "src"), "data");
+  EXPECT_FALSE(FileUtils::CopyFile(P("src"), P("d")));
+  EXPECT_FALSE(FileUtils::CopyFile(P("src"), P("missing/x")));
+  EXPECT_FALSE(RawExists(dir_ / "missing"));
+  EXPECT_FALSE(FileUtils::CopyFile(P("missing"), P("x")));
+  EXPECT_FALSE(FileUtils::CopyFile(P("d"), P("x")));
+  EXPECT_FALSE(FileUtils::CopyFile("", P("x")));
+  EXPECT_FALSE(FileUtils::CopyFile(P("src"), ""));
+  EXPECT_FALSE(RawExists(dir_ / "x"));
+  // A FIFO counts as a file but cannot be sized: no partial copy remains.
+  EXPECT_FALSE(FileUtils::CopyFile(P("fifo"), P("fromfifo")));
+  EXPECT_FALSE(RawExists(dir_ / "fromfifo"));
+}
+
+TEST_F(FileContentsTest, FailedCopyRemovesThePartialTarget) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "src", std::string(5 * 4096, 's')));
+  zorv::test::FileSizeLimit limit(2 * 4096 + 100);
+  ASSERT_TRUE(limit.ok());
+  EXPECT_FALSE(FileUtils::CopyFile(P("src"), P("dst")));
+  EXPECT_FALSE(RawExists(dir_ / "dst"));
+}
+
+}  // namespace

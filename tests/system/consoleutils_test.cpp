@@ -1,0 +1,210 @@
+#include "foundation/system/consoleutils.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/threading/lock.h"
+#include "support/boundedwait.h"
+#include "support/leakcheck.h"
+#include "support/tempdir.h"
+
+namespace {
+
+using zorv::foundation::system::ConsoleUtils;
+using zorv::foundation::threading::Locker;
+using zorv::test::Gate;
+using zorv::test::GateOpener;
+
+// What the writer received, piece by piece.
+std::mutex g_mutex;
+std::vector<std::string> g_pieces;
+std::atomic<int> g_inside{0};
+std::atomic<bool> g_overlap{false};
+
+void Capture(const char* text) {
+  if (g_inside.fetch_add(1) != 0) g_overlap = true;
+  {
+    std::lock_guard<std::mutex> hold(g_mutex);
+    g_pieces.push_back(text);
+  }
+  g_inside.fetch_sub(1);
+}
+
+std::vector<std::string> Pieces() {
+  std::lock_guard<std::mutex> hold(g_mutex);
+  return g_pieces;
+}
+
+class ConsoleUtilsTest : public zorv::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    zorv::test::LeakCheckedTest::SetUp();
+    {
+      std::lock_guard<std::mutex> hold(g_mutex);
+      g_pieces.clear();
+    }
+    g_overlap = false;
+    ConsoleUtils::SetWriter(&Capture);
+  }
+  void TearDown() override {
+    ConsoleUtils::SetWriter(nullptr);
+    zorv::test::LeakCheckedTest::TearDown();
+  }
+};
+
+// Sends standard output (or input) to another descriptor for a scope.
+class Redirect {
+ public:
+  Redirect(int fd, int target) : fd_(fd), saved_(dup(fd)) {
+    fflush(nullptr);
+    dup2(target, fd_);
+  }
+  ~Redirect() {
+    fflush(nullptr);
+    dup2(saved_, fd_);
+    close(saved_);
+  }
+  Redirect(const Redirect&) = delete;
+  Redirect& operator=(const Redirect&) = delete;
+
+ private:
+  int fd_;
+  int saved_;
+};
+
+TEST_F(ConsoleUtilsTest, WriterReceivesTextWithoutLineBreak) {
+  ConsoleUtils::Print("a");
+  ConsoleUtils::Println("x");
+  ConsoleUtils::Println("");
+  const std::vector<std::string> expected = {"a", "x", ""};
+  EXPECT_EQ(Pieces(), expected);
+}
+
+TEST_F(ConsoleUtilsTest, RangeIsWrittenInPiecesOf1023Bytes) {
+  struct Case {
+    size_t size;
+    std::vector<size_t> pieces;
+  };
+  const Case cases[] = {
+      {0, {}}, {1, {1}}, {1023, {1023}}, {1024, {1023, 1}}, {2046, {1023, 1023}},
+      {3000, {1023, 1023, 954}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.size);
+    {
+      std::lock_guard<std::mutex> hold(g_mutex);
+      g_pieces.clear();
+    }
+    std::string text;
+    for (size_t i = 0; i < c.size; ++i) text.push_back(static_cast<char>('a' + i % 26));
+    ConsoleUtils::Print(text.data(), text.data() + text.size());
+    const std::vector<std::string> pieces = Pieces();
+    ASSERT_EQ(pieces.size(), c.pieces.size());
+    std::string joined;
+    for (size_t i = 0; i < pieces.size(); ++i) {
+      EXPECT_EQ(pieces[i].size(), c.pieces[i]);
+      joined += pieces[i];
+    }
+    EXPECT_EQ(joined, text);
+  }
+}
+
+TEST_F(ConsoleUtilsTest, ZeroByteCutsItsPieceShort) {
+  std::string text(1100, 'q');
+  text[10] = '\0';
+  ConsoleUtils::Print(text.data(), text.data() + text.size());
+  const std::vector<std::string> pieces = Pieces();
+  ASSERT_EQ(pieces.size(), 2u);
+  EXPECT_EQ(pieces[0], std::string(10, 'q'));
+  EXPECT_EQ(pieces[1], std::string(77, 'q'));
+  // A reversed range writes nothing.
+  ConsoleUtils::Print(text.data() + 5, text.data());
+  EXPECT_EQ(Pieces().size(), 2u);
+}
+
+TEST_F(ConsoleUtilsTest, WithoutWriterPrintsToStandardOutput) {
+  ConsoleUtils::SetWriter(nullptr);
+  zorv::test::TempDir dir;
+  const std::string path = dir / "out.txt";
+  const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
+  ASSERT_GE(fd, 0);
+  {
+    Redirect redirect(STDOUT_FILENO, fd);
+    ConsoleUtils::Print("one ");
+    ConsoleUtils::Println("two");
+    const char range[] = "three";
+    ConsoleUtils::Print(range, range + 3);
+    ConsoleUtils::Print("%d%s\n");  // printed as text, not as a format
+  }
+  close(fd);
+  std::ifstream in(path);
+  std::stringstream content;
+  content << in.rdbuf();
+  EXPECT_EQ(content.str(), "one two\nthr%d%s\n");
+  EXPECT_TRUE(Pieces().empty()) << "the removed writer is not called";
+}
+
+TEST_F(ConsoleUtilsTest, OutputsOfThreadsDoNotOverlap) {
+  const int threads = 4;
+  const int lines = zorv::test::SlowTarget() ? 50 : 200;
+  std::vector<std::thread> printers;
+  for (int t = 0; t < threads; ++t) {
+    printers.emplace_back([&] {
+      std::string text(2500, 'p');
+      for (int i = 0; i < lines; ++i) {
+        if (i % 2 == 0) {
+          ConsoleUtils::Println("line");
+        } else {
+          ConsoleUtils::Print(text.data(), text.data() + text.size());
+        }
+      }
+    });
+  }
+  for (std::thread& printer : printers) printer.join();
+  EXPECT_FALSE(g_overlap.load());
+  EXPECT_EQ(Pieces().size(), static_cast<size_t>(threads * (lines / 2 + (lines / 2) * 3)));
+}
+
+TEST_F(ConsoleUtilsTest, HoldingTheConsoleLockKeepsOthersOut) {
+  std::atomic<bool> printed{false};
+  std::thread other;
+  {
+    Locker locker(ConsoleUtils::ConsoleLock(), false);
+    other = std::thread([&] {
+      ConsoleUtils::Println("later");
+      printed = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_FALSE(printed.load()) << "the print waits for the lock";
+  }
+  other.join();
+  EXPECT_TRUE(printed.load());
+  const std::vector<std::string> expected = {"later"};
+  EXPECT_EQ(Pieces(), expected);
+}
+
+TEST_F(ConsoleUtilsTest, PauseReturnsAtOnceWithoutATerminal) {
+  const int devNull = open("/dev/null", O_RDONLY);
+  ASSERT_GE(devNull, 0);
+  {
+    Redirect redirect(STDIN_FILENO, devNull);
+    const auto start = std::chrono::steady_clock::now();
+    ConsoleUtils::Pause();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  }
+  close(devNull);
+  const std::vector<std::string> expected = {"[...waiting for action...]"};
+  EXPECT_EQ(Pieces(), expected);
+}
+
+}  // namespace

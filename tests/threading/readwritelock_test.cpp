@@ -1,0 +1,182 @@
+#include "foundation/threading/readwritelock.h"
+
+#include <stdio.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/debug/systemmonitor.h"
+#include "foundation/threading/lock.h"
+#include "support/boundedwait.h"
+#include "support/leakcheck.h"
+
+namespace {
+
+using zorv::foundation::debug::SystemMonitor;
+using zorv::foundation::threading::ILock;
+using zorv::foundation::threading::Locker;
+using zorv::foundation::threading::ReadWriteLock;
+using zorv::test::Gate;
+using zorv::test::GateOpener;
+using zorv::test::PollUntil;
+
+using ReadWriteLockTest = zorv::test::LeakCheckedTest;
+
+long ThreadId() { return static_cast<long>(syscall(SYS_gettid)); }
+
+// True when the kernel reports thread `tid` of this process as sleeping
+// (blocked), as a thread parked inside the reader-writer lock is.
+bool IsBlocked(long tid) {
+  char path[64];
+  snprintf(path, sizeof path, "/proc/self/task/%ld/stat", tid);
+  FILE* file = fopen(path, "r");
+  if (file == nullptr) return false;
+  char buffer[512] = {};
+  const size_t got = fread(buffer, 1, sizeof buffer - 1, file);
+  fclose(file);
+  buffer[got] = '\0';
+  // The state follows the parenthesised command name.
+  const char* close = strrchr(buffer, ')');
+  return close != nullptr && close[1] == ' ' && close[2] == 'S';
+}
+
+// The order in which threads took a lock.
+class Journal {
+ public:
+  void add(const std::string& entry) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    entries_.push_back(entry);
+  }
+  std::vector<std::string> entries() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return entries_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> entries_;
+};
+
+TEST_F(ReadWriteLockTest, CountsOneHandleAndHandsOutTwoViews) {
+  const long long before = SystemMonitor::LiveHandles();
+  {
+    ReadWriteLock rw;
+    EXPECT_EQ(SystemMonitor::LiveHandles(), before + 1);
+    EXPECT_NE(&rw.readLock(), &rw.writeLock());
+    EXPECT_EQ(&rw.readLock(), &rw.readLock()) << "the same view every time";
+    EXPECT_EQ(&rw.writeLock(), &rw.writeLock());
+  }
+  EXPECT_EQ(SystemMonitor::LiveHandles(), before);
+}
+
+TEST_F(ReadWriteLockTest, ReadersShareTheLock) {
+  ReadWriteLock rw;
+  Gate firstIn;
+  Gate release;
+  GateOpener opener(release);
+  std::thread first([&] {
+    Locker locker(rw.readLock(), false);
+    firstIn.open();
+    release.wait();
+  });
+  ASSERT_TRUE(firstIn.wait());
+  Gate secondIn;
+  std::thread second([&] {
+    Locker locker(rw.readLock(), false);
+    secondIn.open();
+  });
+  EXPECT_TRUE(secondIn.wait()) << "a second reader enters while the first holds the lock";
+  release.open();
+  first.join();
+  second.join();
+}
+
+TEST_F(ReadWriteLockTest, WriterExcludesReadersAndWriters) {
+  ReadWriteLock rw;
+  const int threads = 4;
+  const int rounds = zorv::test::SlowTarget() ? 500 : 5000;
+  long long value = 0;  // guarded by rw
+  std::atomic<int> writers{0};
+  std::atomic<int> readers{0};
+  std::atomic<bool> broken{false};
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t) {
+    workers.emplace_back([&, t] {
+      for (int i = 0; i < rounds; ++i) {
+        if ((i + t) % 3 == 0) {
+          Locker locker(rw.writeLock(), false);
+          if (writers.fetch_add(1) != 0 || readers.load() != 0) broken = true;
+          ++value;
+          writers.fetch_sub(1);
+        } else {
+          Locker locker(rw.readLock(), false);
+          readers.fetch_add(1);
+          if (writers.load() != 0) broken = true;
+          (void)value;
+          readers.fetch_sub(1);
+        }
+      }
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+  EXPECT_FALSE(broken.load());
+  long long expected = 0;
+  for (int t = 0; t < threads; ++t) {
+    for (int i = 0; i < rounds; ++i) expected += ((i + t) % 3 == 0) ? 1 : 0;
+  }
+  EXPECT_EQ(value, expected);
+}
+
+TEST_F(ReadWriteLockTest, WaitingWriterGoesBeforeNewReaders) {
+  ReadWriteLock rw;
+  Journal journal;
+  Gate readerIn;
+  Gate releaseReader;
+  GateOpener opener(releaseReader);
+
+  std::thread firstReader([&] {
+    Locker locker(rw.readLock(), false);
+    readerIn.open();
+    releaseReader.wait();
+    journal.add("first reader out");
+  });
+  ASSERT_TRUE(readerIn.wait());
+
+  std::atomic<long> writerTid{0};
+  std::thread writer([&] {
+    writerTid = ThreadId();
+    Locker locker(rw.writeLock(), false);
+    journal.add("writer");
+  });
+  ASSERT_TRUE(PollUntil([&] { return writerTid.load() != 0 && IsBlocked(writerTid.load()); }))
+      << "the writer waits behind the reader";
+
+  std::atomic<long> readerTid{0};
+  std::atomic<bool> secondIn{false};
+  std::thread secondReader([&] {
+    readerTid = ThreadId();
+    Locker locker(rw.readLock(), false);
+    secondIn = true;
+    journal.add("second reader");
+  });
+  ASSERT_TRUE(PollUntil([&] { return readerTid.load() != 0 && IsBlocked(readerTid.load()); }))
+      << "a new reader blocks while a writer waits";
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(secondIn.load()) << "the new reader did not overtake the writer";
+
+  releaseReader.open();
+  firstReader.join();
+  writer.join();
+  secondReader.join();
+  const std::vector<std::string> expected = {"first reader out", "writer", "second reader"};
+  EXPECT_EQ(journal.entries(), expected);
+}
+
+}  // namespace

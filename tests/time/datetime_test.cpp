@@ -1,0 +1,220 @@
+#include "foundation/time/datetime.h"
+
+#include <stdlib.h>
+#include <time.h>
+
+#include <string>
+
+#include "support/leakcheck.h"
+
+namespace {
+
+using zorv::foundation::time::DateTime;
+
+// Runs the test in a chosen time zone (POSIX TZ rules, no zone files
+// needed) and restores the previous one.
+class DateTimeTest : public zorv::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    zorv::test::LeakCheckedTest::SetUp();
+    const char* tz = getenv("TZ");
+    hadTz_ = tz != nullptr;
+    if (hadTz_) savedTz_ = tz;
+  }
+  void TearDown() override {
+    if (hadTz_) {
+      setenv("TZ", savedTz_.c_str(), 1);
+    } else {
+      unsetenv("TZ");
+    }
+    tzset();
+    zorv::test::LeakCheckedTest::TearDown();
+  }
+  static void Zone(const char* tz) {
+    setenv("TZ", tz, 1);
+    tzset();
+  }
+
+ private:
+  bool hadTz_ = false;
+  std::string savedTz_;
+};
+
+// Exposes the protected initialiser.
+class OpenDateTime : public DateTime {
+ public:
+  OpenDateTime() : DateTime(0ULL, 0, 0) {}
+  void init(unsigned long long seconds, int millisecond, int microsecond) {
+    _init(seconds, millisecond, microsecond);
+  }
+};
+
+std::string Text(const DateTime& value) { return value.toString().c_str(); }
+
+// The two zones of the tests: UTC, and three hours east of it.
+struct ZoneCase {
+  const char* tz;
+  long long offset;  // seconds east of UTC
+};
+const ZoneCase kZones[] = {{"UTC0", 0}, {"ZRV-3", 3 * 3600}};
+
+TEST_F(DateTimeTest, FieldsNormaliseAsMktimeDoes) {
+  for (const ZoneCase& zone : kZones) {
+    SCOPED_TRACE(zone.tz);
+    Zone(zone.tz);
+    struct Case {
+      int year, month, day, hour, minute, second;
+      const char* text;
+    };
+    const Case cases[] = {
+        {2024, 2, 30, 0, 0, 0, "2024-03-01 00:00:00"},  // leap year
+        {2023, 2, 30, 0, 0, 0, "2023-03-02 00:00:00"},
+        {2024, 13, 1, 0, 0, 0, "2025-01-01 00:00:00"},
+        {2024, 1, 1, 24, 0, 0, "2024-01-02 00:00:00"},
+        {2024, 1, 1, 0, 0, 60, "2024-01-01 00:01:00"},
+        {2024, 1, 0, 0, 0, 0, "2023-12-31 00:00:00"},
+        {1999, 12, 31, 23, 59, 59, "1999-12-31 23:59:59"},
+        {2024, 7, 4, 9, 5, 3, "2024-07-04 09:05:03"},
+    };
+    for (const Case& c : cases) {
+      SCOPED_TRACE(c.text);
+      const DateTime value(c.year, c.month, c.day, c.hour, c.minute, c.second, 12, 34);
+      EXPECT_EQ(Text(value), c.text);
+      EXPECT_EQ(value.millisecond(), 12);
+      EXPECT_EQ(value.microsecond(), 34);
+    }
+  }
+}
+
+TEST_F(DateTimeTest, FieldAccessors) {
+  Zone("UTC0");
+  const DateTime value(2024, 7, 4, 9, 5, 3, 999, 7);
+  EXPECT_EQ(value.year(), 2024);
+  EXPECT_EQ(value.month(), 7);
+  EXPECT_EQ(value.day(), 4);
+  EXPECT_EQ(value.hour(), 9);
+  EXPECT_EQ(value.minute(), 5);
+  EXPECT_EQ(value.second(), 3);
+  EXPECT_EQ(value.millisecond(), 999);
+  EXPECT_EQ(value.microsecond(), 7);
+}
+
+TEST_F(DateTimeTest, SecondsAndMillisecondsInTwoZones) {
+  // 2024-01-02 03:04:05 UTC.
+  const long long utc = 1704164645LL;
+  for (const ZoneCase& zone : kZones) {
+    SCOPED_TRACE(zone.tz);
+    Zone(zone.tz);
+    const DateTime value(2024, 1, 2, 3, 4, 5, 999, 7);
+    EXPECT_EQ(value.toSeconds(), utc - zone.offset) << "fields are local time";
+    EXPECT_EQ(value.toMilliseconds(), value.toSeconds() * 1000 + 999)
+        << "the microsecond is ignored";
+
+    const DateTime epoch(0ULL, 0, 0);
+    EXPECT_EQ(epoch.toSeconds(), 0);
+    EXPECT_EQ(Text(epoch), zone.offset == 0 ? "1970-01-01 00:00:00" : "1970-01-01 03:00:00");
+
+    const DateTime back(static_cast<unsigned long long>(utc), 5, 6);
+    EXPECT_EQ(back.toSeconds(), utc) << "round trip";
+    EXPECT_EQ(back.toMilliseconds(), utc * 1000 + 5);
+  }
+}
+
+TEST_F(DateTimeTest, InitClampsLikeItAlwaysHas) {
+  Zone("UTC0");
+  struct Case {
+    unsigned long long seconds;
+    int millisecond;
+    int microsecond;
+    const char* text;
+    unsigned int expectMillisecond;
+    unsigned int expectMicrosecond;
+  };
+  const Case cases[] = {
+      {0ULL, 1500, -1, "1970-01-01 00:00:00", 0, 65535},
+      {0ULL, 999, 999, "1970-01-01 00:00:00", 999, 999},
+      {0ULL, 1000, 1000, "1970-01-01 00:00:00", 0, 0},
+      {0ULL, -1, 5, "1970-01-01 00:00:00", 65535, 5},
+      {0ULL, -70000, 0, "1970-01-01 00:00:00", static_cast<unsigned int>(-70000) & 0xFFFFu, 0},
+      {86400ULL, 1, 2, "1970-01-02 00:00:00", 1, 2},
+      {0xFFFFFFFFULL, 0, 0, "1970-01-01 00:00:00", 0, 0},  // low 32 bits negative
+      {0x80000000ULL, 0, 0, "1970-01-01 00:00:00", 0, 0},
+      {0x7FFFFFFFULL, 0, 0, "2038-01-19 03:14:07", 0, 0},
+      {0x100000000ULL + 86400ULL, 0, 0, "1970-01-02 00:00:00", 0, 0},  // high bits dropped
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.seconds) + " " + std::to_string(c.millisecond) + " " +
+                 std::to_string(c.microsecond));
+    const DateTime made(c.seconds, c.millisecond, c.microsecond);
+    EXPECT_EQ(Text(made), c.text);
+    EXPECT_EQ(made.millisecond(), c.expectMillisecond);
+    EXPECT_EQ(made.microsecond(), c.expectMicrosecond);
+    OpenDateTime reused;
+    reused.init(c.seconds, c.millisecond, c.microsecond);
+    EXPECT_EQ(Text(reused), c.text);
+    EXPECT_EQ(reused.millisecond(), c.expectMillisecond);
+    EXPECT_EQ(reused.microsecond(), c.expectMicrosecond);
+  }
+}
+
+TEST_F(DateTimeTest, NowIsTheCurrentLocalTime) {
+  for (const ZoneCase& zone : kZones) {
+    SCOPED_TRACE(zone.tz);
+    Zone(zone.tz);
+    const long long before = static_cast<long long>(::time(nullptr));
+    const DateTime now;
+    const long long after = static_cast<long long>(::time(nullptr));
+    EXPECT_GE(now.toSeconds(), before);
+    EXPECT_LE(now.toSeconds(), after);
+    EXPECT_LT(now.millisecond(), 1000);
+    EXPECT_LT(now.microsecond(), 1000);
+  }
+}
+
+TEST_F(DateTimeTest, ToGmtGivesUtcFieldsWithTheCurrentFraction) {
+  for (const ZoneCase& zone : kZones) {
+    SCOPED_TRACE(zone.tz);
+    Zone(zone.tz);
+    struct Case {
+      unsigned long long seconds;
+      const char* text;
+    };
+    const Case cases[] = {
+        {0ULL, "1970-01-01 00:00:00"},
+        {1704164645ULL, "2024-01-02 03:04:05"},
+        {0xFFFFFFFFULL, "1969-12-31 23:59:59"},  // low 32 bits taken as signed
+        {0x100000000ULL, "1970-01-01 00:00:00"},
+    };
+    for (const Case& c : cases) {
+      SCOPED_TRACE(c.text);
+      const DateTime gmt = DateTime::ToGMT(c.seconds);
+      EXPECT_EQ(Text(gmt), c.text);
+      EXPECT_LT(gmt.millisecond(), 1000);
+      EXPECT_LT(gmt.microsecond(), 1000);
+    }
+  }
+}
+
+TEST_F(DateTimeTest, CurrentGmtIsTheUtcTimeInEveryZone) {
+  for (const ZoneCase& zone : kZones) {
+    SCOPED_TRACE(zone.tz);
+    Zone(zone.tz);
+    // Retry across a second boundary.
+    bool matched = false;
+    for (int attempt = 0; attempt < 5 && !matched; ++attempt) {
+      const time_t before = ::time(nullptr);
+      const DateTime gmt = DateTime::CurrentGMT();
+      const time_t after = ::time(nullptr);
+      if (before != after) continue;
+      struct tm fields;
+      gmtime_r(&before, &fields);
+      char expected[32];
+      strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S", &fields);
+      EXPECT_EQ(Text(gmt), expected);
+      matched = true;
+    }
+    EXPECT_TRUE(matched);
+  }
+}
+
+}  // namespace

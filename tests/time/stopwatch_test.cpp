@@ -1,0 +1,57 @@
+#include "foundation/time/stopwatch.h"
+
+#include <chrono>
+#include <thread>
+
+#include "support/leakcheck.h"
+
+namespace {
+
+using zorv::foundation::time::Stopwatch;
+using std::chrono::milliseconds;
+
+using StopwatchTest = zorv::test::LeakCheckedTest;
+
+TEST_F(StopwatchTest, NewStopwatchReadsZero) {
+  const Stopwatch watch;
+  EXPECT_TRUE(watch.isStopped());
+  EXPECT_EQ(watch.toTick(), 0ULL);
+  EXPECT_EQ(watch.toSeconds(), 0.0);
+  Stopwatch stopped;
+  stopped.stop();  // stopping a stopped watch changes nothing
+  EXPECT_EQ(stopped.toTick(), 0ULL);
+}
+
+TEST_F(StopwatchTest, MeasuresAndFreezes) {
+  Stopwatch watch;
+  watch.start();
+  EXPECT_FALSE(watch.isStopped());
+  std::this_thread::sleep_for(milliseconds(40));
+  const unsigned long long running = watch.toTick();
+  EXPECT_GE(running, 39ULL) << "reads while running";
+  watch.stop();
+  EXPECT_TRUE(watch.isStopped());
+  const unsigned long long frozen = watch.toTick();
+  const double seconds = watch.toSeconds();
+  EXPECT_GE(frozen, running);
+  EXPECT_LT(frozen, 20000ULL);
+  EXPECT_NEAR(seconds * 1000.0, static_cast<double>(frozen), 1.0);
+  std::this_thread::sleep_for(milliseconds(15));
+  watch.stop();
+  EXPECT_EQ(watch.toTick(), frozen) << "the reading no longer changes";
+  EXPECT_EQ(watch.toSeconds(), seconds);
+}
+
+TEST_F(StopwatchTest, StartRestartsFromNow) {
+  Stopwatch watch;
+  watch.start();
+  std::this_thread::sleep_for(milliseconds(40));
+  watch.start();
+  watch.stop();
+  EXPECT_LT(watch.toTick(), 39ULL) << "the restart dropped the earlier time";
+  const Stopwatch copy = watch;  // a plain value
+  EXPECT_EQ(copy.toTick(), watch.toTick());
+  EXPECT_TRUE(copy.isStopped());
+}
+
+}  // namespace
