@@ -16,8 +16,10 @@ using zorv::foundation::text::CodecUtils;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // An exact-size copy, so reading one byte too far is caught.
   std::vector<char> text(data, data + size);
+  static const char kEmpty[1] = {0};
+  const char* begin = size == 0 ? kEmpty : text.data();  // null would be refused
   Vector<unsigned char> out;
-  const bool ok = CodecUtils::DecodeBase64(text.data(), static_cast<unsigned int>(size), out);
+  const bool ok = CodecUtils::DecodeBase64(begin, static_cast<unsigned int>(size), out);
   if (ok != (size % 4 == 0)) std::abort();
   if (!ok) {
     if (!out.empty()) std::abort();

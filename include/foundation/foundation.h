@@ -32,6 +32,14 @@
 #include "foundation/threading/thread.h"
 
 // Threading: pools, timers, schedulers.
+#include "foundation/lang/injection/service.h"
+#include "foundation/threading/scheduler/globaltaskscheduler.h"
+#include "foundation/threading/scheduler/globaltimerscheduler.h"
+#include "foundation/threading/threadpool/affinitythreadpool.h"
+#include "foundation/threading/threadpool/executor.h"
+#include "foundation/threading/threadpool/threadpool.h"
+#include "foundation/threading/timer/timer.h"
+#include "foundation/threading/timer/timerscheduler.h"
 
 // Configuration files.
 #include "foundation/config/configarchiver.h"

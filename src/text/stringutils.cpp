@@ -34,9 +34,9 @@ constexpr ByteTable kLower = MakeCaseTable('A', 'a');
 constexpr const unsigned char* kUpperTable = kUpper.bytes;
 constexpr const unsigned char* kLowerTable = kLower.bytes;
 
-static_assert(kUpper.bytes['q'] == 'Q' && kUpper.bytes['Q'] == 'Q' && kUpper.bytes[0xE9] == 0xE9,
-              "upper-case table");
-static_assert(kLower.bytes['Q'] == 'q' && kLower.bytes['['] == '[', "lower-case table");
+static_assert(kUpper.bytes[0x71] == 0x51 && kUpper.bytes[0x51] == 0x51 && kUpper.bytes[0xE9] == 0xE9,
+              "upper-case table: q, Q, e-acute");
+static_assert(kLower.bytes[0x51] == 0x71 && kLower.bytes[0x5B] == 0x5B, "lower-case table: Q, [");
 
 }  // namespace
 

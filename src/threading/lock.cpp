@@ -59,37 +59,7 @@ bool Lock::tryLock() { return d_ != nullptr && pthread_mutex_trylock(&d_->mutex)
 
 void* Lock::handle() { return d_ == nullptr ? nullptr : static_cast<void*>(&d_->mutex); }
 
-Locker::Locker(ILock* lock, bool locked) : lock_(lock), locked_(locked) {
-  if (lock_ == nullptr) throw lang::Exception(kLockerSource, "lock is nullptr");
-  if (!locked_) {
-    lock_->lock();
-    locked_ = true;
-  }
-}
-
-Locker::Locker(ILock& lock, bool locked) : Locker(&lock, locked) {}
-
-Locker::~Locker() {
-  if (locked_) lock_->unlock();
-}
-
-void Locker::lock() {
-  if (!locked_) {
-    lock_->lock();
-    locked_ = true;
-  }
-}
-
-void Locker::unlock() {
-  if (locked_) {
-    lock_->unlock();
-    locked_ = false;
-  }
-}
-
-bool Locker::isLocked() const { return locked_; }
-
-ILock* Locker::getLock() { return lock_; }
+void Locker::ThrowNullLock() { throw lang::Exception(kLockerSource, "lock is nullptr"); }
 
 }  // namespace threading
 }  // namespace foundation

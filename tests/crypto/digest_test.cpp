@@ -197,7 +197,8 @@ TYPED_TEST(DigestTest, ResultTwiceWithMoreDataBetween) {
   Digest digest;
   digest.addData(Bytes(first), static_cast<unsigned int>(first.size()));
   EXPECT_EQ(Text(Digest::ToString(digest.result())), this->Hex(first));
-  EXPECT_EQ(Text(Digest::ToString(digest.result())), this->Hex(first)) << "result() changes nothing";
+  EXPECT_EQ(Text(Digest::ToString(digest.result())), this->Hex(first))
+      << "result() changes nothing";
   digest.addData(Bytes(second), static_cast<unsigned int>(second.size()));
   EXPECT_EQ(Text(Digest::ToString(digest.result())), this->Hex(first + second));
 }

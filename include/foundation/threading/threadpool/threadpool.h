@@ -1,0 +1,104 @@
+// ThreadPool: a fixed set of workers fed from one bounded FIFO queue.
+#ifndef ZORV_FOUNDATION_THREADING_THREADPOOL_THREADPOOL_H_
+#define ZORV_FOUNDATION_THREADING_THREADPOOL_THREADPOOL_H_
+
+#include "foundation/export.h"
+#include "foundation/text/safestring.h"
+#include "foundation/threading/threadpool/executor.h"
+
+namespace zorv {
+namespace foundation {
+namespace threading {
+
+namespace detail {
+struct ThreadPoolPrivate;
+}  // namespace detail
+
+// The general executor: a fixed number of worker threads, started by the
+// constructor, that take tasks from one shared, bounded FIFO queue. With one
+// worker, tasks run strictly in the order they were queued. Every worker
+// names its thread with the pool's name and runs each task inside a
+// debug-support timing scope ("zorv.foundation.threading.ThreadPool",
+// "Exec").
+//
+// Ownership: the pool owns every task it accepts. A worker disposes the task
+// after its run() returned or threw (a run() that throws gets the task's
+// interrupted() hook called; the worker goes on with the next task). The
+// pool owns its workers.
+//
+// Thread safety: addTask, tryAddTask and isMyThread may be called from any
+// thread. stop() and the destructor belong to one controlling thread and must
+// never be called from a worker (the worker would join itself). A task added
+// while stop() runs may land behind the workers' stop markers: it is then
+// never run, and the destructor frees its queue entry without disposing it.
+class ZORV_FOUNDATION_EXPORT ThreadPool : public IExecutor {
+ public:
+  // Starts min(threadNum, 300) workers; threadNum 0 means one per processor
+  // (SystemUtils::GetProcessorNum(), capped at 300, at least 1). The pool is
+  // named "zorv.foundation.threading.ThreadPool". The queue bound starts at
+  // 1000000 entries.
+  // Throws the Exception of Thread::start() when a thread cannot be created;
+  // the workers started so far are stopped again.
+  explicit ThreadPool(unsigned int threadNum);
+
+  // The same with `name` for the worker threads.
+  ThreadPool(unsigned int threadNum, const SafeString& name);
+
+  // Performs stop(): blocks until every queued task has run.
+  ~ThreadPool() override;
+
+  ThreadPool(const ThreadPool&) = delete;
+  ThreadPool& operator=(const ThreadPool&) = delete;
+
+  // Queues `task` behind the tasks already queued, blocking while the queue
+  // holds the bound number of entries. The pool owns the task in every case.
+  // Throws Exception ("zorv.foundation.threading.ThreadPool.addTask",
+  // "executor has stopped") after stop(), std::bad_alloc when no queue entry
+  // can be allocated; either way the task has been disposed.
+  // REQUIRES: task is not null.
+  void addTask(ITask* task) override;
+
+  // Like addTask, but waits for room at most about `ms` milliseconds. Returns
+  // false on time-out: the task is not disposed and still belongs to the
+  // caller. The budget is measured from the call: each time the wait ends
+  // without room, the whole time since the call is charged again, so a
+  // caller woken several times gives up sooner than `ms`.
+  // Throws as addTask (the task disposed).
+  // REQUIRES: task is not null.
+  [[nodiscard]] bool tryAddTask(ITask* task, unsigned int ms) override;
+
+  // Sets the queue bound to `n` entries, but never below 100 (0 to 99 set
+  // 100). It takes effect at the next check of a producer.
+  void setMaxTaskNum(unsigned int n);
+
+  // Lets the workers run every task queued so far, then ends and joins them.
+  // Afterwards addTask and tryAddTask throw "executor has stopped". Stopping
+  // a stopped pool returns at once. Blocks until the queue is drained.
+  // REQUIRES: not called from one of this pool's workers.
+  void stop();
+
+  // True when the calling thread is one of this pool's workers (also after
+  // stop(), for the former workers' thread ids).
+  bool isMyThread() const;
+
+  // The number of workers: as started, 0 after stop().
+  unsigned int threadNum() const;
+
+  // The current queue bound.
+  unsigned int maxTaskNum() const;
+
+  // The number of queue entries waiting for a worker (a snapshot).
+  unsigned int queuedNum() const;
+
+  // The pool's name.
+  SafeString name() const;
+
+ private:
+  detail::ThreadPoolPrivate* d_;
+};
+
+}  // namespace threading
+}  // namespace foundation
+}  // namespace zorv
+
+#endif  // ZORV_FOUNDATION_THREADING_THREADPOOL_THREADPOOL_H_

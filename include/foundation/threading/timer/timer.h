@@ -1,0 +1,41 @@
+// ITimer: a task that runs after a delay, once or again and again.
+#ifndef ZORV_FOUNDATION_THREADING_TIMER_TIMER_H_
+#define ZORV_FOUNDATION_THREADING_TIMER_TIMER_H_
+
+#include "foundation/export.h"
+#include "foundation/threading/thread.h"
+
+namespace zorv {
+namespace foundation {
+namespace threading {
+
+// A task for a timer scheduler: run() does the work, interval() gives the
+// delay before the first run and between the end of one run and the start of
+// the next, and isRepeat() says after each run whether to run again.
+//
+// Ownership: a scheduler that accepts a timer owns it and calls its dispose()
+// exactly once, after its last run, after it was removed, or when the
+// scheduler stops. Create timers with lang::MakeDisposable.
+//
+// Thread safety: the scheduler calls isRepeat() and interval() with its lock
+// held: they must return quickly and must not call back into the scheduler.
+// run() is called without the lock, on the scheduler's thread or on an
+// executor's thread, never twice at once for one timer.
+class ZORV_FOUNDATION_EXPORT ITimer : public ITask {
+ public:
+  ~ITimer() override;
+
+  // True when the timer is to be scheduled again; asked after each run.
+  virtual bool isRepeat() = 0;
+
+  // The delay in milliseconds of the monotonic clock (SystemUtils::GetTick):
+  // asked when the timer is added (delay to the first run) and after each
+  // run that repeats (delay from the end of that run to the next).
+  virtual unsigned long long interval() = 0;
+};
+
+}  // namespace threading
+}  // namespace foundation
+}  // namespace zorv
+
+#endif  // ZORV_FOUNDATION_THREADING_TIMER_TIMER_H_

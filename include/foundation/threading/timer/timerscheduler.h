@@ -1,0 +1,106 @@
+// ITimerScheduler and TimerScheduler: running timers at their due times.
+#ifndef ZORV_FOUNDATION_THREADING_TIMER_TIMERSCHEDULER_H_
+#define ZORV_FOUNDATION_THREADING_TIMER_TIMERSCHEDULER_H_
+
+#include "foundation/export.h"
+#include "foundation/lang/interface.h"
+#include "foundation/threading/threadpool/executor.h"
+#include "foundation/threading/timer/timer.h"
+
+namespace zorv {
+namespace foundation {
+namespace threading {
+
+// What accepts timers and lets them be removed again.
+class ZORV_FOUNDATION_EXPORT ITimerScheduler : public lang::Interface {
+ public:
+  ~ITimerScheduler() override;
+
+  // Takes ownership of `timer` and schedules its first run.
+  virtual void addTimer(ITimer* timer) = 0;
+
+  // Unschedules `timer`; with `wait`, also waits until no run of it is in
+  // progress. The scheduler disposes the timer.
+  virtual void removeTimer(ITimer* timer, bool wait) = 0;
+};
+
+namespace detail {
+struct TimerSchedulerPrivate;
+}  // namespace detail
+
+// Runs timers at their due times. One scheduler thread, named
+// "zorv.foundation.threading.TimerScheduler" and started by the constructor,
+// keeps the timers ordered by due time (SystemUtils::GetTick() milliseconds;
+// changes of the wall clock do not move them) and sleeps until the earliest
+// is due. Then it either runs the timer itself or, when built over an
+// executor, hands it to the executor's addTask and goes back to keeping time.
+// Timers with equal due times run in the order they were queued. A repeating
+// timer is queued again interval() milliseconds after its run ended: a late
+// or slow run shifts later runs, missed periods are not caught up, and one
+// timer never runs twice at once.
+//
+// Ownership: the scheduler owns every timer it accepts and disposes it
+// exactly once: after a run after which isRepeat() is false, after
+// removeTimer (at once, or when a run still in progress ends), or by stop().
+// A timer whose run() throws gets its interrupted() hook called and stays
+// scheduled if it repeats. The scheduler does not own the executor, which
+// must outlive it.
+//
+// Thread safety: addTimer and removeTimer may be called from any thread,
+// also from inside a timer's run() (but removeTimer(self, true) from a
+// timer's own run() never returns). stop() and the destructor belong to one
+// controlling thread that is not the scheduler's thread.
+class ZORV_FOUNDATION_EXPORT TimerScheduler : public ITimerScheduler {
+ public:
+  // Timers run on the scheduler thread itself.
+  // Throws the Exception of Thread::start() when the thread cannot be
+  // created.
+  TimerScheduler();
+
+  // Due timers are passed to executor->addTask and run on its threads; the
+  // scheduler thread only keeps time. When the executor refuses a timer
+  // (it was stopped), the timer's interrupted() hook is called as for a
+  // failed run. REQUIRES: executor is not null and outlives the scheduler.
+  explicit TimerScheduler(IExecutor* executor);
+
+  // Performs stop(), then frees the scheduler's state.
+  ~TimerScheduler() override;
+
+  TimerScheduler(const TimerScheduler&) = delete;
+  TimerScheduler& operator=(const TimerScheduler&) = delete;
+
+  // Takes ownership of `timer` and schedules its first run at
+  // GetTick() + timer->interval(). Adding a timer that is already scheduled
+  // does nothing (it keeps its schedule and its single owner).
+  // Throws Exception ("zorv.foundation.threading.TimerScheduler.addTimer",
+  // "scheduler has been stopped") after stop(); the timer is then not
+  // accepted and still belongs to the caller.
+  // REQUIRES: timer is not null.
+  void addTimer(ITimer* timer) override;
+
+  // Unschedules `timer`. A run in progress finishes normally and is not
+  // repeated. Without `wait` the timer is disposed at once when it is idle,
+  // or by the run (or the executor) that still holds it. With `wait` the
+  // call returns only after every run of the timer has ended, and the timer
+  // has then been disposed. An unknown timer, or one removed before, is
+  // ignored.
+  void removeTimer(ITimer* timer, bool wait) override;
+
+  // Stops the scheduler thread, waits until every run in progress or queued
+  // in the executor has ended, and disposes every timer. Afterwards addTimer
+  // throws. Stopping a stopped scheduler returns at once.
+  // REQUIRES: not called from the scheduler thread or from a timer's run().
+  void stop();
+
+  // The number of timers currently scheduled or running (a snapshot).
+  unsigned int timerNum() const;
+
+ private:
+  detail::TimerSchedulerPrivate* d_;
+};
+
+}  // namespace threading
+}  // namespace foundation
+}  // namespace zorv
+
+#endif  // ZORV_FOUNDATION_THREADING_TIMER_TIMERSCHEDULER_H_

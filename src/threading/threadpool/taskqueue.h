@@ -1,0 +1,157 @@
+// Private: the bounded FIFO task queue shared by both thread pools, and the
+// accounted creation that refuses a null object.
+#ifndef ZORV_FOUNDATION_SRC_THREADING_THREADPOOL_TASKQUEUE_H_
+#define ZORV_FOUNDATION_SRC_THREADING_THREADPOOL_TASKQUEUE_H_
+
+#include <atomic>
+#include <list>
+#include <new>
+#include <utility>
+
+#include "foundation/debug/allocator.h"
+#include "foundation/debug/objectmonitor.h"
+#include "foundation/lang/accounted.h"
+#include "foundation/system/systemutils.h"
+#include "foundation/threading/lock.h"
+#include "foundation/threading/lockcondition.h"
+#include "foundation/threading/thread.h"
+
+namespace zorv {
+namespace foundation {
+namespace threading {
+namespace detail {
+
+// AccountedNew for objects the caller cannot do without: a null result (a
+// traced allocation that failed) is forgotten again and reported as
+// std::bad_alloc.
+template <class T, class... Args>
+T* AccountedNewOrThrow(const lang::AccountingSite& site, Args&&... args) {
+  T* object = lang::AccountedNew<T>(site, std::forward<Args>(args)...);
+  if (object == nullptr) {
+    debug::ObjectMonitor::_DecLeakEx(nullptr, site.source, site.line, site.name);
+    throw std::bad_alloc();
+  }
+  return object;
+}
+
+// A FIFO of task pointers with a bound on its length; a null entry is a stop
+// marker for a worker. One lock guards the list and the count; producers wait
+// on notFull, consumers on notEmpty. Every entry's list node is allocated
+// before the lock is taken and freed after it was released, so that the
+// critical sections only relink nodes.
+struct TaskQueue {
+  using List = std::list<ITask*, debug::Allocator<ITask*>>;
+
+  static constexpr int kSpins = 200;
+
+  static inline void CpuRelax() {
+#if defined(__i386__) || defined(__x86_64__)
+    __builtin_ia32_pause();
+#elif defined(__arm__) || defined(__aarch64__)
+    __asm__ __volatile__("yield");
+#endif
+  }
+
+  TaskQueue() : notEmpty(lock), notFull(lock) {}
+  TaskQueue(const TaskQueue&) = delete;
+  TaskQueue& operator=(const TaskQueue&) = delete;
+
+  enum Result { kAdded, kTimedOut, kClosed };
+
+  // Moves the single entry of `node` to the back, waiting while the queue is
+  // full. kClosed (and `node` untouched) once the queue was closed.
+  Result put(List& node) {
+    Locker locker(&lock, false);
+    for (;;) {
+      if (closed) return kClosed;
+      if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) break;
+      notFull.wait(locker);
+    }
+    append(locker, node);
+    return kAdded;
+  }
+
+  // Moves the single entry of `node` to the back, waiting for room at most
+  // until `ms` milliseconds after `startTick`, charged from the start tick on
+  // every pass. kTimedOut or kClosed leave `node` untouched.
+  Result tryPut(List& node, unsigned int ms, unsigned long long startTick) {
+    Locker locker(&lock, false);
+    unsigned int remaining = ms;
+    for (;;) {
+      if (closed) return kClosed;
+      if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) break;
+      (void)notFull.tryWait(locker, remaining);
+      const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
+      if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) return kTimedOut;
+      remaining -= static_cast<unsigned int>(elapsed);
+    }
+    append(locker, node);
+    return kAdded;
+  }
+
+  // Refuses every later entry and wakes producers still waiting for room:
+  // called once the consumers have ended, so that a producer that raced with
+  // stopping is turned away instead of waiting for ever.
+  void close() {
+    Locker locker(&lock, false);
+    closed = true;
+    notFull.notifyAll(locker);
+  }
+
+  // Takes the front entry, waiting while the queue is empty. The entry's
+  // node is moved into `node` (freed by the caller outside the lock).
+  // A consumer that finds the queue empty first watches the count for a few
+  // microseconds: a producer that keeps up then hands over without the
+  // sleep and wake-up of a condition wait.
+  ITask* take(List& node) {
+    for (int spin = 0; spin < kSpins && queued.load(std::memory_order_relaxed) == 0; ++spin) {
+      CpuRelax();
+    }
+    Locker locker(&lock, false);
+    while (list.empty()) {
+      ++idle;
+      notEmpty.wait(locker);
+      --idle;
+    }
+    node.splice(node.begin(), list, list.begin());
+    queued.store(queued.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+    notFull.notify(locker);
+    return node.front();
+  }
+
+  void append(Locker& locker, List& node) {
+    list.splice(list.end(), node);
+    queued.store(queued.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    if (idle != 0) notEmpty.notify(locker);  // nobody to wake otherwise
+  }
+
+  // Entries in the list (tasks and stop markers). Changed only under the
+  // lock; atomic so that snapshots may be read without it.
+  std::atomic<unsigned int> queued{0};
+  // The bound; written without the lock by setMaxTaskNum.
+  std::atomic<unsigned int> maxTaskNum{1000000};
+  List list;
+  // Set by close(); read and written under the lock.
+  bool closed = false;
+  // Consumers waiting on notEmpty; under the lock.
+  unsigned int idle = 0;
+  Lock lock;
+  LockCondition notEmpty;
+  LockCondition notFull;
+};
+
+// Runs one task inside the timing scope of `category` and disposes it. A
+// run() that throws gets the task's interruption hook called; the exception
+// goes no further.
+void RunAndDispose(ITask* task, const char* category);
+
+// The worker count for a requested number: min(n, 300), or for 0 the
+// processor count capped at 300 and at least 1.
+unsigned int WorkerCount(unsigned int requested);
+
+}  // namespace detail
+}  // namespace threading
+}  // namespace foundation
+}  // namespace zorv
+
+#endif  // ZORV_FOUNDATION_SRC_THREADING_THREADPOOL_TASKQUEUE_H_

@@ -1,0 +1,229 @@
+// ThreadPool: workers fed from one bounded FIFO queue.
+#include "foundation/threading/threadpool/threadpool.h"
+
+#include <atomic>
+#include <functional>
+#include <unordered_set>
+
+#include "foundation/collection/vector.h"
+#include "foundation/debug/chronomonitor.h"
+#include "foundation/lang/accounted.h"
+#include "foundation/lang/exception.h"
+#include "foundation/system/systemutils.h"
+#include "threading/threadpool/taskqueue.h"
+
+namespace zorv {
+namespace foundation {
+namespace threading {
+namespace {
+
+constexpr char kSource[] = "../threading/threadpool/threadpool.cpp";
+constexpr char kDefaultName[] = "zorv.foundation.threading.ThreadPool";
+constexpr char kCategory[] = "zorv.foundation.threading.ThreadPool";
+constexpr char kAddTask[] = "zorv.foundation.threading.ThreadPool.addTask";
+constexpr char kStopped[] = "executor has stopped";
+constexpr unsigned int kMaxWorkers = 300;
+constexpr unsigned int kMinBound = 100;
+
+}  // namespace
+
+namespace sealed {
+namespace _ThreadPool {
+class MyThread;
+}  // namespace _ThreadPool
+}  // namespace sealed
+
+namespace detail {
+
+struct ThreadPoolPrivate {
+  explicit ThreadPoolPrivate(const SafeString& poolName) : name(poolName) {}
+
+  SafeString name;
+  TaskQueue queue;
+  collection::Vector<sealed::_ThreadPool::MyThread*> workers;
+  std::unordered_set<unsigned long long, std::hash<unsigned long long>,
+                     std::equal_to<unsigned long long>, debug::Allocator<unsigned long long>>
+      ids;
+  // workers.size(), readable without the lock: 0 means stopped.
+  std::atomic<unsigned int> workerCount{0};
+  // One stop-marker node per worker, allocated up front so that stop() and
+  // the destructor never allocate.
+  TaskQueue::List markers;
+};
+
+void RunAndDispose(ITask* task, const char* category) {
+  {
+    debug::ChronoMonitor::Chronometer scope(category, "Exec");
+    try {
+      task->run();
+    } catch (...) {
+      task->notifyInterrupted();
+    }
+  }
+  task->dispose();
+}
+
+unsigned int WorkerCount(unsigned int requested) {
+  if (requested != 0) return requested < kMaxWorkers ? requested : kMaxWorkers;
+  const long processors = static_cast<long>(system::SystemUtils::GetProcessorNum());
+  if (processors <= 0) return 1;
+  return processors < static_cast<long>(kMaxWorkers) ? static_cast<unsigned int>(processors)
+                                                      : kMaxWorkers;
+}
+
+}  // namespace detail
+
+namespace sealed {
+namespace _ThreadPool {
+
+// A worker: takes entries from the pool's queue until it meets a stop marker.
+class MyThread : public Thread {
+ public:
+  explicit MyThread(detail::ThreadPoolPrivate* pool) : pool_(pool) {}
+
+  void run() override {
+    try {
+      debug::ChronoMonitor::SetThreadName(pool_->name);
+    } catch (...) {
+      // The name is for reports only.
+    }
+    for (;;) {
+      ITask* task;
+      {
+        detail::TaskQueue::List node;
+        task = pool_->queue.take(node);
+      }
+      if (task == nullptr) return;
+      detail::RunAndDispose(task, kCategory);
+    }
+  }
+
+ private:
+  detail::ThreadPoolPrivate* pool_;
+};
+
+}  // namespace _ThreadPool
+}  // namespace sealed
+
+using sealed::_ThreadPool::MyThread;
+
+IExecutor::~IExecutor() = default;
+
+ThreadPool::ThreadPool(unsigned int threadNum) : ThreadPool(threadNum, SafeString(kDefaultName)) {}
+
+ThreadPool::ThreadPool(unsigned int threadNum, const SafeString& name) : d_(nullptr) {
+  d_ = detail::AccountedNewOrThrow<detail::ThreadPoolPrivate>(
+      ZORV_ACCOUNTING_SITE(kSource, "ThreadPool"), name);
+  try {
+    const unsigned int count = detail::WorkerCount(threadNum);
+    d_->markers.resize(count, nullptr);
+    d_->workers.reserve(count);
+    d_->ids.reserve(count);
+    for (unsigned int i = 0; i < count; ++i) {
+      MyThread* worker =
+          detail::AccountedNewOrThrow<MyThread>(ZORV_ACCOUNTING_SITE(kSource, "MyThread"), d_);
+      try {
+        worker->start();
+      } catch (...) {
+        lang::AccountedDelete(worker, ZORV_ACCOUNTING_SITE(kSource, "~MyThread"));
+        throw;
+      }
+      d_->workers.push_back(worker);  // reserved: does not throw
+      d_->workerCount.store(static_cast<unsigned int>(d_->workers.size()),
+                            std::memory_order_release);
+      d_->ids.insert(worker->threadID());
+    }
+  } catch (...) {
+    stop();
+    lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~ThreadPool"));
+    throw;
+  }
+}
+
+ThreadPool::~ThreadPool() {
+  stop();
+  lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~ThreadPool"));
+}
+
+void ThreadPool::addTask(ITask* task) {
+  if (d_->workerCount.load(std::memory_order_acquire) == 0) {
+    task->dispose();
+    throw lang::Exception(kAddTask, kStopped);
+  }
+  detail::TaskQueue::Result added = detail::TaskQueue::kAdded;
+  try {
+    detail::TaskQueue::List node(1, task);
+    added = d_->queue.put(node);
+  } catch (...) {
+    task->dispose();
+    throw;
+  }
+  if (added == detail::TaskQueue::kClosed) {
+    task->dispose();
+    throw lang::Exception(kAddTask, kStopped);
+  }
+}
+
+bool ThreadPool::tryAddTask(ITask* task, unsigned int ms) {
+  if (d_->workerCount.load(std::memory_order_acquire) == 0) {
+    task->dispose();
+    throw lang::Exception(kAddTask, kStopped);
+  }
+  const unsigned long long start = system::SystemUtils::GetTick();
+  detail::TaskQueue::Result added = detail::TaskQueue::kAdded;
+  try {
+    detail::TaskQueue::List node(1, task);
+    added = d_->queue.tryPut(node, ms, start);
+    if (added == detail::TaskQueue::kTimedOut) return false;  // the caller keeps the task
+  } catch (...) {
+    task->dispose();
+    throw;
+  }
+  if (added == detail::TaskQueue::kClosed) {
+    task->dispose();
+    throw lang::Exception(kAddTask, kStopped);
+  }
+  return true;
+}
+
+void ThreadPool::setMaxTaskNum(unsigned int n) {
+  d_->queue.maxTaskNum.store(n < kMinBound ? kMinBound : n, std::memory_order_relaxed);
+}
+
+void ThreadPool::stop() {
+  if (d_ == nullptr || d_->workers.empty()) return;
+  // The markers queue behind every task already present; each worker ends at
+  // the first marker it takes.
+  for (std::size_t i = 0; i < d_->workers.size(); ++i) {
+    detail::TaskQueue::List node;
+    node.splice(node.begin(), d_->markers, d_->markers.begin());
+    (void)d_->queue.put(node);
+  }
+  for (MyThread*& worker : d_->workers) {
+    worker->wait();
+    lang::AccountedDelete(worker, ZORV_ACCOUNTING_SITE(kSource, "~MyThread"));
+  }
+  d_->workers.clear();
+  d_->workerCount.store(0, std::memory_order_release);
+  d_->queue.close();
+}
+
+bool ThreadPool::isMyThread() const { return d_->ids.count(Thread::CurrentID()) != 0; }
+
+unsigned int ThreadPool::threadNum() const {
+  return d_->workerCount.load(std::memory_order_acquire);
+}
+
+unsigned int ThreadPool::maxTaskNum() const {
+  return d_->queue.maxTaskNum.load(std::memory_order_relaxed);
+}
+
+unsigned int ThreadPool::queuedNum() const {
+  return d_->queue.queued.load(std::memory_order_relaxed);
+}
+
+SafeString ThreadPool::name() const { return d_->name; }
+
+}  // namespace threading
+}  // namespace foundation
+}  // namespace zorv
