@@ -1,6 +1,7 @@
 // CodecUtils: Base64 and URI percent-encoding.
 #include "foundation/text/codecutils.h"
 
+#include <cstdint>
 #include <cstring>
 
 namespace zorv {
@@ -72,6 +73,19 @@ constexpr UriTable kUri = MakeUriTable();
 
 constexpr char kHexUpper[] = "0123456789ABCDEF";
 
+// The four bytes at `p` as a big-endian number.
+inline unsigned int LoadBigEndian32(const unsigned char* p) {
+  std::uint32_t word;
+  std::memcpy(&word, p, sizeof(word));
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  word = __builtin_bswap32(word);
+#elif !defined(__BYTE_ORDER__)
+  word = (static_cast<std::uint32_t>(p[0]) << 24) | (static_cast<std::uint32_t>(p[1]) << 16) |
+         (static_cast<std::uint32_t>(p[2]) << 8) | p[3];
+#endif
+  return word;
+}
+
 // The value of a hexadecimal digit of either case, or -1.
 inline int HexValue(unsigned char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -90,6 +104,15 @@ foundation::SafeString CodecUtils::EncodeBase64(unsigned char const* data, unsig
   char* out = &text[0];
   const unsigned int whole = size / 3 * 3;
   unsigned int i = 0;
+  // Whole groups with a fourth byte readable behind them: one 32-bit load.
+  const unsigned int wide = size >= 4 ? ((size - 4) / 3 + 1) * 3 : 0;
+  const unsigned int fast = wide < whole ? wide : whole;
+  for (; i < fast; i += 3) {
+    const unsigned int group = LoadBigEndian32(data + i) >> 8;
+    std::memcpy(out, kPairs.pairs[group >> 12], 2);
+    std::memcpy(out + 2, kPairs.pairs[group & 0xFFF], 2);
+    out += 4;
+  }
   for (; i < whole; i += 3) {
     const unsigned int group = (static_cast<unsigned int>(data[i]) << 16) |
                                (static_cast<unsigned int>(data[i + 1]) << 8) | data[i + 2];
