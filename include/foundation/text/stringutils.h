@@ -154,8 +154,9 @@ class ZORV_FOUNDATION_EXPORT StringUtils {
   // Helpers for the library's own formatting front ends; callers use Format.
 
   // Formats into a 100-byte work string with vsnprintf, doubling the size
-  // (100, 200, 400, ...) until the text fits. Returns "" for a null format or
-  // when the work string cannot grow; never throws.
+  // (100, 200, 400, ...) until the text fits. Returns "" for a null format,
+  // when the work string cannot grow, and when vsnprintf reports an encoding
+  // error (a negative count); never throws.
   static foundation::SafeString _InternalFormat(const char* format, ...) ZORV_PRINTF_FORMAT(1, 2);
 };
 
