@@ -299,6 +299,18 @@ TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
   EXPECT_TRUE(lines.empty());
 }
 
+TEST_F(ThreadTest, ConstructionFailsCleanlyWhenMemoryRunsOut) {
+  const SafeString longName("a thread name longer than fifteen bytes");
+  {
+    zorv::test::FailAfterGuard fail(1);  // the copy of the name
+    EXPECT_THROW(BareThread thread(longName), std::bad_alloc);
+  }
+  BareThread thread(longName);  // the leak check proves nothing was left behind
+  thread.start();
+  thread.wait();
+  EXPECT_EQ(std::string(thread.threadName().c_str()), longName.c_str());
+}
+
 // Tasks for the ITask tests.
 class PlainTask : public ITask {
  public:
