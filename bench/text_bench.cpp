@@ -250,7 +250,8 @@ void IntToTextToChars(benchmark::State& state) {
   for (auto _ : state) {
     for (unsigned long long v : values) {
       char buffer[24];
-      const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof(buffer), static_cast<int>(v));
+      const std::to_chars_result r =
+          std::to_chars(buffer, buffer + sizeof(buffer), static_cast<int>(v));
       std::string s(buffer, r.ptr);
       benchmark::DoNotOptimize(s.data());
     }
@@ -305,8 +306,8 @@ void FormatLogLineZorv(benchmark::State& state) {
   unsigned int task = 0;
   for (auto _ : state) {
     SafeString line = StringUtils::Format(
-        "%04d-%02d-%02d %02d:%02d:%02d.%03d [%s] %s %s: task %u done in %llu ms", 2026, 11, 22,
-        4, 5, 6, 123, "worker-3", "INFO", "threadpool", ++task, 17ull);
+        "%04d-%02d-%02d %02d:%02d:%02d.%03d [%s] %s %s: task %u done in %llu ms", 2026, 11, 22, 4,
+        5, 6, 123, "worker-3", "INFO", "threadpool", ++task, 17ull);
     benchmark::DoNotOptimize(line.data());
   }
   state.SetItemsProcessed(static_cast<long long>(state.iterations()));
@@ -317,9 +318,10 @@ void FormatLogLineSnprintf(benchmark::State& state) {
   unsigned int task = 0;
   for (auto _ : state) {
     char buffer[256];
-    const int n = std::snprintf(
-        buffer, sizeof(buffer), "%04d-%02d-%02d %02d:%02d:%02d.%03d [%s] %s %s: task %u done in %llu ms",
-        2026, 11, 22, 4, 5, 6, 123, "worker-3", "INFO", "threadpool", ++task, 17ull);
+    const int n =
+        std::snprintf(buffer, sizeof(buffer),
+                      "%04d-%02d-%02d %02d:%02d:%02d.%03d [%s] %s %s: task %u done in %llu ms",
+                      2026, 11, 22, 4, 5, 6, 123, "worker-3", "INFO", "threadpool", ++task, 17ull);
     std::string line(buffer, static_cast<size_t>(n));
     benchmark::DoNotOptimize(line.data());
   }

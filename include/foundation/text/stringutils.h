@@ -87,7 +87,8 @@ class ZORV_FOUNDATION_EXPORT StringUtils {
   // separator at either end, give empty pieces. Returns true when at least
   // one separator was found; otherwise exactly one piece, the whole text, was
   // appended. A null `text` appends one empty string and returns false.
-  static bool Split(const char* text, char separator, collection::Vector<foundation::SafeString>& pieces);
+  static bool Split(const char* text, char separator,
+                    collection::Vector<foundation::SafeString>& pieces);
 
   // ---- Formatting -----------------------------------------------------------
 
