@@ -58,7 +58,9 @@ foundation::SafeString FormatV(const char* format, va_list args) {
       va_copy(attempt, args);
       const int count = std::vsnprintf(&work[0], size, format, attempt);
       va_end(attempt);
-      if (count >= 0 && static_cast<size_t>(count) < size) {
+      // A negative count is an encoding error that no larger size cures.
+      if (count < 0) return foundation::SafeString();
+      if (static_cast<size_t>(count) < size) {
         work.resize(static_cast<size_t>(count));
         return work;
       }

@@ -209,6 +209,10 @@ TEST_F(StringUtilsTest, FormatExpandsLikePrintf) {
   EXPECT_EQ(StringUtils::_InternalFormat("%s=%d", "x", 7), "x=7");
   EXPECT_EQ(StringUtils::_InternalFormat(nullptr), "");
   EXPECT_EQ(StringUtils::Format(nullptr), "");
+  // A wide character that has no multibyte form in the C locale makes
+  // vsnprintf fail; the result is empty at once instead of growing forever.
+  const wchar_t wide[] = {static_cast<wchar_t>(0x20AC), 0};
+  EXPECT_EQ(StringUtils::Format("%ls", wide), "");
 }
 
 TEST_F(StringUtilsTest, FormatOfEveryLengthAroundTheDoublingSteps) {

@@ -257,7 +257,8 @@ TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
   };
   const Case cases[] = {
       {"", "", "zorv.foundation.threading.Thread: [%u] destroyed while still running"},
-      {"", "named-late", "zorv.foundation.threading.Thread: [%u/named-late]destroyed while still running"},
+      {"", "named-late",
+       "zorv.foundation.threading.Thread: [%u/named-late]destroyed while still running"},
       {"given", "", "zorv.foundation.threading.Thread: [%u/given]destroyed while still running"},
   };
   for (const Case& c : cases) {
