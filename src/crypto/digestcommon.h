@@ -3,6 +3,7 @@
 #ifndef ZORV_SRC_CRYPTO_DIGESTCOMMON_H_
 #define ZORV_SRC_CRYPTO_DIGESTCOMMON_H_
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -79,8 +80,13 @@ inline SafeString HexText(const collection::Vector<unsigned char>& bytes) {
 template <class Digest>
 bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
   if (path == nullptr) return false;
+  // errno stays the caller's: failures are reported by the result only.
+  const int savedErrno = errno;
   FILE* file = fopen(path, "rb");
-  if (file == nullptr) return false;
+  if (file == nullptr) {
+    errno = savedErrno;
+    return false;
+  }
   // Every read asks for whole pieces of the fixed buffer; unbuffered reads go
   // straight into it instead of through a second copy.
   setvbuf(file, nullptr, _IONBF, 0);
@@ -104,6 +110,7 @@ bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
     remaining -= wanted;
   }
   fclose(file);
+  errno = savedErrno;
   digest = digester.result();
   return true;
 }
