@@ -106,8 +106,10 @@ void Walk(const SafeString& root, const SafeString& prefix, unsigned int flags,
         out.push_back(relative);
       } else if ((flags & detail::kWalkName) != 0) {
         out.emplace_back(entry->d_name);
-      } else {
+      } else if (descend) {
         out.push_back(full);
+      } else {
+        out.push_back(std::move(full));
       }
     }
     if (descend) Walk(full, relative, flags, out);
