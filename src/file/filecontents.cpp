@@ -311,7 +311,15 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
   bool ok = false;
   off_t end = ::lseek(in.get(), 0, SEEK_END);
   if (end >= 0 && ::lseek(in.get(), 0, SEEK_SET) == 0) {
-    ok = CopyChunks(in.get(), out.get(), static_cast<unsigned long long>(end));
+    try {
+      ok = CopyChunks(in.get(), out.get(), static_cast<unsigned long long>(end));
+    } catch (...) {
+      // No memory for the buffers: no partial copy stays behind.
+      in.close();
+      out.close();
+      (void)RemoveFile(to);
+      throw;
+    }
   }
   in.close();
   if (!out.close()) ok = false;

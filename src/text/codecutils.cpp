@@ -62,8 +62,7 @@ constexpr UriTable MakeUriTable() {
   UriTable t{};
   for (int i = 0; i < 256; ++i) {
     const bool unreserved = (i >= 'A' && i <= 'Z') || (i >= 'a' && i <= 'z') ||
-                            (i >= '0' && i <= '9') || i == '-' || i == '.' || i == '_' ||
-                            i == '~';
+                            (i >= '0' && i <= '9') || i == '-' || i == '.' || i == '_' || i == '~';
     t.passes[i] = unreserved ? 1 : 0;
   }
   return t;
@@ -138,7 +137,8 @@ foundation::SafeString CodecUtils::EncodeBase64(unsigned char const* data, unsig
   return text;
 }
 
-bool CodecUtils::DecodeBase64(char const* text, unsigned int length, collection::Vector<unsigned char>& out) {
+bool CodecUtils::DecodeBase64(char const* text, unsigned int length,
+                              collection::Vector<unsigned char>& out) {
   if (text == nullptr) return false;
   out.clear();
   if (length == 0) return true;

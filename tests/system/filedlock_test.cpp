@@ -34,23 +34,6 @@ using zorv::foundation::threading::Locker;
 
 constexpr char kFunc[] = "zorv.foundation.system.FiledLock";
 
-// Under ThreadSanitizer a fork() aborts in the sanitizer's lock bookkeeping
-// (the debug-support library's fork handlers hold more mutexes at once than
-// it tracks), so the tests with a child process run in the other builds.
-#if defined(__SANITIZE_THREAD__)
-#define ZORV_NO_FORK_TESTS 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define ZORV_NO_FORK_TESTS 1
-#endif
-#endif
-
-#ifdef ZORV_NO_FORK_TESTS
-#define SKIP_WITHOUT_FORK() GTEST_SKIP() << "fork() is not usable under ThreadSanitizer here"
-#else
-#define SKIP_WITHOUT_FORK() static_cast<void>(0)
-#endif
-
 // Gives each test fresh lock names and removes their semaphores afterwards:
 // the library never unlinks them, so the test must.
 class FiledLockTest : public zorv::test::LeakCheckedTest {
@@ -177,7 +160,6 @@ bool ReadSignal(int fd) {
 }
 
 TEST_F(FiledLockTest, ExcludesAForkedChild) {
-  SKIP_WITHOUT_FORK();
   const std::string name = freshName();
   FiledLock parent(name.c_str());
   parent.lock();
@@ -208,7 +190,6 @@ TEST_F(FiledLockTest, ExcludesAForkedChild) {
 }
 
 TEST_F(FiledLockTest, ChildHoldingTheLockExcludesTheParent) {
-  SKIP_WITHOUT_FORK();
   const std::string name = freshName();
   FiledLock parent(name.c_str());
   int fromChild = -1;

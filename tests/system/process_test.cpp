@@ -110,24 +110,10 @@ std::set<std::string> EntriesOf(const std::string& path) {
 
 bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-// Under ThreadSanitizer a fork() aborts in the sanitizer's lock bookkeeping
-// (the debug-support library's fork handlers hold more mutexes at once than
-// it tracks); these tests run in the other builds.
-#if defined(__SANITIZE_THREAD__)
-#define ZORV_NO_FORK_TESTS 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define ZORV_NO_FORK_TESTS 1
-#endif
-#endif
-
 class ProcessTest : public zorv::test::LeakCheckedTest {
  protected:
   void SetUp() override {
     LeakCheckedTest::SetUp();
-#ifdef ZORV_NO_FORK_TESTS
-    GTEST_SKIP() << "fork() is not usable under ThreadSanitizer here";
-#endif
     sleepProgram_ = FindProgram("sleep");
     touchProgram_ = FindProgram("touch");
   }
