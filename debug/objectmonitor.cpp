@@ -30,7 +30,9 @@ struct Shard {
   unsigned int count;
 };
 
-constexpr unsigned int kShardBits = 6;
+// 32 shards: the fork handlers hold every shard mutex at once, and tools that
+// follow lock ownership (ThreadSanitizer tracks 64 per thread) must keep up.
+constexpr unsigned int kShardBits = 5;
 constexpr unsigned int kShardCount = 1u << kShardBits;
 
 Shard g_shards[kShardCount];

@@ -37,7 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (code == 1) {
     const size_t digits = CountedDigits(text);
     // The parsers agree with one another within their digit limits.
-    if (digits <= 10 && (static_cast<unsigned int>(i32) != u32 || u32 != static_cast<unsigned int>(u64))) {
+    if (digits <= 10 &&
+        (static_cast<unsigned int>(i32) != u32 || u32 != static_cast<unsigned int>(u64))) {
       std::abort();
     }
     if (digits <= 19 && static_cast<unsigned long long>(i64) != u64) std::abort();

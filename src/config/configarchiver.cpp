@@ -36,14 +36,18 @@ namespace {
 constexpr char kSource[] = "../config/configarchiver.cpp";
 constexpr char kArchiverSource[] = "zorv.foundation.config.Archiver";
 
-// The bytes [begin, begin + count) without leading and trailing blanks.
-SafeString Trimmed(const char* begin, size_t count) {
-  SafeString part(begin, count);
-  if (count == 0) return part;
+// The bytes [begin, begin + count) passed through StringUtils::Trim.
+// `scratch` carries the untrimmed bytes and keeps its capacity from call to
+// call, so that only the result is allocated.
+SafeString Trimmed(const char* begin, size_t count, SafeString& scratch) {
+  if (count == 0) return SafeString();
   const char first = begin[0];
   const char last = begin[count - 1];
-  if (first != ' ' && first != '\t' && last != ' ' && last != '\t') return part;
-  return text::StringUtils::Trim(part);
+  if (first != ' ' && first != '\t' && last != ' ' && last != '\t') {
+    return SafeString(begin, count);
+  }
+  scratch.assign(begin, count);
+  return text::StringUtils::Trim(scratch);
 }
 
 inline bool IsHeader(const SafeString& line) {
@@ -94,6 +98,7 @@ void Archiver::parse(detail::IDataReader& reader) {
   detail::SectionTable& sections = d_->sections;
   sections.clear();
   SafeString line;
+  SafeString scratch;
   bool found = false;
   while (reader.readLine(line)) {
     if (IsHeader(line)) {
@@ -103,13 +108,13 @@ void Archiver::parse(detail::IDataReader& reader) {
   }
   if (!found) return;
 
-  auto current = sections.emplace(Trimmed(line.data() + 1, line.size() - 2),
+  auto current = sections.emplace(Trimmed(line.data() + 1, line.size() - 2, scratch),
                                   detail::KeyTable()).first;
   while (reader.readLine(line)) {
     const size_t equals = line.find('=');
     if (equals == SafeString::npos) {
       if (!IsHeader(line)) continue;
-      SafeString name = Trimmed(line.data() + 1, line.size() - 2);
+      SafeString name = Trimmed(line.data() + 1, line.size() - 2, scratch);
       auto made = sections.emplace(std::move(name), detail::KeyTable());
       if (!made.second) {
         SafeString message("config error, repeated section [");
@@ -120,7 +125,7 @@ void Archiver::parse(detail::IDataReader& reader) {
       current = made.first;
       continue;
     }
-    SafeString key = Trimmed(line.data(), equals);
+    SafeString key = Trimmed(line.data(), equals, scratch);
     detail::KeyTable& keys = current->second;
     auto stored = keys.emplace(std::move(key), SafeString());
     if (!stored.second) {
@@ -131,7 +136,7 @@ void Archiver::parse(detail::IDataReader& reader) {
       message += "]";
       throw lang::Exception(kArchiverSource, message.c_str());
     }
-    stored.first->second = Trimmed(line.data() + equals + 1, line.size() - equals - 1);
+    stored.first->second = Trimmed(line.data() + equals + 1, line.size() - equals - 1, scratch);
   }
 }
 

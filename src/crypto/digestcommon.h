@@ -3,6 +3,8 @@
 #ifndef ZORV_SRC_CRYPTO_DIGESTCOMMON_H_
 #define ZORV_SRC_CRYPTO_DIGESTCOMMON_H_
 
+#include <errno.h>
+#include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -78,11 +80,18 @@ inline SafeString HexText(const collection::Vector<unsigned char>& bytes) {
 template <class Digest>
 bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
   if (path == nullptr) return false;
+  // errno stays the caller's: failures are reported by the result only.
+  const int savedErrno = errno;
   FILE* file = fopen(path, "rb");
-  if (file == nullptr) return false;
+  if (file == nullptr) {
+    errno = savedErrno;
+    return false;
+  }
   // Every read asks for whole pieces of the fixed buffer; unbuffered reads go
   // straight into it instead of through a second copy.
   setvbuf(file, nullptr, _IONBF, 0);
+  // The file is read once from start to end: let the kernel read ahead.
+  posix_fadvise(fileno(file), 0, 0, POSIX_FADV_SEQUENTIAL);
   unsigned long long remaining = 0;
   if (fseeko(file, 0, SEEK_END) == 0) {
     const off_t end = ftello(file);
@@ -101,6 +110,7 @@ bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
     remaining -= wanted;
   }
   fclose(file);
+  errno = savedErrno;
   digest = digester.result();
   return true;
 }

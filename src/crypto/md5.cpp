@@ -40,12 +40,12 @@ using internal::RotateLeft;
 #define MD5_I(b, c, d) ((c) ^ ((b) | ~(d)))
 
 #define MD5_STEP(f, a, b, c, d, k, t, s) MD5_STEP_##f(a, b, c, d, k, t, s)
-#define MD5_STEP_F(a, b, c, d, k, t, s)            \
+#define MD5_STEP_F(a, b, c, d, k, t, s)                      \
   a += LoadLittle32(block + 4 * (k)) + (t) + MD5_F(b, c, d); \
   a = RotateLeft(a, s) + (b)
-#define MD5_STEP_G(a, b, c, d, k, t, s)                           \
-  a += LoadLittle32(block + 4 * (k)) + (t) + ((c) & ~(d));        \
-  a += (b) & (d);                                                 \
+#define MD5_STEP_G(a, b, c, d, k, t, s)                    \
+  a += LoadLittle32(block + 4 * (k)) + (t) + ((c) & ~(d)); \
+  a += (b) & (d);                                          \
   a = RotateLeft(a, s) + (b)
 #define MD5_STEP_H1(a, b, c, d, k, t, s)                          \
   a += LoadLittle32(block + 4 * (k)) + (t) + (((b) ^ (c)) ^ (d)); \
@@ -53,7 +53,7 @@ using internal::RotateLeft;
 #define MD5_STEP_H2(a, b, c, d, k, t, s)                          \
   a += LoadLittle32(block + 4 * (k)) + (t) + ((b) ^ ((c) ^ (d))); \
   a = RotateLeft(a, s) + (b)
-#define MD5_STEP_I(a, b, c, d, k, t, s)            \
+#define MD5_STEP_I(a, b, c, d, k, t, s)                      \
   a += LoadLittle32(block + 4 * (k)) + (t) + MD5_I(b, c, d); \
   a = RotateLeft(a, s) + (b)
 
@@ -228,8 +228,7 @@ void MD5::addData(unsigned char const* data, unsigned int size) { Update(*d_, da
 
 collection::Vector<unsigned char> MD5::result() const { return Finish(*d_); }
 
-collection::Vector<unsigned char> MD5::ComputeBinary(unsigned char const* data,
-                                                     unsigned int size) {
+collection::Vector<unsigned char> MD5::ComputeBinary(unsigned char const* data, unsigned int size) {
   MD5Private state;
   Initialize(state);
   Update(state, data, size);

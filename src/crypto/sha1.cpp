@@ -30,26 +30,25 @@ namespace internal {
 
 // The message schedule lives in a ring of 16 words; the rounds are unrolled
 // so that the five working words never move.
-#define SHA1_W(i) w[(i) & 15]
-#define SHA1_NEXT(i)                                                                   \
-  (SHA1_W(i) = RotateLeft(SHA1_W((i) + 13) ^ SHA1_W((i) + 8) ^ SHA1_W((i) + 2) ^ SHA1_W(i), \
-                          1))
-#define SHA1_R0(v, x, y, z, u, i)                                                    \
-  SHA1_W(i) = LoadBig32(data + 4 * (i));                                             \
-  u += (((y) ^ (z)) & (x)) ^ (z);                                                    \
-  u += SHA1_W(i) + 0x5A827999u + RotateLeft(v, 5);                                   \
+#define SHA1_W(i) w[(i)&15]
+#define SHA1_NEXT(i) \
+  (SHA1_W(i) = RotateLeft(SHA1_W((i) + 13) ^ SHA1_W((i) + 8) ^ SHA1_W((i) + 2) ^ SHA1_W(i), 1))
+#define SHA1_R0(v, x, y, z, u, i)                  \
+  SHA1_W(i) = LoadBig32(data + 4 * (i));           \
+  u += (((y) ^ (z)) & (x)) ^ (z);                  \
+  u += SHA1_W(i) + 0x5A827999u + RotateLeft(v, 5); \
   x = RotateLeft(x, 30)
-#define SHA1_R1(v, x, y, z, u, i)                                                    \
-  u += ((((y) ^ (z)) & (x)) ^ (z)) + SHA1_NEXT(i) + 0x5A827999u + RotateLeft(v, 5);  \
+#define SHA1_R1(v, x, y, z, u, i)                                                   \
+  u += ((((y) ^ (z)) & (x)) ^ (z)) + SHA1_NEXT(i) + 0x5A827999u + RotateLeft(v, 5); \
   x = RotateLeft(x, 30)
-#define SHA1_R2(v, x, y, z, u, i)                                                    \
-  u += ((x) ^ (y) ^ (z)) + SHA1_NEXT(i) + 0x6ED9EBA1u + RotateLeft(v, 5);            \
+#define SHA1_R2(v, x, y, z, u, i)                                         \
+  u += ((x) ^ (y) ^ (z)) + SHA1_NEXT(i) + 0x6ED9EBA1u + RotateLeft(v, 5); \
   x = RotateLeft(x, 30)
-#define SHA1_R3(v, x, y, z, u, i)                                                    \
+#define SHA1_R3(v, x, y, z, u, i)                                                         \
   u += ((x) & (y)) + ((z) & ((x) ^ (y))) + SHA1_NEXT(i) + 0x8F1BBCDCu + RotateLeft(v, 5); \
   x = RotateLeft(x, 30)
-#define SHA1_R4(v, x, y, z, u, i)                                                    \
-  u += ((x) ^ (y) ^ (z)) + SHA1_NEXT(i) + 0xCA62C1D6u + RotateLeft(v, 5);            \
+#define SHA1_R4(v, x, y, z, u, i)                                         \
+  u += ((x) ^ (y) ^ (z)) + SHA1_NEXT(i) + 0xCA62C1D6u + RotateLeft(v, 5); \
   x = RotateLeft(x, 30)
 
 void Sha1BlocksPortable(uint32_t state[5], const unsigned char* data, size_t blocks) {

@@ -20,8 +20,8 @@ namespace {
 // goes through the rounds, and W(G + 4) is made in its place in the ring of
 // four message vectors while the block still needs more.
 template <int G>
-inline __attribute__((always_inline)) void Group(uint32x4_t& abcd, uint32_t& e,
-                                                 uint32x4_t (&m)[4], const uint32x4_t& k) {
+inline __attribute__((always_inline)) void Group(uint32x4_t& abcd, uint32_t& e, uint32x4_t (&m)[4],
+                                                 const uint32x4_t& k) {
   const uint32x4_t wk = vaddq_u32(m[G & 3], k);
   const uint32_t eNext = vsha1h_u32(vgetq_lane_u32(abcd, 0));
   if constexpr (G < 5) {
@@ -33,8 +33,8 @@ inline __attribute__((always_inline)) void Group(uint32x4_t& abcd, uint32_t& e,
   }
   e = eNext;
   if constexpr (G + 4 <= 19) {
-    m[G & 3] = vsha1su1q_u32(vsha1su0q_u32(m[G & 3], m[(G + 1) & 3], m[(G + 2) & 3]),
-                             m[(G + 3) & 3]);
+    m[G & 3] =
+        vsha1su1q_u32(vsha1su0q_u32(m[G & 3], m[(G + 1) & 3], m[(G + 2) & 3]), m[(G + 3) & 3]);
   }
 }
 

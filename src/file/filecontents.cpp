@@ -21,6 +21,7 @@ namespace {
 
 constexpr mode_t kDirectoryBit = 040000;
 constexpr size_t kCopyChunk = 4096;
+constexpr size_t kStreamBuffer = 64 * 1024;
 
 // Closes a descriptor when it leaves its scope.
 class Descriptor {
@@ -87,6 +88,43 @@ bool WriteFully(int fd, const char* data, size_t count) {
     done += static_cast<size_t>(put);
   }
   return true;
+}
+
+// Copies `size` bytes from `in` to `out` in chunks of at most 4096 bytes,
+// counting the remaining bytes down. Both sides are buffered (like file
+// streams, with larger buffers), so that a chunk is a copy between buffers
+// and the system is called once per buffer rather than once per chunk.
+// False on a read or write error, or when the input ends early (a file that
+// shrank while being copied).
+bool CopyChunks(int in, int out, unsigned long long size) {
+  collection::Vector<char> input(kStreamBuffer);
+  collection::Vector<char> output(kStreamBuffer);
+  size_t inBegin = 0;
+  size_t inEnd = 0;
+  size_t outEnd = 0;
+  char chunk[kCopyChunk];
+  unsigned long long remaining = size;
+  while (remaining > 0) {
+    if (inBegin == inEnd) {
+      ssize_t got = ReadSome(in, input.data(), input.size());
+      if (got <= 0) return false;
+      inBegin = 0;
+      inEnd = static_cast<size_t>(got);
+    }
+    size_t count = inEnd - inBegin;
+    if (count > kCopyChunk) count = kCopyChunk;
+    if (count > remaining) count = static_cast<size_t>(remaining);
+    std::memcpy(chunk, input.data() + inBegin, count);
+    inBegin += count;
+    if (outEnd + count > output.size()) {
+      if (!WriteFully(out, output.data(), outEnd)) return false;
+      outEnd = 0;
+    }
+    std::memcpy(output.data() + outEnd, chunk, count);
+    outEnd += count;
+    remaining -= count;
+  }
+  return WriteFully(out, output.data(), outEnd);
 }
 
 // Opens `path` for reading and places the descriptor behind a byte-order
@@ -273,19 +311,14 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
   bool ok = false;
   off_t end = ::lseek(in.get(), 0, SEEK_END);
   if (end >= 0 && ::lseek(in.get(), 0, SEEK_SET) == 0) {
-    unsigned long long remaining = static_cast<unsigned long long>(end);
-    char chunk[kCopyChunk];
-    ok = true;
-    while (remaining > 0) {
-      size_t want = remaining < kCopyChunk ? static_cast<size_t>(remaining) : kCopyChunk;
-      ssize_t got = ReadSome(in.get(), chunk, want);
-      // A file that shrank while being copied ends the copy with failure
-      // rather than waiting for bytes that never come.
-      if (got <= 0 || !WriteFully(out.get(), chunk, static_cast<size_t>(got))) {
-        ok = false;
-        break;
-      }
-      remaining -= static_cast<unsigned long long>(got);
+    try {
+      ok = CopyChunks(in.get(), out.get(), static_cast<unsigned long long>(end));
+    } catch (...) {
+      // No memory for the buffers: no partial copy stays behind.
+      in.close();
+      out.close();
+      (void)RemoveFile(to);
+      throw;
     }
   }
   in.close();

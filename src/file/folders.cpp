@@ -106,8 +106,10 @@ void Walk(const SafeString& root, const SafeString& prefix, unsigned int flags,
         out.push_back(relative);
       } else if ((flags & detail::kWalkName) != 0) {
         out.emplace_back(entry->d_name);
-      } else {
+      } else if (descend) {
         out.push_back(full);
+      } else {
+        out.push_back(std::move(full));
       }
     }
     if (descend) Walk(full, relative, flags, out);
@@ -154,24 +156,31 @@ bool CreateParents(const SafeString& path, SafeString& firstCreated) {
   firstCreated.clear();
   collection::Vector<SafeString> parts = SplitPath(path);
   if (parts.size() < 2) return true;
-  collection::Vector<SafeString> prefix;
-  prefix.reserve(parts.size());
-  for (size_t i = 0; i + 1 < parts.size(); ++i) {
-    prefix.push_back(parts[i]);
-    SafeString folder = JoinPath(prefix);
-    struct stat info;
-    bool ok;
-    if (::stat(folder.c_str(), &info) == 0) {
-      ok = (info.st_mode & kDirectoryBit) != 0;
-    } else {
-      ok = ::mkdir(folder.c_str(), kFolderMode) == 0;
-      if (ok && firstCreated.empty()) firstCreated = folder;
+  try {
+    collection::Vector<SafeString> prefix;
+    prefix.reserve(parts.size());
+    for (size_t i = 0; i + 1 < parts.size(); ++i) {
+      prefix.push_back(parts[i]);
+      SafeString folder = JoinPath(prefix);
+      struct stat info;
+      bool ok;
+      if (::stat(folder.c_str(), &info) == 0) {
+        ok = (info.st_mode & kDirectoryBit) != 0;
+      } else {
+        ok = ::mkdir(folder.c_str(), kFolderMode) == 0;
+        if (ok && firstCreated.empty()) firstCreated.swap(folder);
+      }
+      if (!ok) {
+        if (!firstCreated.empty()) (void)FileUtils::RemoveFolder(firstCreated);
+        firstCreated.clear();
+        return false;
+      }
     }
-    if (!ok) {
-      if (!firstCreated.empty()) (void)FileUtils::RemoveFolder(firstCreated);
-      firstCreated.clear();
-      return false;
-    }
+  } catch (...) {
+    // Out of memory midway: the made folders go too.
+    if (!firstCreated.empty()) (void)FileUtils::RemoveFolder(firstCreated);
+    firstCreated.clear();
+    throw;
   }
   return true;
 }
@@ -202,25 +211,31 @@ bool FileUtils::CopyFolder(const SafeString& from, const SafeString& to) {
     if (!CreateFolder(to)) return false;
     created = true;
   }
-  // The direct entries of `from`, each with whether it counts as a folder.
-  collection::Vector<std::pair<SafeString, bool> > entries;
-  {
-    FolderStream dir(from);
-    if (dir.valid()) {
-      while (struct dirent* entry = dir.next()) {
-        SafeString full = Child(from, entry->d_name);
-        const bool folder = EntryIsFolder(entry, full);
-        entries.emplace_back(std::move(full), folder);
+  try {
+    // The direct entries of `from`, each with whether it counts as a folder.
+    collection::Vector<std::pair<SafeString, bool> > entries;
+    {
+      FolderStream dir(from);
+      if (dir.valid()) {
+        while (struct dirent* entry = dir.next()) {
+          SafeString full = Child(from, entry->d_name);
+          const bool folder = EntryIsFolder(entry, full);
+          entries.emplace_back(std::move(full), folder);
+        }
       }
     }
-  }
-  for (const auto& entry : entries) {
-    SafeString target = LinkPath(to, GetFileName(entry.first));
-    bool ok = entry.second ? CopyFolder(entry.first, target) : CopyFile(entry.first, target);
-    if (!ok) {
-      if (created) (void)RemoveFolder(to);
-      return false;
+    for (const auto& entry : entries) {
+      SafeString target = LinkPath(to, GetFileName(entry.first));
+      bool ok = entry.second ? CopyFolder(entry.first, target) : CopyFile(entry.first, target);
+      if (!ok) {
+        if (created) (void)RemoveFolder(to);
+        return false;
+      }
     }
+  } catch (...) {
+    // Out of memory midway: a target made here goes, as on failure.
+    if (created) (void)RemoveFolder(to);
+    throw;
   }
   return true;
 }

@@ -22,6 +22,7 @@ void Serialize(IStream* stream, const SafeString& value) {
 }
 
 bool Deserialize(IStream* stream, SafeString& value) {
+  if (stream == nullptr) return false;
   unsigned long long size = 0;
   if (!__ReadSize(stream, size)) return false;
   const unsigned long long length = stream->length();

@@ -135,8 +135,7 @@ void MemoryBuffer::_setAllocLength(unsigned long long length) {
 }
 
 void MemoryBuffer::_addAllocLength(unsigned long long length) {
-  const unsigned long long grown =
-      allocLength_ < length ? allocLength_ + length : allocLength_ * 2;
+  const unsigned long long grown = allocLength_ < length ? allocLength_ + length : allocLength_ * 2;
   if (grown < allocLength_) throw std::bad_alloc();
   _setAllocLength(grown);
 }

@@ -55,9 +55,7 @@ unsigned long long StringWriter::seekWrite(unsigned long long position) {
   return previous;
 }
 
-unsigned char* StringWriter::data() const {
-  return reinterpret_cast<unsigned char*>(&text_[0]);
-}
+unsigned char* StringWriter::data() const { return reinterpret_cast<unsigned char*>(&text_[0]); }
 
 void StringWriter::clear() {
   text_.clear();

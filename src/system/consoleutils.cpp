@@ -42,8 +42,6 @@ void WritePiece(const char* text) {
 
 namespace sealed {
 
-ConsoleLock::ConsoleLock() : counter_(0) {}
-
 ConsoleLock::~ConsoleLock() = default;
 
 void ConsoleLock::lock() {

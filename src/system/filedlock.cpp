@@ -46,8 +46,7 @@ FiledLockPrivate* Open(const char* name) {
   if (semaphore == SEM_FAILED) throw lang::Exception(kFunc, "initialize failed");
   FiledLockPrivate* d = nullptr;
   try {
-    d = lang::AccountedNew<FiledLockPrivate>(ZORV_ACCOUNTING_SITE(kSource, "FiledLock"),
-                                             semaphore);
+    d = lang::AccountedNew<FiledLockPrivate>(ZORV_ACCOUNTING_SITE(kSource, "FiledLock"), semaphore);
   } catch (...) {
     sem_close(semaphore);
     throw;

@@ -9,8 +9,6 @@ namespace system {
 
 Library::Library() : handle_(nullptr) {}
 
-Library::~Library() = default;
-
 bool Library::load(const char* path) {
   if (handle_ != nullptr) return false;
   handle_ = dlopen(path, RTLD_LAZY);

@@ -7,5 +7,6 @@ list(APPEND ZORV_FOUNDATION_SOURCES
 
   # named file lock, process control
   ${CMAKE_CURRENT_LIST_DIR}/filedlock.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/process.cpp
 
 )

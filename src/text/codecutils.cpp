@@ -1,6 +1,7 @@
 // CodecUtils: Base64 and URI percent-encoding.
 #include "foundation/text/codecutils.h"
 
+#include <cstdint>
 #include <cstring>
 
 namespace zorv {
@@ -61,8 +62,7 @@ constexpr UriTable MakeUriTable() {
   UriTable t{};
   for (int i = 0; i < 256; ++i) {
     const bool unreserved = (i >= 'A' && i <= 'Z') || (i >= 'a' && i <= 'z') ||
-                            (i >= '0' && i <= '9') || i == '-' || i == '.' || i == '_' ||
-                            i == '~';
+                            (i >= '0' && i <= '9') || i == '-' || i == '.' || i == '_' || i == '~';
     t.passes[i] = unreserved ? 1 : 0;
   }
   return t;
@@ -71,6 +71,19 @@ constexpr UriTable MakeUriTable() {
 constexpr UriTable kUri = MakeUriTable();
 
 constexpr char kHexUpper[] = "0123456789ABCDEF";
+
+// The four bytes at `p` as a big-endian number.
+inline unsigned int LoadBigEndian32(const unsigned char* p) {
+  std::uint32_t word;
+  std::memcpy(&word, p, sizeof(word));
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  word = __builtin_bswap32(word);
+#elif !defined(__BYTE_ORDER__)
+  word = (static_cast<std::uint32_t>(p[0]) << 24) | (static_cast<std::uint32_t>(p[1]) << 16) |
+         (static_cast<std::uint32_t>(p[2]) << 8) | p[3];
+#endif
+  return word;
+}
 
 // The value of a hexadecimal digit of either case, or -1.
 inline int HexValue(unsigned char c) {
@@ -90,6 +103,15 @@ foundation::SafeString CodecUtils::EncodeBase64(unsigned char const* data, unsig
   char* out = &text[0];
   const unsigned int whole = size / 3 * 3;
   unsigned int i = 0;
+  // Whole groups with a fourth byte readable behind them: one 32-bit load.
+  const unsigned int wide = size >= 4 ? ((size - 4) / 3 + 1) * 3 : 0;
+  const unsigned int fast = wide < whole ? wide : whole;
+  for (; i < fast; i += 3) {
+    const unsigned int group = LoadBigEndian32(data + i) >> 8;
+    std::memcpy(out, kPairs.pairs[group >> 12], 2);
+    std::memcpy(out + 2, kPairs.pairs[group & 0xFFF], 2);
+    out += 4;
+  }
   for (; i < whole; i += 3) {
     const unsigned int group = (static_cast<unsigned int>(data[i]) << 16) |
                                (static_cast<unsigned int>(data[i + 1]) << 8) | data[i + 2];
@@ -115,7 +137,8 @@ foundation::SafeString CodecUtils::EncodeBase64(unsigned char const* data, unsig
   return text;
 }
 
-bool CodecUtils::DecodeBase64(char const* text, unsigned int length, collection::Vector<unsigned char>& out) {
+bool CodecUtils::DecodeBase64(char const* text, unsigned int length,
+                              collection::Vector<unsigned char>& out) {
   if (text == nullptr) return false;
   out.clear();
   if (length == 0) return true;

@@ -35,7 +35,9 @@ constexpr ClassTable kClass = MakeClassTable();
 constexpr unsigned char kDecimal = 1;
 constexpr unsigned char kHex = 2;
 
-inline bool IsDigit(char c) { return (kClass.bytes[static_cast<unsigned char>(c)] & kDecimal) != 0; }
+inline bool IsDigit(char c) {
+  return (kClass.bytes[static_cast<unsigned char>(c)] & kDecimal) != 0;
+}
 inline bool IsHexDigit(char c) { return (kClass.bytes[static_cast<unsigned char>(c)] & kHex) != 0; }
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
@@ -142,7 +144,9 @@ foundation::SafeString StringUtils::LongToString(long long value) {
   return UnsignedText(magnitude, negative);
 }
 
-foundation::SafeString StringUtils::UIntToString(unsigned int value) { return UnsignedText(value, false); }
+foundation::SafeString StringUtils::UIntToString(unsigned int value) {
+  return UnsignedText(value, false);
+}
 
 foundation::SafeString StringUtils::ULongToString(unsigned long long value) {
   return UnsignedText(value, false);

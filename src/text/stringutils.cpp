@@ -6,7 +6,6 @@
 #include <cstring>
 #include <utility>
 
-
 namespace zorv {
 namespace foundation {
 namespace text {
@@ -34,7 +33,8 @@ constexpr ByteTable kLower = MakeCaseTable('A', 'a');
 constexpr const unsigned char* kUpperTable = kUpper.bytes;
 constexpr const unsigned char* kLowerTable = kLower.bytes;
 
-static_assert(kUpper.bytes[0x71] == 0x51 && kUpper.bytes[0x51] == 0x51 && kUpper.bytes[0xE9] == 0xE9,
+static_assert(kUpper.bytes[0x71] == 0x51 && kUpper.bytes[0x51] == 0x51 &&
+                  kUpper.bytes[0xE9] == 0xE9,
               "upper-case table: q, Q, e-acute");
 static_assert(kLower.bytes[0x51] == 0x71 && kLower.bytes[0x5B] == 0x5B, "lower-case table: Q, [");
 
@@ -58,7 +58,9 @@ foundation::SafeString FormatV(const char* format, va_list args) {
       va_copy(attempt, args);
       const int count = std::vsnprintf(&work[0], size, format, attempt);
       va_end(attempt);
-      if (count >= 0 && static_cast<size_t>(count) < size) {
+      // A negative count is an encoding error that no larger size cures.
+      if (count < 0) return foundation::SafeString();
+      if (static_cast<size_t>(count) < size) {
         work.resize(static_cast<size_t>(count));
         return work;
       }
@@ -170,7 +172,8 @@ foundation::SafeString StringUtils::ToUpper(const char* s) { return MapCase(s, k
 
 foundation::SafeString StringUtils::ToLower(const char* s) { return MapCase(s, kLowerTable); }
 
-bool StringUtils::Split(const char* text, char separator, collection::Vector<foundation::SafeString>& pieces) {
+bool StringUtils::Split(const char* text, char separator,
+                        collection::Vector<foundation::SafeString>& pieces) {
   if (text == nullptr) {
     pieces.emplace_back();
     return false;

@@ -67,7 +67,8 @@ struct ReadWriteLock::ReadWriteLockPrivate {
 };
 
 ReadWriteLock::ReadWriteLock()
-    : d_(lang::AccountedNew<ReadWriteLockPrivate>(ZORV_ACCOUNTING_SITE(kSource, "ReadWriteLock"))) {}
+    : d_(lang::AccountedNew<ReadWriteLockPrivate>(ZORV_ACCOUNTING_SITE(kSource, "ReadWriteLock"))) {
+}
 
 ReadWriteLock::~ReadWriteLock() {
   lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~ReadWriteLock"));

@@ -144,9 +144,7 @@ SafeString Thread::threadName() const {
   return debug::ChronoMonitor::GetThreadName(threadID());
 }
 
-unsigned long long Thread::CurrentID() {
-  return static_cast<unsigned long long>(pthread_self());
-}
+unsigned long long Thread::CurrentID() { return static_cast<unsigned long long>(pthread_self()); }
 
 int Thread::Sleep(unsigned int ms) {
   struct timeval timeout;

@@ -29,8 +29,8 @@ DateTime::DateTime(unsigned long long seconds, int millisecond, int microsecond)
   _init(seconds, millisecond, microsecond);
 }
 
-DateTime::DateTime(int year, int month, int day, int hour, int minute, int second,
-                   int millisecond, int microsecond) {
+DateTime::DateTime(int year, int month, int day, int hour, int minute, int second, int millisecond,
+                   int microsecond) {
   struct tm fields = {};
   fields.tm_year = year - 1900;
   fields.tm_mon = month - 1;

@@ -27,9 +27,10 @@ bool Stopwatch::isStopped() const { return stopped_; }
 unsigned long long Stopwatch::elapsedMicros() const {
   const unsigned long long freq = SystemUtils::GetClockFreq();
   const unsigned long long ticks = stopped_ ? value_ : SystemUtils::GetClock() - value_;
-  return static_cast<unsigned long long>(static_cast<double>(ticks) * 1000000.0 /
-                                             static_cast<double>(freq) +
-                                         0.5);
+  // Nearest microsecond; the value is never negative, so adding a half and
+  // truncating rounds correctly.
+  return static_cast<unsigned long long>(  // NOLINT(bugprone-incorrect-roundings)
+      static_cast<double>(ticks) * 1000000.0 / static_cast<double>(freq) + 0.5);
 }
 
 unsigned long long Stopwatch::toTick() const { return elapsedMicros() / 1000ULL; }

@@ -1,6 +1,7 @@
 // MD5 and SHA1: published test vectors, incremental use against one-shot
 // use, files against the md5sum/sha1sum programs, and both SHA-1 block
 // transforms (the portable one and the one on SHA instructions).
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -197,7 +198,8 @@ TYPED_TEST(DigestTest, ResultTwiceWithMoreDataBetween) {
   Digest digest;
   digest.addData(Bytes(first), static_cast<unsigned int>(first.size()));
   EXPECT_EQ(Text(Digest::ToString(digest.result())), this->Hex(first));
-  EXPECT_EQ(Text(Digest::ToString(digest.result())), this->Hex(first)) << "result() changes nothing";
+  EXPECT_EQ(Text(Digest::ToString(digest.result())), this->Hex(first))
+      << "result() changes nothing";
   digest.addData(Bytes(second), static_cast<unsigned int>(second.size()));
   EXPECT_EQ(Text(Digest::ToString(digest.result())), this->Hex(first + second));
 }
@@ -260,7 +262,9 @@ TYPED_TEST(DigestTest, MissingFileFailsAndLeavesTheOutputAlone) {
   zorv::test::TempDir dir;
   const std::string missing = dir / "missing";
   Vector<unsigned char> digest{1, 2, 3};
+  errno = 0;
   EXPECT_FALSE(Digest::ComputeFile(missing.c_str(), digest));
+  EXPECT_EQ(errno, 0) << "errno does not leave the library";
   EXPECT_EQ(digest, (Vector<unsigned char>{1, 2, 3}));
   SafeString text("kept");
   EXPECT_FALSE(Digest::EncodeFile(missing.c_str(), text));

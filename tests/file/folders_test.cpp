@@ -290,4 +290,53 @@ TEST_F(FoldersTest, ProcessDescriptorFolderCanBeListed) {
   EXPECT_NE(std::find(names.begin(), names.end(), "0"), names.end());
 }
 
+TEST_F(FoldersTest, AllocationFailuresLeaveNothingHalfMade) {
+  MakeTree();
+  const SafeString root = P("root");
+  const SafeString copy = P("copy");
+  const SafeString deep = P("made/one/two/file.txt");
+  bool copied = false;
+  bool written = false;
+  for (unsigned int n = 1; n < 400 && !(copied && written); ++n) {
+    SCOPED_TRACE("failing allocation " + std::to_string(n));
+    if (!copied) {
+      bool threw = false;
+      {
+        zorv::test::FailAfterGuard fail(n);
+        try {
+          copied = FileUtils::CopyFolder(root, copy);
+        } catch (const std::bad_alloc&) {
+          threw = true;
+        }
+      }
+      EXPECT_EQ(RawExists(dir_ / "copy"), copied);
+      EXPECT_TRUE(threw || copied);
+    }
+    if (!written) {
+      bool threw = false;
+      {
+        zorv::test::FailAfterGuard fail(n);
+        try {
+          written = FileUtils::WriteText(deep, "text");
+        } catch (const std::bad_alloc&) {
+          threw = true;
+        }
+      }
+      EXPECT_EQ(RawExists(dir_ / "made"), written);
+      EXPECT_TRUE(threw || written);
+    }
+    {
+      zorv::test::FailAfterGuard fail(n);
+      try {
+        Vector<SafeString> found = FileUtils::SearchFiles(root, 4, Suffixes({".txt"}));
+        EXPECT_EQ(found.size(), 4u);
+      } catch (const std::bad_alloc&) {
+      }
+    }
+  }
+  EXPECT_TRUE(copied);
+  EXPECT_TRUE(written);
+  EXPECT_EQ(ReadRawFile(dir_ / "made/one/two/file.txt"), "text");
+}
+
 }  // namespace

@@ -116,6 +116,9 @@ TEST_F(SerializationTest, WorksOverStringStreams) {
   EXPECT_EQ(out, "two!");
   EXPECT_FALSE(Deserialize(&reader, out));
   Serialize(nullptr, "ignored");
+  SafeString kept("kept");
+  EXPECT_FALSE(Deserialize(nullptr, kept));
+  EXPECT_EQ(kept, "kept");
 }
 
 TEST_F(SerializationTest, RandomStringsRoundTrip) {

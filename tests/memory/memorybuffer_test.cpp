@@ -19,7 +19,9 @@ using zorv::foundation::memory::StringReader;
 
 using MemoryBufferTest = zorv::test::LeakCheckedTest;
 
-const unsigned char* Bytes(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
+const unsigned char* Bytes(const char* text) {
+  return reinterpret_cast<const unsigned char*>(text);
+}
 
 std::vector<unsigned char> Pattern(size_t n) {
   std::vector<unsigned char> bytes(n);

@@ -17,7 +17,9 @@ using zorv::foundation::memory::StringWriter;
 using StringReaderTest = zorv::test::LeakCheckedTest;
 using StringWriterTest = zorv::test::LeakCheckedTest;
 
-const unsigned char* Bytes(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
+const unsigned char* Bytes(const char* text) {
+  return reinterpret_cast<const unsigned char*>(text);
+}
 
 TEST_F(StringReaderTest, ReadsTheStringFromItsPosition) {
   const SafeString text("abcdef");

@@ -96,7 +96,11 @@ TEST_F(ConsoleUtilsTest, RangeIsWrittenInPiecesOf1023Bytes) {
     std::vector<size_t> pieces;
   };
   const Case cases[] = {
-      {0, {}}, {1, {1}}, {1023, {1023}}, {1024, {1023, 1}}, {2046, {1023, 1023}},
+      {0, {}},
+      {1, {1}},
+      {1023, {1023}},
+      {1024, {1023, 1}},
+      {2046, {1023, 1023}},
       {3000, {1023, 1023, 954}},
   };
   for (const Case& c : cases) {

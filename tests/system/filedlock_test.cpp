@@ -1,6 +1,8 @@
 // FiledLock: exclusion by name within a process and between processes, the
 // name rule and its exceptions, handle counting, and a semaphore that keeps
 // its state after every object of its name is gone.
+#include "foundation/system/filedlock.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <semaphore.h>
@@ -18,7 +20,6 @@
 #include "foundation/debug/objectmonitor.h"
 #include "foundation/debug/systemmonitor.h"
 #include "foundation/lang/exception.h"
-#include "foundation/system/filedlock.h"
 #include "foundation/threading/lock.h"
 #include "support/boundedwait.h"
 #include "support/leakcheck.h"
@@ -126,14 +127,17 @@ int RunChild(Body body, int* pipeOut = nullptr) {
     _exit(body(fds[1]));
   }
   close(fds[1]);
-  if (pipeOut != nullptr) *pipeOut = fds[0];
-  else close(fds[0]);
+  if (pipeOut != nullptr)
+    *pipeOut = fds[0];
+  else
+    close(fds[0]);
   return static_cast<int>(child);
 }
 
 int WaitChild(pid_t child) {
   int status = 0;
-  const bool ended = zorv::test::PollUntil([&] { return waitpid(child, &status, WNOHANG) == child; });
+  const bool ended =
+      zorv::test::PollUntil([&] { return waitpid(child, &status, WNOHANG) == child; });
   if (!ended) {
     kill(child, SIGKILL);
     waitpid(child, &status, 0);
@@ -220,9 +224,7 @@ TEST_F(FiledLockTest, StaysTakenAfterEveryObjectOfItsNameIsDestroyed) {
   EXPECT_TRUE(later.tryLock());
   later.unlock();
   // The semaphore itself is still there after this object too.
-  {
-    FiledLock gone(name.c_str());
-  }
+  { FiledLock gone(name.c_str()); }
   sem_t* raw = sem_open(("/" + name).c_str(), 0);
   ASSERT_NE(raw, SEM_FAILED) << "the library unlinked the semaphore";
   int value = -1;

@@ -30,14 +30,20 @@ std::string Decoded(const Vector<unsigned char>& out) {
 
 TEST_F(Base64Test, Rfc4648Vectors) {
   const std::pair<const char*, const char*> vectors[] = {
-      {"", ""},           {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+      {"", ""},
+      {"f", "Zg=="},
+      {"fo", "Zm8="},
+      {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="},
+      {"fooba", "Zm9vYmE="},
+      {"foobar", "Zm9vYmFy"},
   };
   for (const auto& v : vectors) {
     SCOPED_TRACE(v.first);
     EXPECT_EQ(Encode(v.first), v.second);
     Vector<unsigned char> out;
-    EXPECT_TRUE(CodecUtils::DecodeBase64(v.second, static_cast<unsigned int>(std::strlen(v.second)), out));
+    EXPECT_TRUE(
+        CodecUtils::DecodeBase64(v.second, static_cast<unsigned int>(std::strlen(v.second)), out));
     EXPECT_EQ(Decoded(out), v.first);
   }
 }
@@ -75,12 +81,12 @@ TEST_F(Base64Test, DecodeRules) {
       {"Zm9", 3, false, ""},
       {"", 0, true, ""},
       {"Zm9vYg", 6, false, ""},
-      {"Zm=v", 4, true, "f"},      // the third character alone drops two bytes
+      {"Zm=v", 4, true, "f"},  // the third character alone drops two bytes
       {"Zm9=", 4, true, "fo"},
       {"Zg==", 4, true, "f"},
-      {"====", 4, true, std::string(1, '\0')},  // '=' decodes as zero bits
+      {"====", 4, true, std::string(1, '\0')},            // '=' decodes as zero bits
       {"Zg==Zm9v", 8, true, std::string("f\0\0foo", 6)},  // padding inside is not looked at
-      {"Zm 9", 4, true, "f`="},  // a blank decodes as zero bits
+      {"Zm 9", 4, true, "f`="},                           // a blank decodes as zero bits
       {"Zm9v\n", 5, false, ""},
       {"\x80\x81\xff\xfe", 4, true, std::string(3, '\0')},
   };
@@ -136,10 +142,13 @@ TEST_F(UriTest, DecodeIsLenient) {
     std::string decoded;
   };
   const Case cases[] = {
-      {"100%", "100%"},       {"%zz%41", "%zzA"},   {"%4a", "J"},         {"%4A", "J"},
-      {"a+b", "a+b"},         {"%00x", std::string("\0x", 2)},            {"%", "%"},
-      {"%4", "%4"},           {"%%41", "%A"},       {"%C3%A9", "\xc3\xa9"}, {"", ""},
-      {"%g1%1g", "%g1%1g"},   {"%2520", "%20"},     {"\xff%ff", "\xff\xff"},
+      {"100%", "100%"}, {"%zz%41", "%zzA"},
+      {"%4a", "J"},     {"%4A", "J"},
+      {"a+b", "a+b"},   {"%00x", std::string("\0x", 2)},
+      {"%", "%"},       {"%4", "%4"},
+      {"%%41", "%A"},   {"%C3%A9", "\xc3\xa9"},
+      {"", ""},         {"%g1%1g", "%g1%1g"},
+      {"%2520", "%20"}, {"\xff%ff", "\xff\xff"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
@@ -155,7 +164,8 @@ TEST_F(UriTest, RandomTextRoundTrips) {
     for (char& c : text) c = static_cast<char>(1 + random() % 255);
     const SafeString encoded = CodecUtils::EncodeUri(text.c_str());
     for (char c : encoded) {
-      ASSERT_TRUE(std::isalnum(static_cast<unsigned char>(c)) || std::strchr("-._~%", c) != nullptr);
+      ASSERT_TRUE(std::isalnum(static_cast<unsigned char>(c)) ||
+                  std::strchr("-._~%", c) != nullptr);
     }
     const SafeString decoded = CodecUtils::DecodeUri(encoded.c_str());
     ASSERT_EQ(std::string(decoded.data(), decoded.size()), text);

@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "support/leakcheck.h"
@@ -25,9 +26,9 @@ TEST_F(StringUtilsTest, CompareIsBytewiseUnsignedWithNullRules) {
     int sign;
   };
   const Case cases[] = {
-      {nullptr, "x", 0}, {"x", nullptr, 1},  {nullptr, nullptr, 0}, {"abc", "abc", 0},
-      {"", "", 0},       {"a", "b", -1},     {"b", "a", 1},         {"ab", "abc", -1},
-      {"abc", "ab", 1},  {"\xff", "a", 1},   {"a", "\x80", -1},     {"ABC", "abc", -1},
+      {nullptr, "x", 0}, {"x", nullptr, 1}, {nullptr, nullptr, 0}, {"abc", "abc", 0},
+      {"", "", 0},       {"a", "b", -1},    {"b", "a", 1},         {"ab", "abc", -1},
+      {"abc", "ab", 1},  {"\xff", "a", 1},  {"a", "\x80", -1},     {"ABC", "abc", -1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.a ? c.a : "(null)") + " vs " + (c.b ? c.b : "(null)"));
@@ -91,7 +92,8 @@ TEST_F(StringUtilsTest, HashNoCaseIsFnv1aOverUpperCase) {
   unsigned int h = 2166136261u;
   for (unsigned char c : {'A', '\0', 'B'}) h = (h ^ c) * 16777619u;
   EXPECT_EQ(StringUtils::HashNoCase(withZero, withZero + 3), h);
-  EXPECT_NE(StringUtils::HashNoCase(withZero, withZero + 3), StringUtils::HashNoCase(withZero, withZero + 1));
+  EXPECT_NE(StringUtils::HashNoCase(withZero, withZero + 3),
+            StringUtils::HashNoCase(withZero, withZero + 1));
   EXPECT_EQ(StringUtils::HashNoCase(nullptr, nullptr), 2166136261u);
 }
 
@@ -128,7 +130,8 @@ TEST_F(StringUtilsTest, TrimRemovesSpacesAndTabsOnly) {
       {Bytes(" \0 ", 3), "", "", Bytes(" \0", 2)},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE("input of length " + std::to_string(c.in.size()) + ": " + std::string(c.in.c_str()));
+    SCOPED_TRACE("input of length " + std::to_string(c.in.size()) + ": " +
+                 std::string(c.in.c_str()));
     EXPECT_EQ(StringUtils::Trim(c.in), c.both);
     EXPECT_EQ(StringUtils::TrimLeft(c.in), c.left);
     EXPECT_EQ(StringUtils::TrimRight(c.in), c.right);
@@ -209,6 +212,10 @@ TEST_F(StringUtilsTest, FormatExpandsLikePrintf) {
   EXPECT_EQ(StringUtils::_InternalFormat("%s=%d", "x", 7), "x=7");
   EXPECT_EQ(StringUtils::_InternalFormat(nullptr), "");
   EXPECT_EQ(StringUtils::Format(nullptr), "");
+  // A wide character that has no multibyte form in the C locale makes
+  // vsnprintf fail; the result is empty at once instead of growing forever.
+  const wchar_t wide[] = {static_cast<wchar_t>(0x20AC), 0};
+  EXPECT_EQ(StringUtils::Format("%ls", wide), "");
 }
 
 TEST_F(StringUtilsTest, FormatOfEveryLengthAroundTheDoublingSteps) {
@@ -242,6 +249,33 @@ TEST_F(StringUtilsTest, FormatDoublesTheWorkSizeAndFailsQuietly) {
     zorv::test::FailAfterGuard guard(c.attempts + 1);
     EXPECT_EQ(StringUtils::_InternalFormat("%s", text.c_str()).size(), c.length);
   }
+}
+
+}  // namespace
+
+namespace {
+
+// A failed allocation passes std::bad_alloc on and leaks nothing (the
+// fixture checks the live blocks).
+TEST_F(StringUtilsTest, AllocationFailuresPassOnWithoutLeaks) {
+  const SafeString longText(" \t" + std::string(64, 'k') + "\t ");
+  const std::string plain(64, 'k');
+  {
+    zorv::test::FailAfterGuard guard(1);
+    EXPECT_THROW(StringUtils::Trim(longText), std::bad_alloc);
+  }
+  {
+    zorv::test::FailAfterGuard guard(1);
+    EXPECT_THROW(StringUtils::ToUpper(plain.c_str()), std::bad_alloc);
+  }
+  for (unsigned int n = 1; n <= 3; ++n) {
+    SCOPED_TRACE(n);
+    Vector<SafeString> pieces;
+    const std::string text = plain + "," + plain + "," + plain;
+    zorv::test::FailAfterGuard guard(n);
+    EXPECT_THROW(StringUtils::Split(text.c_str(), ',', pieces), std::bad_alloc);
+  }
+  EXPECT_EQ(StringUtils::Trim(longText), plain.c_str());
 }
 
 }  // namespace

@@ -147,8 +147,8 @@ TEST_F(LockTest, ExcludesOtherThreads) {
 }
 
 TEST_F(LockerTest, NullLockThrows) {
-  EXPECT_ZORV_THROW(Locker(static_cast<ILock*>(nullptr), false),
-                    "zorv.foundation.threading.Locker", "lock is nullptr");
+  EXPECT_ZORV_THROW(Locker(static_cast<ILock*>(nullptr), false), "zorv.foundation.threading.Locker",
+                    "lock is nullptr");
   EXPECT_ZORV_THROW(Locker(static_cast<ILock*>(nullptr), true), "zorv.foundation.threading.Locker",
                     "lock is nullptr");
 }

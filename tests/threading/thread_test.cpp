@@ -257,7 +257,8 @@ TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
   };
   const Case cases[] = {
       {"", "", "zorv.foundation.threading.Thread: [%u] destroyed while still running"},
-      {"", "named-late", "zorv.foundation.threading.Thread: [%u/named-late]destroyed while still running"},
+      {"", "named-late",
+       "zorv.foundation.threading.Thread: [%u/named-late]destroyed while still running"},
       {"given", "", "zorv.foundation.threading.Thread: [%u/given]destroyed while still running"},
   };
   for (const Case& c : cases) {
@@ -297,6 +298,18 @@ TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
   std::lock_guard<std::mutex> hold(g_linesMutex);
   g_lines = nullptr;
   EXPECT_TRUE(lines.empty());
+}
+
+TEST_F(ThreadTest, ConstructionFailsCleanlyWhenMemoryRunsOut) {
+  const SafeString longName("a thread name longer than fifteen bytes");
+  {
+    zorv::test::FailAfterGuard fail(1);  // the copy of the name
+    EXPECT_THROW(BareThread thread(longName), std::bad_alloc);
+  }
+  BareThread thread(longName);  // the leak check proves nothing was left behind
+  thread.start();
+  thread.wait();
+  EXPECT_EQ(std::string(thread.threadName().c_str()), longName.c_str());
 }
 
 // Tasks for the ITask tests.

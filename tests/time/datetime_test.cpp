@@ -157,6 +157,16 @@ TEST_F(DateTimeTest, InitClampsLikeItAlwaysHas) {
   }
 }
 
+TEST_F(DateTimeTest, ToStringGivesEmptyTextWhenMemoryRunsOut) {
+  Zone("UTC0");
+  const DateTime value(2024, 3, 1, 0, 0, 0, 0, 0);
+  {
+    zorv::test::FailAfterGuard fail(1);
+    EXPECT_EQ(Text(value), "");
+  }
+  EXPECT_EQ(Text(value), "2024-03-01 00:00:00");
+}
+
 TEST_F(DateTimeTest, NowIsTheCurrentLocalTime) {
   for (const ZoneCase& zone : kZones) {
     SCOPED_TRACE(zone.tz);

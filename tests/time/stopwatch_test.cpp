@@ -7,8 +7,8 @@
 
 namespace {
 
-using zorv::foundation::time::Stopwatch;
 using std::chrono::milliseconds;
+using zorv::foundation::time::Stopwatch;
 
 using StopwatchTest = zorv::test::LeakCheckedTest;
 

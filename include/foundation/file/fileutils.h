@@ -161,7 +161,8 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   [[nodiscard]] static bool CreateFolder(const SafeString& path);
 
   // Deletes the folder with all its contents. Symbolic links inside the tree
-  // are removed as links, never followed. False when the path is empty, "/",
+  // are removed as links, never followed; sockets, FIFOs and devices inside
+  // are unlinked like files. False when the path is empty, "/",
   // or not a folder, or when anything cannot be removed; the first failure
   // stops the removal and what was removed stays removed.
   [[nodiscard]] static bool RemoveFolder(const SafeString& path);

@@ -25,8 +25,8 @@ ZORV_FOUNDATION_EXPORT void Serialize(IStream* stream, const SafeString& value);
 
 // Reads one serialized string into `value`. Returns false, leaving `value`
 // unchanged, when the prefix cannot be read or announces more bytes than
-// remain in the stream (the prefix is consumed then), or when the read of the
-// bytes fails. REQUIRES: stream is not null.
+// remain in the stream (the prefix is consumed then), when the read of the
+// bytes fails, or for a null stream.
 ZORV_FOUNDATION_EXPORT bool Deserialize(IStream* stream, SafeString& value);
 
 // Forward `value` (and `index` or `name`) to the archiver's operation of the

@@ -21,7 +21,9 @@ namespace sealed {
 // Thread safety: safe to share; one instance lives for the whole process.
 class ZORV_FOUNDATION_EXPORT ConsoleLock : public threading::ILock {
  public:
-  ConsoleLock();
+  // Free. Constant-initialised, so the process-wide instance is usable from
+  // any static constructor or destructor.
+  constexpr ConsoleLock() : counter_(0) {}
   ~ConsoleLock() override;
   ConsoleLock(const ConsoleLock&) = delete;
   ConsoleLock& operator=(const ConsoleLock&) = delete;

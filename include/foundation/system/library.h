@@ -19,7 +19,7 @@ class ZORV_FOUNDATION_EXPORT Library {
   // Nothing loaded.
   Library();
   // Does nothing (the shared object stays loaded).
-  ~Library();
+  ~Library() = default;
 
   // Loads the shared object at `path` (searched as dlopen searches). False
   // when this object already holds a library (which is kept) or when loading

@@ -36,6 +36,36 @@ class ZORV_FOUNDATION_EXPORT SystemUtils {
   static int GetProcessorNum();
 
   // ---- Process control ----
+  //
+  // Children are started without waiting: the result says only whether the
+  // child process could be created (fork), never whether its program ran or
+  // how it ended. Each call sets SIGCHLD to SIG_IGN for the whole process,
+  // and it stays so: children are reaped by the system and never become
+  // zombies, but nobody in the process can wait for their exit status any
+  // more (waitpid then fails with ECHILD). Each child closes every descriptor
+  // above 2 that it inherited before it runs its program; standard input,
+  // output and error stay shared with the caller. None of these throws.
+
+  // Runs `command` through "/bin/sh -c" in a child process. Returns false
+  // when `command` is null or no child could be created.
+  static bool Command(const char* command);
+
+  // Runs the program at `path` in a child process, with the arguments
+  // `arguments` split at each blank (' '), each piece trimmed of blanks and
+  // tabs, empty pieces dropped; quotes are not interpreted, so an argument
+  // cannot contain a blank. Null arguments run the program without any.
+  // Before anything else the file's mode is set to 0111 (execute-only for
+  // owner, group and others, read and write bits removed), and it keeps that
+  // mode. Returns false when `path` is null or no child could be created; a
+  // program that cannot be run is not reported.
+  static bool Execute(const char* path, const char* arguments);
+
+  // Kills processes by name with the shell command "killall <name>", or
+  // "killall -9 <name>" when `force` is set, run as Command() runs it. The
+  // name is not quoted or escaped: it reaches the shell as it is. killall
+  // must be on the shell's search path. Returns false when `name` is null or
+  // no child could be created.
+  static bool Kill(const char* name, bool force);
 };
 
 }  // namespace system

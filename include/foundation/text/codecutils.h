@@ -31,7 +31,8 @@ class ZORV_FOUNDATION_EXPORT CodecUtils {
   // character drops the last byte. Returns false, with `out` untouched, for a
   // null `text`; false with `out` empty when `length` is not a multiple of 4;
   // true otherwise (an empty text gives an empty `out`).
-  static bool DecodeBase64(char const* text, unsigned int length, collection::Vector<unsigned char>& out);
+  static bool DecodeBase64(char const* text, unsigned int length,
+                           collection::Vector<unsigned char>& out);
 
   // The zero-terminated `text` with every byte outside A-Z a-z 0-9 - . _ ~
   // written as '%' and two upper-case hexadecimal digits (each byte of a

@@ -87,7 +87,8 @@ class ZORV_FOUNDATION_EXPORT StringUtils {
   // separator at either end, give empty pieces. Returns true when at least
   // one separator was found; otherwise exactly one piece, the whole text, was
   // appended. A null `text` appends one empty string and returns false.
-  static bool Split(const char* text, char separator, collection::Vector<foundation::SafeString>& pieces);
+  static bool Split(const char* text, char separator,
+                    collection::Vector<foundation::SafeString>& pieces);
 
   // ---- Formatting -----------------------------------------------------------
 
@@ -146,16 +147,19 @@ class ZORV_FOUNDATION_EXPORT StringUtils {
 
   // Classifies `text`: 0 not a number, 1 decimal integer, 2 floating-point
   // (a point, an exponent, or one of "nan", "inf", "-inf", "+inf"), 3
-  // hexadecimal integer with a "0x"/"0X" prefix. Any text of 1 or 3 is
-  // accepted by the matching parser; "1.", ".5" and "-." are 2, "0x" is 0.
+  // hexadecimal integer with a "0x"/"0X" prefix. Like the parsers, it stops
+  // at the first zero byte. A text of 1 parses with the decimal parsers
+  // whose digit limit it keeps; a text of 3 with 1 to 16 digits parses with
+  // HexStringToULong. "1.", ".5" and "-." are 2; "0x" is 0.
   static int GetNumberFormat(const foundation::SafeString& text);
 
   // ---- End of public API -----------------------------------------------------
   // Helpers for the library's own formatting front ends; callers use Format.
 
   // Formats into a 100-byte work string with vsnprintf, doubling the size
-  // (100, 200, 400, ...) until the text fits. Returns "" for a null format or
-  // when the work string cannot grow; never throws.
+  // (100, 200, 400, ...) until the text fits. Returns "" for a null format,
+  // when the work string cannot grow, and when vsnprintf reports an encoding
+  // error (a negative count); never throws.
   static foundation::SafeString _InternalFormat(const char* format, ...) ZORV_PRINTF_FORMAT(1, 2);
 };
 

@@ -1,0 +1,162 @@
+// CopyFile of a 100 MB file against std::filesystem::copy_file, and
+// SearchFiles over a tree of 100,000 files against
+// std::filesystem::recursive_directory_iterator. The file and the tree are
+// made under $TMPDIR (or /tmp) at start and removed at the end.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "foundation/file/fileutils.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using zorv::foundation::SafeString;
+using zorv::foundation::collection::Vector;
+using zorv::foundation::file::FileUtils;
+
+constexpr size_t kCopyBytes = 100u * 1024u * 1024u;
+constexpr int kFolders = 100;
+constexpr int kFilesPerFolder = 1000;
+
+const std::string& WorkFolder() {
+  static const std::string folder = [] {
+    const char* base = getenv("TMPDIR");
+    std::string pattern =
+        std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/zorv-bench-XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    if (mkdtemp(buffer.data()) == nullptr) return std::string();
+    return std::string(buffer.data());
+  }();
+  return folder;
+}
+
+// The 100 MB source file, made once.
+const std::string& SourceFile() {
+  static const std::string path = [] {
+    std::string p = WorkFolder() + "/source.bin";
+    FILE* file = std::fopen(p.c_str(), "wb");
+    if (file == nullptr) return std::string();
+    std::vector<char> block(1 << 20);
+    for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i * 131 + 7);
+    for (size_t done = 0; done < kCopyBytes; done += block.size()) {
+      std::fwrite(block.data(), 1, block.size(), file);
+    }
+    std::fclose(file);
+    return p;
+  }();
+  return path;
+}
+
+// root/dNN/fNNNN.txt (and every tenth file .dat): 100,000 files.
+const std::string& Tree() {
+  static const std::string root = [] {
+    std::string r = WorkFolder() + "/tree";
+    ::mkdir(r.c_str(), 0755);
+    char name[64];
+    for (int d = 0; d < kFolders; ++d) {
+      std::snprintf(name, sizeof(name), "/d%02d", d);
+      std::string folder = r + name;
+      ::mkdir(folder.c_str(), 0755);
+      for (int f = 0; f < kFilesPerFolder; ++f) {
+        std::snprintf(name, sizeof(name), "/f%04d.%s", f, f % 10 == 0 ? "dat" : "txt");
+        int fd = ::open((folder + name).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0) ::close(fd);
+      }
+    }
+    return r;
+  }();
+  return root;
+}
+
+void CopyFile100MB(benchmark::State& state) {
+  const std::string& source = SourceFile();
+  const SafeString from(source.c_str());
+  const SafeString to((WorkFolder() + "/copy.bin").c_str());
+  (void)FileUtils::CopyFile(from, to);  // warm the cache
+  for (auto _ : state) {
+    if (!FileUtils::CopyFile(from, to)) state.SkipWithError("CopyFile failed");
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kCopyBytes));
+}
+BENCHMARK(CopyFile100MB)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void StdCopyFile100MB(benchmark::State& state) {
+  const fs::path from(SourceFile());
+  const fs::path to(WorkFolder() + "/stdcopy.bin");
+  std::error_code error;
+  fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
+  for (auto _ : state) {
+    if (!fs::copy_file(from, to, fs::copy_options::overwrite_existing, error)) {
+      state.SkipWithError("copy_file failed");
+    }
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kCopyBytes));
+}
+BENCHMARK(StdCopyFile100MB)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void SearchFiles100k(benchmark::State& state) {
+  const SafeString root(Tree().c_str());
+  const Vector<SafeString> none;
+  size_t found = 0;
+  for (auto _ : state) {
+    Vector<SafeString> files = FileUtils::SearchFiles(root, FileUtils::kSearchRecursive, none);
+    found = files.size();
+    benchmark::DoNotOptimize(files.data());
+  }
+  state.counters["files"] = static_cast<double>(found);
+}
+BENCHMARK(SearchFiles100k)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void SearchFiles100kSuffix(benchmark::State& state) {
+  const SafeString root(Tree().c_str());
+  Vector<SafeString> suffixes;
+  suffixes.emplace_back(".TXT");
+  size_t found = 0;
+  for (auto _ : state) {
+    Vector<SafeString> files = FileUtils::SearchFiles(root, FileUtils::kSearchRecursive, suffixes);
+    found = files.size();
+    benchmark::DoNotOptimize(files.data());
+  }
+  state.counters["files"] = static_cast<double>(found);
+}
+BENCHMARK(SearchFiles100kSuffix)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void StdRecursiveDirectoryIterator100k(benchmark::State& state) {
+  const fs::path root(Tree());
+  size_t found = 0;
+  for (auto _ : state) {
+    std::vector<std::string> files;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
+      if (!entry.is_directory()) files.push_back(entry.path().string());
+    }
+    found = files.size();
+    benchmark::DoNotOptimize(files.data());
+  }
+  state.counters["files"] = static_cast<double>(found);
+}
+BENCHMARK(StdRecursiveDirectoryIterator100k)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  if (WorkFolder().empty()) {
+    std::fprintf(stderr, "cannot make a work folder\n");
+    return 1;
+  }
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  std::error_code error;
+  fs::remove_all(WorkFolder(), error);
+  return 0;
+}
