@@ -30,7 +30,11 @@ struct AffinityThreadPoolPrivate;
 //
 // Thread safety: addTask, tryAddTask and isMyThread from any thread; stop()
 // and the destructor from one controlling thread that is not a worker.
-// Producers contend only with producers that target the same worker.
+// Producers contend only with producers that target the same worker. As with
+// ThreadPool, a task added by another thread while stop() runs may land
+// behind a worker's stop marker and is then neither run nor disposed; once a
+// worker has ended, producers that target it are refused with "executor has
+// stopped" (the task disposed).
 class ZORV_FOUNDATION_EXPORT AffinityThreadPool : public IExecutor {
  public:
   // Starts min(threadNum, 300) workers; threadNum 0 means one per processor

@@ -29,8 +29,11 @@ struct ThreadPoolPrivate;
 // Thread safety: addTask, tryAddTask and isMyThread may be called from any
 // thread. stop() and the destructor belong to one controlling thread and must
 // never be called from a worker (the worker would join itself). A task added
-// while stop() runs may land behind the workers' stop markers: it is then
-// never run, and the destructor frees its queue entry without disposing it.
+// by another thread while stop() runs may land behind the workers' stop
+// markers: it is then never run, and the destructor frees its queue entry
+// without disposing it. Once the workers have ended, producers still waiting
+// for room, and later ones, are refused with "executor has stopped" (the task
+// disposed).
 class ZORV_FOUNDATION_EXPORT ThreadPool : public IExecutor {
  public:
   // Starts min(threadNum, 300) workers; threadNum 0 means one per processor
