@@ -4,6 +4,10 @@
 // repeating and one-shot timers that do real work, finalizes both services,
 // and prints the debug-support report: no live objects or handles are left,
 // and the pools' timing scopes show where the time went.
+//
+// Its settings come from a configuration file (examples/demo.ini, or the
+// file named as the first argument), and it reports the SHA-1 and MD5
+// digests of that file.
 #include <atomic>
 #include <cstdio>
 
@@ -17,6 +21,48 @@ using zf::threading::ITimer;
 using zf::threading::Thread;
 
 namespace {
+
+// What the configuration file can change.
+struct Settings {
+  unsigned int samplerRuns = 15;
+  unsigned long long samplerMs = 10;
+  unsigned long long heartbeatMs = 50;
+  unsigned long long reportMs = 250;
+};
+Settings g_settings;
+
+// Reads [sampler] runs and interval_ms, [heartbeat] interval_ms and
+// [report] delay_ms; anything missing keeps its default.
+void LoadSettings(const char* path) {
+  zf::config::Archiver ini;
+  try {
+    if (!ini.parseFile(path)) {
+      std::printf("settings: %s cannot be read, using defaults\n", path);
+      return;
+    }
+  } catch (const zf::lang::Exception& e) {
+    std::printf("settings: %s, using defaults\n", e.what().c_str());
+    return;
+  }
+  zf::SafeString v;
+  using zf::text::StringUtils;
+  if (ini.value("sampler", "runs", v)) g_settings.samplerRuns = StringUtils::StringToUInt(v);
+  if (ini.value("sampler", "interval_ms", v)) g_settings.samplerMs = StringUtils::StringToUInt(v);
+  if (ini.value("heartbeat", "interval_ms", v)) {
+    g_settings.heartbeatMs = StringUtils::StringToUInt(v);
+  }
+  if (ini.value("report", "delay_ms", v)) g_settings.reportMs = StringUtils::StringToUInt(v);
+  std::printf("settings from %s: %u sampler runs every %llu ms, heartbeat every %llu ms, "
+              "report after %llu ms\n",
+              path, g_settings.samplerRuns, g_settings.samplerMs, g_settings.heartbeatMs,
+              g_settings.reportMs);
+
+  zf::SafeString sha1;
+  zf::SafeString md5;
+  if (zf::crypto::SHA1::EncodeFile(path, sha1) && zf::crypto::MD5::EncodeFile(path, md5)) {
+    std::printf("settings file SHA-1 %s, MD5 %s\n", sha1.c_str(), md5.c_str());
+  }
+}
 
 std::atomic<unsigned long long> g_primes{0};
 std::atomic<unsigned int> g_nextBlock{0};
@@ -41,15 +87,16 @@ unsigned long long PrimesInBlock(unsigned int block) {
   return count;
 }
 
-// Repeating: every 10 ms, sieve the next block of numbers (15 runs).
+// Repeating: sieve the next block of numbers (by default every 10 ms, 15
+// runs).
 class PrimeSampler : public ITimer {
  public:
   void run() override {
     g_primes += PrimesInBlock(g_nextBlock++);
     ++g_samples;
   }
-  bool isRepeat() override { return g_samples.load() < 15; }
-  unsigned long long interval() override { return 10; }
+  bool isRepeat() override { return g_samples.load() < g_settings.samplerRuns; }
+  unsigned long long interval() override { return g_settings.samplerMs; }
 };
 
 // Work for the affinity pool: checksums of one stream of records, kept in
@@ -69,7 +116,7 @@ class ChecksumTask : public ITask {
   unsigned int record_;
 };
 
-// Repeating: every 50 ms, print a heartbeat line.
+// Repeating: print a heartbeat line (by default every 50 ms).
 class Heartbeat : public ITimer {
  public:
   void run() override {
@@ -77,13 +124,13 @@ class Heartbeat : public ITimer {
                 g_samples.load(), g_primes.load());
   }
   bool isRepeat() override { return !g_reported.load(); }
-  unsigned long long interval() override { return 50; }
+  unsigned long long interval() override { return g_settings.heartbeatMs; }
 
  private:
   unsigned int beats_ = 0;
 };
 
-// One-shot: after 250 ms, hand checksum work for four streams to the
+// One-shot: after a delay (by default 250 ms), hand checksum work for four streams to the
 // affinity pool and report.
 class Report : public ITimer {
  public:
@@ -100,7 +147,7 @@ class Report : public ITimer {
     g_reported = true;
   }
   bool isRepeat() override { return false; }
-  unsigned long long interval() override { return 250; }
+  unsigned long long interval() override { return g_settings.reportMs; }
 
  private:
   GlobalTaskScheduler* tasks_;
@@ -108,7 +155,8 @@ class Report : public ITimer {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  LoadSettings(argc > 1 ? argv[1] : ZORV_DEMO_SETTINGS);
   {
     GlobalTaskScheduler tasks(2, 2);
     GlobalTimerScheduler timers(&tasks.getThreadPool());
