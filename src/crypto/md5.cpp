@@ -209,11 +209,7 @@ collection::Vector<unsigned char> Finish(const MD5Private& s) {
 }
 
 MD5Private* NewState(const char* name) {
-  MD5Private* d = lang::AccountedNew<MD5Private>(ZORV_ACCOUNTING_SITE(kSource, name));
-  if (d == nullptr) {
-    debug::ObjectMonitor::_DecLeakEx(nullptr, kSource, __LINE__, name);
-    throw std::bad_alloc();
-  }
+  MD5Private* d = lang::AccountedNewOrThrow<MD5Private>(ZORV_ACCOUNTING_SITE(kSource, name));
   Initialize(*d);
   return d;
 }

@@ -247,11 +247,7 @@ collection::Vector<unsigned char> Finish(const SHA1Private& s) {
 }
 
 SHA1Private* NewState(const char* name) {
-  SHA1Private* d = lang::AccountedNew<SHA1Private>(ZORV_ACCOUNTING_SITE(kSource, name));
-  if (d == nullptr) {
-    debug::ObjectMonitor::_DecLeakEx(nullptr, kSource, __LINE__, name);
-    throw std::bad_alloc();
-  }
+  SHA1Private* d = lang::AccountedNewOrThrow<SHA1Private>(ZORV_ACCOUNTING_SITE(kSource, name));
   Initialize(*d);
   return d;
 }

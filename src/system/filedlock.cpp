@@ -46,15 +46,11 @@ FiledLockPrivate* Open(const char* name) {
   if (semaphore == SEM_FAILED) throw lang::Exception(kFunc, "initialize failed");
   FiledLockPrivate* d = nullptr;
   try {
-    d = lang::AccountedNew<FiledLockPrivate>(ZORV_ACCOUNTING_SITE(kSource, "FiledLock"), semaphore);
+    d = lang::AccountedNewOrThrow<FiledLockPrivate>(ZORV_ACCOUNTING_SITE(kSource, "FiledLock"),
+                                                    semaphore);
   } catch (...) {
     sem_close(semaphore);
     throw;
-  }
-  if (d == nullptr) {
-    sem_close(semaphore);
-    debug::ObjectMonitor::_DecLeakEx(nullptr, kSource, __LINE__, "FiledLock");
-    throw std::bad_alloc();
   }
   debug::SystemMonitor::IncreaseHandle();
   return d;

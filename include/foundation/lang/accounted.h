@@ -73,15 +73,26 @@ void AccountedDelete(T*& object, const AccountingSite& site) noexcept {
   }
 }
 
+// AccountedNew for objects the caller cannot do without: a null result (a
+// traced allocation that failed) is forgotten again and reported as
+// std::bad_alloc, so the caller never holds a null object.
+template <class T, class... Args>
+T* AccountedNewOrThrow(const AccountingSite& site, Args&&... args) {
+  T* object = AccountedNew<T>(site, std::forward<Args>(args)...);
+  if (object == nullptr) {
+    debug::ObjectMonitor::_DecLeakEx(nullptr, site.source, site.line, site.name);
+    throw std::bad_alloc();
+  }
+  return object;
+}
+
 // Creates a disposable object (a task, a timer) the accounted way, recorded
 // under `name`; hand it to an executor or scheduler, which disposes it. The
 // caller owns the result until then. Throws std::bad_alloc when memory is
 // exhausted.
 template <class T, class... Args>
 T* MakeDisposable(const char* name, Args&&... args) {
-  T* object = AccountedNew<T>(AccountingSite{"host", 0, name}, std::forward<Args>(args)...);
-  if (object == nullptr) throw std::bad_alloc();
-  return object;
+  return AccountedNewOrThrow<T>(AccountingSite{"host", 0, name}, std::forward<Args>(args)...);
 }
 
 }  // namespace lang

@@ -31,7 +31,7 @@ GlobalTaskScheduler::GlobalTaskScheduler() : GlobalTaskScheduler(0, 0) {}
 
 GlobalTaskScheduler::GlobalTaskScheduler(unsigned int threadNum, unsigned int affinityThreadNum)
     : d_(nullptr) {
-  d_ = detail::AccountedNewOrThrow<detail::GlobalTaskSchedulerPrivate>(
+  d_ = lang::AccountedNewOrThrow<detail::GlobalTaskSchedulerPrivate>(
       ZORV_ACCOUNTING_SITE(kSource, "GlobalTaskScheduler"), threadNum, affinityThreadNum);
 }
 

@@ -15,12 +15,12 @@ constexpr char kTypeName[] = "zorv.foundation.threading.GlobalTimerScheduler";
 }  // namespace
 
 GlobalTimerScheduler::GlobalTimerScheduler() : d_(nullptr) {
-  d_ = detail::AccountedNewOrThrow<TimerScheduler>(
+  d_ = lang::AccountedNewOrThrow<TimerScheduler>(
       ZORV_ACCOUNTING_SITE(kSource, "GlobalTimerScheduler"));
 }
 
 GlobalTimerScheduler::GlobalTimerScheduler(IExecutor* executor) : d_(nullptr) {
-  d_ = detail::AccountedNewOrThrow<TimerScheduler>(
+  d_ = lang::AccountedNewOrThrow<TimerScheduler>(
       ZORV_ACCOUNTING_SITE(kSource, "GlobalTimerScheduler"), executor);
 }
 

@@ -21,19 +21,6 @@ namespace foundation {
 namespace threading {
 namespace detail {
 
-// AccountedNew for objects the caller cannot do without: a null result (a
-// traced allocation that failed) is forgotten again and reported as
-// std::bad_alloc.
-template <class T, class... Args>
-T* AccountedNewOrThrow(const lang::AccountingSite& site, Args&&... args) {
-  T* object = lang::AccountedNew<T>(site, std::forward<Args>(args)...);
-  if (object == nullptr) {
-    debug::ObjectMonitor::_DecLeakEx(nullptr, site.source, site.line, site.name);
-    throw std::bad_alloc();
-  }
-  return object;
-}
-
 // A FIFO of task pointers with a bound on its length; a null entry is a stop
 // marker for a worker. One lock guards the list and the count; producers wait
 // on notFull, consumers on notEmpty. Every entry's list node is allocated
@@ -163,6 +150,30 @@ void RunAndDispose(ITask* task, const char* category);
 // The worker count for a requested number: min(n, 300), or for 0 the
 // processor count capped at 300 and at least 1.
 unsigned int WorkerCount(unsigned int requested);
+
+// Creates and starts `count` workers of type W, each constructed from
+// `pool`, and appends them to pool->workers and their thread ids to
+// pool->ids, publishing the running count after each one. A worker that
+// fails to start is destroyed again before the exception passes on; the
+// workers already started stay in the pool for its stop() to end.
+template <class W, class P>
+void StartWorkers(P* pool, unsigned int count, const char* source) {
+  pool->workers.reserve(count);
+  pool->ids.reserve(count);
+  for (unsigned int i = 0; i < count; ++i) {
+    W* worker = lang::AccountedNewOrThrow<W>(ZORV_ACCOUNTING_SITE(source, "MyThread"), pool);
+    try {
+      worker->start();
+    } catch (...) {
+      lang::AccountedDelete(worker, ZORV_ACCOUNTING_SITE(source, "~MyThread"));
+      throw;
+    }
+    pool->workers.push_back(worker);  // reserved: does not throw
+    pool->workerCount.store(static_cast<unsigned int>(pool->workers.size()),
+                            std::memory_order_release);
+    pool->ids.insert(worker->threadID());
+  }
+}
 
 }  // namespace detail
 }  // namespace threading

@@ -112,27 +112,12 @@ IExecutor::~IExecutor() = default;
 ThreadPool::ThreadPool(unsigned int threadNum) : ThreadPool(threadNum, SafeString(kDefaultName)) {}
 
 ThreadPool::ThreadPool(unsigned int threadNum, const SafeString& name) : d_(nullptr) {
-  d_ = detail::AccountedNewOrThrow<detail::ThreadPoolPrivate>(
+  d_ = lang::AccountedNewOrThrow<detail::ThreadPoolPrivate>(
       ZORV_ACCOUNTING_SITE(kSource, "ThreadPool"), name);
   try {
     const unsigned int count = detail::WorkerCount(threadNum);
     d_->markers.resize(count, nullptr);
-    d_->workers.reserve(count);
-    d_->ids.reserve(count);
-    for (unsigned int i = 0; i < count; ++i) {
-      MyThread* worker =
-          detail::AccountedNewOrThrow<MyThread>(ZORV_ACCOUNTING_SITE(kSource, "MyThread"), d_);
-      try {
-        worker->start();
-      } catch (...) {
-        lang::AccountedDelete(worker, ZORV_ACCOUNTING_SITE(kSource, "~MyThread"));
-        throw;
-      }
-      d_->workers.push_back(worker);  // reserved: does not throw
-      d_->workerCount.store(static_cast<unsigned int>(d_->workers.size()),
-                            std::memory_order_release);
-      d_->ids.insert(worker->threadID());
-    }
+    detail::StartWorkers<MyThread>(d_, count, kSource);
   } catch (...) {
     stop();
     lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~ThreadPool"));

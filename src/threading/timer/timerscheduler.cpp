@@ -242,10 +242,10 @@ ITimerScheduler::~ITimerScheduler() = default;
 TimerScheduler::TimerScheduler() : TimerScheduler(nullptr) {}
 
 TimerScheduler::TimerScheduler(IExecutor* executor) : d_(nullptr) {
-  d_ = detail::AccountedNewOrThrow<detail::TimerSchedulerPrivate>(
+  d_ = lang::AccountedNewOrThrow<detail::TimerSchedulerPrivate>(
       ZORV_ACCOUNTING_SITE(kSource, "TimerScheduler"), executor);
   try {
-    d_->thread = detail::AccountedNewOrThrow<sealed::_TimerScheduler>(
+    d_->thread = lang::AccountedNewOrThrow<sealed::_TimerScheduler>(
         ZORV_ACCOUNTING_SITE(kSource, "_TimerScheduler"), d_);
     d_->thread->start();
   } catch (...) {
@@ -265,7 +265,7 @@ void TimerScheduler::addTimer(ITimer* timer) {
   Locker locker(&d_->lock, false);
   if (!d_->running) throw lang::Exception(kAddTimer, kStopped);
   if (d_->registry.count(timer) != 0) return;  // one schedule and one owner per timer
-  TimerTask* task = detail::AccountedNewOrThrow<TimerTask>(
+  TimerTask* task = lang::AccountedNewOrThrow<TimerTask>(
       ZORV_ACCOUNTING_SITE(kSource, "addTimer"), timer, d_);
   auto entry = d_->registry.end();
   try {
