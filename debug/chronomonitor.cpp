@@ -6,6 +6,7 @@
 #include "foundation/debug/chronomonitor.h"
 
 #include <pthread.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -113,6 +114,33 @@ void SetOsThreadName(const char* name, size_t length) {
   pthread_setname_np(pthread_self(), shortName);
 }
 
+// Each thread remembers the entries of the last pairs it timed, by the
+// addresses of their texts, so that a scope that ends again with the same
+// texts skips hashing them. A hit is confirmed against the entry's own copy
+// of the texts: the same address may hold other text by now.
+struct CacheSlot {
+  const char* category;
+  const char* operation;
+  Stat* stat;
+};
+constexpr unsigned int kCacheSlots = 8;
+__thread CacheSlot t_cache[kCacheSlots] __attribute__((tls_model("initial-exec")));
+
+Stat* FindCached(const char* category, const char* operation) {
+  if (category == nullptr || operation == nullptr) return Find(category, operation, true);
+  const uintptr_t key = reinterpret_cast<uintptr_t>(category) ^
+                        (reinterpret_cast<uintptr_t>(operation) >> 3);
+  CacheSlot& slot = t_cache[(key ^ (key >> 7)) & (kCacheSlots - 1)];
+  if (slot.category == category && slot.operation == operation &&
+      strcmp(slot.stat->category.load(std::memory_order_relaxed), category) == 0 &&
+      strcmp(slot.stat->operation, operation) == 0) {
+    return slot.stat;
+  }
+  Stat* stat = Find(category, operation, true);
+  if (stat != nullptr) slot = CacheSlot{category, operation, stat};
+  return stat;
+}
+
 }  // namespace
 
 ChronoMonitor::Chronometer::Chronometer(const char* category, const char* operation)
@@ -120,7 +148,7 @@ ChronoMonitor::Chronometer::Chronometer(const char* category, const char* operat
 
 ChronoMonitor::Chronometer::~Chronometer() {
   const unsigned long long elapsed = internal::MonotonicNanos() - start_;
-  Stat* stat = Find(category_, operation_, true);
+  Stat* stat = FindCached(category_, operation_);
   if (stat == nullptr) return;
   stat->count.fetch_add(1, std::memory_order_relaxed);
   stat->total.fetch_add(elapsed, std::memory_order_relaxed);

@@ -27,7 +27,8 @@ struct Shard {
   internal::ForkSafeMutex mutex;
   Record** buckets;
   unsigned int bucketCount;
-  unsigned int count;
+  // Written under the mutex; read without it to skip empty shards.
+  std::atomic<unsigned int> count;
 };
 
 // 32 shards: the fork handlers hold every shard mutex at once, and tools that
@@ -98,7 +99,8 @@ Record* Take(void* object) {
     Record* r = *link;
     if (r->object == object) {
       *link = r->next;
-      --shard.count;
+      shard.count.store(shard.count.load(std::memory_order_relaxed) - 1,
+                        std::memory_order_relaxed);
       g_live.fetch_sub(1, std::memory_order_relaxed);
       return r;
     }
@@ -147,7 +149,7 @@ void ObjectMonitor::_IncLeak(void* object, const char* source, int line,
   {
     internal::ScopedLock lock(shard.mutex);
     replaced = Take(object);
-    if (shard.count >= shard.bucketCount) Grow(shard);
+    if (shard.count.load(std::memory_order_relaxed) >= shard.bucketCount) Grow(shard);
     if (shard.bucketCount == 0) {
       free(record);
       record = nullptr;
@@ -155,7 +157,8 @@ void ObjectMonitor::_IncLeak(void* object, const char* source, int line,
       Record*& head = shard.buckets[BucketOf(shard, hash)];
       record->next = head;
       head = record;
-      ++shard.count;
+      shard.count.store(shard.count.load(std::memory_order_relaxed) + 1,
+                        std::memory_order_relaxed);
       g_live.fetch_add(1, std::memory_order_relaxed);
     }
   }
@@ -165,6 +168,10 @@ void ObjectMonitor::_IncLeak(void* object, const char* source, int line,
 void ObjectMonitor::_DecLeakEx(void* object, const char*, int, const char*) {
   SetUp();
   Shard& shard = ShardOf(Hash(object));
+  // An object is recorded before it can be forgotten, by the same thread or
+  // one that synchronised with it: an empty shard cannot hold it. Objects
+  // that were never recorded (tasks created with plain new) mostly end here.
+  if (shard.count.load(std::memory_order_relaxed) == 0) return;
   Record* record;
   {
     internal::ScopedLock lock(shard.mutex);
@@ -177,6 +184,7 @@ ObjectMonitor::LeakInfo ObjectMonitor::_DecLeakInfoEx(void* object, const char*,
                                                       const char*) {
   SetUp();
   Shard& shard = ShardOf(Hash(object));
+  if (shard.count.load(std::memory_order_relaxed) == 0) return LeakInfo{nullptr, 0};
   Record* record;
   {
     internal::ScopedLock lock(shard.mutex);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -184,6 +185,15 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
   EXPECT_GE(ChronoMonitor::MaxNanos("test.Category", "Op"), 2000000u);
   EXPECT_GE(ChronoMonitor::TotalNanos("test.Category", "Op"),
             ChronoMonitor::MaxNanos("test.Category", "Op"));
+
+  // Other text at the same address is another pair.
+  char category[32] = "test.Reused.A";
+  { ChronoMonitor::Chronometer scope(category, "Op"); }
+  memcpy(category, "test.Reused.B", 14);
+  { ChronoMonitor::Chronometer scope(category, "Op"); }
+  { ChronoMonitor::Chronometer scope(category, "Op"); }
+  EXPECT_EQ(ChronoMonitor::Count("test.Reused.A", "Op"), 1u);
+  EXPECT_EQ(ChronoMonitor::Count("test.Reused.B", "Op"), 2u);
 
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
