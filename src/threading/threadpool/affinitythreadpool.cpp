@@ -133,8 +133,7 @@ void AffinityThreadPool::addTask(ITask* task) {
   detail::TaskQueue::Result added = detail::TaskQueue::kAdded;
   try {
     MyThread* worker = d_->workers[task->getAffinity() % count];
-    detail::TaskQueue::List node(1, task);
-    added = worker->queue.put(node);
+    added = worker->queue.put(task);
   } catch (...) {
     task->dispose();
     throw;
@@ -155,8 +154,7 @@ bool AffinityThreadPool::tryAddTask(ITask* task, unsigned int ms) {
   try {
     MyThread* worker = d_->workers[task->getAffinity() % count];
     const unsigned long long start = system::SystemUtils::GetTick();
-    detail::TaskQueue::List node(1, task);
-    added = worker->queue.tryPut(node, ms, start);
+    added = worker->queue.tryPut(task, ms, start);
     if (added == detail::TaskQueue::kTimedOut) return false;  // the caller keeps the task
   } catch (...) {
     task->dispose();

@@ -23,13 +23,17 @@ namespace detail {
 
 // A FIFO of task pointers with a bound on its length; a null entry is a stop
 // marker for a worker. One lock guards the list and the count; producers wait
-// on notFull, consumers on notEmpty. Every entry's list node is allocated
-// before the lock is taken and freed after it was released, so that the
-// critical sections only relink nodes.
+// on notFull, consumers on notEmpty. A taken entry's list node is kept (up
+// to kSpareEntries of them) for the next task to be added, so that a busy
+// queue relinks nodes instead of allocating and freeing one per task; only
+// when none is kept does adding allocate, under the lock. Stop markers have
+// nodes of their own, allocated up front.
 struct TaskQueue {
   using List = std::list<ITask*, debug::Allocator<ITask*>>;
 
   static constexpr int kSpins = 200;
+  // Entries kept for reuse after their task was taken.
+  static constexpr std::size_t kSpareEntries = 256;
 
   static inline void CpuRelax() {
 #if defined(__i386__) || defined(__x86_64__)
@@ -45,25 +49,30 @@ struct TaskQueue {
 
   enum Result { kAdded, kTimedOut, kClosed };
 
-  // Moves the single entry of `node` to the back, waiting while the queue is
-  // full. kClosed (and `node` untouched) once the queue was closed.
+  // Moves the single entry of `node` (a preallocated stop marker) to the
+  // back, waiting while the queue is full. kClosed (and `node` untouched)
+  // once the queue was closed.
   Result put(List& node) {
     Locker locker(&lock, false);
-    for (;;) {
-      if (closed) return kClosed;
-      if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) break;
-      ++full;
-      notFull.wait(locker);
-      --full;
-    }
+    if (!waitForRoom(locker)) return kClosed;
     append(locker, node);
     return kAdded;
   }
 
-  // Moves the single entry of `node` to the back, waiting for room at most
-  // until `ms` milliseconds after `startTick`, charged from the start tick on
-  // every pass. kTimedOut or kClosed leave `node` untouched.
-  Result tryPut(List& node, unsigned int ms, unsigned long long startTick) {
+  // Appends `task`, waiting while the queue is full. kClosed once the queue
+  // was closed. Throws std::bad_alloc, leaving the queue as it was, when no
+  // entry can be had.
+  Result put(ITask* task) {
+    Locker locker(&lock, false);
+    if (!waitForRoom(locker)) return kClosed;
+    appendTask(locker, task);
+    return kAdded;
+  }
+
+  // Appends `task`, waiting for room at most until `ms` milliseconds after
+  // `startTick`, charged from the start tick on every pass. kTimedOut or
+  // kClosed leave the queue as it was; std::bad_alloc as for put.
+  Result tryPut(ITask* task, unsigned int ms, unsigned long long startTick) {
     Locker locker(&lock, false);
     unsigned int remaining = ms;
     for (;;) {
@@ -76,7 +85,7 @@ struct TaskQueue {
       if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) return kTimedOut;
       remaining -= static_cast<unsigned int>(elapsed);
     }
-    append(locker, node);
+    appendTask(locker, task);
     return kAdded;
   }
 
@@ -111,10 +120,42 @@ struct TaskQueue {
       notEmpty.wait(locker);
       --idle;
     }
-    node.splice(node.begin(), list, list.begin());
+    ITask* task = list.front();
+    // Entries are kept for the next producers rather than freed: a pool
+    // that hands over millions of tasks then allocates almost nothing.
+    if (spare.size() < kSpareEntries) {
+      spare.splice(spare.end(), list, list.begin());
+    } else {
+      node.splice(node.begin(), list, list.begin());
+    }
     queued.store(queued.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
     if (full != 0) notFull.notify(locker);  // nobody to wake otherwise
-    return node.front();
+    return task;
+  }
+
+  // Waits while the queue is full; false once it was closed.
+  bool waitForRoom(Locker& locker) {
+    for (;;) {
+      if (closed) return false;
+      if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
+        return true;
+      }
+      ++full;
+      notFull.wait(locker);
+      --full;
+    }
+  }
+
+  // Appends `task` in a kept entry, or in a new one.
+  void appendTask(Locker& locker, ITask* task) {
+    if (spare.empty()) {
+      list.push_back(task);
+    } else {
+      list.splice(list.end(), spare, spare.begin());
+      list.back() = task;
+    }
+    queued.store(queued.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    if (idle != 0) notEmpty.notify(locker);  // nobody to wake otherwise
   }
 
   void append(Locker& locker, List& node) {
@@ -129,6 +170,8 @@ struct TaskQueue {
   // The bound; written without the lock by setMaxTaskNum.
   std::atomic<unsigned int> maxTaskNum{1000000};
   List list;
+  // Entries whose tasks were taken, kept for reuse; under the lock.
+  List spare;
   // Set by close(); read and written under the lock.
   bool closed = false;
   // Consumers waiting on notEmpty and producers waiting on notFull; under

@@ -137,8 +137,7 @@ void ThreadPool::addTask(ITask* task) {
   }
   detail::TaskQueue::Result added = detail::TaskQueue::kAdded;
   try {
-    detail::TaskQueue::List node(1, task);
-    added = d_->queue.put(node);
+    added = d_->queue.put(task);
   } catch (...) {
     task->dispose();
     throw;
@@ -157,8 +156,7 @@ bool ThreadPool::tryAddTask(ITask* task, unsigned int ms) {
   const unsigned long long start = system::SystemUtils::GetTick();
   detail::TaskQueue::Result added = detail::TaskQueue::kAdded;
   try {
-    detail::TaskQueue::List node(1, task);
-    added = d_->queue.tryPut(node, ms, start);
+    added = d_->queue.tryPut(task, ms, start);
     if (added == detail::TaskQueue::kTimedOut) return false;  // the caller keeps the task
   } catch (...) {
     task->dispose();
