@@ -21,7 +21,6 @@ constexpr char kSource[] = "../threading/threadpool/affinitythreadpool.cpp";
 constexpr char kDefaultName[] = "zorv.foundation.threading.AffinityThreadPool";
 constexpr char kCategory[] = "zorv.foundation.threading.AffinityThreadPool";
 constexpr char kAddTask[] = "zorv.foundation.threading.AffinityThreadPool.addTask";
-constexpr char kStopped[] = "executor has stopped";
 constexpr unsigned int kMinBound = 100;
 
 }  // namespace
@@ -126,45 +125,22 @@ AffinityThreadPool::~AffinityThreadPool() {
 
 void AffinityThreadPool::addTask(ITask* task) {
   const unsigned int count = d_->workerCount.load(std::memory_order_acquire);
-  if (count == 0) {
-    task->dispose();
-    throw lang::Exception(kAddTask, kStopped);
-  }
-  detail::TaskQueue::Result added = detail::TaskQueue::kAdded;
-  try {
-    MyThread* worker = d_->workers[task->getAffinity() % count];
-    added = worker->queue.put(task);
-  } catch (...) {
-    task->dispose();
-    throw;
-  }
-  if (added == detail::TaskQueue::kClosed) {
-    task->dispose();
-    throw lang::Exception(kAddTask, kStopped);
-  }
+  (void)detail::AddTaskTo(
+      count, task,
+      [this, task, count]() -> detail::TaskQueue& {
+        return d_->workers[task->getAffinity() % count]->queue;
+      },
+      false, 0, kAddTask);
 }
 
 bool AffinityThreadPool::tryAddTask(ITask* task, unsigned int ms) {
   const unsigned int count = d_->workerCount.load(std::memory_order_acquire);
-  if (count == 0) {
-    task->dispose();
-    throw lang::Exception(kAddTask, kStopped);
-  }
-  detail::TaskQueue::Result added = detail::TaskQueue::kAdded;
-  try {
-    MyThread* worker = d_->workers[task->getAffinity() % count];
-    const unsigned long long start = system::SystemUtils::GetTick();
-    added = worker->queue.tryPut(task, ms, start);
-    if (added == detail::TaskQueue::kTimedOut) return false;  // the caller keeps the task
-  } catch (...) {
-    task->dispose();
-    throw;
-  }
-  if (added == detail::TaskQueue::kClosed) {
-    task->dispose();
-    throw lang::Exception(kAddTask, kStopped);
-  }
-  return true;
+  return detail::AddTaskTo(
+      count, task,
+      [this, task, count]() -> detail::TaskQueue& {
+        return d_->workers[task->getAffinity() % count]->queue;
+      },
+      true, ms, kAddTask);
 }
 
 void AffinityThreadPool::setMaxTaskNum(unsigned int n) {

@@ -11,6 +11,7 @@
 #include "foundation/debug/allocator.h"
 #include "foundation/debug/objectmonitor.h"
 #include "foundation/lang/accounted.h"
+#include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
 #include "foundation/threading/lock.h"
 #include "foundation/threading/lockcondition.h"
@@ -193,6 +194,38 @@ void RunAndDispose(ITask* task, const char* category);
 // The worker count for a requested number: min(n, 300), or for 0 the
 // processor count capped at 300 and at least 1.
 unsigned int WorkerCount(unsigned int requested);
+
+// The adding protocol of both pools. With no worker running, the task is
+// disposed and Exception(source, "executor has stopped") thrown. Otherwise
+// `pick()` chooses the queue (it may throw) and the task is put there:
+// waiting for room, or with `timed` for at most about `ms` milliseconds.
+// Returns false on a time-out, leaving the task with the caller; every other
+// failure disposes the task before the exception passes on (a queue closed
+// meanwhile counts as stopped).
+template <class Pick>
+bool AddTaskTo(unsigned int workerCount, ITask* task, Pick pick, bool timed, unsigned int ms,
+               const char* source) {
+  static const char kStopped[] = "executor has stopped";
+  if (workerCount == 0) {
+    task->dispose();
+    throw lang::Exception(source, kStopped);
+  }
+  const unsigned long long start = timed ? system::SystemUtils::GetTick() : 0;
+  TaskQueue::Result added = TaskQueue::kAdded;
+  try {
+    TaskQueue& queue = pick();
+    added = timed ? queue.tryPut(task, ms, start) : queue.put(task);
+  } catch (...) {
+    task->dispose();
+    throw;
+  }
+  if (added == TaskQueue::kTimedOut) return false;
+  if (added == TaskQueue::kClosed) {
+    task->dispose();
+    throw lang::Exception(source, kStopped);
+  }
+  return true;
+}
 
 // Creates and starts `count` workers of type W, each constructed from
 // `pool`, and appends them to pool->workers and their thread ids to

@@ -21,7 +21,6 @@ constexpr char kSource[] = "../threading/threadpool/threadpool.cpp";
 constexpr char kDefaultName[] = "zorv.foundation.threading.ThreadPool";
 constexpr char kCategory[] = "zorv.foundation.threading.ThreadPool";
 constexpr char kAddTask[] = "zorv.foundation.threading.ThreadPool.addTask";
-constexpr char kStopped[] = "executor has stopped";
 constexpr unsigned int kMaxWorkers = 300;
 constexpr unsigned int kMinBound = 100;
 
@@ -131,42 +130,15 @@ ThreadPool::~ThreadPool() {
 }
 
 void ThreadPool::addTask(ITask* task) {
-  if (d_->workerCount.load(std::memory_order_acquire) == 0) {
-    task->dispose();
-    throw lang::Exception(kAddTask, kStopped);
-  }
-  detail::TaskQueue::Result added = detail::TaskQueue::kAdded;
-  try {
-    added = d_->queue.put(task);
-  } catch (...) {
-    task->dispose();
-    throw;
-  }
-  if (added == detail::TaskQueue::kClosed) {
-    task->dispose();
-    throw lang::Exception(kAddTask, kStopped);
-  }
+  (void)detail::AddTaskTo(
+      d_->workerCount.load(std::memory_order_acquire), task,
+      [this]() -> detail::TaskQueue& { return d_->queue; }, false, 0, kAddTask);
 }
 
 bool ThreadPool::tryAddTask(ITask* task, unsigned int ms) {
-  if (d_->workerCount.load(std::memory_order_acquire) == 0) {
-    task->dispose();
-    throw lang::Exception(kAddTask, kStopped);
-  }
-  const unsigned long long start = system::SystemUtils::GetTick();
-  detail::TaskQueue::Result added = detail::TaskQueue::kAdded;
-  try {
-    added = d_->queue.tryPut(task, ms, start);
-    if (added == detail::TaskQueue::kTimedOut) return false;  // the caller keeps the task
-  } catch (...) {
-    task->dispose();
-    throw;
-  }
-  if (added == detail::TaskQueue::kClosed) {
-    task->dispose();
-    throw lang::Exception(kAddTask, kStopped);
-  }
-  return true;
+  return detail::AddTaskTo(
+      d_->workerCount.load(std::memory_order_acquire), task,
+      [this]() -> detail::TaskQueue& { return d_->queue; }, true, ms, kAddTask);
 }
 
 void ThreadPool::setMaxTaskNum(unsigned int n) {
