@@ -2,8 +2,10 @@
 // latency, timer lateness, and adding/removing many timers.
 //
 // A small harness with its own main (percentiles do not fit Google
-// Benchmark's model). Usage: pools_bench [tasks [pool-name-filter]]; tasks
-// defaults to 1000000; a filter runs only the matching pools' task figures.
+// Benchmark's model). Usage: pools_bench [tasks [pool-filter [reps]]]; tasks
+// defaults to 1000000; a filter runs only the task figures of the pools whose
+// names contain one of its '|'-separated words; reps (default 3) is how many
+// times each figure is measured.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -17,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -290,10 +293,24 @@ Percentiles Latency(const Harness& h, unsigned int workers, size_t samples) {
   return Compute(latency, 1000.0);
 }
 
+// True when `name` contains one of the '|'-separated words of `filter`.
+bool Matches(const char* name, const char* filter) {
+  if (filter == nullptr) return true;
+  const std::string all(filter);
+  size_t from = 0;
+  for (;;) {
+    const size_t bar = all.find('|', from);
+    const std::string word = all.substr(from, bar == std::string::npos ? bar : bar - from);
+    if (!word.empty() && std::strstr(name, word.c_str()) != nullptr) return true;
+    if (bar == std::string::npos) return false;
+    from = bar + 1;
+  }
+}
+
 // The machine may be shared: every figure is measured kReps times, the
 // pools taking turns; throughput is the best run, latency the run with the
 // median p50.
-constexpr int kReps = 3;
+int kReps = 3;
 
 void TaskBenchmarks(size_t tasks, const char* only) {
   std::printf("Task throughput (%zu tiny heap tasks, one producer; best of %d) and\n"
@@ -306,7 +323,7 @@ void TaskBenchmarks(size_t tasks, const char* only) {
     std::vector<std::vector<Percentiles>> lat(all.size());
     for (int rep = 0; rep < kReps; ++rep) {
       for (size_t h = 0; h < all.size(); ++h) {
-        if (only != nullptr && std::strstr(all[h].name, only) == nullptr) continue;
+        if (!Matches(all[h].name, only)) continue;
         best[h] = std::max(best[h], Throughput(all[h], workers, tasks));
         lat[h].push_back(Latency(all[h], workers, 20000));
       }
@@ -517,6 +534,7 @@ void AddRemoveBenchmark() {
 int main(int argc, char** argv) {
   const size_t tasks = argc > 1 ? static_cast<size_t>(std::strtoul(argv[1], nullptr, 10)) : 1000000;
   const char* only = argc > 2 ? argv[2] : nullptr;
+  if (argc > 3) kReps = std::max(1, std::atoi(argv[3]));
   TaskBenchmarks(tasks, only);
   if (only != nullptr) return 0;
   TimerBenchmarks();
