@@ -7,6 +7,7 @@ list(APPEND ZORV_FOUNDATION_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/thread.cpp
 
   # pools, timers and schedulers
+  ${CMAKE_CURRENT_LIST_DIR}/threadpool/taskqueue.cpp
   ${CMAKE_CURRENT_LIST_DIR}/threadpool/threadpool.cpp
   ${CMAKE_CURRENT_LIST_DIR}/threadpool/affinitythreadpool.cpp
   ${CMAKE_CURRENT_LIST_DIR}/timer/timerscheduler.cpp

@@ -58,6 +58,18 @@ unsigned int ProcessorWorkers() {
 template <class Pool>
 class ExecutorTest : public zorv::test::LeakCheckedTest {};
 
+// Holds the worker of affinity 0 at `gate` with a task that reports through
+// `started`; true once that task has begun.
+template <class Pool>
+bool HoldWorker(Pool& pool, Tally& tally, Gate& gate, std::atomic<bool>& started) {
+  ProbeTask* blocker = NewTask(&tally, -1);
+  blocker->affinity = 0;
+  blocker->gate = &gate;
+  blocker->started = &started;
+  pool.addTask(blocker);
+  return WaitUntil([&] { return started.load(); });
+}
+
 using Executors = ::testing::Types<ThreadPool, AffinityThreadPool>;
 struct ExecutorNames {
   template <class T>
@@ -189,15 +201,31 @@ TYPED_TEST(ExecutorTest, DestroyingWithoutStopDrainsTheQueue) {
   EXPECT_EQ(tally.disposals.load(), 500);
 }
 
-TYPED_TEST(ExecutorTest, FailedQueueEntryDisposesTheTask) {
+// Adding allocates only when the queue has to grow. With the worker held at
+// a gate the queue fills until an addition needs more room; that addition,
+// made to fail, disposes its task, and so does a timed one after it, while
+// the tasks already queued still run.
+TYPED_TEST(ExecutorTest, FailedQueueGrowthDisposesTheTask) {
   Tally tally;
+  Gate gate;
+  std::atomic<bool> started{false};
   TypeParam pool(1);
-  ProbeTask* task = NewTask(&tally);
-  task->affinity = 0;
-  {
+  GateOpener opener(gate);
+  ASSERT_TRUE(HoldWorker(pool, tally, gate, started));
+  int queued = 0;
+  bool failed = false;
+  while (!failed && queued < 100000) {
+    ProbeTask* task = NewTask(&tally, queued);
+    task->affinity = 0;
     zorv::test::FailAfterGuard fail(1);
-    EXPECT_THROW(pool.addTask(task), std::bad_alloc);
+    try {
+      pool.addTask(task);
+      ++queued;
+    } catch (const std::bad_alloc&) {
+      failed = true;
+    }
   }
+  ASSERT_TRUE(failed) << "the queue never had to grow";
   EXPECT_EQ(tally.disposals.load(), 1);
   ProbeTask* second = NewTask(&tally);
   second->affinity = 0;
@@ -207,6 +235,10 @@ TYPED_TEST(ExecutorTest, FailedQueueEntryDisposesTheTask) {
   }
   EXPECT_EQ(tally.disposals.load(), 2);
   EXPECT_EQ(tally.runs.load(), 0);
+  gate.open();
+  pool.stop();
+  EXPECT_EQ(tally.runs.load(), queued + 1);
+  EXPECT_EQ(tally.disposals.load(), queued + 3);
 }
 
 // ---- ThreadPool ----
@@ -232,11 +264,7 @@ TEST_F(ThreadPoolTest, QueueBoundIsAtLeast100) {
 // queue.
 void FillPool(ThreadPool& pool, Tally& tally, Gate& gate, std::atomic<bool>& started) {
   pool.setMaxTaskNum(100);
-  ProbeTask* blocker = NewTask(&tally, -1);
-  blocker->gate = &gate;
-  blocker->started = &started;
-  pool.addTask(blocker);
-  ASSERT_TRUE(WaitUntil([&] { return started.load(); }));
+  ASSERT_TRUE(HoldWorker(pool, tally, gate, started));
   for (int i = 0; i < 100; ++i) pool.addTask(NewTask(&tally, i));
   ASSERT_EQ(pool.queuedNum(), 100u);
 }
@@ -312,11 +340,7 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallOnEveryWakeUp) {
   GateOpener open1(gate1);
   GateOpener open2(gate2);
   pool.setMaxTaskNum(102);
-  ProbeTask* blocker = NewTask(&tally, -1);
-  blocker->gate = &gate0;
-  blocker->started = &started;
-  pool.addTask(blocker);
-  ASSERT_TRUE(WaitUntil([&] { return started.load(); }));
+  ASSERT_TRUE(HoldWorker(pool, tally, gate0, started));
   ProbeTask* first = NewTask(&tally, 1);
   first->gate = &gate1;
   pool.addTask(first);
@@ -351,6 +375,28 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallOnEveryWakeUp) {
   EXPECT_LT(end - begin, 280u);
   gate2.open();
   late->dispose();  // still the caller's
+}
+
+// A burst of queued tasks makes the queue grow; its room is given back once
+// the queue has run empty, and the pool keeps working afterwards.
+TEST_F(ThreadPoolTest, RoomTakenByABurstIsGivenBackOnceDrained) {
+  Tally tally;
+  Gate gate;
+  std::atomic<bool> started{false};
+  ThreadPool pool(1);
+  GateOpener opener(gate);
+  ASSERT_TRUE(HoldWorker(pool, tally, gate, started));
+  const unsigned long long before = zf::debug::MemoryMonitor::LiveBytes();
+  const int burst = 20000;
+  for (int i = 0; i < burst; ++i) pool.addTask(NewTask(&tally, i));
+  ASSERT_EQ(pool.queuedNum(), static_cast<unsigned int>(burst));
+  EXPECT_GT(zf::debug::MemoryMonitor::LiveBytes(), before + burst * sizeof(ITask*));
+  gate.open();
+  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == burst + 1; }));
+  EXPECT_LT(zf::debug::MemoryMonitor::LiveBytes(), before + 4096);
+  for (int i = 0; i < 10; ++i) pool.addTask(NewTask(&tally, burst + i));
+  pool.stop();
+  EXPECT_EQ(tally.runs.load(), burst + 11);
 }
 
 // ---- AffinityThreadPool ----
@@ -426,12 +472,7 @@ TEST_F(AffinityThreadPoolTest, AFullWorkerQueueBlocksItsAffinityOnly) {
   AffinityThreadPool pool(2);
   GateOpener opener(gate);
   pool.setMaxTaskNum(200);  // 100 per worker
-  ProbeTask* blocker = NewTask(&tally, -1);
-  blocker->affinity = 0;
-  blocker->gate = &gate;
-  blocker->started = &started;
-  pool.addTask(blocker);
-  ASSERT_TRUE(WaitUntil([&] { return started.load(); }));
+  ASSERT_TRUE(HoldWorker(pool, tally, gate, started));
   for (int i = 0; i < 100; ++i) {
     ProbeTask* task = NewTask(&tally, i);
     task->affinity = 2;

@@ -56,7 +56,10 @@ namespace _AffinityThreadPool {
 // A worker with its own queue: takes entries until it meets a stop marker.
 class MyThread : public Thread {
  public:
-  explicit MyThread(detail::AffinityThreadPoolPrivate* pool) : marker(1, nullptr), pool_(pool) {}
+  // Keeps room in the queue for this worker's stop marker.
+  explicit MyThread(detail::AffinityThreadPoolPrivate* pool) : pool_(pool) {
+    queue.reserveMarkers(1);
+  }
 
   void run() override {
     try {
@@ -64,20 +67,16 @@ class MyThread : public Thread {
     } catch (...) {
       // The name is for reports only.
     }
+    // This worker's place among the consumers waiting for an entry.
+    detail::TaskWaiter waiter;
     for (;;) {
-      ITask* task;
-      {
-        detail::TaskQueue::List node;
-        task = queue.take(node);
-      }
+      ITask* const task = queue.take(waiter);
       if (task == nullptr) return;
       detail::RunAndDispose(task, kCategory);
     }
   }
 
   detail::TaskQueue queue;
-  // This worker's stop marker, allocated up front.
-  detail::TaskQueue::List marker;
 
  private:
   detail::AffinityThreadPoolPrivate* pool_;
@@ -158,7 +157,7 @@ void AffinityThreadPool::stop() {
   // One worker after another: each drains its own queue up to its marker and
   // is joined before the next is told to stop.
   for (MyThread* worker : d_->workers) {
-    (void)worker->queue.put(worker->marker);
+    (void)worker->queue.putMarker();
     worker->wait();
     worker->queue.close();
   }

@@ -1,10 +1,11 @@
 // Private: the bounded FIFO task queue shared by both thread pools, and the
-// accounted creation that refuses a null object.
+// steps both pools take alike (running a task, counting and starting workers,
+// adding a task).
 #ifndef ZORV_FOUNDATION_SRC_THREADING_THREADPOOL_TASKQUEUE_H_
 #define ZORV_FOUNDATION_SRC_THREADING_THREADPOOL_TASKQUEUE_H_
 
 #include <atomic>
-#include <list>
+#include <cstddef>
 #include <new>
 #include <utility>
 
@@ -22,167 +23,112 @@ namespace foundation {
 namespace threading {
 namespace detail {
 
+// A consumer's place in the line of those that found the queue empty and
+// wait for an entry of their own; each consumer has one for its lifetime.
+// The producer that serves it stores the entry and then the state; the
+// consumer sleeps on the state word only when it is still kWaiting after a
+// short watch, and the producer makes the wake-up call only for a consumer
+// that went to sleep.
+struct TaskWaiter {
+  enum State : int { kWaiting = 0, kSleeping = 1, kServed = 2 };
+
+  std::atomic<int> state{kWaiting};
+  ITask* task = nullptr;
+  TaskWaiter* next = nullptr;
+};
+
 // A FIFO of task pointers with a bound on its length; a null entry is a stop
-// marker for a worker. One lock guards the list and the count; producers wait
-// on notFull, consumers on notEmpty. A taken entry's list node is kept (up
-// to kSpareEntries of them) for the next task to be added, so that a busy
-// queue relinks nodes instead of allocating and freeing one per task; only
-// when none is kept does adding allocate, under the lock. Stop markers have
-// nodes of their own, allocated up front.
+// marker for a worker. One lock guards the entries, the count and the
+// waiting consumers; producers wait on notFull.
+//
+// The entries live in a ring of slots that doubles when full, so adding and
+// taking touch one slot and two indices under the lock, and a busy queue
+// allocates nothing. Room for the stop markers still to come is kept free at
+// every addition of a task, so that queueing a marker never allocates and
+// stopping cannot fail. A ring that grew past kShrinkAbove slots is given
+// back once it runs empty.
+//
+// A consumer that finds the queue empty does not wait on a condition of the
+// queue: it joins the waiters and leaves the lock, and the next entry is
+// handed straight to it. The consumer so never comes back for the lock to
+// collect its entry, and the producer wakes it after leaving the lock.
+// Waiters are served last-come first: the latest is the one most likely
+// still watching, and so served without a system call. While a consumer
+// waits the queue is empty, so entries still leave in the order they came.
+//
+// The lock is taken after a short run of attempts: it is held for a few
+// instructions only, so with more workers than processors a short wait
+// usually finds it free, where blocking on it would cost the waiter a
+// sleep and the holder a wake-up call.
 struct TaskQueue {
-  using List = std::list<ITask*, debug::Allocator<ITask*>>;
+  enum Result { kAdded, kTimedOut, kClosed };
 
-  static constexpr int kSpins = 200;
-  // Entries kept for reuse after their task was taken.
-  static constexpr std::size_t kSpareEntries = 256;
-
-  static inline void CpuRelax() {
-#if defined(__i386__) || defined(__x86_64__)
-    __builtin_ia32_pause();
-#elif defined(__arm__) || defined(__aarch64__)
-    __asm__ __volatile__("yield");
-#endif
-  }
-
-  TaskQueue() : notEmpty(lock), notFull(lock) {}
+  TaskQueue();
+  ~TaskQueue();
   TaskQueue(const TaskQueue&) = delete;
   TaskQueue& operator=(const TaskQueue&) = delete;
 
-  enum Result { kAdded, kTimedOut, kClosed };
+  // Keeps room for `markers` more stop markers from now on. Called before
+  // any consumer starts. Throws std::bad_alloc.
+  void reserveMarkers(unsigned int markers);
 
-  // Moves the single entry of `node` (a preallocated stop marker) to the
-  // back, waiting while the queue is full. kClosed (and `node` untouched)
-  // once the queue was closed.
-  Result put(List& node) {
-    Locker locker(&lock, false);
-    if (!waitForRoom(locker)) return kClosed;
-    append(locker, node);
-    return kAdded;
-  }
+  // Appends a stop marker in the room kept for it, waiting while the queue
+  // is full; a waiting consumer is given the marker directly. kClosed once
+  // the queue was closed.
+  Result putMarker();
 
   // Appends `task`, waiting while the queue is full. kClosed once the queue
-  // was closed. Throws std::bad_alloc, leaving the queue as it was, when no
-  // entry can be had.
-  Result put(ITask* task) {
-    Locker locker(&lock, false);
-    if (!waitForRoom(locker)) return kClosed;
-    appendTask(locker, task);
-    return kAdded;
-  }
+  // was closed. Throws std::bad_alloc, leaving the queue as it was, when the
+  // ring cannot grow.
+  Result put(ITask* task);
 
   // Appends `task`, waiting for room at most until `ms` milliseconds after
   // `startTick`, charged from the start tick on every pass. kTimedOut or
   // kClosed leave the queue as it was; std::bad_alloc as for put.
-  Result tryPut(ITask* task, unsigned int ms, unsigned long long startTick) {
-    Locker locker(&lock, false);
-    unsigned int remaining = ms;
-    for (;;) {
-      if (closed) return kClosed;
-      if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) break;
-      ++full;
-      (void)notFull.tryWait(locker, remaining);
-      --full;
-      const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
-      if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) return kTimedOut;
-      remaining -= static_cast<unsigned int>(elapsed);
-    }
-    appendTask(locker, task);
-    return kAdded;
-  }
+  Result tryPut(ITask* task, unsigned int ms, unsigned long long startTick);
 
   // Refuses every later entry and wakes producers still waiting for room:
   // called once the consumers have ended, so that a producer that raced with
   // stopping is turned away instead of waiting for ever.
-  void close() {
-    Locker locker(&lock, false);
-    closed = true;
-    notFull.notifyAll(locker);
-  }
+  void close();
 
-  // Takes the front entry, waiting while the queue is empty. The entry's
-  // node is moved into `node` (freed by the caller outside the lock).
-  // A consumer that finds the queue empty first watches the count for a few
-  // microseconds: a producer that keeps up then hands over without the
-  // sleep and wake-up of a condition wait.
-  ITask* take(List& node) {
-    if (queued.load(std::memory_order_relaxed) == 0) {
-      // Only one consumer watches at a time: more would take processor time
-      // from the producers.
-      if (spinners.fetch_add(1, std::memory_order_relaxed) == 0) {
-        for (int spin = 0; spin < kSpins && queued.load(std::memory_order_relaxed) == 0; ++spin) {
-          CpuRelax();
-        }
-      }
-      spinners.fetch_sub(1, std::memory_order_relaxed);
-    }
-    Locker locker(&lock, false);
-    while (list.empty()) {
-      ++idle;
-      notEmpty.wait(locker);
-      --idle;
-    }
-    ITask* task = list.front();
-    // Entries are kept for the next producers rather than freed: a pool
-    // that hands over millions of tasks then allocates almost nothing.
-    if (spare.size() < kSpareEntries) {
-      spare.splice(spare.end(), list, list.begin());
-    } else {
-      node.splice(node.begin(), list, list.begin());
-    }
-    queued.store(queued.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-    if (full != 0) notFull.notify(locker);  // nobody to wake otherwise
-    return task;
-  }
+  // Takes the front entry, waiting while the queue is empty; `self` is the
+  // calling consumer's own waiter, used for the wait.
+  ITask* take(TaskWaiter& self);
 
-  // Waits while the queue is full; false once it was closed.
-  bool waitForRoom(Locker& locker) {
-    for (;;) {
-      if (closed) return false;
-      if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
-        return true;
-      }
-      ++full;
-      notFull.wait(locker);
-      --full;
-    }
-  }
-
-  // Appends `task` in a kept entry, or in a new one.
-  void appendTask(Locker& locker, ITask* task) {
-    if (spare.empty()) {
-      list.push_back(task);
-    } else {
-      list.splice(list.end(), spare, spare.begin());
-      list.back() = task;
-    }
-    queued.store(queued.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    if (idle != 0) notEmpty.notify(locker);  // nobody to wake otherwise
-  }
-
-  void append(Locker& locker, List& node) {
-    list.splice(list.end(), node);
-    queued.store(queued.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    if (idle != 0) notEmpty.notify(locker);  // nobody to wake otherwise
-  }
-
-  // Entries in the list (tasks and stop markers). Changed only under the
+  // Entries in the ring (tasks and stop markers). Changed only under the
   // lock; atomic so that snapshots may be read without it.
   std::atomic<unsigned int> queued{0};
   // The bound; written without the lock by setMaxTaskNum.
   std::atomic<unsigned int> maxTaskNum{1000000};
-  List list;
-  // Entries whose tasks were taken, kept for reuse; under the lock.
-  List spare;
+
+ private:
+  void acquire();
+  bool waitForRoom(Locker& locker);
+  TaskWaiter* popWaiter(ITask* entry);
+  TaskWaiter* appendTask(ITask* task);
+  void push(ITask* entry);
+  void grow(std::size_t extra);
+  ITask** shrink();
+  ITask* await(TaskWaiter& self);
+
+  // The ring: `capacity` slots (a power of two, or 0 before the first
+  // growth), the front entry at `head`. Under the lock.
+  ITask** slots = nullptr;
+  std::size_t capacity = 0;
+  std::size_t head = 0;
+  // Slots kept free for the stop markers still to come; under the lock.
+  std::size_t markerRoom = 0;
   // Set by close(); read and written under the lock.
   bool closed = false;
-  // Consumers waiting on notEmpty and producers waiting on notFull; under
-  // the lock.
-  unsigned int idle = 0;
+  // Consumers waiting for an entry, latest first; non-empty only while the
+  // queue is empty. Under the lock.
+  TaskWaiter* waiters = nullptr;
+  // Producers waiting on notFull; under the lock.
   unsigned int full = 0;
-  // Consumers watching the count before they wait.
+  // Consumers watching their waiter before they sleep.
   std::atomic<int> spinners{0};
   Lock lock;
-  LockCondition notEmpty;
   LockCondition notFull;
 };
 

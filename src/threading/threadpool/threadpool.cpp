@@ -21,7 +21,6 @@ constexpr char kSource[] = "../threading/threadpool/threadpool.cpp";
 constexpr char kDefaultName[] = "zorv.foundation.threading.ThreadPool";
 constexpr char kCategory[] = "zorv.foundation.threading.ThreadPool";
 constexpr char kAddTask[] = "zorv.foundation.threading.ThreadPool.addTask";
-constexpr unsigned int kMaxWorkers = 300;
 constexpr unsigned int kMinBound = 100;
 
 }  // namespace
@@ -45,30 +44,7 @@ struct ThreadPoolPrivate {
       ids;
   // workers.size(), readable without the lock: 0 means stopped.
   std::atomic<unsigned int> workerCount{0};
-  // One stop-marker node per worker, allocated up front so that stop() and
-  // the destructor never allocate.
-  TaskQueue::List markers;
 };
-
-void RunAndDispose(ITask* task, const char* category) {
-  {
-    debug::ChronoMonitor::Chronometer scope(category, "Exec");
-    try {
-      task->run();
-    } catch (...) {
-      task->notifyInterrupted();
-    }
-  }
-  task->dispose();
-}
-
-unsigned int WorkerCount(unsigned int requested) {
-  if (requested != 0) return requested < kMaxWorkers ? requested : kMaxWorkers;
-  const long processors = static_cast<long>(system::SystemUtils::GetProcessorNum());
-  if (processors <= 0) return 1;
-  return processors < static_cast<long>(kMaxWorkers) ? static_cast<unsigned int>(processors)
-                                                      : kMaxWorkers;
-}
 
 }  // namespace detail
 
@@ -86,12 +62,10 @@ class MyThread : public Thread {
     } catch (...) {
       // The name is for reports only.
     }
+    // This worker's place among the consumers waiting for an entry.
+    detail::TaskWaiter waiter;
     for (;;) {
-      ITask* task;
-      {
-        detail::TaskQueue::List node;
-        task = pool_->queue.take(node);
-      }
+      ITask* const task = pool_->queue.take(waiter);
       if (task == nullptr) return;
       detail::RunAndDispose(task, kCategory);
     }
@@ -115,7 +89,8 @@ ThreadPool::ThreadPool(unsigned int threadNum, const SafeString& name) : d_(null
       ZORV_ACCOUNTING_SITE(kSource, "ThreadPool"), name);
   try {
     const unsigned int count = detail::WorkerCount(threadNum);
-    d_->markers.resize(count, nullptr);
+    // Room for one stop marker per worker, so that stop() never allocates.
+    d_->queue.reserveMarkers(count);
     detail::StartWorkers<MyThread>(d_, count, kSource);
   } catch (...) {
     stop();
@@ -149,11 +124,7 @@ void ThreadPool::stop() {
   if (d_ == nullptr || d_->workers.empty()) return;
   // The markers queue behind every task already present; each worker ends at
   // the first marker it takes.
-  for (std::size_t i = 0; i < d_->workers.size(); ++i) {
-    detail::TaskQueue::List node;
-    node.splice(node.begin(), d_->markers, d_->markers.begin());
-    (void)d_->queue.put(node);
-  }
+  for (std::size_t i = 0; i < d_->workers.size(); ++i) (void)d_->queue.putMarker();
   for (MyThread*& worker : d_->workers) {
     worker->wait();
     lang::AccountedDelete(worker, ZORV_ACCOUNTING_SITE(kSource, "~MyThread"));

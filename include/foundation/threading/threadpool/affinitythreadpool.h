@@ -57,8 +57,8 @@ class ZORV_FOUNDATION_EXPORT AffinityThreadPool : public IExecutor {
   // blocking while that worker's queue is full (even when other workers are
   // idle). The pool owns the task in every case.
   // Throws Exception ("zorv.foundation.threading.AffinityThreadPool.addTask",
-  // "executor has stopped") after stop(), std::bad_alloc when no queue entry
-  // can be allocated; either way the task has been disposed.
+  // "executor has stopped") after stop(), std::bad_alloc when the queue
+  // must grow and cannot; either way the task has been disposed.
   // REQUIRES: task is not null.
   void addTask(ITask* task) override;
 

@@ -30,7 +30,7 @@ struct ThreadPoolPrivate;
 // thread. stop() and the destructor belong to one controlling thread and must
 // never be called from a worker (the worker would join itself). A task added
 // by another thread while stop() runs may land behind the workers' stop
-// markers: it is then never run, and the destructor frees its queue entry
+// markers: it is then never run, and the destructor drops it from the queue
 // without disposing it. Once the workers have ended, producers still waiting
 // for room, and later ones, are refused with "executor has stopped" (the task
 // disposed).
@@ -56,8 +56,8 @@ class ZORV_FOUNDATION_EXPORT ThreadPool : public IExecutor {
   // Queues `task` behind the tasks already queued, blocking while the queue
   // holds the bound number of entries. The pool owns the task in every case.
   // Throws Exception ("zorv.foundation.threading.ThreadPool.addTask",
-  // "executor has stopped") after stop(), std::bad_alloc when no queue entry
-  // can be allocated; either way the task has been disposed.
+  // "executor has stopped") after stop(), std::bad_alloc when the queue
+  // must grow and cannot; either way the task has been disposed.
   // REQUIRES: task is not null.
   void addTask(ITask* task) override;
 

@@ -1,0 +1,295 @@
+// The task queue of both thread pools and the steps they share.
+#include "threading/threadpool/taskqueue.h"
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "foundation/debug/chronomonitor.h"
+
+namespace zorv {
+namespace foundation {
+namespace threading {
+namespace detail {
+namespace {
+
+constexpr unsigned int kMaxWorkers = 300;
+
+// Attempts at the queue's lock before blocking on it.
+constexpr int kLockSpins = 20;
+// Watches of a waiter's state before it sleeps.
+constexpr int kWatches = 400;
+// The smallest ring, and the size above which an empty ring is replaced.
+constexpr std::size_t kInitialSlots = 64;
+constexpr std::size_t kShrinkAbove = 4096;
+
+inline void CpuRelax() {
+#if defined(__i386__) || defined(__x86_64__)
+  __builtin_ia32_pause();
+#elif defined(__arm__) || defined(__aarch64__)
+  __asm__ __volatile__("yield");
+#endif
+}
+
+static_assert(sizeof(std::atomic<int>) == sizeof(int), "a futex word is an int");
+
+// Sleeps while *word holds `value`; it may also return early. The word is
+// process-private: only this process's threads sleep on it.
+void SleepOnWord(std::atomic<int>* word, int value) {
+  (void)syscall(SYS_futex, reinterpret_cast<int*>(word), FUTEX_WAIT_PRIVATE, value, nullptr,
+                nullptr, 0);
+}
+
+// Wakes one thread sleeping on `word`.
+void WakeWord(std::atomic<int>* word) {
+  (void)syscall(SYS_futex, reinterpret_cast<int*>(word), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr,
+                0);
+}
+
+// Wakes `waiter` (if any) once its entry is stored; outside the lock.
+void Serve(TaskWaiter* waiter) {
+  if (waiter == nullptr) return;
+  if (waiter->state.exchange(TaskWaiter::kServed, std::memory_order_acq_rel) ==
+      TaskWaiter::kSleeping) {
+    WakeWord(&waiter->state);
+  }
+}
+
+ITask** NewRing(std::size_t slots) { return debug::Allocator<ITask*>().allocate(slots); }
+
+void FreeRing(ITask** ring, std::size_t slots) {
+  if (ring != nullptr) debug::Allocator<ITask*>().deallocate(ring, slots);
+}
+
+}  // namespace
+
+TaskQueue::TaskQueue() : notFull(lock) {}
+
+TaskQueue::~TaskQueue() { FreeRing(slots, capacity); }
+
+void TaskQueue::reserveMarkers(unsigned int markers) {
+  acquire();
+  Locker locker(&lock, true);
+  grow(markers);
+  markerRoom += markers;
+}
+
+TaskQueue::Result TaskQueue::putMarker() {
+  TaskWaiter* served;
+  {
+    acquire();
+    Locker locker(&lock, true);
+    if (!waitForRoom(locker)) return kClosed;
+    served = popWaiter(nullptr);
+    if (markerRoom != 0) {
+      --markerRoom;
+    } else if (served == nullptr) {
+      grow(1);  // more markers than were reserved for
+    }
+    if (served == nullptr) push(nullptr);
+  }
+  Serve(served);
+  return kAdded;
+}
+
+TaskQueue::Result TaskQueue::put(ITask* task) {
+  TaskWaiter* served;
+  {
+    acquire();
+    Locker locker(&lock, true);
+    if (!waitForRoom(locker)) return kClosed;
+    served = appendTask(task);
+  }
+  Serve(served);
+  return kAdded;
+}
+
+TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long long startTick) {
+  TaskWaiter* served;
+  {
+    acquire();
+    Locker locker(&lock, true);
+    unsigned int remaining = ms;
+    for (;;) {
+      if (closed) return kClosed;
+      if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
+        break;
+      }
+      ++full;
+      (void)notFull.tryWait(locker, remaining);
+      --full;
+      const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
+      if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) return kTimedOut;
+      remaining -= static_cast<unsigned int>(elapsed);
+    }
+    served = appendTask(task);
+  }
+  Serve(served);
+  return kAdded;
+}
+
+void TaskQueue::close() {
+  acquire();
+  Locker locker(&lock, true);
+  closed = true;
+  notFull.notifyAll(locker);
+}
+
+ITask* TaskQueue::take(TaskWaiter& self) {
+  ITask** retired = nullptr;
+  std::size_t retiredSlots = 0;
+  ITask* task = nullptr;
+  bool waiting = false;
+  {
+    acquire();
+    Locker locker(&lock, true);
+    const unsigned int count = queued.load(std::memory_order_relaxed);
+    if (count == 0) {
+      self.state.store(TaskWaiter::kWaiting, std::memory_order_relaxed);
+      self.task = nullptr;
+      self.next = waiters;
+      waiters = &self;
+      waiting = true;
+    } else {
+      task = slots[head];
+      head = (head + 1) & (capacity - 1);
+      queued.store(count - 1, std::memory_order_relaxed);
+      if (full != 0) notFull.notify(locker);  // nobody to wake otherwise
+      if (count == 1 && capacity > kShrinkAbove) {
+        retiredSlots = capacity;
+        retired = shrink();
+      }
+    }
+  }
+  FreeRing(retired, retiredSlots);
+  return waiting ? await(self) : task;
+}
+
+// Only one consumer watches at a time before sleeping: more would take
+// processor time from the producers.
+ITask* TaskQueue::await(TaskWaiter& self) {
+  if (spinners.fetch_add(1, std::memory_order_relaxed) == 0) {
+    for (int watch = 0; watch < kWatches; ++watch) {
+      if (self.state.load(std::memory_order_acquire) == TaskWaiter::kServed) break;
+      CpuRelax();
+    }
+  }
+  spinners.fetch_sub(1, std::memory_order_relaxed);
+  int expected = TaskWaiter::kWaiting;
+  if (self.state.compare_exchange_strong(expected, TaskWaiter::kSleeping,
+                                         std::memory_order_acquire)) {
+    while (self.state.load(std::memory_order_acquire) == TaskWaiter::kSleeping) {
+      SleepOnWord(&self.state, TaskWaiter::kSleeping);
+    }
+  }
+  return self.task;
+}
+
+void TaskQueue::acquire() {
+  for (int spin = 0; spin < kLockSpins; ++spin) {
+    if (lock.tryLock()) return;
+    CpuRelax();
+  }
+  lock.lock();
+}
+
+bool TaskQueue::waitForRoom(Locker& locker) {
+  for (;;) {
+    if (closed) return false;
+    if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
+      return true;
+    }
+    ++full;
+    notFull.wait(locker);
+    --full;
+  }
+}
+
+// The latest waiting consumer, given `entry` and taken off the waiters; or
+// nullptr when none waits.
+TaskWaiter* TaskQueue::popWaiter(ITask* entry) {
+  TaskWaiter* waiter = waiters;
+  if (waiter != nullptr) {
+    waiters = waiter->next;
+    waiter->task = entry;
+  }
+  return waiter;
+}
+
+// Hands `task` to a waiting consumer, returned for serving after the lock is
+// left; or, with none waiting, appends it, growing the ring first if the
+// markers' room would be lost.
+TaskWaiter* TaskQueue::appendTask(ITask* task) {
+  if (TaskWaiter* waiter = popWaiter(task)) return waiter;
+  grow(1);
+  push(task);
+  return nullptr;
+}
+
+// Appends an entry; the room is there.
+void TaskQueue::push(ITask* entry) {
+  const unsigned int count = queued.load(std::memory_order_relaxed);
+  slots[(head + count) & (capacity - 1)] = entry;
+  queued.store(count + 1, std::memory_order_relaxed);
+}
+
+// Makes room for `extra` more entries besides the markers' room, moving the
+// entries to the front of a ring twice as large (or more) when needed.
+// Throws std::bad_alloc, leaving the ring as it was.
+void TaskQueue::grow(std::size_t extra) {
+  const std::size_t count = queued.load(std::memory_order_relaxed);
+  const std::size_t needed = count + extra + markerRoom;
+  if (needed <= capacity) return;
+  std::size_t size = capacity == 0 ? kInitialSlots : capacity * 2;
+  while (size < needed) size *= 2;
+  ITask** bigger = NewRing(size);
+  for (std::size_t i = 0; i < count; ++i) bigger[i] = slots[(head + i) & (capacity - 1)];
+  FreeRing(slots, capacity);
+  slots = bigger;
+  capacity = size;
+  head = 0;
+}
+
+// Replaces the empty ring by a small one and returns the old slots for the
+// caller to free after leaving the lock; nullptr (nothing changed) when no
+// small ring can be had.
+ITask** TaskQueue::shrink() {
+  std::size_t size = kInitialSlots;
+  while (size < markerRoom) size *= 2;
+  ITask** smaller;
+  try {
+    smaller = NewRing(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  ITask** old = slots;
+  slots = smaller;
+  capacity = size;
+  head = 0;
+  return old;
+}
+
+void RunAndDispose(ITask* task, const char* category) {
+  {
+    debug::ChronoMonitor::Chronometer scope(category, "Exec");
+    try {
+      task->run();
+    } catch (...) {
+      task->notifyInterrupted();
+    }
+  }
+  task->dispose();
+}
+
+unsigned int WorkerCount(unsigned int requested) {
+  if (requested != 0) return requested < kMaxWorkers ? requested : kMaxWorkers;
+  const long processors = static_cast<long>(system::SystemUtils::GetProcessorNum());
+  if (processors <= 0) return 1;
+  return processors < static_cast<long>(kMaxWorkers) ? static_cast<unsigned int>(processors)
+                                                      : kMaxWorkers;
+}
+
+}  // namespace detail
+}  // namespace threading
+}  // namespace foundation
+}  // namespace zorv
