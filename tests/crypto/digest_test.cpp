@@ -238,7 +238,7 @@ TYPED_TEST(DigestTest, FilesMatchTheSystemTool) {
   std::mt19937 random(7u);
   bool toolRan = false;
   for (size_t size : {size_t{0}, size_t{1}, size_t{4095}, size_t{4096}, size_t{4097},
-                      size_t{3 * 4096 + 100}, size_t{100000}}) {
+                      size_t{3 * 4096 + 100}, size_t{100000}, size_t{2 * 262144 + 1234}}) {
     SCOPED_TRACE("size " + std::to_string(size));
     const std::string path = dir / ("file" + std::to_string(size));
     const std::string data = RandomBytes(random, size);
@@ -255,6 +255,23 @@ TYPED_TEST(DigestTest, FilesMatchTheSystemTool) {
     EXPECT_EQ(Text(text), fromTool);
   }
   if (!toolRan) GTEST_SKIP() << TypeParam::kTool << " is not available";
+}
+
+// A large file is read through a buffer taken from the heap; when none can be
+// had, the small fallback buffer gives the same digest.
+TYPED_TEST(DigestTest, FileDigestDoesNotDependOnTheReadBuffer) {
+  using Digest = typename TypeParam::Digest;
+  zorv::test::TempDir dir;
+  std::mt19937 random(11u);
+  const std::string path = dir / "large";
+  const std::string data = RandomBytes(random, 3 * 262144 + 4097);
+  ASSERT_TRUE(zorv::test::WriteRawFile(path, data));
+  SafeString text;
+  {
+    zorv::test::FailAfterGuard fail(1);
+    ASSERT_TRUE(Digest::EncodeFile(path.c_str(), text));
+  }
+  EXPECT_EQ(Text(text), this->Hex(data));
 }
 
 TYPED_TEST(DigestTest, MissingFileFailsAndLeavesTheOutputAlone) {

@@ -51,8 +51,9 @@ class ZORV_FOUNDATION_EXPORT SHA1 {
                                                          unsigned int size);
 
   // Stores the 20 digest bytes of the contents of the file at `path` in
-  // `digest`, replacing its contents; the file is read in 4096-byte pieces,
-  // never loaded whole. Returns false, leaving `digest` untouched, when the
+  // `digest`, replacing its contents; the file is read from start to end
+  // through one buffer of at most 256 KiB (4096 bytes when no more memory
+  // can be had), never loaded whole. Returns false, leaving `digest` untouched, when the
   // file cannot be opened (or `path` is null). A file that shrinks while it
   // is read is not detected: the size measured when it was opened counts.
   [[nodiscard]] static bool ComputeFile(char const* path,
