@@ -46,6 +46,8 @@ struct AffinityThreadPoolPrivate {
       ids;
   // The number of running workers, readable without a lock: 0 means stopped.
   std::atomic<unsigned int> workerCount{0};
+  // Workers watching for a task before they sleep, over all queues.
+  std::atomic<int> watchers{0};
 };
 
 }  // namespace detail
@@ -56,9 +58,11 @@ namespace _AffinityThreadPool {
 // A worker with its own queue: takes entries until it meets a stop marker.
 class MyThread : public Thread {
  public:
-  // Keeps room in the queue for this worker's stop marker.
+  // Keeps room in the queue for this worker's stop marker; one worker of the
+  // pool at a time watches for a task before sleeping.
   explicit MyThread(detail::AffinityThreadPoolPrivate* pool) : pool_(pool) {
     queue.reserveMarkers(1);
+    queue.shareWatchers(&pool->watchers);
   }
 
   void run() override {

@@ -168,13 +168,13 @@ ITask* TaskQueue::take(TaskWaiter& self) {
 // Only one consumer watches at a time before sleeping: more would take
 // processor time from the producers.
 ITask* TaskQueue::await(TaskWaiter& self) {
-  if (spinners.fetch_add(1, std::memory_order_relaxed) == 0) {
+  if (watchers->fetch_add(1, std::memory_order_relaxed) == 0) {
     for (int watch = 0; watch < kWatches; ++watch) {
       if (self.state.load(std::memory_order_acquire) == TaskWaiter::kServed) break;
       CpuRelax();
     }
   }
-  spinners.fetch_sub(1, std::memory_order_relaxed);
+  watchers->fetch_sub(1, std::memory_order_relaxed);
   int expected = TaskWaiter::kWaiting;
   if (self.state.compare_exchange_strong(expected, TaskWaiter::kSleeping,
                                          std::memory_order_acquire)) {

@@ -92,6 +92,11 @@ struct TaskQueue {
   // stopping is turned away instead of waiting for ever.
   void close();
 
+  // Counts this queue's watching consumers in `count` instead of its own,
+  // so that the queues of one pool let only one of their consumers watch at
+  // a time. Called before any consumer starts.
+  void shareWatchers(std::atomic<int>* count) { watchers = count; }
+
   // Takes the front entry, waiting while the queue is empty; `self` is the
   // calling consumer's own waiter, used for the wait.
   ITask* take(TaskWaiter& self);
@@ -126,8 +131,10 @@ struct TaskQueue {
   TaskWaiter* waiters = nullptr;
   // Producers waiting on notFull; under the lock.
   unsigned int full = 0;
-  // Consumers watching their waiter before they sleep.
-  std::atomic<int> spinners{0};
+  // Consumers watching their waiter before they sleep: this queue's own
+  // count, or one shared by the queues of a pool (see shareWatchers).
+  std::atomic<int> ownWatchers{0};
+  std::atomic<int>* watchers = &ownWatchers;
   Lock lock;
   LockCondition notFull;
 };
