@@ -6,7 +6,6 @@
 #include <unordered_set>
 
 #include "foundation/collection/vector.h"
-#include "foundation/debug/chronomonitor.h"
 #include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
@@ -65,20 +64,7 @@ class MyThread : public Thread {
     queue.shareWatchers(&pool->watchers);
   }
 
-  void run() override {
-    try {
-      debug::ChronoMonitor::SetThreadName(pool_->name);
-    } catch (...) {
-      // The name is for reports only.
-    }
-    // This worker's place among the consumers waiting for an entry.
-    detail::TaskWaiter waiter;
-    for (;;) {
-      ITask* const task = queue.take(waiter);
-      if (task == nullptr) return;
-      detail::RunAndDispose(task, kCategory);
-    }
-  }
+  void run() override { detail::RunWorker(queue, pool_->name, kCategory); }
 
   detail::TaskQueue queue;
 

@@ -5,6 +5,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <new>
+
+#include "foundation/debug/allocator.h"
 #include "foundation/debug/chronomonitor.h"
 
 namespace zorv {
@@ -269,16 +272,27 @@ ITask** TaskQueue::shrink() {
   return old;
 }
 
-void RunAndDispose(ITask* task, const char* category) {
-  {
-    debug::ChronoMonitor::Chronometer scope(category, "Exec");
-    try {
-      task->run();
-    } catch (...) {
-      task->notifyInterrupted();
-    }
+void RunWorker(TaskQueue& queue, const SafeString& name, const char* category) {
+  try {
+    debug::ChronoMonitor::SetThreadName(name);
+  } catch (...) {
+    // The name is for reports only.
   }
-  task->dispose();
+  // This worker's place among the consumers waiting for an entry.
+  TaskWaiter waiter;
+  for (;;) {
+    ITask* const task = queue.take(waiter);
+    if (task == nullptr) return;
+    {
+      debug::ChronoMonitor::Chronometer scope(category, "Exec");
+      try {
+        task->run();
+      } catch (...) {
+        task->notifyInterrupted();
+      }
+    }
+    task->dispose();
+  }
 }
 
 unsigned int WorkerCount(unsigned int requested) {

@@ -6,14 +6,11 @@
 
 #include <atomic>
 #include <cstddef>
-#include <new>
-#include <utility>
 
-#include "foundation/debug/allocator.h"
-#include "foundation/debug/objectmonitor.h"
 #include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
+#include "foundation/text/safestring.h"
 #include "foundation/threading/lock.h"
 #include "foundation/threading/lockcondition.h"
 #include "foundation/threading/thread.h"
@@ -139,10 +136,12 @@ struct TaskQueue {
   LockCondition notFull;
 };
 
-// Runs one task inside the timing scope of `category` and disposes it. A
-// run() that throws gets the task's interruption hook called; the exception
-// goes no further.
-void RunAndDispose(ITask* task, const char* category);
+// The loop of a worker: names the thread `name` for the debug-support
+// reports, then takes tasks from `queue` until a stop marker, running each
+// inside the timing scope of `category` and disposing it. A run() that
+// throws gets the task's interruption hook called; the exception goes no
+// further.
+void RunWorker(TaskQueue& queue, const SafeString& name, const char* category);
 
 // The worker count for a requested number: min(n, 300), or for 0 the
 // processor count capped at 300 and at least 1.
