@@ -51,14 +51,17 @@ class SlotTask : public ITask {
   unsigned int affinity_;
 };
 
+// `producers` threads add `perProducer` tasks each to a pool of `workers`;
+// a bound of 0 keeps the default. Many producers against a small bound block
+// on a full queue; many workers against few producers often find the queue
+// empty and are handed their tasks as they wait.
 template <class Pool>
-void ProducersAgainstASmallQueue(unsigned int workers) {
-  const unsigned int producers = 8;
-  const unsigned int perProducer = Scaled(100000, 20);
+void RunProducers(unsigned int workers, unsigned int producers, unsigned int perProducer,
+                  unsigned int bound) {
   Slots slots(static_cast<size_t>(producers) * perProducer);
   {
     Pool pool(workers);
-    pool.setMaxTaskNum(100);
+    if (bound != 0) pool.setMaxTaskNum(bound);
     std::vector<std::thread> threads;
     for (unsigned int p = 0; p < producers; ++p) {
       threads.emplace_back([&, p] {
@@ -88,11 +91,19 @@ void ProducersAgainstASmallQueue(unsigned int workers) {
 using PoolStressTest = zorv::test::LeakCheckedTest;
 
 TEST_F(PoolStressTest, ThreadPoolProducersBlockOnASmallQueueAndNothingIsLost) {
-  ProducersAgainstASmallQueue<ThreadPool>(4);
+  RunProducers<ThreadPool>(4, 8, Scaled(100000, 20), 100);
 }
 
 TEST_F(PoolStressTest, AffinityPoolProducersBlockOnSmallQueuesAndNothingIsLost) {
-  ProducersAgainstASmallQueue<AffinityThreadPool>(4);
+  RunProducers<AffinityThreadPool>(4, 8, Scaled(100000, 20), 100);
+}
+
+TEST_F(PoolStressTest, ThreadPoolHandsTasksToWaitingWorkersExactlyOnce) {
+  RunProducers<ThreadPool>(8, 3, Scaled(50000, 20), 0);
+}
+
+TEST_F(PoolStressTest, AffinityPoolHandsTasksToWaitingWorkersExactlyOnce) {
+  RunProducers<AffinityThreadPool>(8, 3, Scaled(50000, 20), 0);
 }
 
 // Tasks that belong to the test, so that one stranded behind the stop
