@@ -42,7 +42,7 @@ struct TaskWaiter {
 // taking touch one slot and two indices under the lock, and a busy queue
 // allocates nothing. Room for the stop markers still to come is kept free at
 // every addition of a task, so that queueing a marker never allocates and
-// stopping cannot fail. A ring that grew past kShrinkAbove slots is given
+// stopping cannot fail. A ring that grew past 4096 slots is given
 // back once it runs empty.
 //
 // A consumer that finds the queue empty does not wait on a condition of the
