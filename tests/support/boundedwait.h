@@ -16,9 +16,10 @@ namespace test {
 // The generous limit of a wait that is expected to succeed.
 constexpr std::chrono::milliseconds kLongWait{20000};
 
-// True on slow targets (qemu, sanitizers): stress sizes shrink there.
+// True on slow targets (sanitizers, the 32-bit ARM target, real or under
+// qemu, or ZORV_SLOW_TARGET set): stress sizes shrink there.
 inline bool SlowTarget() {
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(__arm__)
   return true;
 #else
 #if defined(__has_feature)

@@ -1,16 +1,12 @@
-// Test helpers for executors and timers: gates with bounded waits, a shared
-// tally of runs and disposals, and tasks and timers that report to it.
+// Test helpers for executors and timers: a shared tally of runs and
+// disposals, and tasks and timers that report to it (gates and bounded waits
+// come from boundedwait.h).
 #ifndef ZORV_TESTS_SUPPORT_TASKPROBE_H_
 #define ZORV_TESTS_SUPPORT_TASKPROBE_H_
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
-#include <functional>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
 #include "foundation/lang/accounted.h"
@@ -18,25 +14,10 @@
 #include "foundation/system/systemutils.h"
 #include "foundation/threading/thread.h"
 #include "foundation/threading/timer/timer.h"
+#include "support/boundedwait.h"
 
 namespace zorv {
 namespace test {
-
-// True when the tests run under a sanitizer, on the 32-bit ARM target (real
-// or under qemu) or with ZORV_SLOW_TARGET set, so that stress sizes are
-// scaled down.
-inline bool SlowTarget() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
-  return true;
-#else
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-  return true;
-#endif
-#endif
-  return std::getenv("ZORV_SLOW_TARGET") != nullptr;
-#endif
-}
 
 // Scales a stress size down on slow targets.
 inline unsigned int Scaled(unsigned int n, unsigned int divisor = 10) {
@@ -44,50 +25,6 @@ inline unsigned int Scaled(unsigned int n, unsigned int divisor = 10) {
 }
 
 inline unsigned long long Tick() { return foundation::system::SystemUtils::GetTick(); }
-
-// A gate that threads wait at until it is opened. Every wait is bounded.
-class Gate {
- public:
-  void open() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  // True when the gate opened within `ms`.
-  bool wait(unsigned int ms = 10000) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
-
-// Opens a gate when it goes out of scope, so that a failing test still lets
-// a pool drain. Declare it after the pool that waits on the gate.
-class GateOpener {
- public:
-  explicit GateOpener(Gate& gate) : gate_(gate) {}
-  ~GateOpener() { gate_.open(); }
-  GateOpener(const GateOpener&) = delete;
-  GateOpener& operator=(const GateOpener&) = delete;
-
- private:
-  Gate& gate_;
-};
-
-// Waits until `pred` holds, polling every millisecond, at most `ms`
-// milliseconds; returns the last answer.
-inline bool WaitUntil(const std::function<bool()>& pred, unsigned int ms = 10000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > deadline) return pred();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 // What the probes report: counts, and for each run its id, thread and ticks.
 struct Tally {

@@ -20,7 +20,7 @@ using zf::threading::GlobalTimerScheduler;
 using zorv::test::NewTask;
 using zorv::test::NewTimer;
 using zorv::test::Tally;
-using zorv::test::WaitUntil;
+using zorv::test::PollUntil;
 
 using GlobalSchedulerTest = zorv::test::LeakCheckedTest;
 
@@ -77,7 +77,7 @@ TEST_F(GlobalSchedulerTest, TimerSchedulerOverThePoolIsTheTypicalTimedJob) {
   repeating->body = [&] { onPool += tasks.getThreadPool().isMyThread() ? 1 : 0; };
   timers.getTimerScheduler().addTimer(repeating);
   timers.getTimerScheduler().addTimer(NewTimer(&tally, 2, 5));
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == 2; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 2; }));
   EXPECT_EQ(tally.runs.load(), 6);
   EXPECT_EQ(onPool.load(), 5);
   timers.getTimerScheduler().addTimer(NewTimer(&tally, 3, 100000, -1));

@@ -27,7 +27,7 @@ using zf::threading::Thread;
 using zf::threading::ThreadPool;
 using zf::threading::TimerScheduler;
 using zorv::test::Scaled;
-using zorv::test::WaitUntil;
+using zorv::test::PollUntil;
 
 // A tiny task that counts its run and its disposal in per-task slots, so
 // that a task run or disposed twice is seen.
@@ -142,7 +142,7 @@ void StopRacingProducers() {
         }
       });
     }
-    ASSERT_TRUE(WaitUntil([&] { return ready.load() == static_cast<int>(producers); }));
+    ASSERT_TRUE(PollUntil([&] { return ready.load() == static_cast<int>(producers); }));
     Thread::Sleep(5);
     pool.stop();
     for (std::thread& t : threads) t.join();

@@ -31,7 +31,7 @@ using zorv::test::GateOpener;
 using zorv::test::NewTask;
 using zorv::test::ProbeTask;
 using zorv::test::Tally;
-using zorv::test::WaitUntil;
+using zorv::test::PollUntil;
 
 // What differs between the two executors, for the typed tests.
 template <class Pool>
@@ -67,7 +67,7 @@ bool HoldWorker(Pool& pool, Tally& tally, Gate& gate, std::atomic<bool>& started
   blocker->gate = &gate;
   blocker->started = &started;
   pool.addTask(blocker);
-  return WaitUntil([&] { return started.load(); });
+  return PollUntil([&] { return started.load(); });
 }
 
 using Executors = ::testing::Types<ThreadPool, AffinityThreadPool>;
@@ -304,7 +304,7 @@ TEST_F(ThreadPoolTest, AddTaskBlocksWhileTheQueueIsFullAndResumesWhenDrained) {
   zf::threading::Thread::Sleep(50);
   EXPECT_FALSE(added.load()) << "addTask returned although the queue was full";
   gate.open();
-  EXPECT_TRUE(WaitUntil([&] { return added.load(); }));
+  EXPECT_TRUE(PollUntil([&] { return added.load(); }));
   producer.join();
   pool.stop();
   EXPECT_EQ(tally.runs.load(), 102);
@@ -368,7 +368,7 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallOnEveryWakeUp) {
   pool.setMaxTaskNum(100);
   const unsigned long long secondWake = zorv::test::Tick();
   gate1.open();  // the worker takes `second`: 100 queued, still full
-  ASSERT_TRUE(WaitUntil([&] { return done.load(); }));
+  ASSERT_TRUE(PollUntil([&] { return done.load(); }));
   producer.join();
   EXPECT_FALSE(added);
   EXPECT_LT(end - secondWake, 60u) << "gave up at the second wake-up";
@@ -392,7 +392,7 @@ TEST_F(ThreadPoolTest, RoomTakenByABurstIsGivenBackOnceDrained) {
   ASSERT_EQ(pool.queuedNum(), static_cast<unsigned int>(burst));
   EXPECT_GT(zf::debug::MemoryMonitor::LiveBytes(), before + burst * sizeof(ITask*));
   gate.open();
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == burst + 1; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == burst + 1; }));
   EXPECT_LT(zf::debug::MemoryMonitor::LiveBytes(), before + 4096);
   for (int i = 0; i < 10; ++i) pool.addTask(NewTask(&tally, burst + i));
   pool.stop();
@@ -484,7 +484,7 @@ TEST_F(AffinityThreadPoolTest, AFullWorkerQueueBlocksItsAffinityOnly) {
   ProbeTask* other = NewTask(&tally, 501);
   other->affinity = 1;
   EXPECT_TRUE(pool.tryAddTask(other, 0));
-  EXPECT_TRUE(WaitUntil([&] { return tally.runs.load() == 1; }));
+  EXPECT_TRUE(PollUntil([&] { return tally.runs.load() == 1; }));
   gate.open();
   EXPECT_TRUE(pool.tryAddTask(refused, 10000));
   pool.stop();

@@ -25,7 +25,7 @@ using zorv::test::NewTimer;
 using zorv::test::ProbeTimer;
 using zorv::test::Tally;
 using zorv::test::Tick;
-using zorv::test::WaitUntil;
+using zorv::test::PollUntil;
 
 constexpr char kAddTimer[] = "zorv.foundation.threading.TimerScheduler.addTimer";
 
@@ -60,7 +60,7 @@ TEST_P(TimerSchedulerTest, OneShotTimerRunsOnceAfterItsIntervalAndIsDisposed) {
   const unsigned long long added = Tick();
   scheduler().addTimer(NewTimer(&tally, 1, 40));
   EXPECT_EQ(scheduler().timerNum(), 1u);
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == 1; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
   EXPECT_EQ(tally.runs.load(), 1);
   EXPECT_GE(tally.log()[0].start, added + 40);
   EXPECT_EQ(scheduler().timerNum(), 0u);
@@ -71,7 +71,7 @@ TEST_P(TimerSchedulerTest, RepeatingTimerIsReArmedFromTheEndOfEachRun) {
   ProbeTimer* timer = NewTimer(&tally, 1, 10, 3);  // four runs
   timer->body = [] { Thread::Sleep(15); };         // slower than its interval
   scheduler().addTimer(timer);
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == 1; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
   const std::vector<Tally::Run> log = tally.log();
   ASSERT_EQ(log.size(), 4u);
   for (size_t i = 1; i < log.size(); ++i) {
@@ -84,7 +84,7 @@ TEST_P(TimerSchedulerTest, RepeatingTimerIsReArmedFromTheEndOfEachRun) {
 TEST_P(TimerSchedulerTest, ZeroIntervalRepeatsBackToBackNeverTwiceAtOnce) {
   Tally tally;
   scheduler().addTimer(NewTimer(&tally, 1, 0, 49));
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == 1; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
   EXPECT_EQ(tally.runs.load(), 50);
   EXPECT_EQ(tally.maxRunning.load(), 1);
   const std::vector<Tally::Run> log = tally.log();
@@ -97,7 +97,7 @@ TEST_P(TimerSchedulerTest, EqualIntervalsRunInTheOrderAdded) {
   std::vector<ProbeTimer*> timers;
   for (int i = 0; i < n; ++i) timers.push_back(NewTimer(&tally, i, 30));
   for (ProbeTimer* timer : timers) scheduler().addTimer(timer);
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == n; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == n; }));
   if (GetParam()) return;  // completion order on a pool is not defined
   const std::vector<Tally::Run> log = tally.log();
   ASSERT_EQ(log.size(), static_cast<size_t>(n));
@@ -108,11 +108,11 @@ TEST_P(TimerSchedulerTest, EarlierTimerAddedLaterRunsFirst) {
   Tally tally;
   scheduler().addTimer(NewTimer(&tally, 2, 300));
   scheduler().addTimer(NewTimer(&tally, 1, 20));
-  ASSERT_TRUE(WaitUntil([&] { return tally.runs.load() == 2; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.runs.load() == 2; }));
   const std::vector<Tally::Run> log = tally.log();
   EXPECT_EQ(log[0].id, 1);
   EXPECT_EQ(log[1].id, 2);
-  EXPECT_TRUE(WaitUntil([&] { return tally.disposals.load() == 2; }));
+  EXPECT_TRUE(PollUntil([&] { return tally.disposals.load() == 2; }));
 }
 
 TEST_P(TimerSchedulerTest, RemovingAnIdleTimerDisposesItAtOnce) {
@@ -144,7 +144,7 @@ TEST_P(TimerSchedulerTest, RemoveWithWaitReturnsAfterTheRunInProgress) {
   timer->gate = &gate;
   timer->started = &started;
   scheduler().addTimer(timer);
-  ASSERT_TRUE(WaitUntil([&] { return started.load(); }));
+  ASSERT_TRUE(PollUntil([&] { return started.load(); }));
   std::thread opener2([&] {
     Thread::Sleep(40);
     gate.open();
@@ -166,11 +166,11 @@ TEST_P(TimerSchedulerTest, RemoveWithoutWaitLetsTheRunFinishThenDisposes) {
   timer->gate = &gate;
   timer->started = &started;
   scheduler().addTimer(timer);
-  ASSERT_TRUE(WaitUntil([&] { return started.load(); }));
+  ASSERT_TRUE(PollUntil([&] { return started.load(); }));
   scheduler().removeTimer(timer, false);
   EXPECT_EQ(tally.disposals.load(), 0) << "the run still holds the timer";
   gate.open();
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == 1; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
   Thread::Sleep(20);
   EXPECT_EQ(tally.runs.load(), 1);
 }
@@ -179,7 +179,7 @@ TEST_P(TimerSchedulerTest, StopDisposesEveryTimerAndRefusesNewOnes) {
   Tally tally;
   for (int i = 0; i < 20; ++i) scheduler().addTimer(NewTimer(&tally, i, 10000 + i, -1));
   scheduler().addTimer(NewTimer(&tally, 100, 1, -1));  // busy repeating timer
-  ASSERT_TRUE(WaitUntil([&] { return tally.runs.load() >= 3; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.runs.load() >= 3; }));
   scheduler().stop();
   EXPECT_EQ(tally.disposals.load(), 21);
   EXPECT_EQ(scheduler().timerNum(), 0u);
@@ -200,7 +200,7 @@ TEST_P(TimerSchedulerTest, StopReturnsOnlyAfterTheLastRunDisposedItsTimer) {
   timer->started = &started;
   timer->disposeDelayMs = 30;
   scheduler().addTimer(timer);
-  ASSERT_TRUE(WaitUntil([&] { return started.load(); }));
+  ASSERT_TRUE(PollUntil([&] { return started.load(); }));
   std::thread release([&] {
     Thread::Sleep(20);
     gate.open();
@@ -219,7 +219,7 @@ TEST_P(TimerSchedulerTest, FailingRunIsInterruptedAndARepeatingTimerStaysSchedul
   once->fail = true;
   scheduler().addTimer(repeating);
   scheduler().addTimer(once);
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == 2; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 2; }));
   EXPECT_EQ(tally.runs.load(), 4);
   EXPECT_EQ(tally.interrupts.load(), 4);
 }
@@ -236,7 +236,7 @@ TEST_P(TimerSchedulerTest, TimersRunWhereTheSchedulerSendsThem) {
     name = ChronoMonitor::GetThreadName(Thread::CurrentID());
   };
   scheduler().addTimer(timer);
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == 1; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
   std::lock_guard<std::mutex> guard(nameMutex);
   if (GetParam()) {
     EXPECT_TRUE(onPool.load());
@@ -252,7 +252,7 @@ TEST_P(TimerSchedulerTest, AddingTheSameTimerTwiceKeepsOneSchedule) {
   scheduler().addTimer(timer);
   scheduler().addTimer(timer);
   EXPECT_EQ(scheduler().timerNum(), 1u);
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == 1; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
   Thread::Sleep(30);
   EXPECT_EQ(tally.runs.load(), 1);
 }
@@ -267,7 +267,7 @@ TEST_P(TimerSchedulerTest, TimersMayAddAndRemoveTimersFromTheirRun) {
     scheduler().addTimer(NewTimer(&tally, 3, 1));
   };
   scheduler().addTimer(timer);
-  ASSERT_TRUE(WaitUntil([&] { return tally.disposals.load() == 3; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 3; }));
   EXPECT_EQ(tally.runs.load(), 2);
 }
 
@@ -280,7 +280,7 @@ TEST_F(TimerSchedulerFaultTest, AStoppedExecutorInterruptsTheTimersItRefuses) {
   pool.stop();
   scheduler.addTimer(NewTimer(&tally, 1, 1));
   scheduler.addTimer(NewTimer(&tally, 2, 2, 3));  // repeats while refused
-  ASSERT_TRUE(WaitUntil([&] { return tally.interrupts.load() >= 5; }));
+  ASSERT_TRUE(PollUntil([&] { return tally.interrupts.load() >= 5; }));
   scheduler.stop();
   EXPECT_EQ(tally.runs.load(), 0);
   EXPECT_EQ(tally.disposals.load(), 2);
@@ -292,7 +292,7 @@ TEST_F(TimerSchedulerFaultTest, DestroyingARunningSchedulerDisposesItsTimers) {
     ThreadPool pool(2);
     TimerScheduler scheduler(&pool);
     for (int i = 0; i < 50; ++i) scheduler.addTimer(NewTimer(&tally, i, i % 5, -1));
-    ASSERT_TRUE(WaitUntil([&] { return tally.runs.load() >= 100; }));
+    ASSERT_TRUE(PollUntil([&] { return tally.runs.load() >= 100; }));
   }
   EXPECT_EQ(tally.disposals.load(), 50);
 }
