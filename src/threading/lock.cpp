@@ -61,6 +61,38 @@ void* Lock::handle() { return d_ == nullptr ? nullptr : static_cast<void*>(&d_->
 
 void Locker::ThrowNullLock() { throw lang::Exception(kLockerSource, "lock is nullptr"); }
 
+Locker::Locker(ILock* lock, bool locked) : lock_(lock), locked_(locked) {
+  if (lock_ == nullptr) ThrowNullLock();
+  if (!locked_) {
+    lock_->lock();
+    locked_ = true;
+  }
+}
+
+Locker::Locker(ILock& lock, bool locked) : Locker(&lock, locked) {}
+
+Locker::~Locker() {
+  if (locked_) lock_->unlock();
+}
+
+void Locker::lock() {
+  if (!locked_) {
+    lock_->lock();
+    locked_ = true;
+  }
+}
+
+void Locker::unlock() {
+  if (locked_) {
+    lock_->unlock();
+    locked_ = false;
+  }
+}
+
+bool Locker::isLocked() const { return locked_; }
+
+ILock* Locker::getLock() { return lock_; }
+
 }  // namespace threading
 }  // namespace foundation
 }  // namespace zorv

@@ -6,6 +6,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "foundation/debug/allocator.h"
@@ -23,6 +24,11 @@ namespace text {
 //
 // Everything std::basic_string offers is available; results that the standard
 // string returns by value (substr, operator+) convert back implicitly.
+//
+// A plain std::string or std::string_view converts implicitly into a
+// SafeString (one copy into accounted memory). The way back is explicit:
+// `s.str()` or `std::string(s)`; a std::string_view of a SafeString needs no
+// copy at all.
 template <class C, class T = std::char_traits<C>,
           class A = debug::Allocator<C> >
 class SafeString : public std::basic_string<C, T, A> {
@@ -36,6 +42,13 @@ class SafeString : public std::basic_string<C, T, A> {
   SafeString(SafeString&&) noexcept = default;
   SafeString(const Base& other) : Base(other) {}  // NOLINT(google-explicit-constructor)
   SafeString(Base&& other) noexcept : Base(std::move(other)) {}  // NOLINT(google-explicit-constructor)
+  // Copies a string of another allocator, std::string among them.
+  template <class OtherA,
+            class = std::enable_if_t<!std::is_same<OtherA, A>::value> >
+  SafeString(const std::basic_string<C, T, OtherA>& other)  // NOLINT(google-explicit-constructor)
+      : Base(other.data(), other.size()) {}
+  SafeString(std::basic_string_view<C, T> view)  // NOLINT(google-explicit-constructor)
+      : Base(view.data(), view.size()) {}
   ~SafeString() = default;
 
   SafeString& operator=(const SafeString&) = default;
@@ -48,6 +61,10 @@ class SafeString : public std::basic_string<C, T, A> {
     Base::operator=(std::move(other));
     return *this;
   }
+
+  // A copy in a plain standard string.
+  std::basic_string<C, T> str() const { return std::basic_string<C, T>(this->data(), this->size()); }
+  explicit operator std::basic_string<C, T>() const { return str(); }
 };
 
 }  // namespace text

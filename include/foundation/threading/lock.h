@@ -82,8 +82,8 @@ class ZORV_FOUNDATION_EXPORT Lock : public ITryLock {
 // Thread safety: a per-thread stack object, never shared; it must be
 // unlocked on the thread that locked it. It does not own the lock.
 //
-// Its operations are inline: a Locker scope costs no more than the lock's
-// own lock() and unlock() calls.
+// Its operations are exported functions of the library, so that programs
+// built against any release of this header load every later release.
 class ZORV_FOUNDATION_EXPORT Locker {
  public:
   // Stores the lock; takes it unless `locked` says it is already held.
@@ -116,38 +116,6 @@ class ZORV_FOUNDATION_EXPORT Locker {
   ILock* lock_;
   bool locked_;
 };
-
-inline Locker::Locker(ILock* lock, bool locked) : lock_(lock), locked_(locked) {
-  if (lock_ == nullptr) ThrowNullLock();
-  if (!locked_) {
-    lock_->lock();
-    locked_ = true;
-  }
-}
-
-inline Locker::Locker(ILock& lock, bool locked) : Locker(&lock, locked) {}
-
-inline Locker::~Locker() {
-  if (locked_) lock_->unlock();
-}
-
-inline void Locker::lock() {
-  if (!locked_) {
-    lock_->lock();
-    locked_ = true;
-  }
-}
-
-inline void Locker::unlock() {
-  if (locked_) {
-    lock_->unlock();
-    locked_ = false;
-  }
-}
-
-inline bool Locker::isLocked() const { return locked_; }
-
-inline ILock* Locker::getLock() { return lock_; }
 
 }  // namespace threading
 }  // namespace foundation
