@@ -1,7 +1,10 @@
 # Warning and code-generation options shared by the project's own targets.
 # They are PRIVATE: consumers of the installed package never inherit them.
 function(zorv_target_options target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic)
+  if(ZORV_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(arm|ARM)")
     # GCC notes an ABI change of parameter passing in GCC 7 for some
     # aggregates; it concerns code built with older compilers only.
