@@ -6,6 +6,7 @@
 
 #include <new>
 
+#include "crypto/blockhash.h"
 #include "crypto/digestcommon.h"
 #include "foundation/lang/accounted.h"
 
@@ -14,14 +15,22 @@ namespace foundation {
 namespace crypto {
 namespace detail {
 
-// The running digest: the chaining words, the number of bytes added so far
-// (low word first; the low word carries into the high one) and the block
-// being filled.
-struct MD5Private {
-  uint32_t state[4];
-  uint32_t count[2];
-  unsigned char buffer[64];
+// What MD5 adds to the shared block hashing: little-endian words and length.
+struct MD5Algorithm {
+  static constexpr size_t kWords = 4;
+  static constexpr uint32_t kInitial[kWords] = {0x67452301u, 0xEFCDAB89u, 0x98BADCFEu,
+                                               0x10325476u};
+  // Runs the block transform over `blocks` consecutive 64-byte blocks.
+  static void Transform(uint32_t* state, const unsigned char* block, size_t blocks);
+  static void StoreWord(unsigned char* out, uint32_t word) { internal::StoreLittle32(out, word); }
+  static void StoreLength(unsigned char* out, unsigned long long bits) {
+    internal::StoreLittle32(out, static_cast<uint32_t>(bits));
+    internal::StoreLittle32(out + 4, static_cast<uint32_t>(bits >> 32));
+  }
 };
+
+// The running digest.
+struct MD5Private : internal::BlockHash<MD5Algorithm> {};
 
 }  // namespace detail
 
@@ -57,8 +66,9 @@ using internal::RotateLeft;
   a += LoadLittle32(block + 4 * (k)) + (t) + MD5_I(b, c, d); \
   a = RotateLeft(a, s) + (b)
 
-// Runs the block transform over `blocks` consecutive 64-byte blocks.
-void Transform(uint32_t state[4], const unsigned char* block, size_t blocks) {
+}  // namespace
+
+void detail::MD5Algorithm::Transform(uint32_t* state, const unsigned char* block, size_t blocks) {
   uint32_t a = state[0];
   uint32_t b = state[1];
   uint32_t c = state[2];
@@ -156,61 +166,11 @@ void Transform(uint32_t state[4], const unsigned char* block, size_t blocks) {
 #undef MD5_I
 #undef MD5_F
 
-void Initialize(MD5Private& s) {
-  s.state[0] = 0x67452301u;
-  s.state[1] = 0xEFCDAB89u;
-  s.state[2] = 0x98BADCFEu;
-  s.state[3] = 0x10325476u;
-  s.count[0] = 0;
-  s.count[1] = 0;
-}
-
-// Adds bytes: completes the partly filled block first, transforms whole
-// blocks straight from the input, and keeps the remainder.
-void Update(MD5Private& s, const unsigned char* data, size_t size) {
-  if (size == 0) return;
-  const unsigned int offset = s.count[0] & 63u;
-  const uint32_t low = s.count[0] + static_cast<uint32_t>(size);
-  if (low < s.count[0]) ++s.count[1];
-  s.count[0] = low;
-  if (offset != 0) {
-    const size_t fill = 64 - offset;
-    if (size < fill) {
-      memcpy(s.buffer + offset, data, size);
-      return;
-    }
-    memcpy(s.buffer + offset, data, fill);
-    Transform(s.state, s.buffer, 1);
-    data += fill;
-    size -= fill;
-  }
-  const size_t blocks = size / 64;
-  if (blocks != 0) {
-    Transform(s.state, data, blocks);
-    data += blocks * 64;
-    size -= blocks * 64;
-  }
-  if (size != 0) memcpy(s.buffer, data, size);
-}
-
-// Pads a copy of the state and returns its digest; `s` is left as it was.
-collection::Vector<unsigned char> Finish(const MD5Private& s) {
-  MD5Private copy = s;
-  unsigned char length[8];
-  internal::StoreLittle32(length, copy.count[0] << 3);
-  internal::StoreLittle32(length + 4, (copy.count[1] << 3) | (copy.count[0] >> 29));
-  static const unsigned char kPadding[64] = {0x80};
-  const unsigned int offset = copy.count[0] & 63u;
-  Update(copy, kPadding, offset < 56 ? 56 - offset : 120 - offset);
-  Update(copy, length, 8);
-  collection::Vector<unsigned char> digest(16);
-  for (int i = 0; i < 4; ++i) internal::StoreLittle32(&digest[4 * i], copy.state[i]);
-  return digest;
-}
+namespace {
 
 MD5Private* NewState(const char* name) {
   MD5Private* d = lang::AccountedNewOrThrow<MD5Private>(ZORV_ACCOUNTING_SITE(kSource, name));
-  Initialize(*d);
+  d->reset();
   return d;
 }
 
@@ -220,15 +180,15 @@ MD5::MD5() : d_(NewState("MD5")) {}
 
 MD5::~MD5() { lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~MD5")); }
 
-void MD5::addData(unsigned char const* data, unsigned int size) { Update(*d_, data, size); }
+void MD5::addData(unsigned char const* data, unsigned int size) { d_->update(data, size); }
 
-collection::Vector<unsigned char> MD5::result() const { return Finish(*d_); }
+collection::Vector<unsigned char> MD5::result() const { return d_->finish(); }
 
 collection::Vector<unsigned char> MD5::ComputeBinary(unsigned char const* data, unsigned int size) {
   MD5Private state;
-  Initialize(state);
-  Update(state, data, size);
-  return Finish(state);
+  state.reset();
+  state.update(data, size);
+  return state.finish();
 }
 
 bool MD5::ComputeFile(char const* path, collection::Vector<unsigned char>& digest) {

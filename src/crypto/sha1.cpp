@@ -7,6 +7,7 @@
 #include <atomic>
 #include <new>
 
+#include "crypto/blockhash.h"
 #include "crypto/digestcommon.h"
 #include "crypto/sha1transform.h"
 #include "foundation/lang/accounted.h"
@@ -16,13 +17,22 @@ namespace foundation {
 namespace crypto {
 namespace detail {
 
-// The running digest: the chaining words, the number of bytes added so far
-// and the block being filled.
-struct SHA1Private {
-  uint32_t state[5];
-  unsigned long long count;
-  unsigned char buffer[64];
+// What SHA-1 adds to the shared block hashing: its transform (chosen at run
+// time) and big-endian words and length.
+struct SHA1Algorithm {
+  static constexpr size_t kWords = 5;
+  static constexpr uint32_t kInitial[kWords] = {0x67452301u, 0xEFCDAB89u, 0x98BADCFEu,
+                                               0x10325476u, 0xC3D2E1F0u};
+  static void Transform(uint32_t* state, const unsigned char* data, size_t blocks);
+  static void StoreWord(unsigned char* out, uint32_t word) { internal::StoreBig32(out, word); }
+  static void StoreLength(unsigned char* out, unsigned long long bits) {
+    internal::StoreBig32(out, static_cast<uint32_t>(bits >> 32));
+    internal::StoreBig32(out + 4, static_cast<uint32_t>(bits));
+  }
 };
+
+// The running digest.
+struct SHA1Private : internal::BlockHash<SHA1Algorithm> {};
 
 }  // namespace detail
 
@@ -186,7 +196,9 @@ internal::Sha1Blocks Choose(bool allowed) {
   return accelerated != nullptr ? accelerated : &internal::Sha1BlocksPortable;
 }
 
-void Transform(uint32_t state[5], const unsigned char* data, size_t blocks) {
+}  // namespace
+
+void detail::SHA1Algorithm::Transform(uint32_t* state, const unsigned char* data, size_t blocks) {
   internal::Sha1Blocks transform = g_transform.load(std::memory_order_relaxed);
   if (transform == nullptr) {
     transform = Choose(true);
@@ -195,60 +207,11 @@ void Transform(uint32_t state[5], const unsigned char* data, size_t blocks) {
   transform(state, data, blocks);
 }
 
-void Initialize(SHA1Private& s) {
-  s.state[0] = 0x67452301u;
-  s.state[1] = 0xEFCDAB89u;
-  s.state[2] = 0x98BADCFEu;
-  s.state[3] = 0x10325476u;
-  s.state[4] = 0xC3D2E1F0u;
-  s.count = 0;
-}
-
-// Adds bytes: completes the partly filled block first, transforms whole
-// blocks straight from the input, and keeps the remainder.
-void Update(SHA1Private& s, const unsigned char* data, size_t size) {
-  if (size == 0) return;
-  const unsigned int offset = static_cast<unsigned int>(s.count & 63u);
-  s.count += size;
-  if (offset != 0) {
-    const size_t fill = 64 - offset;
-    if (size < fill) {
-      memcpy(s.buffer + offset, data, size);
-      return;
-    }
-    memcpy(s.buffer + offset, data, fill);
-    Transform(s.state, s.buffer, 1);
-    data += fill;
-    size -= fill;
-  }
-  const size_t blocks = size / 64;
-  if (blocks != 0) {
-    Transform(s.state, data, blocks);
-    data += blocks * 64;
-    size -= blocks * 64;
-  }
-  if (size != 0) memcpy(s.buffer, data, size);
-}
-
-// Pads a copy of the state and returns its digest; `s` is left as it was.
-collection::Vector<unsigned char> Finish(const SHA1Private& s) {
-  SHA1Private copy = s;
-  const unsigned long long bits = copy.count << 3;
-  unsigned char length[8];
-  internal::StoreBig32(length, static_cast<uint32_t>(bits >> 32));
-  internal::StoreBig32(length + 4, static_cast<uint32_t>(bits));
-  static const unsigned char kPadding[64] = {0x80};
-  const unsigned int offset = static_cast<unsigned int>(copy.count & 63u);
-  Update(copy, kPadding, offset < 56 ? 56 - offset : 120 - offset);
-  Update(copy, length, 8);
-  collection::Vector<unsigned char> digest(20);
-  for (int i = 0; i < 5; ++i) internal::StoreBig32(&digest[4 * i], copy.state[i]);
-  return digest;
-}
+namespace {
 
 SHA1Private* NewState(const char* name) {
   SHA1Private* d = lang::AccountedNewOrThrow<SHA1Private>(ZORV_ACCOUNTING_SITE(kSource, name));
-  Initialize(*d);
+  d->reset();
   return d;
 }
 
@@ -258,16 +221,16 @@ SHA1::SHA1() : d_(NewState("SHA1")) {}
 
 SHA1::~SHA1() { lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~SHA1")); }
 
-void SHA1::addData(unsigned char const* data, unsigned int size) { Update(*d_, data, size); }
+void SHA1::addData(unsigned char const* data, unsigned int size) { d_->update(data, size); }
 
-collection::Vector<unsigned char> SHA1::result() const { return Finish(*d_); }
+collection::Vector<unsigned char> SHA1::result() const { return d_->finish(); }
 
 collection::Vector<unsigned char> SHA1::ComputeBinary(unsigned char const* data,
                                                       unsigned int size) {
   SHA1Private state;
-  Initialize(state);
-  Update(state, data, size);
-  return Finish(state);
+  state.reset();
+  state.update(data, size);
+  return state.finish();
 }
 
 bool SHA1::ComputeFile(char const* path, collection::Vector<unsigned char>& digest) {

@@ -13,8 +13,6 @@ list(APPEND ZORV_FOUNDATION_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/timer/timerscheduler.cpp
   ${CMAKE_CURRENT_LIST_DIR}/scheduler/globaltaskscheduler.cpp
   ${CMAKE_CURRENT_LIST_DIR}/scheduler/globaltimerscheduler.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/../lang/injection/service.cpp
-
 )
 
 # locks, conditions, threads and tasks: the lock calls the mutex through the
