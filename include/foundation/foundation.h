@@ -51,6 +51,7 @@
 // Hashing.
 #include "foundation/crypto/md5.h"
 #include "foundation/crypto/sha1.h"
+#include "foundation/crypto/sha256.h"
 
 // System: clocks, processors, libraries, console.
 #include "foundation/system/consoleutils.h"

@@ -4,13 +4,18 @@ list(APPEND ZORV_FOUNDATION_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/sha1.cpp
   ${CMAKE_CURRENT_LIST_DIR}/sha1accel.cpp
   ${CMAKE_CURRENT_LIST_DIR}/sha1armv8.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/sha256.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/sha256accel.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/sha256armv8.cpp
 )
-# The ARMv8 SHA-1 transform is built with the cryptographic extension
+# The ARMv8 SHA transforms are built with the cryptographic extension
 # enabled; it runs only where the kernel reports that extension.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(arm|ARM)")
-  set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/sha1armv8.cpp PROPERTIES
+  set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/sha1armv8.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/sha256armv8.cpp PROPERTIES
     COMPILE_OPTIONS "-march=armv8-a;-mfpu=crypto-neon-fp-armv8")
 elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64|ARM64)")
-  set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/sha1armv8.cpp PROPERTIES
+  set_source_files_properties(${CMAKE_CURRENT_LIST_DIR}/sha1armv8.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/sha256armv8.cpp PROPERTIES
     COMPILE_OPTIONS "-march=armv8-a+crypto")
 endif()

@@ -1,6 +1,6 @@
-// MD5 and SHA1: published test vectors, incremental use against one-shot
-// use, files against the md5sum/sha1sum programs, and both SHA-1 block
-// transforms (the portable one and the one on SHA instructions).
+// MD5, SHA1 and SHA256: published test vectors, incremental use against
+// one-shot use, files against the md5sum/sha1sum/sha256sum programs, and both
+// SHA block transforms (the portable one and the one on SHA instructions).
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -14,6 +14,7 @@
 #include "foundation/collection/vector.h"
 #include "foundation/crypto/md5.h"
 #include "foundation/crypto/sha1.h"
+#include "foundation/crypto/sha256.h"
 #include "foundation/debug/objectmonitor.h"
 #include "foundation/text/safestring.h"
 #include "support/leakcheck.h"
@@ -25,6 +26,7 @@ using zorv::foundation::SafeString;
 using zorv::foundation::collection::Vector;
 using zorv::foundation::crypto::MD5;
 using zorv::foundation::crypto::SHA1;
+using zorv::foundation::crypto::SHA256;
 namespace detail = zorv::foundation::crypto::detail;
 
 struct Vec {
@@ -59,6 +61,19 @@ const Vec kSha1Vectors[] = {
      1, "A49B2446A02C645BF419F995B67091253A04A259"},
     {"The quick brown fox jumps over the lazy dog", 1, "2FD4E1C67A2D28FCED849EE1BB76E7391B93EB12"},
     {"a", 1000000, "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F"},
+};
+
+// SHA-256: the FIPS 180-4 examples (one block, two blocks, one million 'a'),
+// the empty message and the 896-bit message of the SHA-2 examples.
+const Vec kSha256Vectors[] = {
+    {"", 1, "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855"},
+    {"abc", 1, "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD"},
+    {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq", 1,
+     "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1"},
+    {"abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmnoijklmnopjklmnopqklmnopqrlmnop"
+     "qrsmnopqrstnopqrstu",
+     1, "CF5B16A778AF8380036CE59E7B0492370B249B11E8F07A51AFAC45037AFEE9D1"},
+    {"a", 1000000, "CDC76E5C9914FB9281A1C7E284D73E67F1809A48A497200E046D39CCC7112CD0"},
 };
 
 const unsigned char* Bytes(const std::string& s) {
@@ -103,6 +118,20 @@ struct Sha1InstructionsKind : Sha1PortableKind {
   static void Prepare() { detail::_UseSha1Instructions(true); }
 };
 
+struct Sha256PortableKind {
+  using Digest = SHA256;
+  static constexpr size_t kSize = 32;
+  static constexpr const char* kTool = "sha256sum";
+  static void Prepare() { EXPECT_FALSE(detail::_UseSha256Instructions(false)); }
+  static std::vector<Vec> Vectors() {
+    return {std::begin(kSha256Vectors), std::end(kSha256Vectors)};
+  }
+};
+
+struct Sha256InstructionsKind : Sha256PortableKind {
+  static void Prepare() { detail::_UseSha256Instructions(true); }
+};
+
 template <class Kind>
 class DigestTest : public zorv::test::LeakCheckedTest {
  protected:
@@ -114,6 +143,7 @@ class DigestTest : public zorv::test::LeakCheckedTest {
   }
   void TearDown() override {
     detail::_UseSha1Instructions(true);
+    detail::_UseSha256Instructions(true);
     LeakCheckedTest::TearDown();
   }
 
@@ -122,7 +152,8 @@ class DigestTest : public zorv::test::LeakCheckedTest {
   }
 };
 
-using Kinds = ::testing::Types<Md5Kind, Sha1PortableKind, Sha1InstructionsKind>;
+using Kinds = ::testing::Types<Md5Kind, Sha1PortableKind, Sha1InstructionsKind,
+                               Sha256PortableKind, Sha256InstructionsKind>;
 
 class KindNames {
  public:
@@ -130,7 +161,9 @@ class KindNames {
   static std::string GetName(int) {
     if (std::is_same<T, Md5Kind>::value) return "MD5";
     if (std::is_same<T, Sha1PortableKind>::value) return "SHA1Portable";
-    return "SHA1Instructions";
+    if (std::is_same<T, Sha1InstructionsKind>::value) return "SHA1Instructions";
+    if (std::is_same<T, Sha256PortableKind>::value) return "SHA256Portable";
+    return "SHA256Instructions";
   }
 };
 
@@ -322,6 +355,7 @@ TEST_F(DigestTextTest, ToStringIsUpperCaseHexHighNibbleFirst) {
     SCOPED_TRACE(c.text);
     EXPECT_EQ(Text(MD5::ToString(c.bytes)), c.text);
     EXPECT_EQ(Text(SHA1::ToString(c.bytes)), c.text);
+    EXPECT_EQ(Text(SHA256::ToString(c.bytes)), c.text);
   }
 }
 
