@@ -21,8 +21,10 @@ namespace test {
 constexpr unsigned int kOomSweepBound = 10000;
 
 // One attempt of a sweep: the n-th accounted allocation made while run()
-// executes fails. A row prepares its state, calls run() once with the
-// operation, then checks the visible state against what the attempt reports.
+// executes fails, on whichever thread makes it. A row prepares its state,
+// calls run() once with the operation, then checks the visible state against
+// what the attempt reports. Threads that the operation hands work to must not
+// allocate meanwhile (hold them at a gate), or the failure lands elsewhere.
 class OomAttempt {
  public:
   explicit OomAttempt(unsigned int n) : n_(n) {}
