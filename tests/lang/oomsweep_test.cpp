@@ -9,10 +9,14 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <map>
+#include <ostream>
 #include <string>
+#include <vector>
 
 #include "foundation/config/configarchiver.h"
 #include "foundation/crypto/md5.h"
@@ -317,7 +321,8 @@ const Row kRows[] = {
        const std::string bytes = Filler(Count(400));
        a.run([&] {
          for (size_t at = 0; at < bytes.size(); at += 50) {
-           writer.write(reinterpret_cast<const unsigned char*>(bytes.data()) + at, 50);
+           writer.write(reinterpret_cast<const unsigned char*>(bytes.data()) + at,
+                        std::min<size_t>(50, bytes.size() - at));
          }
        });
        const std::string all = "earlier text of the target string" + bytes;
