@@ -54,7 +54,7 @@ using zorv::test::TempDir;
 
 // ---- Inputs and views of the visible state -------------------------------
 
-// A text of `n` bytes that no operation treats specially.
+// A text of `n` letters, none of them a separator or blank.
 std::string Filler(size_t n, char first = 'a') {
   std::string text(n, ' ');
   for (size_t i = 0; i < n; ++i) text[i] = static_cast<char>(first + i % 26);
