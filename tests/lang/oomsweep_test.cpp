@@ -1,0 +1,814 @@
+// Every allocating public operation, run under each single allocation
+// failure it can meet: nothing leaks, and what the caller can see is either
+// untouched or the whole result.
+//
+// Rows whose name starts with DISABLED_ describe a contract that the library
+// does not keep yet; run them with --gtest_also_run_disabled_tests.
+#include "support/oomsweep.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdlib>
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "foundation/config/configarchiver.h"
+#include "foundation/crypto/md5.h"
+#include "foundation/crypto/sha1.h"
+#include "foundation/file/fileutils.h"
+#include "foundation/io/serialization.h"
+#include "foundation/lang/exception.h"
+#include "foundation/memory/memorybuffer.h"
+#include "foundation/memory/stringwriter.h"
+#include "foundation/text/codecutils.h"
+#include "foundation/text/stringutils.h"
+#include "foundation/threading/lock.h"
+#include "foundation/threading/lockcondition.h"
+#include "foundation/threading/readwritelock.h"
+#include "foundation/threading/threadpool/affinitythreadpool.h"
+#include "foundation/threading/threadpool/threadpool.h"
+#include "foundation/threading/timer/timerscheduler.h"
+#include "foundation/time/datetime.h"
+#include "support/boundedwait.h"
+#include "support/taskprobe.h"
+#include "support/tempdir.h"
+
+namespace {
+
+namespace zf = zorv::foundation;
+using zf::SafeString;
+using zf::collection::Vector;
+using zf::config::Archiver;
+using zf::file::FileUtils;
+using zf::text::CodecUtils;
+using zf::text::StringUtils;
+using zorv::test::OomAttempt;
+using zorv::test::SlowTarget;
+using zorv::test::TempDir;
+
+// ---- Inputs and views of the visible state -------------------------------
+
+// A text of `n` letters, none of them a separator or blank.
+std::string Filler(size_t n, char first = 'a') {
+  std::string text(n, ' ');
+  for (size_t i = 0; i < n; ++i) text[i] = static_cast<char>(first + i % 26);
+  return text;
+}
+
+// Enough pieces to make the operation allocate many times, fewer on slow
+// targets (each allocation costs an attempt).
+unsigned int Count(unsigned int n) { return SlowTarget() ? (n + 3) / 4 : n; }
+
+std::string Str(const SafeString& s) { return std::string(s.data(), s.size()); }
+
+std::vector<std::string> Strs(const Vector<SafeString>& v) {
+  std::vector<std::string> out;
+  for (const SafeString& s : v) out.push_back(Str(s));
+  return out;
+}
+
+std::vector<unsigned char> Bytes(const Vector<unsigned char>& v) {
+  return std::vector<unsigned char>(v.begin(), v.end());
+}
+
+// Every entry below `root`, by relative path, with the size of each file
+// (-1 for a folder): what a file-system operation left behind.
+std::map<std::string, long long> Tree(const std::string& root, const std::string& prefix = "") {
+  std::map<std::string, long long> tree;
+  DIR* dir = opendir((root + prefix).c_str());
+  if (dir == nullptr) return tree;
+  while (dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    const std::string relative = prefix + "/" + name;
+    struct stat info;
+    if (lstat((root + relative).c_str(), &info) != 0) continue;
+    if (S_ISDIR(info.st_mode)) {
+      tree[relative] = -1;
+      for (const auto& below : Tree(root, relative)) tree.insert(below);
+    } else {
+      tree[relative] = static_cast<long long>(info.st_size);
+    }
+  }
+  closedir(dir);
+  return tree;
+}
+
+// A source tree of `files` files spread over two levels of folders.
+void MakeTree(const std::string& root, unsigned int files) {
+  mkdir(root.c_str(), 0755);
+  mkdir((root + "/sub").c_str(), 0755);
+  mkdir((root + "/sub/deeper").c_str(), 0755);
+  const char* const folders[] = {"", "/sub", "/sub/deeper"};
+  for (unsigned int i = 0; i < files; ++i) {
+    const std::string path =
+        root + folders[i % 3] + "/file-with-a-long-name-" + std::to_string(i) + ".txt";
+    ASSERT_TRUE(zorv::test::WriteRawFile(path, Filler(100 + i)));
+  }
+}
+
+// The archiver's table as "section.key" -> value.
+std::map<std::string, std::string> Table(const Archiver& archiver) {
+  std::map<std::string, std::string> table;
+  for (const SafeString& section : archiver.allSections()) {
+    table[Str(section) + "."];  // a section without keys still shows
+    for (const SafeString& key : archiver.allKeys(section)) {
+      table[Str(section) + "." + Str(key)] = Str(archiver.value(section, key));
+    }
+  }
+  return table;
+}
+
+// Expects every entry of `part` to be in `whole` with the same value.
+template <class Map>
+void ExpectSubset(const Map& part, const Map& whole) {
+  for (const auto& entry : part) {
+    auto found = whole.find(entry.first);
+    if (found == whole.end()) {
+      ADD_FAILURE() << "left behind: " << entry.first;
+    } else {
+      EXPECT_EQ(entry.second, found->second) << entry.first;
+    }
+  }
+}
+
+// A config text of `sections` sections with three keys each.
+std::string ConfigText(unsigned int sections) {
+  std::string text = "preamble = skipped\n";
+  for (unsigned int s = 0; s < sections; ++s) {
+    text += "[ section-with-a-long-name-" + std::to_string(s) + " ]\r\n";
+    for (int k = 0; k < 3; ++k) {
+      text += "key-with-a-long-name-" + std::to_string(k) + " = value " + Filler(20 + k) + "\n";
+    }
+  }
+  return text;
+}
+
+// A thread that builds a long string, or reports the failure through
+// interrupted().
+class StringThread : public zf::threading::Thread {
+ public:
+  explicit StringThread(const SafeString& name) : Thread(name) {}
+  ~StringThread() override { wait(); }
+  void run() override { built = StringUtils::ToUpper(Filler(200).c_str()).size() == 200; }
+  void interrupted() override { failed = true; }
+  bool built = false;
+  bool failed = false;
+};
+
+// ---- The table ---------------------------------------------------------------
+
+// More tasks than a new pool queue has room for, so that adding them grows it.
+constexpr int kQueuedTasks = 100;
+
+struct Row {
+  const char* name;
+  void (*attempt)(OomAttempt& a);
+};
+
+void PrintTo(const Row& row, std::ostream* os) { *os << row.name; }
+
+const Row kRows[] = {
+    // Core: the exception type copies its texts.
+    {"Exception_copyAndWhat",
+     [](OomAttempt& a) {
+       const std::string func = "zorv.foundation.area.Class.operationWithALongName";
+       SafeString what;
+       a.run([&] {
+         const zf::lang::Exception original(func.c_str(), Filler(40).c_str());
+         const zf::lang::Exception copy(original);
+         what = copy.what();
+       });
+       if (!a.threw()) {
+         EXPECT_EQ(Str(what), func + " : " + Filler(40));
+       }
+     }},
+    // Text: results are built whole or not at all.
+    {"StringUtils_Split",
+     [](OomAttempt& a) {
+       std::string text;
+       for (unsigned int i = 0; i < Count(12); ++i) text += Filler(10 + i) + ",";
+       Vector<SafeString> expected(1, SafeString("kept piece of an earlier call"));
+       (void)StringUtils::Split(text.c_str(), ',', expected);
+       Vector<SafeString> pieces(1, SafeString("kept piece of an earlier call"));
+       bool found = false;
+       a.run([&] { found = StringUtils::Split(text.c_str(), ',', pieces); });
+       if (a.threw()) {  // pieces appended before the failure stay
+         const std::vector<std::string> whole = Strs(expected);
+         ASSERT_LE(pieces.size(), whole.size());
+         EXPECT_EQ(Strs(pieces),
+                   std::vector<std::string>(whole.begin(), whole.begin() + pieces.size()));
+       } else {
+         EXPECT_TRUE(found);
+         EXPECT_EQ(Strs(pieces), Strs(expected));
+       }
+     }},
+    {"StringUtils_TrimAndCase",
+     [](OomAttempt& a) {
+       const SafeString text((" \t" + Filler(40) + "\t ").c_str());
+       SafeString trimmed, upper, lower;
+       a.run([&] {
+         trimmed = StringUtils::Trim(text);
+         upper = StringUtils::ToUpper(trimmed.c_str());
+         lower = StringUtils::ToLower(upper.c_str());
+       });
+       if (!a.threw()) {
+         EXPECT_EQ(Str(lower), Filler(40));
+       }
+     }},
+    {"StringUtils_Format",
+     [](OomAttempt& a) {
+       const std::string text = Filler(Count(900));
+       SafeString result;
+       a.run([&] { result = StringUtils::Format("<%s|%d>", text.c_str(), 42); });
+       EXPECT_FALSE(a.threw()) << "formatting never throws";
+       if (!result.empty() || !a.injected()) {
+         EXPECT_EQ(Str(result), "<" + text + "|42>");
+       }
+     }},
+    {"StringUtils_NumbersToText",
+     [](OomAttempt& a) {
+       SafeString text;
+       a.run([&] {
+         text = StringUtils::LongToString(LLONG_MIN) + " " +
+                StringUtils::ULongToString(ULLONG_MAX) + " " +
+                StringUtils::ULongToHexString(ULLONG_MAX, true) + " " +
+                StringUtils::FloatToString(-0.1234567890123456);
+       });
+       if (!a.threw()) {
+         EXPECT_EQ(Str(text),
+                   "-9223372036854775808 18446744073709551615 0xFFFFFFFFFFFFFFFF "
+                   "-0.1234567890123456");
+       }
+     }},
+    {"StringUtils_TextToNumbersNeverThrow",
+     [](OomAttempt& a) {
+       const SafeString longMin("-9223372036854775808"), ulongMax("18446744073709551615"),
+           hex("0xFFFFFFFFFFFFFFFF"), real("-12345.678e-3"),
+           classified("+1234567890.0987654321e-05");
+       long long l = 0;
+       unsigned long long u = 0, h = 0;
+       double d = 0;
+       int format = 0;
+       a.run([&] {
+         l = StringUtils::StringToLong(longMin);
+         u = StringUtils::StringToULong(ulongMax);
+         h = StringUtils::HexStringToULong(hex);
+         d = StringUtils::StringToFloat(real);
+         format = StringUtils::GetNumberFormat(classified);
+       });
+       EXPECT_FALSE(a.threw()) << "the parsers never throw";
+       EXPECT_EQ(l, LLONG_MIN);
+       EXPECT_EQ(u, ULLONG_MAX);
+       EXPECT_EQ(h, ULLONG_MAX);
+       EXPECT_EQ(d, -12.345678);
+       EXPECT_EQ(format, 2);
+     }},
+    {"DISABLED_StringUtils_StringToFloatLongMantissa",
+     [](OomAttempt& a) {
+       const std::string digits = "1234567890123456789012345678901234567890.12345678901234567890";
+       const SafeString text(digits.c_str());
+       double d = 0;
+       a.run([&] { d = StringUtils::StringToFloat(text); });
+       EXPECT_FALSE(a.threw()) << "the parsers never throw";
+       EXPECT_EQ(d, std::strtod(digits.c_str(), nullptr));
+     }},
+    {"CodecUtils_Base64",
+     [](OomAttempt& a) {
+       const std::string bytes = Filler(Count(300));
+       const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+       const SafeString expected =
+           CodecUtils::EncodeBase64(data, static_cast<unsigned int>(bytes.size()));
+       SafeString text;
+       Vector<unsigned char> decoded(3, 7);
+       bool ok = false;
+       a.run([&] {
+         text = CodecUtils::EncodeBase64(data, static_cast<unsigned int>(bytes.size()));
+         ok =
+             CodecUtils::DecodeBase64(text.data(), static_cast<unsigned int>(text.size()), decoded);
+       });
+       if (!a.threw()) {
+         EXPECT_TRUE(ok);
+         EXPECT_EQ(Str(text), Str(expected));
+         EXPECT_EQ(Bytes(decoded), std::vector<unsigned char>(bytes.begin(), bytes.end()));
+       } else if (!text.empty()) {  // the decoder failed: nothing or nothing old
+         EXPECT_TRUE(decoded.empty() || Bytes(decoded) == std::vector<unsigned char>(3, 7));
+       }
+     }},
+    {"CodecUtils_Uri",
+     [](OomAttempt& a) {
+       const std::string text = "path with blanks/" + Filler(Count(200)) + "/\xC3\xA9~";
+       SafeString encoded, decoded;
+       a.run([&] {
+         encoded = CodecUtils::EncodeUri(text.c_str());
+         decoded = CodecUtils::DecodeUri(encoded.c_str());
+       });
+       if (!a.threw()) {
+         EXPECT_EQ(Str(decoded), text);
+       }
+     }},
+    // Streams: a failed write leaves the stream as it was.
+    {"StringWriter_write",
+     [](OomAttempt& a) {
+       SafeString target("earlier text of the target string");
+       zf::memory::StringWriter writer(target);
+       const std::string bytes = Filler(Count(400));
+       a.run([&] {
+         for (size_t at = 0; at < bytes.size(); at += 50) {
+           writer.write(reinterpret_cast<const unsigned char*>(bytes.data()) + at,
+                        std::min<size_t>(50, bytes.size() - at));
+         }
+       });
+       const std::string all = "earlier text of the target string" + bytes;
+       EXPECT_EQ(Str(target), all.substr(0, 33 + writer.tellWrite()));
+       if (!a.threw()) {
+         EXPECT_EQ(writer.tellWrite(), bytes.size());
+       }
+     }},
+    {"Serialize_StringWriter",
+     [](OomAttempt& a) {
+       SafeString target;
+       zf::memory::StringWriter writer(target);
+       const SafeString first(Filler(40).c_str()), second(Filler(Count(300), 'k').c_str());
+       a.run([&] {
+         zf::io::Serialize(&writer, first);
+         zf::io::Serialize(&writer, second);
+       });
+       // Read back what was written: whole strings, and all of them unless it threw.
+       zf::memory::MemoryBuffer buffer;
+       buffer.write(reinterpret_cast<const unsigned char*>(target.data()), target.size());
+       SafeString value;
+       int whole = 0;
+       while (zf::io::Deserialize(&buffer, value)) {
+         EXPECT_EQ(Str(value), Str(whole == 0 ? first : second));
+         ++whole;
+       }
+       if (!a.threw()) {
+         EXPECT_EQ(whole, 2);
+       }
+     }},
+    {"DISABLED_Deserialize_MemoryBuffer",
+     [](OomAttempt& a) {
+       zf::memory::MemoryBuffer buffer;
+       zf::io::Serialize(&buffer, SafeString(Filler(Count(200)).c_str()));
+       SafeString value("earlier value of the string");
+       bool ok = false;
+       a.run([&] { ok = zf::io::Deserialize(&buffer, value); });
+       if (!a.threw() && ok) {
+         EXPECT_EQ(Str(value), Filler(Count(200)));
+         EXPECT_EQ(buffer.tellRead(), buffer.length());
+       } else {
+         EXPECT_EQ(Str(value), "earlier value of the string");
+         EXPECT_EQ(buffer.tellRead(), 0u) << "a failed read must not consume the prefix";
+       }
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    // Configuration.
+    {"DISABLED_Archiver_parseText",
+     [](OomAttempt& a) {
+       const std::string text = ConfigText(Count(6));
+       Archiver expected;
+       ASSERT_TRUE(expected.parseText(text.c_str()));
+       Archiver archiver;
+       bool ok = false;
+       a.run([&] { ok = archiver.parseText(text.c_str()); });
+       if (a.threw()) {
+         ExpectSubset(Table(archiver), Table(expected));
+       } else {
+         EXPECT_TRUE(ok);
+         EXPECT_EQ(Table(archiver), Table(expected));
+       }
+     }},
+    {"DISABLED_Archiver_setValue",
+     [](OomAttempt& a) {
+       Archiver archiver;
+       ASSERT_TRUE(archiver.setValue("existing-section-name", "existing-key-name", "old value"));
+       auto expected = Table(archiver);
+       const auto before = expected;
+       bool ok = false;
+       a.run([&] {
+         ok = archiver.setValue("new-section-with-a-long-name", "new-key-with-a-long-name",
+                                Filler(60).c_str());
+       });
+       expected["new-section-with-a-long-name."];
+       expected["new-section-with-a-long-name.new-key-with-a-long-name"] = Filler(60);
+       EXPECT_EQ(Table(archiver), a.threw() ? before : expected);
+       if (!a.threw()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"Archiver_saveAs",
+     [](OomAttempt& a) {
+       TempDir dir;
+       Archiver archiver;
+       ASSERT_TRUE(archiver.parseText(ConfigText(Count(4)).c_str()));
+       const auto table = Table(archiver);
+       const auto before = Tree(dir.path());
+       bool ok = false;
+       a.run([&] { ok = archiver.saveAs(SafeString((dir / "conf/sub/app.ini").c_str())); });
+       EXPECT_EQ(Table(archiver), table);
+       if (!a.threw() && ok) {
+         Archiver reread;
+         ASSERT_TRUE(reread.parseFile(SafeString((dir / "conf/sub/app.ini").c_str())));
+         EXPECT_EQ(Table(reread), table);
+       } else {
+         EXPECT_EQ(Tree(dir.path()), before);
+       }
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"DISABLED_Archiver_parseFile",
+     [](OomAttempt& a) {
+       TempDir dir;
+       const std::string text = ConfigText(Count(6));
+       ASSERT_TRUE(zorv::test::WriteRawFile(dir / "app.ini", "\xEF\xBB\xBF" + text));
+       Archiver expected;
+       ASSERT_TRUE(expected.parseText(text.c_str()));
+       Archiver archiver;
+       bool ok = false;
+       a.run([&] { ok = archiver.parseFile(SafeString((dir / "app.ini").c_str())); });
+       if (a.threw()) {
+         ExpectSubset(Table(archiver), Table(expected));
+       } else {
+         EXPECT_TRUE(ok);
+         EXPECT_EQ(Table(archiver), Table(expected));
+       }
+     }},
+    // Files: a failed call leaves the scratch folder as it was, except where
+    // the operation says otherwise.
+    {"FileUtils_WriteText",
+     [](OomAttempt& a) {
+       TempDir dir;
+       const std::string text = Filler(Count(500));
+       const auto before = Tree(dir.path());
+       bool ok = false;
+       a.run([&] {
+         ok = FileUtils::WriteText(SafeString((dir / "made/one/two/file.txt").c_str()),
+                                   SafeString(text.c_str()));
+       });
+       if (!a.threw() && ok) {
+         EXPECT_EQ(zorv::test::ReadRawFile(dir / "made/one/two/file.txt"), text);
+       } else {
+         EXPECT_EQ(Tree(dir.path()), before) << "the folders made must be removed again";
+       }
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"FileUtils_PathUtilities",
+     [](OomAttempt& a) {
+       const SafeString path("\\root\\folder-with-a-long-name//sub-folder/file.name.ext");
+       SafeString joined;
+       a.run([&] {
+         joined = FileUtils::LinkPath(FileUtils::GetFolderPath(path),
+                                      FileUtils::GetNoExtFileName(path)) +
+                  "." + FileUtils::GetFileExt(path);
+       });
+       if (!a.threw()) {
+         EXPECT_EQ(Str(joined), "/root/folder-with-a-long-name/sub-folder/file.name.ext");
+       }
+     }},
+    {"FileUtils_CreateFolder",
+     [](OomAttempt& a) {
+       TempDir dir;
+       const auto before = Tree(dir.path());
+       bool ok = false;
+       a.run(
+           [&] { ok = FileUtils::CreateFolder(SafeString((dir / "made/one/two/three").c_str())); });
+       if (!a.threw() && ok) {
+         EXPECT_EQ(Tree(dir.path()).count("/made/one/two/three"), 1u);
+       } else {
+         EXPECT_EQ(Tree(dir.path()), before) << "the folders made must be removed again";
+       }
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"FileUtils_ReadText",
+     [](OomAttempt& a) {
+       TempDir dir;
+       const std::string text = Filler(Count(600));
+       ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.txt", "\xEF\xBB\xBF" + text));
+       SafeString read("earlier contents of the string");
+       bool ok = false;
+       a.run([&] { ok = FileUtils::ReadText(SafeString((dir / "file.txt").c_str()), read); });
+       EXPECT_EQ(Str(read), ok ? text : "earlier contents of the string");
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"FileUtils_ReadTextLines",
+     [](OomAttempt& a) {
+       TempDir dir;
+       std::vector<std::string> lines;
+       std::string text;
+       for (unsigned int i = 0; i < Count(12); ++i) {
+         lines.push_back(Filler(20 + i));
+         text += lines.back() + "\n";
+       }
+       ASSERT_TRUE(zorv::test::WriteRawFile(dir / "lines.txt", text));
+       Vector<SafeString> read(1, SafeString("earlier line of the vector"));
+       bool ok = false;
+       a.run([&] { ok = FileUtils::ReadText(SafeString((dir / "lines.txt").c_str()), read); });
+       if (!a.threw()) {
+         EXPECT_TRUE(ok);
+         EXPECT_EQ(Strs(read), lines);
+       } else if (!read.empty() && Str(read[0]) != "earlier line of the vector") {
+         // Cleared, then filled up to the failure.
+         ASSERT_LE(read.size(), lines.size());
+         EXPECT_EQ(Strs(read),
+                   std::vector<std::string>(lines.begin(), lines.begin() + read.size()));
+       }
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"FileUtils_ReadBinary",
+     [](OomAttempt& a) {
+       TempDir dir;
+       const std::string bytes = Filler(Count(5000));
+       ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.bin", bytes));
+       zf::memory::MemoryBuffer buffer;
+       bool ok = false;
+       a.run([&] { ok = FileUtils::ReadBinary(SafeString((dir / "file.bin").c_str()), &buffer); });
+       if (!a.threw() && ok) {
+         ASSERT_EQ(buffer.length(), bytes.size());
+         EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), bytes.size()), bytes);
+       }
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"FileUtils_CopyFile",
+     [](OomAttempt& a) {
+       TempDir dir;
+       const std::string bytes = Filler(Count(9000));
+       ASSERT_TRUE(zorv::test::WriteRawFile(dir / "from.bin", bytes));
+       const auto before = Tree(dir.path());
+       bool ok = false;
+       a.run([&] {
+         ok = FileUtils::CopyFile(SafeString((dir / "from.bin").c_str()),
+                                  SafeString((dir / "to.bin").c_str()));
+       });
+       if (!a.threw() && ok) {
+         EXPECT_EQ(zorv::test::ReadRawFile(dir / "to.bin"), bytes);
+       } else {
+         EXPECT_EQ(Tree(dir.path()), before) << "a partial copy must be deleted";
+       }
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"FileUtils_CopyFolder",
+     [](OomAttempt& a) {
+       TempDir dir;
+       MakeTree(dir / "from", Count(3));
+       const auto before = Tree(dir.path());
+       bool ok = false;
+       a.run([&] {
+         ok = FileUtils::CopyFolder(SafeString((dir / "from").c_str()),
+                                    SafeString((dir / "to").c_str()));
+       });
+       if (!a.threw() && ok) {
+         EXPECT_EQ(Tree(dir / "to"), Tree(dir / "from"));
+       } else {
+         EXPECT_EQ(Tree(dir.path()), before) << "a destination the call made must be removed";
+       }
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"FileUtils_RemoveFolder",
+     [](OomAttempt& a) {
+       TempDir dir;
+       MakeTree(dir / "doomed", Count(9));
+       const auto before = Tree(dir.path());
+       bool ok = false;
+       a.run([&] { ok = FileUtils::RemoveFolder(SafeString((dir / "doomed").c_str())); });
+       if (!a.threw() && ok) {
+         EXPECT_TRUE(Tree(dir.path()).empty());
+       } else {
+         ExpectSubset(Tree(dir.path()), before);  // what was removed stays removed
+       }
+       if (!a.injected()) {
+         EXPECT_TRUE(ok);
+       }
+     }},
+    {"FileUtils_SearchFiles",
+     [](OomAttempt& a) {
+       TempDir dir;
+       MakeTree(dir / "tree", Count(9));
+       Vector<SafeString> suffixes(1, SafeString(".TXT"));
+       std::vector<std::string> expected =
+           Strs(FileUtils::SearchFiles(SafeString((dir / "tree").c_str()), 0x5, suffixes));
+       ASSERT_EQ(expected.size(), Count(9));
+       Vector<SafeString> found;
+       a.run([&] {
+         found = FileUtils::SearchFiles(SafeString((dir / "tree").c_str()), 0x5, suffixes);
+       });
+       if (!a.threw()) {
+         EXPECT_EQ(Strs(found), expected) << "a search returns all or throws";
+       }
+     }},
+    // Digests.
+    {"MD5_SHA1_ComputeBinary",
+     [](OomAttempt& a) {
+       const std::string bytes = Filler(Count(3000));
+       const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+       const auto size = static_cast<unsigned int>(bytes.size());
+       const std::vector<unsigned char> md5 = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
+       const std::vector<unsigned char> sha1 = Bytes(zf::crypto::SHA1::ComputeBinary(data, size));
+       Vector<unsigned char> md5Read, sha1Read;
+       SafeString text;
+       a.run([&] {
+         md5Read = zf::crypto::MD5::ComputeBinary(data, size);
+         sha1Read = zf::crypto::SHA1::ComputeBinary(data, size);
+         text =
+             zf::crypto::MD5::EncodeBinary(data, size) + zf::crypto::SHA1::EncodeBinary(data, size);
+       });
+       if (!a.threw()) {
+         EXPECT_EQ(Bytes(md5Read), md5);
+         EXPECT_EQ(Bytes(sha1Read), sha1);
+         EXPECT_EQ(text.size(), 32u + 40u);
+       }
+     }},
+    {"MD5_SHA1_ComputeFile",
+     [](OomAttempt& a) {
+       TempDir dir;
+       const std::string bytes = Filler(Count(9000));
+       ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.bin", bytes));
+       const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+       const auto size = static_cast<unsigned int>(bytes.size());
+       const std::vector<unsigned char> md5 = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
+       const std::string sha1 = Str(zf::crypto::SHA1::EncodeBinary(data, size));
+       const std::string path = dir / "file.bin";
+       Vector<unsigned char> digest(1, 9);
+       SafeString text("earlier text");
+       bool md5Ok = false, sha1Ok = false;
+       a.run([&] {
+         md5Ok = zf::crypto::MD5::ComputeFile(path.c_str(), digest);
+         sha1Ok = zf::crypto::SHA1::EncodeFile(path.c_str(), text);
+       });
+       EXPECT_EQ(Bytes(digest), md5Ok ? md5 : std::vector<unsigned char>(1, 9));
+       EXPECT_EQ(Str(text), sha1Ok ? sha1 : "earlier text");
+       if (!a.injected()) {
+         EXPECT_TRUE(md5Ok && sha1Ok);
+       }
+     }},
+    // Time.
+    {"DateTime_toString",
+     [](OomAttempt& a) {
+       const zf::time::DateTime value(2024, 3, 1, 12, 34, 56, 0, 0);
+       SafeString text;
+       a.run([&] { text = value.toString(); });
+       EXPECT_FALSE(a.threw()) << "toString never throws";
+       if (!text.empty() || !a.injected()) {
+         EXPECT_EQ(Str(text), "2024-03-01 12:34:56");
+       }
+     }},
+    // Threading: an executor disposes a task it could not queue.
+    {"ThreadPool_addTask",
+     [](OomAttempt& a) {
+       zorv::test::Tally tally;
+       zorv::test::Gate gate;
+       zorv::test::GateOpener opener(gate);
+       std::atomic<bool> started{false};
+       zf::threading::ThreadPool pool(1);
+       zorv::test::ProbeTask* blocker = zorv::test::NewTask(&tally, 0);
+       blocker->gate = &gate;
+       blocker->started = &started;
+       pool.addTask(blocker);
+       ASSERT_TRUE(zorv::test::PollUntil([&] { return started.load(); }));
+       // The worker is held, so only addTask allocates: when the queue grows.
+       int created = 0, added = 0;
+       a.run([&] {
+         for (int i = 1; i <= kQueuedTasks; ++i) {
+           zorv::test::ProbeTask* task = zorv::test::NewTask(&tally, i);
+           ++created;
+           pool.addTask(task);
+           ++added;
+         }
+       });
+       gate.open();
+       pool.stop();
+       EXPECT_EQ(tally.runs.load(), 1 + added);
+       EXPECT_EQ(tally.disposals.load(), 1 + created) << "a task that was not queued is disposed";
+       if (!a.threw()) {
+         EXPECT_EQ(added, kQueuedTasks);
+       }
+     }},
+    {"AffinityThreadPool_addTask",
+     [](OomAttempt& a) {
+       zorv::test::Tally tally;
+       zorv::test::Gate gate;
+       zorv::test::GateOpener opener(gate);
+       std::atomic<bool> started{false};
+       zf::threading::AffinityThreadPool pool(1);
+       zorv::test::ProbeTask* blocker = zorv::test::NewTask(&tally, 0);
+       blocker->gate = &gate;
+       blocker->started = &started;
+       pool.addTask(blocker);
+       ASSERT_TRUE(zorv::test::PollUntil([&] { return started.load(); }));
+       // The worker is held, so only addTask allocates: when the queue grows.
+       int created = 0, added = 0;
+       a.run([&] {
+         for (int i = 1; i <= kQueuedTasks; ++i) {
+           zorv::test::ProbeTask* task = zorv::test::NewTask(&tally, i);
+           ++created;
+           pool.addTask(task);
+           ++added;
+         }
+       });
+       gate.open();
+       pool.stop();
+       EXPECT_EQ(tally.runs.load(), 1 + added);
+       EXPECT_EQ(tally.disposals.load(), 1 + created) << "a task that was not queued is disposed";
+       if (!a.threw()) {
+         EXPECT_EQ(added, kQueuedTasks);
+       }
+     }},
+    {"TimerScheduler_addTimer",
+     [](OomAttempt& a) {
+       zorv::test::Tally tally;
+       zf::threading::TimerScheduler scheduler;
+       zorv::test::ProbeTimer* timer = zorv::test::NewTimer(&tally, 1, 3600000);
+       a.run([&] { scheduler.addTimer(timer); });
+       EXPECT_EQ(scheduler.timerNum(), a.threw() ? 0u : 1u);
+       EXPECT_EQ(tally.disposals.load(), 0);
+       if (a.threw()) timer->dispose();  // not accepted: still the caller's
+       scheduler.stop();
+       EXPECT_EQ(tally.disposals.load(), 1);
+       EXPECT_EQ(tally.runs.load(), 0);
+     }},
+    {"DISABLED_TimerScheduler_repeatingTimerKeepsRunning",
+     [](OomAttempt& a) {
+       zorv::test::Tally tally;
+       zf::threading::TimerScheduler scheduler;
+       zorv::test::ProbeTimer* timer = zorv::test::NewTimer(&tally, 1, 1, 2);  // runs 3 times
+       a.run([&] {
+         scheduler.addTimer(timer);
+         (void)zorv::test::PollUntil([&] { return tally.disposals.load() == 1; });
+       });
+       if (a.threw() && tally.disposals.load() == 0) {
+         timer->dispose();
+         EXPECT_EQ(tally.runs.load(), 0);
+       } else {
+         EXPECT_EQ(tally.runs.load(), 3) << "a repeating timer must not be dropped";
+         EXPECT_EQ(tally.interrupts.load(), 0);
+       }
+       scheduler.stop();
+       EXPECT_EQ(tally.disposals.load(), 1);
+     }},
+    {"Thread_start",
+     [](OomAttempt& a) {
+       bool built = false, failed = false, started = false;
+       a.run([&] {
+         StringThread thread(SafeString("oom-sweep-thread-with-a-long-name"));
+         thread.start();
+         started = thread.isStarted();
+         thread.wait();
+         built = thread.built;
+         failed = thread.failed;
+       });
+       if (started) {
+         EXPECT_NE(built, failed) << "run() completed, or interrupted() was called";
+       }
+       if (!a.threw()) {
+         EXPECT_TRUE(started);
+       }
+     }},
+    {"Lock_ReadWriteLock_LockCondition",
+     [](OomAttempt& a) {
+       bool woken = true;
+       a.run([&] {
+         zf::threading::ReadWriteLock readWrite;
+         zf::threading::Lock lock;
+         zf::threading::LockCondition condition(lock);
+         zf::threading::Locker locker(lock, false);
+         woken = condition.tryWait(locker, 0);
+       });
+       if (!a.threw()) {
+         EXPECT_FALSE(woken);
+       }
+     }},
+};
+
+class OomSweep : public zorv::test::OomSweepTest, public ::testing::WithParamInterface<Row> {};
+
+TEST_P(OomSweep, EveryAllocationFailureLeavesNothingBehind) { sweep(GetParam().attempt); }
+
+INSTANTIATE_TEST_SUITE_P(PublicOperations, OomSweep, ::testing::ValuesIn(kRows),
+                         [](const ::testing::TestParamInfo<Row>& info) {
+                           return std::string(info.param.name);
+                         });
+
+}  // namespace
