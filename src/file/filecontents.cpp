@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "file/fileinternal.h"
 #include "foundation/file/fileutils.h"
@@ -32,6 +33,7 @@ class Descriptor {
   Descriptor& operator=(const Descriptor&) = delete;
   int get() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
+  void swap(Descriptor& other) { std::swap(fd_, other.fd_); }
   // Closes now; true when the descriptor was open and closing succeeded.
   bool close() {
     if (fd_ < 0) return false;
@@ -190,15 +192,117 @@ bool SameFile(const SafeString& a, const SafeString& b) {
   return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
-// The common checks of RenameFile and RenameFolder, then the rename.
-bool Rename(const SafeString& from, const SafeString& to, bool folder) {
-  if (from.empty() || to.empty() || from == to) return false;
-  if (folder ? !FileUtils::IsFolder(from) : !FileUtils::IsFile(from)) return false;
-  SafeString parent = FileUtils::GetFolderPath(to);
+// What a path names, told apart by device and inode.
+struct Identity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool link = false;
+  bool operator==(const Identity& other) const {
+    return device == other.device && inode == other.inode;
+  }
+};
+
+// The identity of the entry `path` names itself (lstat: a symbolic link is
+// the link) or, with `follow`, of what it leads to. False when it is missing.
+bool IdentityOf(const SafeString& path, bool follow, Identity& id) {
+  struct stat info;
+  if ((follow ? ::stat(path.c_str(), &info) : ::lstat(path.c_str(), &info)) != 0) return false;
+  id.device = info.st_dev;
+  id.inode = info.st_ino;
+  id.link = S_ISLNK(info.st_mode);
+  return true;
+}
+
+// `path` without trailing '/' (a folder spelled 'd/' is the entry 'd');
+// a path of separators only stays as it is.
+SafeString WithoutTrailingSlashes(const SafeString& path) {
+  size_t end = path.size();
+  while (end > 1 && path[end - 1] == '/') --end;
+  return path.substr(0, end);
+}
+
+// The folder holding the entry `path` as the system sees it (only '/'
+// separates): 'a/b' -> 'a', 'b' -> '.', '/b' -> '/'.
+SafeString EntryFolder(const SafeString& path) {
+  const SafeString entry = WithoutTrailingSlashes(path);
+  const size_t slash = entry.rfind('/');
+  if (slash == SafeString::npos) return SafeString(".");
+  if (slash == 0) return SafeString("/");
+  return entry.substr(0, slash);
+}
+
+// True when the folder `folder` (followed), or any folder above it up to the
+// root, is `outer`; the walk goes through the real parents (".."), whatever
+// the spelling. True as well when the walk cannot be made: the answer is
+// used to refuse a removal.
+bool AtOrBelow(const SafeString& folder, const Identity& outer) {
+  constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  Descriptor current(OpenRetry(folder.c_str(), kFlags));
+  if (!current.valid()) return true;
+  struct stat here;
+  if (::fstat(current.get(), &here) != 0) return true;
+  // Far deeper than any path that the system accepts.
+  for (int depth = 0; depth < 65536; ++depth) {
+    if (here.st_dev == outer.device && here.st_ino == outer.inode) return true;
+    int parentFd;
+    do {
+      parentFd = ::openat(current.get(), "..", kFlags);
+    } while (parentFd < 0 && errno == EINTR);
+    Descriptor parent(parentFd);
+    struct stat above;
+    if (!parent.valid() || ::fstat(parent.get(), &above) != 0) return true;
+    // The root is its own parent.
+    if (above.st_dev == here.st_dev && above.st_ino == here.st_ino) return false;
+    here = above;
+    current.swap(parent);
+  }
+  return true;
+}
+
+// The common checks of RenameFile and RenameFolder, then the rename. Before
+// anything is removed, both paths are compared by device and inode, so that
+// another spelling of the source (or, on a case-blind file system, another
+// case) never has its own object removed under it.
+bool Rename(const SafeString& fromPath, const SafeString& toPath, bool folder) {
+  if (fromPath.empty() || toPath.empty() || fromPath == toPath) return false;
+  if (folder ? !FileUtils::IsFolder(fromPath) : !FileUtils::IsFile(fromPath)) return false;
+  SafeString parent = FileUtils::GetFolderPath(toPath);
   if (!parent.empty() && !FileUtils::IsFolder(parent)) return false;
+  // A folder named with a trailing '/' is the entry without it, so that a
+  // link named 'l/' is still handled as the link.
+  const SafeString from = folder ? WithoutTrailingSlashes(fromPath) : fromPath;
+  const SafeString to = folder ? WithoutTrailingSlashes(toPath) : toPath;
+  Identity fromEntry;
+  Identity toEntry;
+  if (!IdentityOf(from, false, fromEntry)) return false;
+  if (!IdentityOf(to, false, toEntry)) return ::rename(from.c_str(), to.c_str()) == 0;
+  // The same entry spelled differently (or a hard link of the same file):
+  // moving it onto itself leaves everything as it is.
+  if (fromEntry == toEntry) return true;
+  Identity fromTarget;
+  Identity toTarget;
+  if (!IdentityOf(from, true, fromTarget)) return false;
+  const bool toLeads = IdentityOf(to, true, toTarget);
+  // One leads to the other through a link: only a link at the target may go.
+  if (toLeads && fromTarget == toTarget && !toEntry.link) return false;
+  if (!folder) {
+    // rename replaces an existing file (or link) at once; a folder stays.
+    if (toLeads && FileUtils::IsFolder(to)) return false;
+    return ::rename(from.c_str(), to.c_str()) == 0;
+  }
   if (FileUtils::IsExist(to)) {
-    bool removed = folder ? FileUtils::RemoveFolder(to) : FileUtils::RemoveFile(to);
-    if (!removed) return false;
+    if (!FileUtils::IsFolder(to)) return false;
+    if (toEntry.link) {
+      // A link to a folder goes as a link; nothing behind it is touched.
+      if (::unlink(to.c_str()) != 0) return false;
+    } else {
+      // Neither folder may hold the other: removing the target would take
+      // the source with it, or the move would fail after the removal.
+      if (AtOrBelow(from, toTarget)) return false;
+      if (fromEntry.link && AtOrBelow(EntryFolder(from), toTarget)) return false;
+      if (AtOrBelow(to, fromTarget)) return false;
+      if (!FileUtils::RemoveFolder(to)) return false;
+    }
   }
   return ::rename(from.c_str(), to.c_str()) == 0;
 }

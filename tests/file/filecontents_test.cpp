@@ -308,6 +308,79 @@ TEST_F(FileContentsTest, RenameFolderReplacesATree) {
   EXPECT_FALSE(RawExists(dir_ / "to/old"));
 }
 
+TEST_F(FileContentsTest, RenameOntoItselfOrAFolderAroundItRemovesNothing) {
+  ASSERT_EQ(::mkdir((dir_ / "p").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir((dir_ / "p/q").c_str(), 0755), 0);
+  ASSERT_TRUE(WriteRawFile(dir_ / "p/q/f", "F"));
+  ASSERT_TRUE(WriteRawFile(dir_ / "a.txt", "A"));
+  ASSERT_EQ(::link((dir_ / "a.txt").c_str(), (dir_ / "hard").c_str()), 0);
+  ASSERT_EQ(::symlink((dir_ / "a.txt").c_str(), (dir_ / "la").c_str()), 0);
+  ASSERT_EQ(::symlink((dir_ / "p").c_str(), (dir_ / "lp").c_str()), 0);
+  struct Case {
+    bool folder;
+    std::string from, to;
+    bool expected;
+  };
+  const std::vector<Case> cases = {
+      // Another spelling of the same object: nothing to do.
+      {false, "a.txt", "./a.txt", true},
+      {false, "a.txt", "p/../a.txt", true},
+      {false, "a.txt", "hard", true},
+      {true, "p", "p/", true},
+      {true, "p/q", "./p/q", true},
+      // A link onto the file it leads to.
+      {false, "la", "a.txt", false},
+      {true, "lp", "p", false},
+      {true, "lp", "lp/", true},
+      // The target holds the source, or the source the target.
+      {true, "p/q", "p", false},
+      {true, "p/q/", "p/", false},
+      {true, "p/q", "lp/..", false},
+      {true, "p", "p/q", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE((c.folder ? "RenameFolder " : "RenameFile ") + c.from + " -> " + c.to);
+    const SafeString from = P(c.from);
+    const SafeString to = P(c.to);
+    EXPECT_EQ(c.folder ? FileUtils::RenameFolder(from, to) : FileUtils::RenameFile(from, to),
+              c.expected);
+    EXPECT_EQ(ReadRawFile(dir_ / "p/q/f"), "F");
+    EXPECT_EQ(ReadRawFile(dir_ / "a.txt"), "A");
+    EXPECT_EQ(ReadRawFile(dir_ / "hard"), "A");
+    EXPECT_EQ(ReadRawFile(dir_ / "la"), "A");
+    EXPECT_EQ(ReadRawFile(dir_ / "lp/q/f"), "F");
+  }
+}
+
+TEST_F(FileContentsTest, RenameOntoALinkReplacesOnlyTheLink) {
+  struct Case {
+    bool folder;
+    std::string to;
+  };
+  const std::vector<Case> cases = {{true, "link"}, {true, "link/"}, {false, "link"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE((c.folder ? "folder onto " : "file onto ") + c.to);
+    TempDir dir;
+    ASSERT_EQ(::mkdir((dir / "target").c_str(), 0755), 0);
+    ASSERT_TRUE(WriteRawFile(dir / "target/keep", "K"));
+    ASSERT_TRUE(WriteRawFile(dir / "file", "T"));
+    ASSERT_EQ(::symlink((dir / (c.folder ? "target" : "file")).c_str(), (dir / "link").c_str()), 0);
+    if (c.folder) {
+      ASSERT_EQ(::mkdir((dir / "source").c_str(), 0755), 0);
+      ASSERT_TRUE(WriteRawFile(dir / "source/moved", "M"));
+    } else {
+      ASSERT_TRUE(WriteRawFile(dir / "source", "M"));
+    }
+    const SafeString from((dir / "source").c_str());
+    const SafeString to((dir / c.to).c_str());
+    ASSERT_TRUE(c.folder ? FileUtils::RenameFolder(from, to) : FileUtils::RenameFile(from, to));
+    EXPECT_FALSE(RawExists(dir / "source"));
+    EXPECT_EQ(ReadRawFile(dir / (c.folder ? "link/moved" : "link")), "M");
+    EXPECT_EQ(ReadRawFile(dir / "target/keep"), "K");
+    EXPECT_EQ(ReadRawFile(dir / "file"), "T");
+  }
+}
+
 TEST_F(FileContentsTest, CopyFileCopiesEveryByteInChunks) {
   std::string content;
   for (int i = 0; i < 3 * 4096 + 17; ++i) content += static_cast<char>(i * 7);

@@ -134,14 +134,25 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // the removal fails.
   [[nodiscard]] static bool RemoveFile(const SafeString& path);
 
-  // Moves the file `from` to `to`, replacing an existing file at `to`.
-  // False when a path is empty, the two are the same text, `from` is not a
-  // file, the folder of `to` is missing (it is not created), an existing
-  // `to` cannot be removed (a folder at `to` fails), or rename fails.
+  // Moves the file `from` to `to`, replacing an existing file (or link) at
+  // `to` in one step: a failed move leaves it in place. When both paths name
+  // one file (another spelling, a hard link, another case on a case-blind
+  // file system; compared by device and inode), the result is true and
+  // nothing changes. False when a path is empty, the two are the same text,
+  // `from` is not a file, the folder of `to` is missing (it is not created),
+  // `to` is or leads to a folder, `from` is a link to the file `to`, or
+  // rename fails.
   [[nodiscard]] static bool RenameFile(const SafeString& from, const SafeString& to);
 
   // Moves the folder `from` to `to`; an existing folder tree at `to` is
-  // removed first. Otherwise as RenameFile.
+  // removed first. A trailing '/' on either path is ignored. A symbolic link
+  // at `to` that leads to a folder is removed as a link: nothing behind it
+  // is touched. When both name one folder (by device and inode), the result
+  // is true and nothing changes. False, with nothing removed, when a path is
+  // empty, the two are the same text, `from` is not a folder, `to` exists and is not a folder, one of the two folders
+  // holds the other (or `from` leads to `to` through a link), or the folder
+  // of `to` is missing; false as well when the removal or the rename fails
+  // (what was removed stays removed).
   [[nodiscard]] static bool RenameFolder(const SafeString& from, const SafeString& to);
 
   // Copies the bytes of the file `from` to `to` in 4096-byte chunks,
