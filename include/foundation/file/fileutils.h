@@ -103,7 +103,7 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // to their end gives (ReadText reads them to their end too).
 
   // Replaces `text` by the file's bytes after any byte-order mark; an empty
-  // file gives true and "". The text takes no more room than it needs.
+  // file gives true and "". The text keeps no room beyond the file's bytes.
   // False, with `text` untouched, when the file cannot be opened or read (a
   // folder, a missing file) or holds more bytes than a string can
   // (SafeString::max_size(), 0x7FFFFFFF). Throws std::bad_alloc when the
