@@ -8,6 +8,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -90,10 +91,13 @@ inline SafeString HexText(const collection::Vector<unsigned char>& bytes) {
   return text;
 }
 
-// Digests the file at `path` with a fresh Digest object: measures its size,
-// then reads the measured number of bytes from the start, in order, through
-// one fixed buffer, and hashes what each read delivered. Returns false,
-// leaving `digest` untouched, when the file cannot be opened.
+// Digests the file at `path` with a fresh Digest object: reads it from the
+// start, in order, through one fixed buffer, and hashes what each read
+// delivered. A regular file is read to its end, whatever size it says it
+// has (files under /proc say 0 bytes); any other file (a device) up to the
+// size that a seek to its end gives, so that /dev/zero ends at once.
+// Returns false, leaving `digest` untouched, when the file cannot be opened,
+// is a folder, or a read fails.
 //
 // The buffer holds kFileBuffer bytes, so that a large file costs one system
 // call per kFileBuffer bytes instead of one per 4096, which on a fast
@@ -110,15 +114,26 @@ bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
     errno = savedErrno;
     return false;
   }
+  struct stat info;
+  if (fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
+    close(fd);
+    errno = savedErrno;
+    return false;
+  }
+  const bool toEnd = S_ISREG(info.st_mode);
   // The file is read once from start to end: let the kernel read ahead.
   (void)posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   unsigned long long remaining = 0;
-  const off_t end = lseek(fd, 0, SEEK_END);
-  if (end > 0) remaining = static_cast<unsigned long long>(end);
-  (void)lseek(fd, 0, SEEK_SET);
+  if (toEnd) {
+    if (info.st_size > 0) remaining = static_cast<unsigned long long>(info.st_size);
+  } else {
+    const off_t end = lseek(fd, 0, SEEK_END);
+    if (end > 0) remaining = static_cast<unsigned long long>(end);
+    (void)lseek(fd, 0, SEEK_SET);
+  }
   unsigned char small[kFileChunk];
-  // A file that fits the small buffer needs no other; a larger one gets a
-  // buffer of its size in whole chunks, up to kFileBuffer.
+  // A file that says it fits the small buffer needs no other; a larger one
+  // gets a buffer of its size in whole chunks, up to kFileBuffer.
   unsigned int bigSize = 0;
   if (remaining > kFileChunk) {
     bigSize = remaining >= kFileBuffer
@@ -129,19 +144,23 @@ bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
   unsigned char* const buffer = big.data != nullptr ? big.data : small;
   const size_t room = big.data != nullptr ? bigSize : kFileChunk;
   Digest digester;
-  while (remaining > 0) {
-    const size_t wanted = remaining < room ? static_cast<size_t>(remaining) : room;
+  bool ok = true;
+  while (toEnd || remaining > 0) {
+    const size_t wanted = toEnd || remaining >= room ? room : static_cast<size_t>(remaining);
     const ssize_t got = read(fd, buffer, wanted);
     if (got < 0 && errno == EINTR) continue;
-    // A short file (shrunk since it was measured, or a folder) ends the loop
-    // at its first empty or failed read: later reads would deliver nothing
-    // either.
-    if (got <= 0) break;
+    if (got < 0) {
+      ok = false;
+      break;
+    }
+    // The end, or a device that ends before its measured size.
+    if (got == 0) break;
     digester.addData(buffer, static_cast<unsigned int>(got));
-    remaining -= static_cast<unsigned long long>(got);
+    if (!toEnd) remaining -= static_cast<unsigned long long>(got);
   }
   close(fd);
   errno = savedErrno;
+  if (!ok) return false;
   digest = digester.result();
   return true;
 }

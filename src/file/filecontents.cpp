@@ -6,10 +6,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "file/fileinternal.h"
+#include "file/readroom.h"
 #include "foundation/file/fileutils.h"
 #include "foundation/memory/buffer.h"
 
@@ -22,6 +25,8 @@ namespace {
 constexpr mode_t kDirectoryBit = 040000;
 constexpr size_t kCopyChunk = 4096;
 constexpr size_t kStreamBuffer = 64 * 1024;
+// The read past a file's measured size that finds out whether more follows.
+constexpr size_t kProbe = 4096;
 
 // Closes a descriptor when it leaves its scope.
 class Descriptor {
@@ -32,6 +37,7 @@ class Descriptor {
   Descriptor& operator=(const Descriptor&) = delete;
   int get() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
+  void swap(Descriptor& other) { std::swap(fd_, other.fd_); }
   // Closes now; true when the descriptor was open and closing succeeded.
   bool close() {
     if (fd_ < 0) return false;
@@ -61,13 +67,16 @@ ssize_t ReadSome(int fd, void* data, size_t count) {
   return got;
 }
 
+// The most one read asks for.
+constexpr unsigned long long kMostPerRead = 1ull << 30;
+
 // Reads exactly `count` bytes unless the file ends first; -1 on error,
 // otherwise the number of bytes read.
 long long ReadFully(int fd, unsigned char* data, unsigned long long count) {
   unsigned long long done = 0;
   while (done < count) {
     unsigned long long want = count - done;
-    if (want > (1u << 30)) want = 1u << 30;
+    if (want > kMostPerRead) want = kMostPerRead;
     ssize_t got = ReadSome(fd, data + done, static_cast<size_t>(want));
     if (got < 0) return -1;
     if (got == 0) break;
@@ -75,6 +84,80 @@ long long ReadFully(int fd, unsigned char* data, unsigned long long count) {
   }
   return static_cast<long long>(done);
 }
+
+// Reads `fd` to its end into the room that `store` keeps. The room starts at
+// the size the file said it has; once that is full, a small read past it
+// finds out whether more follows (a file under /proc says 0 bytes, a file
+// that grows says too few) before the room grows, so that a file that told
+// its size right is read into exactly that room. `store` offers room(),
+// at(offset) and grow(room), which is false when the room was refused.
+// Returns false on a read error, a refused room, or when the file goes on
+// beyond `limit` bytes; `used` is the number of bytes read either way.
+template <class Store>
+bool ReadToEnd(int fd, Store& store, unsigned long long limit, unsigned long long& used) {
+  used = 0;
+  for (;;) {
+    const unsigned long long room = store.room();
+    if (used < room) {
+      unsigned long long want = room - used;
+      if (want > kMostPerRead) want = kMostPerRead;
+      const ssize_t got = ReadSome(fd, store.at(used), static_cast<size_t>(want));
+      if (got < 0) return false;
+      if (got == 0) return true;
+      used += static_cast<unsigned long long>(got);
+      continue;
+    }
+    unsigned char probe[kProbe];
+    const ssize_t got = ReadSome(fd, probe, sizeof probe);
+    if (got < 0) return false;
+    if (got == 0) return true;
+    const unsigned long long more = static_cast<unsigned long long>(got);
+    const unsigned long long grown = detail::GrownRoom(used, more, limit);
+    if (grown == 0 || !store.grow(grown)) return false;
+    std::memcpy(store.at(used), probe, static_cast<size_t>(more));
+    used += more;
+  }
+}
+
+// The room of ReadToEnd in a string.
+class StringStore {
+ public:
+  explicit StringStore(SafeString& bytes) : bytes_(bytes) {}
+  unsigned long long room() const { return bytes_.size(); }
+  unsigned char* at(unsigned long long offset) {
+    return reinterpret_cast<unsigned char*>(&bytes_[0]) + offset;
+  }
+  bool grow(unsigned long long room) {
+    bytes_.resize(static_cast<size_t>(room));
+    return true;
+  }
+
+ private:
+  SafeString& bytes_;
+};
+
+// The room of ReadToEnd in a buffer, behind its first `start` bytes. A
+// buffer whose length does not become what was asked refuses the room.
+class BufferStore {
+ public:
+  BufferStore(memory::IBuffer* buffer, unsigned long long start)
+      : buffer_(buffer), start_(start) {}
+  unsigned long long room() const { return buffer_->length() - start_; }
+  unsigned char* at(unsigned long long offset) {
+    return buffer_->data() + static_cast<size_t>(start_ + offset);
+  }
+  bool grow(unsigned long long room) { return SetLength(buffer_, start_ + room); }
+
+  // Sets the length and tells whether the buffer really took it.
+  static bool SetLength(memory::IBuffer* buffer, unsigned long long length) {
+    buffer->setLength(length);
+    return buffer->length() == length;
+  }
+
+ private:
+  memory::IBuffer* buffer_;
+  unsigned long long start_;
+};
 
 bool WriteFully(int fd, const char* data, size_t count) {
   size_t done = 0;
@@ -90,13 +173,13 @@ bool WriteFully(int fd, const char* data, size_t count) {
   return true;
 }
 
-// Copies `size` bytes from `in` to `out` in chunks of at most 4096 bytes,
-// counting the remaining bytes down. Both sides are buffered (like file
-// streams, with larger buffers), so that a chunk is a copy between buffers
-// and the system is called once per buffer rather than once per chunk.
-// False on a read or write error, or when the input ends early (a file that
-// shrank while being copied).
-bool CopyChunks(int in, int out, unsigned long long size) {
+// Copies `in` to `out` in chunks of at most 4096 bytes: to the end of `in`
+// when `toEnd`, otherwise exactly `size` bytes, counted down. Both sides are
+// buffered (like file streams, with larger buffers), so that a chunk is a
+// copy between buffers and the system is called once per buffer rather than
+// once per chunk. False on a read or write error, or when `in` ends before
+// `size` bytes without `toEnd`.
+bool CopyChunks(int in, int out, bool toEnd, unsigned long long size) {
   collection::Vector<char> input(kStreamBuffer);
   collection::Vector<char> output(kStreamBuffer);
   size_t inBegin = 0;
@@ -104,16 +187,20 @@ bool CopyChunks(int in, int out, unsigned long long size) {
   size_t outEnd = 0;
   char chunk[kCopyChunk];
   unsigned long long remaining = size;
-  while (remaining > 0) {
+  while (toEnd || remaining > 0) {
     if (inBegin == inEnd) {
       ssize_t got = ReadSome(in, input.data(), input.size());
-      if (got <= 0) return false;
+      if (got < 0) return false;
+      if (got == 0) {
+        if (toEnd) break;
+        return false;
+      }
       inBegin = 0;
       inEnd = static_cast<size_t>(got);
     }
     size_t count = inEnd - inBegin;
     if (count > kCopyChunk) count = kCopyChunk;
-    if (count > remaining) count = static_cast<size_t>(remaining);
+    if (!toEnd && count > remaining) count = static_cast<size_t>(remaining);
     std::memcpy(chunk, input.data() + inBegin, count);
     inBegin += count;
     if (outEnd + count > output.size()) {
@@ -122,36 +209,36 @@ bool CopyChunks(int in, int out, unsigned long long size) {
     }
     std::memcpy(output.data() + outEnd, chunk, count);
     outEnd += count;
-    remaining -= count;
+    if (!toEnd) remaining -= count;
   }
   return WriteFully(out, output.data(), outEnd);
 }
 
-// Opens `path` for reading and places the descriptor behind a byte-order
-// mark: FF FE or FE FF (two bytes) or EF BB BF (three). Then reads all the
-// remaining bytes into `out`. False when opening or reading fails.
+// Opens `path` for reading, reads it to its end and places the bytes behind
+// any byte-order mark in `out`: FF FE or FE FF (two bytes) or EF BB BF
+// (three). False, with `out` untouched, when opening or reading fails or
+// the file holds more bytes than a string can (SafeString::max_size()).
 bool ReadAfterMark(const SafeString& path, SafeString& out) {
   Descriptor fd(OpenRetry(path.c_str(), O_RDONLY));
   if (!fd.valid()) return false;
   struct stat info;
-  size_t hint = 0;
+  unsigned long long said = 0;
   if (::fstat(fd.get(), &info) == 0) {
     if (S_ISDIR(info.st_mode)) return false;
-    if (S_ISREG(info.st_mode) && info.st_size > 0 &&
-        static_cast<unsigned long long>(info.st_size) < 0x7FFFFFF0ull) {
-      hint = static_cast<size_t>(info.st_size);
+    if (S_ISREG(info.st_mode) && info.st_size > 0) {
+      said = static_cast<unsigned long long>(info.st_size);
     }
   }
   SafeString bytes;
-  bytes.resize(hint > 0 ? hint : 4096);
-  size_t used = 0;
-  for (;;) {
-    if (used == bytes.size()) bytes.resize(bytes.size() * 2);
-    ssize_t got = ReadSome(fd.get(), &bytes[used], bytes.size() - used);
-    if (got < 0) return false;
-    if (got == 0) break;
-    used += static_cast<size_t>(got);
-  }
+  const unsigned long long limit = bytes.max_size();
+  if (said > limit) return false;
+  bytes.resize(static_cast<size_t>(said));
+  StringStore store(bytes);
+  unsigned long long used = 0;
+  if (!ReadToEnd(fd.get(), store, limit, used)) return false;
+  bytes.resize(static_cast<size_t>(used));
+  // Room grown past the end goes back.
+  if (bytes.capacity() > bytes.size()) bytes.shrink_to_fit();
   size_t skip = 0;
   const unsigned char* b = reinterpret_cast<const unsigned char*>(bytes.data());
   if (used >= 2 && ((b[0] == 0xFF && b[1] == 0xFE) || (b[0] == 0xFE && b[1] == 0xFF))) {
@@ -159,7 +246,6 @@ bool ReadAfterMark(const SafeString& path, SafeString& out) {
   } else if (used >= 3 && b[0] == 0xEF && b[1] == 0xBB && b[2] == 0xBF) {
     skip = 3;
   }
-  bytes.resize(used);
   if (skip > 0) bytes.erase(0, skip);
   out.swap(bytes);
   return true;
@@ -190,15 +276,117 @@ bool SameFile(const SafeString& a, const SafeString& b) {
   return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
-// The common checks of RenameFile and RenameFolder, then the rename.
-bool Rename(const SafeString& from, const SafeString& to, bool folder) {
-  if (from.empty() || to.empty() || from == to) return false;
-  if (folder ? !FileUtils::IsFolder(from) : !FileUtils::IsFile(from)) return false;
-  SafeString parent = FileUtils::GetFolderPath(to);
+// What a path names, told apart by device and inode.
+struct Identity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool link = false;
+  bool operator==(const Identity& other) const {
+    return device == other.device && inode == other.inode;
+  }
+};
+
+// The identity of the entry `path` names itself (lstat: a symbolic link is
+// the link) or, with `follow`, of what it leads to. False when it is missing.
+bool IdentityOf(const SafeString& path, bool follow, Identity& id) {
+  struct stat info;
+  if ((follow ? ::stat(path.c_str(), &info) : ::lstat(path.c_str(), &info)) != 0) return false;
+  id.device = info.st_dev;
+  id.inode = info.st_ino;
+  id.link = S_ISLNK(info.st_mode);
+  return true;
+}
+
+// `path` without trailing '/' (a folder spelled 'd/' is the entry 'd');
+// a path of separators only stays as it is.
+SafeString WithoutTrailingSlashes(const SafeString& path) {
+  size_t end = path.size();
+  while (end > 1 && path[end - 1] == '/') --end;
+  return path.substr(0, end);
+}
+
+// The folder holding the entry `path` as the system sees it (only '/'
+// separates): 'a/b' -> 'a', 'b' -> '.', '/b' -> '/'.
+SafeString EntryFolder(const SafeString& path) {
+  const SafeString entry = WithoutTrailingSlashes(path);
+  const size_t slash = entry.rfind('/');
+  if (slash == SafeString::npos) return SafeString(".");
+  if (slash == 0) return SafeString("/");
+  return entry.substr(0, slash);
+}
+
+// True when the folder `folder` (followed), or any folder above it up to the
+// root, is `outer`; the walk goes through the real parents (".."), whatever
+// the spelling. True as well when the walk cannot be made: the answer is
+// used to refuse a removal.
+bool AtOrBelow(const SafeString& folder, const Identity& outer) {
+  constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  Descriptor current(OpenRetry(folder.c_str(), kFlags));
+  if (!current.valid()) return true;
+  struct stat here;
+  if (::fstat(current.get(), &here) != 0) return true;
+  // Far deeper than any path that the system accepts.
+  for (int depth = 0; depth < 65536; ++depth) {
+    if (here.st_dev == outer.device && here.st_ino == outer.inode) return true;
+    int parentFd;
+    do {
+      parentFd = ::openat(current.get(), "..", kFlags);
+    } while (parentFd < 0 && errno == EINTR);
+    Descriptor parent(parentFd);
+    struct stat above;
+    if (!parent.valid() || ::fstat(parent.get(), &above) != 0) return true;
+    // The root is its own parent.
+    if (above.st_dev == here.st_dev && above.st_ino == here.st_ino) return false;
+    here = above;
+    current.swap(parent);
+  }
+  return true;
+}
+
+// The common checks of RenameFile and RenameFolder, then the rename. Before
+// anything is removed, both paths are compared by device and inode, so that
+// another spelling of the source (or, on a case-blind file system, another
+// case) never has its own object removed under it.
+bool Rename(const SafeString& fromPath, const SafeString& toPath, bool folder) {
+  if (fromPath.empty() || toPath.empty() || fromPath == toPath) return false;
+  if (folder ? !FileUtils::IsFolder(fromPath) : !FileUtils::IsFile(fromPath)) return false;
+  SafeString parent = FileUtils::GetFolderPath(toPath);
   if (!parent.empty() && !FileUtils::IsFolder(parent)) return false;
+  // A folder named with a trailing '/' is the entry without it, so that a
+  // link named 'l/' is still handled as the link.
+  const SafeString from = folder ? WithoutTrailingSlashes(fromPath) : fromPath;
+  const SafeString to = folder ? WithoutTrailingSlashes(toPath) : toPath;
+  Identity fromEntry;
+  Identity toEntry;
+  if (!IdentityOf(from, false, fromEntry)) return false;
+  if (!IdentityOf(to, false, toEntry)) return ::rename(from.c_str(), to.c_str()) == 0;
+  // The same entry spelled differently (or a hard link of the same file):
+  // moving it onto itself leaves everything as it is.
+  if (fromEntry == toEntry) return true;
+  Identity fromTarget;
+  Identity toTarget;
+  if (!IdentityOf(from, true, fromTarget)) return false;
+  const bool toLeads = IdentityOf(to, true, toTarget);
+  // One leads to the other through a link: only a link at the target may go.
+  if (toLeads && fromTarget == toTarget && !toEntry.link) return false;
+  if (!folder) {
+    // rename replaces an existing file (or link) at once; a folder stays.
+    if (toLeads && FileUtils::IsFolder(to)) return false;
+    return ::rename(from.c_str(), to.c_str()) == 0;
+  }
   if (FileUtils::IsExist(to)) {
-    bool removed = folder ? FileUtils::RemoveFolder(to) : FileUtils::RemoveFile(to);
-    if (!removed) return false;
+    if (!FileUtils::IsFolder(to)) return false;
+    if (toEntry.link) {
+      // A link to a folder goes as a link; nothing behind it is touched.
+      if (::unlink(to.c_str()) != 0) return false;
+    } else {
+      // Neither folder may hold the other: removing the target would take
+      // the source with it, or the move would fail after the removal.
+      if (AtOrBelow(from, toTarget)) return false;
+      if (fromEntry.link && AtOrBelow(EntryFolder(from), toTarget)) return false;
+      if (AtOrBelow(to, fromTarget)) return false;
+      if (!FileUtils::RemoveFolder(to)) return false;
+    }
   }
   return ::rename(from.c_str(), to.c_str()) == 0;
 }
@@ -242,14 +430,25 @@ bool FileUtils::ReadText(const SafeString& path, collection::Vector<SafeString>&
   if (path.empty()) return false;
   SafeString bytes;
   if (!ReadAfterMark(path, bytes)) return false;
-  size_t start = 0;
+  const char* const begin = bytes.data();
   const size_t length = bytes.size();
+  // Count first: the vector gets its room once, and a file of more lines
+  // than a vector can hold fails here instead of throwing.
+  size_t count = 0;
+  for (size_t at = 0; at < length; ++count) {
+    const void* found = std::memchr(begin + at, '\n', length - at);
+    if (found == nullptr) break;
+    at = static_cast<size_t>(static_cast<const char*>(found) - begin) + 1;
+  }
+  if (length > 0 && begin[length - 1] != '\n') ++count;
+  if (count > lines.max_size()) return false;
+  lines.reserve(count);
+  size_t start = 0;
   while (start < length) {
-    const void* found = std::memchr(bytes.data() + start, '\n', length - start);
-    size_t end = found == nullptr
-                     ? length
-                     : static_cast<size_t>(static_cast<const char*>(found) - bytes.data());
-    lines.emplace_back(bytes.data() + start, end - start);
+    const void* found = std::memchr(begin + start, '\n', length - start);
+    size_t end = found == nullptr ? length
+                                  : static_cast<size_t>(static_cast<const char*>(found) - begin);
+    lines.emplace_back(begin + start, end - start);
     start = end + 1;
   }
   return true;
@@ -261,14 +460,37 @@ bool FileUtils::ReadBinary(const SafeString& path, memory::IBuffer* buffer) {
   if (!fd.valid()) return false;
   struct stat info;
   if (::fstat(fd.get(), &info) != 0 || S_ISDIR(info.st_mode)) return false;
-  off_t end = ::lseek(fd.get(), 0, SEEK_END);
-  if (end < 0 || ::lseek(fd.get(), 0, SEEK_SET) != 0) return false;
-  const unsigned long long size = static_cast<unsigned long long>(end);
+  // A regular file is read to its end, whatever size it says it has (files
+  // under /proc say 0); any other file (a device) up to the size that a seek
+  // to its end gives, so that /dev/zero ends at once.
+  const bool toEnd = S_ISREG(info.st_mode);
+  unsigned long long size = 0;
+  if (toEnd) {
+    if (info.st_size > 0) size = static_cast<unsigned long long>(info.st_size);
+  } else {
+    off_t end = ::lseek(fd.get(), 0, SEEK_END);
+    if (end < 0 || ::lseek(fd.get(), 0, SEEK_SET) != 0) return false;
+    size = static_cast<unsigned long long>(end);
+  }
+  // No object in memory is larger than PTRDIFF_MAX bytes.
+  const unsigned long long limit = static_cast<unsigned long long>(PTRDIFF_MAX);
   const unsigned long long at = buffer->tellWrite();
-  buffer->setLength(at + size);
-  long long got = ReadFully(fd.get(), buffer->data() + at, size);
+  unsigned long long total = 0;
+  if (!detail::SumWithin(at, size, limit, total)) return false;
+  // A buffer that does not take the whole length (a StringWriter cuts it to
+  // 32 bits) is not read into.
+  bool ok = BufferStore::SetLength(buffer, total);
+  if (ok && toEnd) {
+    BufferStore store(buffer, at);
+    unsigned long long used = 0;
+    ok = ReadToEnd(fd.get(), store, limit - at, used);
+    if (ok && at + used != buffer->length()) ok = BufferStore::SetLength(buffer, at + used);
+  } else if (ok) {
+    const long long got = ReadFully(fd.get(), buffer->data() + static_cast<size_t>(at), size);
+    ok = got >= 0 && static_cast<unsigned long long>(got) == size;
+  }
   buffer->seekWrite(buffer->length());
-  return got >= 0 && static_cast<unsigned long long>(got) == size;
+  return ok;
 }
 
 bool FileUtils::WriteText(const SafeString& path, const SafeString& text) {
@@ -308,11 +530,25 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
   Descriptor out(OpenRetry(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
   if (!out.valid()) return false;
 
+  // A regular file is copied to its end, whatever size it says it has
+  // (files under /proc say 0); any other file (a device) only up to the
+  // size that a seek to its end gives, and a FIFO, which has none, fails.
+  struct stat info;
   bool ok = false;
-  off_t end = ::lseek(in.get(), 0, SEEK_END);
-  if (end >= 0 && ::lseek(in.get(), 0, SEEK_SET) == 0) {
+  bool toEnd = false;
+  off_t end = 0;
+  if (::fstat(in.get(), &info) == 0) {
+    toEnd = S_ISREG(info.st_mode);
+    if (!toEnd) {
+      end = ::lseek(in.get(), 0, SEEK_END);
+      if (end >= 0 && ::lseek(in.get(), 0, SEEK_SET) != 0) end = -1;
+    }
+  } else {
+    end = -1;
+  }
+  if (end >= 0) {
     try {
-      ok = CopyChunks(in.get(), out.get(), static_cast<unsigned long long>(end));
+      ok = CopyChunks(in.get(), out.get(), toEnd, static_cast<unsigned long long>(end));
     } catch (...) {
       // No memory for the buffers: no partial copy stays behind.
       in.close();

@@ -324,6 +324,31 @@ TYPED_TEST(DigestTest, MissingFileFailsAndLeavesTheOutputAlone) {
   EXPECT_EQ(Text(text), "kept");
 }
 
+// Files under /proc say they hold 0 bytes; a folder opens but holds none.
+TYPED_TEST(DigestTest, PseudoFilesAreReadToTheirEndAndFoldersFail) {
+  using Digest = typename TypeParam::Digest;
+  const char* const path = "/proc/version";
+  bool readable = false;
+  const std::string expected = zorv::test::ReadRawFile(path, &readable);
+  if (readable && !expected.empty()) {
+    SafeString text;
+    ASSERT_TRUE(Digest::EncodeFile(path, text));
+    EXPECT_EQ(Text(text), this->Hex(expected));
+  }
+  zorv::test::TempDir dir;
+  Vector<unsigned char> digest{1, 2, 3};
+  errno = 0;
+  EXPECT_FALSE(Digest::ComputeFile(dir.path().c_str(), digest));
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(digest, (Vector<unsigned char>{1, 2, 3}));
+  SafeString text("kept");
+  EXPECT_FALSE(Digest::EncodeFile(dir.path().c_str(), text));
+  EXPECT_EQ(Text(text), "kept");
+  // A device ends at the size a seek gives, not after endless bytes.
+  ASSERT_TRUE(Digest::EncodeFile("/dev/zero", text));
+  EXPECT_EQ(Text(text), this->Hex(""));
+}
+
 TYPED_TEST(DigestTest, EmptyFileGivesTheEmptyDigest) {
   using Digest = typename TypeParam::Digest;
   zorv::test::TempDir dir;

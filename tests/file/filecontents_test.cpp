@@ -3,14 +3,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "file/filetestutil.h"
+#include "file/readroom.h"
 #include "foundation/file/fileutils.h"
+#include "foundation/memory/buffer.h"
 #include "foundation/memory/memorybuffer.h"
+#include "foundation/memory/stringwriter.h"
 #include "support/leakcheck.h"
 #include "support/tempdir.h"
 
@@ -20,6 +24,7 @@ using zorv::foundation::SafeString;
 using zorv::foundation::collection::Vector;
 using zorv::foundation::file::FileUtils;
 using zorv::foundation::memory::MemoryBuffer;
+using zorv::foundation::memory::StringWriter;
 using zorv::test::RawExists;
 using zorv::test::RawIsDir;
 using zorv::test::ReadRawFile;
@@ -196,6 +201,187 @@ TEST_F(FileContentsTest, ReadBinaryAppendsAtTheWritePosition) {
   }
 }
 
+// A buffer over a vector that takes a length only up to `most` bytes, and
+// whose write position is set at will.
+class SmallBuffer : public zorv::foundation::memory::IBuffer {
+ public:
+  SmallBuffer(unsigned long long most, unsigned long long position)
+      : most_(most), position_(position) {}
+  void write(const unsigned char*, unsigned long long) override {}
+  bool read(unsigned char*, unsigned long long) override { return false; }
+  unsigned long long length() const override { return bytes_.size(); }
+  unsigned long long setLength(unsigned long long length) override {
+    const unsigned long long previous = bytes_.size();
+    ++setLengthCalls_;
+    bytes_.resize(static_cast<size_t>(length < most_ ? length : most_));
+    position_ = 0;
+    return previous;
+  }
+  unsigned long long tellRead() const override { return 0; }
+  unsigned long long tellWrite() const override { return position_; }
+  unsigned long long seekRead(unsigned long long) override { return 0; }
+  unsigned long long seekWrite(unsigned long long position) override {
+    const unsigned long long previous = position_;
+    position_ = position;
+    return previous;
+  }
+  unsigned char* data() const override { return const_cast<unsigned char*>(bytes_.data()); }
+  int setLengthCalls() const { return setLengthCalls_; }
+
+ private:
+  std::vector<unsigned char> bytes_;
+  unsigned long long most_;
+  unsigned long long position_;
+  int setLengthCalls_ = 0;
+};
+
+TEST_F(FileContentsTest, ReadBinaryNeverReadsPastTheLengthTheBufferTook) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "hundred", std::string(100, 'h')));
+  struct Case {
+    unsigned long long most, position;
+    bool expected;
+    int setLengthCalls;
+  };
+  const std::vector<Case> cases = {
+      {1000, 0, true, 1},
+      {1000, 900, true, 1},
+      // The buffer takes fewer bytes than the file holds.
+      {8, 0, false, 1},
+      {99, 0, false, 1},
+      // The end would lie beyond any object in memory, or wrap.
+      {1000, static_cast<unsigned long long>(PTRDIFF_MAX) - 50, false, 0},
+      {1000, ULLONG_MAX - 50, false, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("room " + std::to_string(c.most) + " at " + std::to_string(c.position));
+    SmallBuffer buffer(c.most, c.position);
+    EXPECT_EQ(FileUtils::ReadBinary(P("hundred"), &buffer), c.expected);
+    EXPECT_EQ(buffer.setLengthCalls(), c.setLengthCalls);
+    if (c.setLengthCalls > 0) {
+      EXPECT_EQ(buffer.tellWrite(), buffer.length());
+    }
+    if (c.expected) {
+      EXPECT_EQ(buffer.length(), c.position + 100);
+      EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()) + c.position, 100),
+                std::string(100, 'h'));
+    }
+  }
+}
+
+TEST_F(FileContentsTest, FilesLongerThanMemoryHoldsFailCleanly) {
+  // Sparse files cost no disk space. A StringWriter cuts the length of the
+  // larger one to 16 bytes: nothing may be read into them.
+  struct Case {
+    unsigned long long size;
+    bool binaryIntoMemory;  // a MemoryBuffer refuses it without trying
+  };
+  const std::vector<Case> cases = {
+      {0x80000010ull, sizeof(void*) == 4},
+      {0x100000010ull, sizeof(void*) == 4},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("size " + std::to_string(c.size));
+    const std::string path = dir_ / "sparse";
+    ASSERT_TRUE(WriteRawFile(path, ""));
+    if (::truncate(path.c_str(), static_cast<off_t>(c.size)) != 0) {
+      GTEST_SKIP() << "no sparse files";
+    }
+    SafeString text("untouched");
+    EXPECT_FALSE(FileUtils::ReadText(path.c_str(), text));
+    EXPECT_EQ(S(text), "untouched");
+    Vector<SafeString> lines;
+    EXPECT_FALSE(FileUtils::ReadText(path.c_str(), lines));
+    EXPECT_TRUE(lines.empty());
+    if (c.size > 0xFFFFFFFFull || sizeof(void*) == 4) {
+      SafeString target;
+      StringWriter writer(target);
+      EXPECT_FALSE(FileUtils::ReadBinary(path.c_str(), &writer));
+      EXPECT_LE(target.size(), 16u);
+      EXPECT_EQ(writer.tellWrite(), writer.length());
+    }
+    if (c.binaryIntoMemory) {
+      MemoryBuffer buffer;
+      EXPECT_FALSE(FileUtils::ReadBinary(path.c_str(), &buffer));
+      EXPECT_EQ(buffer.length(), 0u);
+    }
+  }
+}
+
+TEST_F(FileContentsTest, ReadersTakeAPseudoFileToItsEnd) {
+  // Files under /proc say they hold 0 bytes.
+  const char* const path = "/proc/version";
+  bool readable = false;
+  const std::string expected = ReadRawFile(path, &readable);
+  if (!readable || expected.empty()) GTEST_SKIP() << path << " cannot be read";
+  SafeString text;
+  ASSERT_TRUE(FileUtils::ReadText(path, text));
+  EXPECT_EQ(S(text), expected);
+  EXPECT_LE(text.capacity(), text.size() + 16) << "room past the end is given back";
+  MemoryBuffer buffer;
+  ASSERT_TRUE(FileUtils::ReadBinary(path, &buffer));
+  ASSERT_EQ(buffer.length(), expected.size());
+  EXPECT_EQ(buffer.tellWrite(), expected.size());
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), expected.size()), expected);
+  ASSERT_TRUE(FileUtils::CopyFile(path, P("copy")));
+  EXPECT_EQ(ReadRawFile(dir_ / "copy"), expected);
+}
+
+TEST_F(FileContentsTest, ReadTextTakesTheRoomOfTheFileOnly) {
+  for (const std::string& content :
+       {std::string(100000, 'r'), "\xEF\xBB\xBF" + std::string(70000, 'm')}) {
+    SCOPED_TRACE("content of " + std::to_string(content.size()) + " bytes");
+    ASSERT_TRUE(WriteRawFile(dir_ / "t", content));
+    SafeString text;
+    ASSERT_TRUE(FileUtils::ReadText(P("t"), text));
+    EXPECT_EQ(text.size() + (content[0] == 'r' ? 0 : 3), content.size());
+    EXPECT_LE(text.capacity(), content.size());
+  }
+}
+
+TEST(ReadRoomTest, SumsAndGrowthNeverWrap) {
+  namespace detail = zorv::foundation::file::detail;
+  const unsigned long long k32 = 0xFFFFFFFFull;  // the largest 32-bit size_t
+  struct SumCase {
+    unsigned long long a, b, limit;
+    bool fits;
+  };
+  const std::vector<SumCase> sums = {
+      {1, 2, 3, true},       {1, 3, 3, false},           {k32, 1, k32, false},
+      {0, k32, k32, true},   {k32 + 1, 0, k32, false},   {ULLONG_MAX, 1, ULLONG_MAX, false},
+      {1, ULLONG_MAX, ULLONG_MAX, false},
+  };
+  for (const SumCase& c : sums) {
+    SCOPED_TRACE(std::to_string(c.a) + " + " + std::to_string(c.b) + " within " +
+                 std::to_string(c.limit));
+    unsigned long long sum = 7;
+    EXPECT_EQ(detail::SumWithin(c.a, c.b, c.limit, sum), c.fits);
+    EXPECT_EQ(sum, c.fits ? c.a + c.b : 7u);
+  }
+  struct GrowCase {
+    unsigned long long used, more, limit, expected;
+  };
+  const std::vector<GrowCase> growths = {
+      {0, 1, 0x7FFFFFFF, 4096},
+      {0, 10000, 0x7FFFFFFF, 10000},
+      {4096, 1, 0x7FFFFFFF, 6144},
+      {100, 4096, 0x7FFFFFFF, 4196},
+      // Near the limit the room stops there, and fails beyond it.
+      {0x60000000, 1, 0x7FFFFFFF, 0x7FFFFFFF},
+      {0x7FFFFFF0, 15, 0x7FFFFFFF, 0x7FFFFFFF},
+      {0x7FFFFFF0, 16, 0x7FFFFFFF, 0},
+      {0, 1, 100, 100},
+      {0xC0000000, 4096, k32, k32},
+      {k32, 1, k32, 0},
+      {ULLONG_MAX - 10, 5, ULLONG_MAX, ULLONG_MAX},
+      {ULLONG_MAX - 10, 11, ULLONG_MAX, 0},
+  };
+  for (const GrowCase& c : growths) {
+    SCOPED_TRACE(std::to_string(c.used) + " used, " + std::to_string(c.more) + " more, limit " +
+                 std::to_string(c.limit));
+    EXPECT_EQ(detail::GrownRoom(c.used, c.more, c.limit), c.expected);
+  }
+}
+
 TEST_F(FileContentsTest, WriteTextCreatesParentsAndReplacesContents) {
   const SafeString path = P("x/y/z.txt");
   SafeString text("first\n", 6);
@@ -306,6 +492,79 @@ TEST_F(FileContentsTest, RenameFolderReplacesATree) {
   EXPECT_FALSE(RawExists(dir_ / "from"));
   EXPECT_EQ(ReadRawFile(dir_ / "to/f"), "F");
   EXPECT_FALSE(RawExists(dir_ / "to/old"));
+}
+
+TEST_F(FileContentsTest, RenameOntoItselfOrAFolderAroundItRemovesNothing) {
+  ASSERT_EQ(::mkdir((dir_ / "p").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir((dir_ / "p/q").c_str(), 0755), 0);
+  ASSERT_TRUE(WriteRawFile(dir_ / "p/q/f", "F"));
+  ASSERT_TRUE(WriteRawFile(dir_ / "a.txt", "A"));
+  ASSERT_EQ(::link((dir_ / "a.txt").c_str(), (dir_ / "hard").c_str()), 0);
+  ASSERT_EQ(::symlink((dir_ / "a.txt").c_str(), (dir_ / "la").c_str()), 0);
+  ASSERT_EQ(::symlink((dir_ / "p").c_str(), (dir_ / "lp").c_str()), 0);
+  struct Case {
+    bool folder;
+    std::string from, to;
+    bool expected;
+  };
+  const std::vector<Case> cases = {
+      // Another spelling of the same object: nothing to do.
+      {false, "a.txt", "./a.txt", true},
+      {false, "a.txt", "p/../a.txt", true},
+      {false, "a.txt", "hard", true},
+      {true, "p", "p/", true},
+      {true, "p/q", "./p/q", true},
+      // A link onto the file it leads to.
+      {false, "la", "a.txt", false},
+      {true, "lp", "p", false},
+      {true, "lp", "lp/", true},
+      // The target holds the source, or the source the target.
+      {true, "p/q", "p", false},
+      {true, "p/q/", "p/", false},
+      {true, "p/q", "lp/..", false},
+      {true, "p", "p/q", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE((c.folder ? "RenameFolder " : "RenameFile ") + c.from + " -> " + c.to);
+    const SafeString from = P(c.from);
+    const SafeString to = P(c.to);
+    EXPECT_EQ(c.folder ? FileUtils::RenameFolder(from, to) : FileUtils::RenameFile(from, to),
+              c.expected);
+    EXPECT_EQ(ReadRawFile(dir_ / "p/q/f"), "F");
+    EXPECT_EQ(ReadRawFile(dir_ / "a.txt"), "A");
+    EXPECT_EQ(ReadRawFile(dir_ / "hard"), "A");
+    EXPECT_EQ(ReadRawFile(dir_ / "la"), "A");
+    EXPECT_EQ(ReadRawFile(dir_ / "lp/q/f"), "F");
+  }
+}
+
+TEST_F(FileContentsTest, RenameOntoALinkReplacesOnlyTheLink) {
+  struct Case {
+    bool folder;
+    std::string to;
+  };
+  const std::vector<Case> cases = {{true, "link"}, {true, "link/"}, {false, "link"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE((c.folder ? "folder onto " : "file onto ") + c.to);
+    TempDir dir;
+    ASSERT_EQ(::mkdir((dir / "target").c_str(), 0755), 0);
+    ASSERT_TRUE(WriteRawFile(dir / "target/keep", "K"));
+    ASSERT_TRUE(WriteRawFile(dir / "file", "T"));
+    ASSERT_EQ(::symlink((dir / (c.folder ? "target" : "file")).c_str(), (dir / "link").c_str()), 0);
+    if (c.folder) {
+      ASSERT_EQ(::mkdir((dir / "source").c_str(), 0755), 0);
+      ASSERT_TRUE(WriteRawFile(dir / "source/moved", "M"));
+    } else {
+      ASSERT_TRUE(WriteRawFile(dir / "source", "M"));
+    }
+    const SafeString from((dir / "source").c_str());
+    const SafeString to((dir / c.to).c_str());
+    ASSERT_TRUE(c.folder ? FileUtils::RenameFolder(from, to) : FileUtils::RenameFile(from, to));
+    EXPECT_FALSE(RawExists(dir / "source"));
+    EXPECT_EQ(ReadRawFile(dir / (c.folder ? "link/moved" : "link")), "M");
+    EXPECT_EQ(ReadRawFile(dir / "target/keep"), "K");
+    EXPECT_EQ(ReadRawFile(dir / "file"), "T");
+  }
 }
 
 TEST_F(FileContentsTest, CopyFileCopiesEveryByteInChunks) {

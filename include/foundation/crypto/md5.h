@@ -53,9 +53,11 @@ class ZORV_FOUNDATION_EXPORT MD5 {
   // Stores the 16 digest bytes of the contents of the file at `path` in
   // `digest`, replacing its contents; the file is read from start to end
   // through one buffer of at most 256 KiB (4096 bytes when no more memory
-  // can be had), never loaded whole. Returns false, leaving `digest` untouched, when the
-  // file cannot be opened (or `path` is null). A file that shrinks while it
-  // is read is not detected: the size measured when it was opened counts.
+  // can be had), never loaded whole. A regular file is read until its end,
+  // whatever size it says it has (files under /proc say 0 bytes); a device
+  // only up to the size that a seek to its end gives. Returns false, leaving
+  // `digest` untouched, when `path` is null, the file cannot be opened, is a
+  // folder, or a read fails.
   [[nodiscard]] static bool ComputeFile(char const* path,
                                         collection::Vector<unsigned char>& digest);
 
@@ -68,7 +70,7 @@ class ZORV_FOUNDATION_EXPORT MD5 {
   static SafeString EncodeBinary(unsigned char const* data, unsigned int size);
 
   // ComputeFile, then ToString into `text`. Returns false, leaving `text`
-  // untouched, when the file cannot be opened.
+  // untouched, when ComputeFile fails.
   [[nodiscard]] static bool EncodeFile(char const* path, SafeString& text);
 
  private:

@@ -27,7 +27,8 @@ namespace file {
 //
 // Errors: no function throws on a file-system error or reports errno. Every
 // failure is reported by the result alone: false, 0 or an empty value. Only
-// running out of memory escapes (std::bad_alloc from the string types).
+// running out of memory escapes (std::bad_alloc from the string types);
+// ReadBinary also passes on what the buffer's setLength throws.
 class ZORV_FOUNDATION_EXPORT FileUtils {
  public:
   FileUtils() = delete;
@@ -94,24 +95,40 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // A leading byte-order mark is skipped: EF BB BF (UTF-8), or FF FE / FE FF
   // (UTF-16 in either order; the rest is still returned as raw bytes). No
   // line-end translation takes place.
+  //
+  // A regular file is read to its end, whatever size it says it has: files
+  // under /proc and /sys that say 0 or 4096 bytes give all they hold, and
+  // the bytes are read into room of the size the file said, grown only when
+  // more follow. Other files (devices) are read up to the size that a seek
+  // to their end gives (ReadText reads them to their end too).
 
   // Replaces `text` by the file's bytes after any byte-order mark; an empty
-  // file gives true and "". False, with `text` untouched, when the file
-  // cannot be opened or read (a folder, a missing file).
+  // file gives true and "". The text keeps no room beyond the file's bytes.
+  // False, with `text` untouched, when the file cannot be opened or read (a
+  // folder, a missing file) or holds more bytes than a string can
+  // (SafeString::max_size(), 0x7FFFFFFF). Throws std::bad_alloc when the
+  // memory cannot be had.
   [[nodiscard]] static bool ReadText(const SafeString& path, SafeString& text);
 
   // Clears `lines`, then appends each line of the file (after any byte-order
   // mark) without its '\n'. Only '\n' ends a line: a '\r' before it stays at
   // the end of its line. A last line without '\n' is appended; a file ending
   // in '\n' gives no empty last line. False, with `lines` empty, when the file
-  // cannot be opened or read.
+  // cannot be opened or read, or holds more bytes than a string can or more
+  // lines than a vector can. Throws std::bad_alloc when the memory cannot be
+  // had.
   [[nodiscard]] static bool ReadText(const SafeString& path, collection::Vector<SafeString>& lines);
 
   // Appends the file's bytes to `buffer` at its write position: the buffer's
   // length becomes write position + file size and the write position ends
-  // behind the file's bytes. False when the file cannot be opened, sized or
-  // read completely (the buffer keeps its new length in the last case).
-  // Exceptions of the buffer's own setLength pass through.
+  // behind the file's bytes. False, with the buffer untouched, when the file
+  // cannot be opened or sized (a folder, a FIFO), or when write position +
+  // size exceeds PTRDIFF_MAX. False without reading when the buffer's length
+  // does not become what setLength asked for (a StringWriter cuts lengths to
+  // 32 bits): the buffer keeps the length it took, with its write position
+  // at its end. False when a read fails or a device ends early (the buffer
+  // keeps its new length). Exceptions of the buffer's own setLength pass
+  // through.
   // REQUIRES: buffer is not null.
   [[nodiscard]] static bool ReadBinary(const SafeString& path, memory::IBuffer* buffer);
 
@@ -134,22 +151,35 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // the removal fails.
   [[nodiscard]] static bool RemoveFile(const SafeString& path);
 
-  // Moves the file `from` to `to`, replacing an existing file at `to`.
-  // False when a path is empty, the two are the same text, `from` is not a
-  // file, the folder of `to` is missing (it is not created), an existing
-  // `to` cannot be removed (a folder at `to` fails), or rename fails.
+  // Moves the file `from` to `to`, replacing an existing file (or link) at
+  // `to` in one step: a failed move leaves it in place. When both paths name
+  // one file (another spelling, a hard link, another case on a case-blind
+  // file system; compared by device and inode), the result is true and
+  // nothing changes. False when a path is empty, the two are the same text,
+  // `from` is not a file, the folder of `to` is missing (it is not created),
+  // `to` is or leads to a folder, `from` is a link to the file `to`, or
+  // rename fails.
   [[nodiscard]] static bool RenameFile(const SafeString& from, const SafeString& to);
 
   // Moves the folder `from` to `to`; an existing folder tree at `to` is
-  // removed first. Otherwise as RenameFile.
+  // removed first. A trailing '/' on either path is ignored. A symbolic link
+  // at `to` that leads to a folder is removed as a link: nothing behind it
+  // is touched. When both name one folder (by device and inode), the result
+  // is true and nothing changes. False, with nothing removed, when a path is
+  // empty, the two are the same text, `from` is not a folder, `to` exists and is not a folder, one of the two folders
+  // holds the other (or `from` leads to `to` through a link), or the folder
+  // of `to` is missing; false as well when the removal or the rename fails
+  // (what was removed stays removed).
   [[nodiscard]] static bool RenameFolder(const SafeString& from, const SafeString& to);
 
   // Copies the bytes of the file `from` to `to` in 4096-byte chunks,
-  // replacing an existing file. The copy gets the default mode of a new
-  // file; owner and times are not copied. False when a path is empty, the two
-  // name the same file, `from` is not a file (or cannot be sized, as a FIFO),
-  // the folder of `to` is missing (it is not created), `to` is a folder, or a
-  // read or write fails; a partial copy is then deleted.
+  // replacing an existing file: a regular file to its end (as the readers
+  // do), a device up to the size a seek to its end gives. The copy gets the
+  // default mode of a new file; owner and times are not copied. False when a
+  // path is empty, the two name the same file, `from` is not a file (or a
+  // device that cannot be sized, as a FIFO), the folder of `to` is missing
+  // (it is not created), `to` is a folder, a device ends early, or a read or
+  // write fails; a partial copy is then deleted.
   [[nodiscard]] static bool CopyFile(const SafeString& from, const SafeString& to);
 
   // ---- Folder operations ----------------------------------------------------
