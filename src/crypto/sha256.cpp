@@ -59,31 +59,39 @@ inline uint32_t RotateRight(uint32_t value, int bits) {
 
 // The message schedule lives in a ring of 16 words. Each round is written
 // with the eight working words renamed instead of moved; a group of 16
-// rounds brings every name back to its place.
+// rounds brings every name back to its place. `bc` carries b ^ c from round
+// to round. (c itself is not needed: Maj uses only a, b and b ^ c.)
 template <int I, bool kExpand>
 inline __attribute__((always_inline)) void Round(uint32_t (&w)[16], const uint32_t* k,
-                                                 const unsigned char* data, uint32_t a,
-                                                 uint32_t b, uint32_t c, uint32_t& d, uint32_t e,
+                                                 const unsigned char* data, uint32_t& bc,
+                                                 uint32_t a, uint32_t b, uint32_t& d, uint32_t e,
                                                  uint32_t f, uint32_t g, uint32_t& h) {
   uint32_t word;
   if constexpr (kExpand) {
     const uint32_t w15 = w[(I + 1) & 15];
     const uint32_t w2 = w[(I + 14) & 15];
-    const uint32_t s0 = RotateRight(w15, 7) ^ RotateRight(w15, 18) ^ (w15 >> 3);
-    const uint32_t s1 = RotateRight(w2, 17) ^ RotateRight(w2, 19) ^ (w2 >> 10);
+    const uint32_t s0 = RotateRight(RotateRight(w15, 11) ^ w15, 7) ^ (w15 >> 3);
+    const uint32_t s1 = RotateRight(RotateRight(w2, 2) ^ w2, 17) ^ (w2 >> 10);
     word = w[I & 15] += s0 + s1 + w[(I + 9) & 15];
   } else {
     word = w[I & 15] = LoadBig32(data + 4 * I);
   }
-  h += (RotateRight(e, 6) ^ RotateRight(e, 11) ^ RotateRight(e, 25)) + (((f ^ g) & e) ^ g) +
-       k[I] + word;
+  // Sigma1(e) and Sigma0(a) as nested rotations: one register copy each
+  // instead of two.
+  h += RotateRight(RotateRight(RotateRight(e, 14) ^ e, 5) ^ e, 6) + (((f ^ g) & e) ^ g) + k[I] +
+       word;
   d += h;
-  h += (RotateRight(a, 2) ^ RotateRight(a, 13) ^ RotateRight(a, 22)) + ((a & b) | (c & (a | b)));
+  // Maj(a, b, c) = ((a ^ b) & (b ^ c)) ^ b, and this round's a ^ b is the
+  // next round's b ^ c.
+  const uint32_t ab = a ^ b;
+  h += RotateRight(RotateRight(RotateRight(a, 9) ^ a, 11) ^ a, 2) + ((ab & bc) ^ b);
+  bc = ab;
 }
 
 template <bool kExpand>
 inline __attribute__((always_inline)) void Sixteen(uint32_t (&w)[16], const uint32_t* k,
-                                                   const unsigned char* data, uint32_t (&v)[8]) {
+                                                   const unsigned char* data, uint32_t (&v)[8],
+                                                   uint32_t& bc) {
   uint32_t& a = v[0];
   uint32_t& b = v[1];
   uint32_t& c = v[2];
@@ -92,22 +100,22 @@ inline __attribute__((always_inline)) void Sixteen(uint32_t (&w)[16], const uint
   uint32_t& f = v[5];
   uint32_t& g = v[6];
   uint32_t& h = v[7];
-  Round<0, kExpand>(w, k, data, a, b, c, d, e, f, g, h);
-  Round<1, kExpand>(w, k, data, h, a, b, c, d, e, f, g);
-  Round<2, kExpand>(w, k, data, g, h, a, b, c, d, e, f);
-  Round<3, kExpand>(w, k, data, f, g, h, a, b, c, d, e);
-  Round<4, kExpand>(w, k, data, e, f, g, h, a, b, c, d);
-  Round<5, kExpand>(w, k, data, d, e, f, g, h, a, b, c);
-  Round<6, kExpand>(w, k, data, c, d, e, f, g, h, a, b);
-  Round<7, kExpand>(w, k, data, b, c, d, e, f, g, h, a);
-  Round<8, kExpand>(w, k, data, a, b, c, d, e, f, g, h);
-  Round<9, kExpand>(w, k, data, h, a, b, c, d, e, f, g);
-  Round<10, kExpand>(w, k, data, g, h, a, b, c, d, e, f);
-  Round<11, kExpand>(w, k, data, f, g, h, a, b, c, d, e);
-  Round<12, kExpand>(w, k, data, e, f, g, h, a, b, c, d);
-  Round<13, kExpand>(w, k, data, d, e, f, g, h, a, b, c);
-  Round<14, kExpand>(w, k, data, c, d, e, f, g, h, a, b);
-  Round<15, kExpand>(w, k, data, b, c, d, e, f, g, h, a);
+  Round<0, kExpand>(w, k, data, bc, a, b, d, e, f, g, h);
+  Round<1, kExpand>(w, k, data, bc, h, a, c, d, e, f, g);
+  Round<2, kExpand>(w, k, data, bc, g, h, b, c, d, e, f);
+  Round<3, kExpand>(w, k, data, bc, f, g, a, b, c, d, e);
+  Round<4, kExpand>(w, k, data, bc, e, f, h, a, b, c, d);
+  Round<5, kExpand>(w, k, data, bc, d, e, g, h, a, b, c);
+  Round<6, kExpand>(w, k, data, bc, c, d, f, g, h, a, b);
+  Round<7, kExpand>(w, k, data, bc, b, c, e, f, g, h, a);
+  Round<8, kExpand>(w, k, data, bc, a, b, d, e, f, g, h);
+  Round<9, kExpand>(w, k, data, bc, h, a, c, d, e, f, g);
+  Round<10, kExpand>(w, k, data, bc, g, h, b, c, d, e, f);
+  Round<11, kExpand>(w, k, data, bc, f, g, a, b, c, d, e);
+  Round<12, kExpand>(w, k, data, bc, e, f, h, a, b, c, d);
+  Round<13, kExpand>(w, k, data, bc, d, e, g, h, a, b, c);
+  Round<14, kExpand>(w, k, data, bc, c, d, f, g, h, a, b);
+  Round<15, kExpand>(w, k, data, bc, b, c, e, f, g, h, a);
 }
 
 }  // namespace
@@ -119,10 +127,11 @@ void Sha256BlocksPortable(uint32_t state[8], const unsigned char* data, size_t b
   for (; blocks != 0; --blocks, data += 64) {
     uint32_t saved[8];
     memcpy(saved, v, sizeof v);
-    Sixteen<false>(w, kSha256RoundConstants, data, v);
-    Sixteen<true>(w, kSha256RoundConstants + 16, data, v);
-    Sixteen<true>(w, kSha256RoundConstants + 32, data, v);
-    Sixteen<true>(w, kSha256RoundConstants + 48, data, v);
+    uint32_t bc = v[1] ^ v[2];
+    Sixteen<false>(w, kSha256RoundConstants, data, v, bc);
+    Sixteen<true>(w, kSha256RoundConstants + 16, data, v, bc);
+    Sixteen<true>(w, kSha256RoundConstants + 32, data, v, bc);
+    Sixteen<true>(w, kSha256RoundConstants + 48, data, v, bc);
     for (int i = 0; i < 8; ++i) v[i] += saved[i];
   }
   memcpy(state, v, sizeof v);
