@@ -24,8 +24,10 @@ namespace {
 // on every Linux target this library builds for.
 constexpr int kOpenWithMode = 0100 | 020000000;
 // O_LARGEFILE on 32-bit targets, where the C library adds it itself.
-#if defined(__arm__) || defined(__i386__)
+#if defined(__arm__)
 constexpr int kLargeFile = 0400000;
+#elif defined(__i386__)
+constexpr int kLargeFile = 0100000;
 #else
 constexpr int kLargeFile = 0;
 #endif
