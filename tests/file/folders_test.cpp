@@ -282,7 +282,7 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
        [](const std::string& b) {
          return !ListsOutside(FileUtils::SearchFiles((b + "/tree").c_str(), 4, {}));
        },
-       true, {}, {}, 0},
+       true, {"tree/victim.moved/f", "tree/victim"}, {}, 0},
       {"backslashes are part of names on disk",
        [](const std::string& b) {
          Folder(b + "/tree");
@@ -406,6 +406,16 @@ TEST_F(FoldersTest, FailedWritesRemoveEveryFolderTheyMade) {
   EXPECT_FALSE(FileUtils::CreateFolder(P("a/new\\..\\..\\evil/" + longName)));
   EXPECT_FALSE(RawExists(dir_ / "a/new"));
   EXPECT_FALSE(RawExists(dir_ / "evil"));
+  // A made folder swapped for a link before the roll-back: the link goes,
+  // what it leads to stays.
+  MakeDir("outside");
+  MakeFile("outside/keep");
+  ZorvTestSwapBeforeOpen("victim", (dir_ / "outside").c_str(), 0);
+  EXPECT_FALSE(FileUtils::WriteText(P("victim/" + longName), "text"));
+  ZorvTestSwapBeforeOpen("", "", 0);
+  EXPECT_TRUE(RawExists(dir_ / "victim.moved"));
+  EXPECT_FALSE(RawExists(dir_ / "victim"));
+  EXPECT_EQ(ReadRawFile(dir_ / "outside/keep"), "x");
 }
 
 TEST_F(FoldersTest, CopyFolderCopiesTheTree) {
