@@ -267,8 +267,11 @@ bool CopyFileAt(int from, int to, const char* name) {
       target.st_ino == source.st_ino) {
     return false;
   }
-  Descriptor out(OpenAt(to, name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0666));
+  // Never through a link, never blocking on a FIFO, and only into a regular
+  // file: a device or FIFO of that name in the target fails the copy.
+  Descriptor out(OpenAt(to, name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK, 0666));
   if (!out.valid()) return false;
+  if (::fstat(out.get(), &target) != 0 || !S_ISREG(target.st_mode)) return false;
   unsigned long long remaining = static_cast<unsigned long long>(end);
   bool ok = true;
   char chunk[kCopyChunk];
@@ -296,9 +299,7 @@ bool CopyContents(int from, int to, const FolderId* up, const FolderId& root) {
   struct stat info;
   if (::fstat(source.fd(), &info) != 0) return false;
   const FolderId sourceId{info.st_dev, info.st_ino, up};
-  if (::fstat(target.get(), &info) != 0 || OnPath(&sourceId, info) || SameFolder(root, info)) {
-    return false;
-  }
+  if (::fstat(target.get(), &info) != 0 || OnPath(&sourceId, info)) return false;
   const FolderId path{info.st_dev, info.st_ino, &sourceId};
   while (struct dirent* entry = source.next()) {
     const char* name = entry->d_name;

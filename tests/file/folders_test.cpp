@@ -299,6 +299,24 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
          File(b + "/tree/x\\..\\../f");
        },
        [](const std::string& b) { return Remove(b + "/tree"); }, true, {}, {"tree"}},
+      {"a link in an existing target is not written through",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         File(b + "/tree/keep");
+         Folder(b + "/existing");
+         Link(b + "/outside/keep", b + "/existing/keep");
+       },
+       [](const std::string& b) { return Copy(b + "/tree", b + "/existing"); }, false,
+       {"existing/keep"}, {}},
+      {"a FIFO in an existing target is neither waited on nor removed",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         File(b + "/tree/pipe");
+         Folder(b + "/existing");
+         ASSERT_EQ(::mkfifo((b + "/existing/pipe").c_str(), 0644), 0);
+       },
+       [](const std::string& b) { return Copy(b + "/tree", b + "/existing"); }, false,
+       {"existing/pipe"}, {}},
       {"an entry that cannot be copied fails the copy",
        [&sockets](const std::string& b) {
          Folder(b + "/tree");

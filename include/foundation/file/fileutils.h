@@ -191,9 +191,10 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // overwritten. Each entry keeps its name from disk, backslashes included.
   // The source side follows links (a link to a file is copied as a file, a
   // link to a folder as a folder); the target side never does: below `to`,
-  // every entry is made and opened relative to its open folder, and a link
-  // met there (or a folder swapped for one) fails the copy. An existing `to`
-  // that is itself a link to a folder is copied into.
+  // every entry is made and opened relative to its open folder, and a link,
+  // FIFO or device met there under a copied name (or a folder swapped for a
+  // link) fails the copy. An existing `to` that is itself a link to a folder
+  // is copied into.
   // False when a path is empty, the two are the same text or the same
   // folder, `from` is not a folder, the folder of `to` is missing, `to` lies
   // inside `from`, a link leads back to a folder being copied, or any entry
