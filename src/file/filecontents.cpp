@@ -254,17 +254,19 @@ bool ReadAfterMark(const SafeString& path, SafeString& out) {
 // The shared procedure of WriteText and WriteBinary.
 bool WriteWhole(const SafeString& path, const char* data, size_t size) {
   if (path.empty() || FileUtils::IsFolder(path)) return false;
-  SafeString firstCreated;
-  if (!detail::CreateParents(path, firstCreated)) return false;
+  // The parents are made for the normalised path, and that path is opened.
+  detail::ParentFolders parents;
+  parents.plan(path);
+  if (!parents.make()) return false;
   bool written = false;
   {
-    Descriptor fd(OpenRetry(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
+    Descriptor fd(OpenRetry(parents.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
     if (fd.valid()) {
       written = WriteFully(fd.get(), data, size);
       fd.close();
     }
   }
-  if (!written && !firstCreated.empty()) (void)FileUtils::RemoveFolder(firstCreated);
+  if (!written) parents.rollBack();
   return written;
 }
 

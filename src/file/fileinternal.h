@@ -1,5 +1,6 @@
 // Internal helpers of FileUtils shared by its source files: the path
-// splitter and joiner, the folder walker and the parent-folder maker.
+// splitter and joiner, the folder walker, the parent-folder maker and the
+// tree removal beneath it.
 #ifndef ZORV_SRC_FILE_FILEINTERNAL_H_
 #define ZORV_SRC_FILE_FILEINTERNAL_H_
 
@@ -32,14 +33,54 @@ SafeString NormalisePath(const SafeString& path);
 
 // Appends the entries of the folder `root` to `out` as selected by `flags`
 // (the walker bits above); `prefix` is the relative path of `root` below the
-// searched folder. Nothing is added when `root` cannot be opened.
+// searched folder. Nothing is added when `root` cannot be opened. `root`
+// itself may be reached through links; below it only real folders are
+// entered (links to folders are listed, not descended into), and a folder
+// already open on the current path is never entered again.
 void WalkFolder(const SafeString& root, const SafeString& prefix, unsigned int flags,
                 collection::Vector<SafeString>& out);
 
-// Creates the missing folders above `path` (all its components but the
-// last) with mode 0755. `firstCreated` receives the highest folder made. On
-// failure the made folders are removed again and the result is false.
-bool CreateParents(const SafeString& path, SafeString& firstCreated);
+// Removes the entry `name` of the folder `parent` (the current folder when
+// `parent` is null): a real folder with everything in it, anything else,
+// links included, as it is. Links are never followed, the root folder is
+// never emptied, and no accounted memory is used, so that this serves as
+// the roll-back after an allocation failure. False at the first failure.
+bool RemoveEntry(const char* parent, const char* name) noexcept;
+
+// The missing parent folders of one path, made for one call and removed
+// again when that call fails. plan() allocates everything that make() and
+// rollBack() need, so that nothing allocates once a folder exists.
+class ParentFolders {
+ public:
+  ParentFolders() = default;
+  ParentFolders(const ParentFolders&) = delete;
+  ParentFolders& operator=(const ParentFolders&) = delete;
+
+  // Normalises `path` (SplitPath then JoinPath; a trailing separator stays
+  // as '/') and lists its parent folders. std::bad_alloc passes, with
+  // nothing made.
+  void plan(const SafeString& path);
+
+  // The normalised path: the one whose parents make() creates, and the one
+  // the caller opens or makes.
+  const SafeString& path() const { return path_; }
+
+  // Creates the missing parent folders with mode 0755, from the top down.
+  // False when a parent exists and is not a folder or mkdir fails; the
+  // folders made are then removed again. Never allocates.
+  bool make() noexcept;
+
+  // Removes every folder that make() created, deepest first, each with
+  // whatever lies in it now (see RemoveEntry). Never allocates.
+  void rollBack() noexcept;
+
+ private:
+  SafeString path_;
+  // The parent folders of path_, from the top down.
+  collection::Vector<SafeString> folders_;
+  // Whether make() created folders_[i].
+  collection::Vector<unsigned char> made_;
+};
 
 }  // namespace detail
 }  // namespace file

@@ -1,12 +1,18 @@
 // FileUtils: folder creation, removal, copying and searching, and the
 // folder walker beneath them.
+//
+// Everything below the folder a caller names is reached through descriptors:
+// a folder is opened relative to the open folder that lists it, entries are
+// made, removed and opened relative to it, and only the names that readdir
+// returns are used. A folder swapped for a link during a walk is therefore
+// never entered, and names holding '\' stay single names.
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -22,17 +28,62 @@ namespace {
 
 constexpr mode_t kDirectoryBit = 040000;
 constexpr mode_t kFolderMode = 0755;
+constexpr size_t kCopyChunk = 4096;
+// Passes over a folder being emptied: a pass that finds entries is followed
+// by another, so that entries readdir skipped while the folder changed are
+// found; a folder that keeps filling up fails after these many.
+constexpr int kEmptyPasses = 8;
 
-// Closes a folder stream when it leaves its scope.
+// Opens relative to a folder descriptor, retrying on interruption.
+int OpenAt(int folder, const char* name, int flags, mode_t mode = 0) {
+  int fd;
+  do {
+    fd = ::openat(folder, name, flags | O_CLOEXEC, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+// Opens a folder for listing. `follow` false refuses a link in the last
+// component.
+int OpenFolderAt(int folder, const char* name, bool follow) {
+  return OpenAt(folder, name, O_RDONLY | O_DIRECTORY | O_NONBLOCK | (follow ? 0 : O_NOFOLLOW));
+}
+
+// Closes a descriptor when it leaves its scope.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() { close(); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  bool close() {
+    if (fd_ < 0) return false;
+    int result = ::close(fd_);
+    fd_ = -1;
+    return result == 0;
+  }
+
+ private:
+  int fd_;
+};
+
+// A folder stream over an open folder descriptor, which it takes over and
+// closes when it leaves its scope.
 class FolderStream {
  public:
-  explicit FolderStream(const SafeString& path) : dir_(::opendir(path.c_str())) {}
+  explicit FolderStream(int fd) : dir_(fd >= 0 ? ::fdopendir(fd) : nullptr) {
+    if (dir_ == nullptr && fd >= 0) ::close(fd);
+  }
   ~FolderStream() {
     if (dir_ != nullptr) ::closedir(dir_);
   }
   FolderStream(const FolderStream&) = delete;
   FolderStream& operator=(const FolderStream&) = delete;
   bool valid() const { return dir_ != nullptr; }
+  int fd() const { return ::dirfd(dir_); }
+  void rewind() { ::rewinddir(dir_); }
   // The next entry other than "." and ".."; null at the end.
   struct dirent* next() {
     for (;;) {
@@ -48,11 +99,44 @@ class FolderStream {
   DIR* dir_;
 };
 
-// Whether an entry counts as a folder by the directory-bit test of
-// IsFolder (which follows links). The entry type saves the stat call where
-// it already answers: block devices and sockets carry the directory bit in
+// One folder open on the current path of a walk. The chain lives on the
+// stack of the recursion, so walks need no memory to tell a folder they
+// are already inside.
+struct FolderId {
+  dev_t device;
+  ino_t inode;
+  const FolderId* up;
+};
+
+bool SameFolder(const FolderId& id, const struct stat& info) {
+  return id.device == info.st_dev && id.inode == info.st_ino;
+}
+
+bool OnPath(const FolderId* chain, const struct stat& info) {
+  for (; chain != nullptr; chain = chain->up) {
+    if (SameFolder(*chain, info)) return true;
+  }
+  return false;
+}
+
+// The identity of "/"; false when it cannot be read, and then nothing may be
+// removed.
+bool RootId(FolderId* root) {
+  struct stat info;
+  if (::stat("/", &info) != 0) return false;
+  *root = FolderId{info.st_dev, info.st_ino, nullptr};
+  return true;
+}
+
+bool IsDotName(const char* name) {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+// Whether an entry counts as a folder by the directory-bit test of IsFolder
+// (which follows links). The entry type saves the stat call where it
+// already answers: block devices and sockets carry the directory bit in
 // their type code and so count as folders, like a stat would say.
-bool EntryIsFolder(const struct dirent* entry, const SafeString& full) {
+bool EntryIsFolder(int folder, const struct dirent* entry) {
 #ifdef _DIRENT_HAVE_D_TYPE
   switch (entry->d_type) {
     case DT_DIR:
@@ -66,11 +150,9 @@ bool EntryIsFolder(const struct dirent* entry, const SafeString& full) {
     default:
       break;
   }
-#else
-  (void)entry;
 #endif
   struct stat info;
-  return ::stat(full.c_str(), &info) == 0 && (info.st_mode & kDirectoryBit) != 0;
+  return ::fstatat(folder, entry->d_name, &info, 0) == 0 && (info.st_mode & kDirectoryBit) != 0;
 }
 
 // Joins a walked folder and an entry name; a root of "/" gives "/name".
@@ -84,13 +166,15 @@ SafeString Child(const SafeString& root, const char* name) {
   return full;
 }
 
-void Walk(const SafeString& root, const SafeString& prefix, unsigned int flags,
-          collection::Vector<SafeString>& out) {
-  FolderStream dir(root);
+void Walk(int fd, const SafeString& root, const SafeString& prefix, unsigned int flags,
+          collection::Vector<SafeString>& out, const FolderId* up) {
+  FolderStream dir(fd);
   if (!dir.valid()) return;
+  struct stat info;
+  if (::fstat(dir.fd(), &info) != 0 || OnPath(up, info)) return;
+  const FolderId self{info.st_dev, info.st_ino, up};
   while (struct dirent* entry = dir.next()) {
-    SafeString full = Child(root, entry->d_name);
-    const bool folder = EntryIsFolder(entry, full);
+    const bool folder = EntryIsFolder(dir.fd(), entry);
     const bool collect = folder ? (flags & detail::kWalkFolders) != 0
                                 : (flags & detail::kWalkFiles) != 0;
     const bool descend = folder && (flags & detail::kWalkRecursive) != 0;
@@ -101,45 +185,166 @@ void Walk(const SafeString& root, const SafeString& prefix, unsigned int flags,
       relative += '/';
       relative += entry->d_name;
     }
+    const bool wantFull = descend || (collect && (flags & (detail::kWalkRelative |
+                                                           detail::kWalkName)) == 0);
+    SafeString full = wantFull ? Child(root, entry->d_name) : SafeString();
     if (collect) {
       if ((flags & detail::kWalkRelative) != 0) {
         out.push_back(relative);
       } else if ((flags & detail::kWalkName) != 0) {
         out.emplace_back(entry->d_name);
-      } else if (descend) {
-        out.push_back(full);
       } else {
-        out.push_back(std::move(full));
+        out.push_back(full);
       }
     }
-    if (descend) Walk(full, relative, flags, out);
+    if (descend) {
+      // Links are listed by what they point to but never entered.
+      Walk(OpenFolderAt(dir.fd(), entry->d_name, false), full, relative, flags, out, &self);
+    }
   }
 }
 
-// Empties the folder `path`: links are removed as links (never followed),
-// folders are emptied and removed, every other entry (sockets included) is
-// unlinked. Stops at the
-// first failure.
-bool RemoveContents(const SafeString& path) {
-  collection::Vector<SafeString> entries;
-  {
-    FolderStream dir(path);
-    if (!dir.valid()) return false;
-    while (struct dirent* entry = dir.next()) entries.push_back(Child(path, entry->d_name));
+bool RemoveEntryAt(int parent, const char* name, const FolderId& root);
+
+// Empties the folder open as `fd` (taken over). Stops at the first failure.
+bool EmptyFolder(int fd, const FolderId& root) {
+  FolderStream dir(fd);
+  if (!dir.valid()) return false;
+  struct stat info;
+  if (::fstat(dir.fd(), &info) != 0 || SameFolder(root, info)) return false;
+  for (int pass = 0; pass < kEmptyPasses; ++pass) {
+    bool found = false;
+    while (struct dirent* entry = dir.next()) {
+      found = true;
+      if (!RemoveEntryAt(dir.fd(), entry->d_name, root)) return false;
+    }
+    if (!found) return true;
+    dir.rewind();
   }
-  for (const SafeString& entry : entries) {
-    struct stat info;
-    if (::lstat(entry.c_str(), &info) != 0) return false;
-    if (S_ISLNK(info.st_mode)) {
-      if (::unlink(entry.c_str()) != 0) return false;
-    } else if (S_ISDIR(info.st_mode)) {
-      if (!RemoveContents(entry) || ::rmdir(entry.c_str()) != 0) return false;
-    } else if (::remove(entry.c_str()) != 0) {
-      // Files, devices, FIFOs and sockets alike.
+  return false;
+}
+
+// Removes the entry `name` of the folder open as `parent`: a real folder is
+// emptied and removed, anything else (links, files, devices, FIFOs,
+// sockets) is unlinked. The folder is opened without following a link, so
+// an entry that turns into a link is unlinked instead of entered.
+bool RemoveEntryAt(int parent, const char* name, const FolderId& root) {
+  int fd = OpenFolderAt(parent, name, false);
+  if (fd < 0) {
+    if (errno != ENOTDIR && errno != ELOOP) return false;
+    return ::unlinkat(parent, name, 0) == 0;
+  }
+  if (!EmptyFolder(fd, root)) return false;
+  return ::unlinkat(parent, name, AT_REMOVEDIR) == 0;
+}
+
+// Writes all `count` bytes, retrying on interruption.
+bool WriteAll(int fd, const char* data, size_t count) {
+  while (count > 0) {
+    ssize_t put = ::write(fd, data, count);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    data += put;
+    count -= static_cast<size_t>(put);
+  }
+  return true;
+}
+
+// Copies the file `name` of the folder `from` (following a link) to the
+// entry `name` of the folder `to`, which must not be a link or folder. The
+// rules of CopyFile hold: the source must be seekable and is copied up to
+// the size it had when opened; a partial copy is removed.
+bool CopyFileAt(int from, int to, const char* name) {
+  Descriptor in(OpenAt(from, name, O_RDONLY | O_NONBLOCK));
+  if (!in.valid()) return false;
+  struct stat source;
+  if (::fstat(in.get(), &source) != 0 || (source.st_mode & kDirectoryBit) != 0) return false;
+  const off_t end = ::lseek(in.get(), 0, SEEK_END);
+  if (end < 0 || ::lseek(in.get(), 0, SEEK_SET) != 0) return false;
+  // Another name of the source (a hard link) would be truncated.
+  struct stat target;
+  if (::fstatat(to, name, &target, AT_SYMLINK_NOFOLLOW) == 0 && target.st_dev == source.st_dev &&
+      target.st_ino == source.st_ino) {
+    return false;
+  }
+  // Never through a link, never blocking on a FIFO, and only into a regular
+  // file: a device or FIFO of that name in the target fails the copy.
+  Descriptor out(OpenAt(to, name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK, 0666));
+  if (!out.valid()) return false;
+  if (::fstat(out.get(), &target) != 0 || !S_ISREG(target.st_mode)) return false;
+  unsigned long long remaining = static_cast<unsigned long long>(end);
+  bool ok = true;
+  char chunk[kCopyChunk];
+  while (ok && remaining > 0) {
+    size_t want = remaining < kCopyChunk ? static_cast<size_t>(remaining) : kCopyChunk;
+    ssize_t got = ::read(in.get(), chunk, want);
+    if (got < 0 && errno == EINTR) continue;
+    ok = got > 0 && WriteAll(out.get(), chunk, static_cast<size_t>(got));
+    if (ok) remaining -= static_cast<unsigned long long>(got);
+  }
+  if (!out.close()) ok = false;
+  if (!ok) (void)::unlinkat(to, name, 0);
+  return ok;
+}
+
+// Copies the contents of the folder open as `from` into the folder open as
+// `to` (both taken over). `up` holds the source and target folders of the
+// levels above; a source folder among them (a link back up, or the target
+// inside the source) fails the copy. A subfolder made here is removed again
+// when its copy fails. Needs no accounted memory.
+bool CopyContents(int from, int to, const FolderId* up, const FolderId& root) {
+  FolderStream source(from);
+  Descriptor target(to);
+  if (!source.valid() || !target.valid()) return false;
+  struct stat info;
+  if (::fstat(source.fd(), &info) != 0) return false;
+  const FolderId sourceId{info.st_dev, info.st_ino, up};
+  if (::fstat(target.get(), &info) != 0 || OnPath(&sourceId, info)) return false;
+  const FolderId path{info.st_dev, info.st_ino, &sourceId};
+  while (struct dirent* entry = source.next()) {
+    const char* name = entry->d_name;
+    if (!EntryIsFolder(source.fd(), entry)) {
+      if (!CopyFileAt(source.fd(), target.get(), name)) return false;
+      continue;
+    }
+    // Sockets and block devices count as folders and fail here.
+    int sub = OpenFolderAt(source.fd(), name, true);
+    if (sub < 0) return false;
+    if (::fstat(sub, &info) != 0 || OnPath(&path, info)) {
+      ::close(sub);
+      return false;
+    }
+    const bool made = ::mkdirat(target.get(), name, kFolderMode) == 0;
+    if (!made && errno != EEXIST) {
+      ::close(sub);
+      return false;
+    }
+    int copy = OpenFolderAt(target.get(), name, false);
+    if (copy < 0 || !CopyContents(sub, copy, &path, root)) {
+      if (copy < 0) ::close(sub);
+      if (made) (void)RemoveEntryAt(target.get(), name, root);
       return false;
     }
   }
   return true;
+}
+
+// Splits a normalised path into its folder and last component: "a/b" ->
+// "a", "b"; "b" -> "", "b"; "/b" -> "/", "b"; "/" -> "/", "".
+void SplitLast(const SafeString& path, SafeString& folder, SafeString& name) {
+  const size_t slash = path.rfind('/');
+  if (slash == SafeString::npos) {
+    folder.clear();
+    name = path;
+  } else {
+    folder = path.substr(0, slash == 0 ? 1 : slash);
+    name = path.substr(slash + 1);
+  }
+}
+
+// Opens the folder of a SplitLast result ("" is the current folder).
+int OpenParent(const SafeString& folder) {
+  return OpenFolderAt(AT_FDCWD, folder.empty() ? "." : folder.c_str(), true);
 }
 
 }  // namespace
@@ -148,96 +353,140 @@ namespace detail {
 
 void WalkFolder(const SafeString& root, const SafeString& prefix, unsigned int flags,
                 collection::Vector<SafeString>& out) {
-  if (!FileUtils::IsFolder(root)) return;
-  Walk(root, prefix, flags, out);
+  Walk(OpenFolderAt(AT_FDCWD, root.c_str(), true), root, prefix, flags, out, nullptr);
 }
 
-bool CreateParents(const SafeString& path, SafeString& firstCreated) {
-  firstCreated.clear();
+bool RemoveEntry(const char* parent, const char* name) noexcept {
+  FolderId root;
+  if (!RootId(&root) || IsDotName(name) || name[0] == '\0') return false;
+  if (parent == nullptr) return RemoveEntryAt(AT_FDCWD, name, root);
+  Descriptor folder(OpenFolderAt(AT_FDCWD, parent, true));
+  return folder.valid() && RemoveEntryAt(folder.get(), name, root);
+}
+
+void ParentFolders::plan(const SafeString& path) {
   collection::Vector<SafeString> parts = SplitPath(path);
-  if (parts.size() < 2) return true;
-  try {
-    collection::Vector<SafeString> prefix;
-    prefix.reserve(parts.size());
-    for (size_t i = 0; i + 1 < parts.size(); ++i) {
-      prefix.push_back(parts[i]);
-      SafeString folder = JoinPath(prefix);
-      struct stat info;
-      bool ok;
-      if (::stat(folder.c_str(), &info) == 0) {
-        ok = (info.st_mode & kDirectoryBit) != 0;
-      } else {
-        ok = ::mkdir(folder.c_str(), kFolderMode) == 0;
-        if (ok && firstCreated.empty()) firstCreated.swap(folder);
-      }
-      if (!ok) {
-        if (!firstCreated.empty()) (void)FileUtils::RemoveFolder(firstCreated);
-        firstCreated.clear();
-        return false;
-      }
+  path_ = JoinPath(parts);
+  const char last = path.empty() ? '\0' : path[path.size() - 1];
+  if ((last == '/' || last == '\\') && !path_.empty() && path_[path_.size() - 1] != '/') {
+    path_ += '/';
+  }
+  folders_.clear();
+  made_.clear();
+  if (parts.size() < 2) return;
+  folders_.reserve(parts.size() - 1);
+  made_.assign(parts.size() - 1, 0);
+  collection::Vector<SafeString> prefix;
+  prefix.reserve(parts.size() - 1);
+  for (size_t i = 0; i + 1 < parts.size(); ++i) {
+    prefix.push_back(parts[i]);
+    folders_.push_back(JoinPath(prefix));
+  }
+}
+
+bool ParentFolders::make() noexcept {
+  for (size_t i = 0; i < folders_.size(); ++i) {
+    const char* folder = folders_[i].c_str();
+    struct stat info;
+    bool ok;
+    if (::stat(folder, &info) == 0) {
+      ok = (info.st_mode & kDirectoryBit) != 0;
+    } else {
+      ok = ::mkdir(folder, kFolderMode) == 0;
+      if (ok) made_[i] = 1;
     }
-  } catch (...) {
-    // Out of memory midway: the made folders go too.
-    if (!firstCreated.empty()) (void)FileUtils::RemoveFolder(firstCreated);
-    firstCreated.clear();
-    throw;
+    if (!ok) {
+      rollBack();
+      return false;
+    }
   }
   return true;
+}
+
+void ParentFolders::rollBack() noexcept {
+  for (size_t i = made_.size(); i-- > 0;) {
+    if (made_[i] == 0) continue;
+    made_[i] = 0;
+    // A folder that was made is a component below the folder before it.
+    const char* folder = folders_[i].c_str();
+    const char* slash = std::strrchr(folder, '/');
+    (void)RemoveEntry(i == 0 ? nullptr : folders_[i - 1].c_str(),
+                      slash == nullptr ? folder : slash + 1);
+  }
 }
 
 }  // namespace detail
 
 bool FileUtils::CreateFolder(const SafeString& path) {
-  if (path.empty() || IsExist(path)) return false;
-  SafeString firstCreated;
-  if (!detail::CreateParents(path, firstCreated)) return false;
-  if (::mkdir(path.c_str(), kFolderMode) == 0) return true;
-  if (!firstCreated.empty()) (void)RemoveFolder(firstCreated);
+  if (path.empty()) return false;
+  detail::ParentFolders parents;
+  parents.plan(path);
+  if (IsExist(parents.path()) || !parents.make()) return false;
+  if (::mkdir(parents.path().c_str(), kFolderMode) == 0) return true;
+  parents.rollBack();
   return false;
 }
 
 bool FileUtils::RemoveFolder(const SafeString& path) {
-  if (path.empty() || path == "/" || !IsFolder(path)) return false;
-  if (!RemoveContents(path)) return false;
-  return ::rmdir(path.c_str()) == 0;
+  if (path.empty()) return false;
+  SafeString folder;
+  SafeString name;
+  SplitLast(detail::NormalisePath(path), folder, name);
+  // The root ("/", "//") and names that lead back up ("/.", "a/..") are
+  // refused before anything else is looked at.
+  FolderId root;
+  if (name.empty() || IsDotName(name.c_str()) || !RootId(&root)) return false;
+  Descriptor parent(OpenParent(folder));
+  if (!parent.valid()) return false;
+  struct stat info;
+  // Whatever the path leads to must not be the root, nor the root mounted
+  // elsewhere (same device and inode).
+  if (::fstatat(parent.get(), name.c_str(), &info, 0) != 0 || SameFolder(root, info) ||
+      (info.st_mode & kDirectoryBit) == 0) {
+    return false;
+  }
+  if (::fstatat(parent.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  // A link to a folder goes as a link; sockets and block devices fail.
+  if (S_ISLNK(info.st_mode)) return ::unlinkat(parent.get(), name.c_str(), 0) == 0;
+  if (!S_ISDIR(info.st_mode)) return false;
+  return RemoveEntryAt(parent.get(), name.c_str(), root);
 }
 
 bool FileUtils::CopyFolder(const SafeString& from, const SafeString& to) {
-  if (from.empty() || to.empty() || from == to || !IsFolder(from)) return false;
-  SafeString parent = GetFolderPath(to);
-  if (!parent.empty() && !IsFolder(parent)) return false;
-  bool created = false;
-  if (!IsExist(to)) {
-    if (!CreateFolder(to)) return false;
-    created = true;
+  if (from.empty() || to.empty() || from == to) return false;
+  const SafeString target = detail::NormalisePath(to);
+  SafeString folder;
+  SafeString name;
+  SplitLast(target, folder, name);
+  FolderId root;
+  if (!RootId(&root)) return false;
+  int source = OpenFolderAt(AT_FDCWD, detail::NormalisePath(from).c_str(), true);
+  if (source < 0) return false;
+  Descriptor parent(OpenParent(folder));
+  if (!parent.valid()) {
+    ::close(source);
+    return false;
   }
-  try {
-    // The direct entries of `from`, each with whether it counts as a folder.
-    collection::Vector<std::pair<SafeString, bool> > entries;
-    {
-      FolderStream dir(from);
-      if (dir.valid()) {
-        while (struct dirent* entry = dir.next()) {
-          SafeString full = Child(from, entry->d_name);
-          const bool folder = EntryIsFolder(entry, full);
-          entries.emplace_back(std::move(full), folder);
-        }
-      }
-    }
-    for (const auto& entry : entries) {
-      SafeString target = LinkPath(to, GetFileName(entry.first));
-      bool ok = entry.second ? CopyFolder(entry.first, target) : CopyFile(entry.first, target);
-      if (!ok) {
-        if (created) (void)RemoveFolder(to);
-        return false;
-      }
-    }
-  } catch (...) {
-    // Out of memory midway: a target made here goes, as on failure.
-    if (created) (void)RemoveFolder(to);
-    throw;
+  // No memory is needed from here on.
+  bool made = false;
+  int copy;
+  if (name.empty() || IsDotName(name.c_str())) {
+    // "/", "a/." and "a/..": folders that exist whenever their parent does.
+    copy = OpenFolderAt(AT_FDCWD, target.c_str(), true);
+  } else {
+    made = ::mkdirat(parent.get(), name.c_str(), kFolderMode) == 0;
+    // An existing target is used as named, a link to a folder included; one
+    // made here must still be that folder.
+    copy = made || errno == EEXIST ? OpenFolderAt(parent.get(), name.c_str(), !made) : -1;
   }
-  return true;
+  if (copy < 0) {
+    ::close(source);
+    if (made) (void)RemoveEntryAt(parent.get(), name.c_str(), root);
+    return false;
+  }
+  if (CopyContents(source, copy, nullptr, root)) return true;
+  if (made) (void)RemoveEntryAt(parent.get(), name.c_str(), root);
+  return false;
 }
 
 collection::Vector<SafeString> FileUtils::SearchFolders(const SafeString& path,

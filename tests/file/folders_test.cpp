@@ -1,10 +1,16 @@
 // Tests of FileUtils' folder half: creation with parents, removal, copying
 // and the searches with their flag word and path forms.
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,6 +20,10 @@
 #include "foundation/file/fileutils.h"
 #include "support/leakcheck.h"
 #include "support/tempdir.h"
+
+// Test hooks (folders_hooks.cpp).
+extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int skip);
+extern "C" void ZorvTestStickyAllocFailure(bool on);
 
 namespace {
 
@@ -116,18 +126,6 @@ TEST_F(FoldersTest, RemoveFolderRemovesTheWholeTree) {
   ::close(socketFd);
 }
 
-TEST_F(FoldersTest, RemoveFolderRemovesLinksWithoutFollowingThem) {
-  MakeDir("outside");
-  MakeFile("outside/keep");
-  MakeDir("tree");
-  ASSERT_EQ(::symlink((dir_ / "outside").c_str(), (dir_ / "tree/linkdir").c_str()), 0);
-  ASSERT_EQ(::symlink((dir_ / "outside/keep").c_str(), (dir_ / "tree/linkfile").c_str()), 0);
-  ASSERT_EQ(::symlink((dir_ / "nothing").c_str(), (dir_ / "tree/dangling").c_str()), 0);
-  EXPECT_TRUE(FileUtils::RemoveFolder(P("tree")));
-  EXPECT_FALSE(RawExists(dir_ / "tree"));
-  EXPECT_EQ(ReadRawFile(dir_ / "outside/keep"), "x");
-}
-
 TEST_F(FoldersTest, RemoveFolderRefusals) {
   MakeFile("file");
   EXPECT_FALSE(FileUtils::RemoveFolder("/"));
@@ -136,6 +134,306 @@ TEST_F(FoldersTest, RemoveFolderRefusals) {
   EXPECT_FALSE(FileUtils::RemoveFolder(P("file")));
   EXPECT_EQ(ReadRawFile(dir_ / "file"), "x");
   EXPECT_FALSE(FileUtils::RemoveFolder(P("missing")));
+}
+
+// Everything below `root` by relative path: kind plus file contents or link
+// target, so that any change shows. Links are not followed.
+std::map<std::string, std::string> Snapshot(const std::string& root) {
+  namespace fs = std::filesystem;
+  std::map<std::string, std::string> result;
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(root, error), end; !error && it != end;
+       it.increment(error)) {
+    const fs::path& path = it->path();
+    const std::string relative = path.lexically_relative(root).string();
+    if (it->is_symlink()) {
+      result[relative] = "link " + fs::read_symlink(path).string();
+    } else if (it->is_directory()) {
+      result[relative] = "folder";
+    } else {
+      std::ifstream in(path, std::ios::binary);
+      std::ostringstream bytes;
+      bytes << in.rdbuf();
+      result[relative] = "file " + bytes.str();
+    }
+  }
+  return result;
+}
+
+// One hostile tree: `build` makes it in a fresh folder (where "outside/keep"
+// already exists), `run` calls the library and gives what it returned.
+// "outside" must come through unchanged; `present` and `absent` list
+// relative paths to check afterwards. With `swap` set, the entry "victim"
+// is swapped for a link to "outside" before its swap-th opening (0 = first)
+// during `run`.
+struct HostileCase {
+  const char* name;
+  std::function<void(const std::string& base)> build;
+  std::function<bool(const std::string& base)> run;
+  bool expected;
+  std::vector<std::string> present;
+  std::vector<std::string> absent;
+  int swap = -1;
+};
+
+void Link(const std::string& target, const std::string& at) {
+  ASSERT_EQ(::symlink(target.c_str(), at.c_str()), 0) << at;
+}
+
+void Folder(const std::string& at) { ASSERT_EQ(::mkdir(at.c_str(), 0755), 0) << at; }
+
+void File(const std::string& at) { ASSERT_TRUE(WriteRawFile(at, "f")) << at; }
+
+bool Remove(const std::string& path) { return FileUtils::RemoveFolder(path.c_str()); }
+
+bool Copy(const std::string& from, const std::string& to) {
+  return FileUtils::CopyFolder(from.c_str(), to.c_str());
+}
+
+// Whether any collected path goes through the link "sub" into "outside".
+bool ListsOutside(const Vector<SafeString>& found) {
+  for (const SafeString& path : found) {
+    if (S(path).find("keep") != std::string::npos) return true;
+  }
+  return false;
+}
+
+TEST_F(FoldersTest, HostileTreesStayInside) {
+  std::vector<int> sockets;
+  const HostileCase cases[] = {
+      {"link to a folder as the argument",
+       [](const std::string& b) { Link(b + "/outside", b + "/arg"); },
+       [](const std::string& b) { return Remove(b + "/arg"); }, true, {}, {"arg"}},
+      {"link to a folder with a trailing separator",
+       [](const std::string& b) { Link(b + "/outside", b + "/arg"); },
+       [](const std::string& b) { return Remove(b + "/arg/"); }, true, {}, {"arg"}},
+      {"link to a file as the argument",
+       [](const std::string& b) { Link(b + "/outside/keep", b + "/arg"); },
+       [](const std::string& b) { return Remove(b + "/arg"); }, false, {"arg"}, {}},
+      {"links inside are removed as links",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         Link(b + "/outside", b + "/tree/linkdir");
+         Link(b + "/outside/keep", b + "/tree/linkfile");
+         Link(b + "/nothing", b + "/tree/dangling");
+       },
+       [](const std::string& b) { return Remove(b + "/tree"); }, true, {}, {"tree"}},
+      {"a name leading back up is refused",
+       [](const std::string& b) { Folder(b + "/tree"); Folder(b + "/tree/sub"); },
+       [](const std::string& b) { return Remove(b + "/tree/sub/.."); }, false, {"tree/sub"}, {}},
+      {"link loops are removed",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         Folder(b + "/tree/sub");
+         Link("../..", b + "/tree/sub/back");
+         Link(".", b + "/tree/self");
+       },
+       [](const std::string& b) { return Remove(b + "/tree"); }, true, {}, {"tree"}},
+      {"link loops end a search: links are listed, never entered",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         Folder(b + "/tree/sub");
+         File(b + "/tree/sub/f");
+         Link("..", b + "/tree/sub/up");
+         Link(b + "/outside", b + "/tree/out");
+       },
+       [](const std::string& b) {
+         const SafeString tree = (b + "/tree").c_str();
+         return Sorted(FileUtils::SearchFiles(tree, 5, {})) ==
+                    std::vector<std::string>{"/sub/f"} &&
+                Sorted(FileUtils::SearchFolders(tree, 5)) ==
+                    std::vector<std::string>{"/out", "/sub", "/sub/up"};
+       },
+       true, {}, {}},
+      {"a link loop fails a copy",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         Folder(b + "/tree/sub");
+         File(b + "/tree/sub/f");
+         Link("..", b + "/tree/sub/up");
+       },
+       [](const std::string& b) { return Copy(b + "/tree", b + "/copy"); }, false, {}, {"copy"}},
+      {"a target inside the source fails a copy",
+       [](const std::string& b) { Folder(b + "/tree"); File(b + "/tree/f"); },
+       [](const std::string& b) { return Copy(b + "/tree", b + "/tree/inner"); }, false,
+       {"tree/f"}, {"tree/inner"}},
+      {"folder swapped for a link while removed",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         Folder(b + "/tree/victim");
+         File(b + "/tree/victim/f");
+       },
+       [](const std::string& b) { return Remove(b + "/tree"); }, true, {}, {"tree"}, 0},
+      {"target folder swapped for a link while copied",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         Folder(b + "/tree/victim");
+         File(b + "/tree/victim/f");
+       },
+       // The first opening is the source's, the second the target's.
+       [](const std::string& b) { return Copy(b + "/tree", b + "/copy"); }, false, {}, {"copy"},
+       1},
+      {"folder swapped for a link while searched",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         Folder(b + "/tree/victim");
+         File(b + "/tree/victim/f");
+       },
+       [](const std::string& b) {
+         return !ListsOutside(FileUtils::SearchFiles((b + "/tree").c_str(), 4, {}));
+       },
+       true, {"tree/victim.moved/f", "tree/victim"}, {}, 0},
+      {"backslashes are part of names on disk",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         Folder(b + "/tree/f\\..");
+         File(b + "/tree/f\\../planted");
+         File(b + "/tree/a\\b");
+       },
+       [](const std::string& b) { return Copy(b + "/tree", b + "/copy"); }, true,
+       {"copy/f\\../planted", "copy/a\\b"}, {"planted", "b", "copy/b"}},
+      {"backslash names are removed",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         Folder(b + "/tree/x\\..\\..");
+         File(b + "/tree/x\\..\\../f");
+       },
+       [](const std::string& b) { return Remove(b + "/tree"); }, true, {}, {"tree"}},
+      {"a link in an existing target is not written through",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         File(b + "/tree/keep");
+         Folder(b + "/existing");
+         Link(b + "/outside/keep", b + "/existing/keep");
+       },
+       [](const std::string& b) { return Copy(b + "/tree", b + "/existing"); }, false,
+       {"existing/keep"}, {}},
+      {"a FIFO in an existing target is neither waited on nor removed",
+       [](const std::string& b) {
+         Folder(b + "/tree");
+         File(b + "/tree/pipe");
+         Folder(b + "/existing");
+         ASSERT_EQ(::mkfifo((b + "/existing/pipe").c_str(), 0644), 0);
+       },
+       [](const std::string& b) { return Copy(b + "/tree", b + "/existing"); }, false,
+       {"existing/pipe"}, {}},
+      {"an entry that cannot be copied fails the copy",
+       [&sockets](const std::string& b) {
+         Folder(b + "/tree");
+         Folder(b + "/tree/sub");
+         File(b + "/tree/a");
+         int fd = -1;
+         ASSERT_TRUE(zorv::test::MakeSocket(b + "/tree/sub/sock", &fd));
+         sockets.push_back(fd);
+       },
+       [](const std::string& b) { return Copy(b + "/tree", b + "/copy"); }, false, {}, {"copy"}},
+  };
+  int index = 0;
+  for (const HostileCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string base = dir_ / std::to_string(index++);
+    Folder(base);
+    Folder(base + "/outside");
+    File(base + "/outside/keep");
+    c.build(base);
+    const auto before = Snapshot(base + "/outside");
+    if (c.swap >= 0) ZorvTestSwapBeforeOpen("victim", (base + "/outside").c_str(), c.swap);
+    EXPECT_EQ(c.run(base), c.expected);
+    ZorvTestSwapBeforeOpen("", "", 0);
+    EXPECT_EQ(Snapshot(base + "/outside"), before);
+    for (const std::string& path : c.present) EXPECT_TRUE(RawExists(base + "/" + path)) << path;
+    for (const std::string& path : c.absent) EXPECT_FALSE(RawExists(base + "/" + path)) << path;
+  }
+  for (int fd : sockets) ::close(fd);
+}
+
+TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
+  MakeDir("sentinel");
+  MakeFile("sentinel/keep");
+  ASSERT_EQ(::symlink("/", (dir_ / "rootlink").c_str()), 0);
+  // As many ".." as the scratch folder has components, and one more.
+  std::string up = dir_.path();
+  std::string upFromSentinel = dir_ / "sentinel/..";
+  for (char c : dir_.path()) {
+    if (c != '/') continue;
+    up += "/..";
+    upFromSentinel += "/..";
+  }
+  const std::vector<std::string> spellings = {
+      "/", "//", "///", "\\", "/.", "/./", "/..", "/../.", "/.//..", up, up + "/", up + "/.",
+      upFromSentinel, dir_ / "rootlink", dir_ / "rootlink/", dir_ / "rootlink/."};
+  struct stat root;
+  ASSERT_EQ(::stat("/", &root), 0);
+  for (const std::string& spelling : spellings) {
+    SCOPED_TRACE(spelling);
+    // The table itself: each spelling leads to the root.
+    struct stat info;
+    if (spelling != "\\") {
+      ASSERT_EQ(::stat(spelling.c_str(), &info), 0);
+      ASSERT_TRUE(info.st_dev == root.st_dev && info.st_ino == root.st_ino);
+    }
+  }
+  // The calls run in a child that, when started as root, gives up its rights
+  // first, so that a regression cannot empty the machine.
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::chown(dir_.path().c_str(), 65534, 65534), 0);
+    ASSERT_EQ(::chown((dir_ / "sentinel").c_str(), 65534, 65534), 0);
+  }
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(2);
+    for (size_t i = 0; i < spellings.size(); ++i) {
+      if (FileUtils::RemoveFolder(spellings[i].c_str())) ::_exit(10 + static_cast<int>(i));
+    }
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  const int code = WEXITSTATUS(status);
+  EXPECT_EQ(code, 0) << (code >= 10 && code - 10 < static_cast<int>(spellings.size())
+                             ? "accepted: " + spellings[static_cast<size_t>(code - 10)]
+                             : std::string("child failed"));
+  EXPECT_EQ(ReadRawFile(dir_ / "sentinel/keep"), "x");
+  EXPECT_TRUE(RawExists(dir_ / "rootlink"));
+}
+
+TEST_F(FoldersTest, FailedWritesRemoveEveryFolderTheyMade) {
+  const std::string longName(300, 'n');
+  MakeDir("a");
+  struct {
+    std::string path;
+    bool expected;
+    std::vector<std::string> present;
+    std::vector<std::string> absent;
+  } const cases[] = {
+      // Folders reached through ".." lie outside the first one made.
+      {"a/new\\..\\..\\evil/" + longName, false, {"a"}, {"a/new", "evil"}},
+      {"a/new/../../evil/deeper/" + longName, false, {"a"}, {"a/new", "evil"}},
+      {"made/one/two/" + longName, false, {}, {"made"}},
+      // The folders made are those of the path opened.
+      {"out/x\\y.txt", true, {"out/x/y.txt"}, {"out/x\\y.txt"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    EXPECT_EQ(FileUtils::WriteText(P(c.path), "text"), c.expected);
+    for (const std::string& path : c.present) EXPECT_TRUE(RawExists(dir_ / path)) << path;
+    for (const std::string& path : c.absent) EXPECT_FALSE(RawExists(dir_ / path)) << path;
+  }
+  EXPECT_FALSE(FileUtils::CreateFolder(P("a/new\\..\\..\\evil/" + longName)));
+  EXPECT_FALSE(RawExists(dir_ / "a/new"));
+  EXPECT_FALSE(RawExists(dir_ / "evil"));
+  // A made folder swapped for a link before the roll-back: the link goes,
+  // what it leads to stays.
+  MakeDir("outside");
+  MakeFile("outside/keep");
+  ZorvTestSwapBeforeOpen("victim", (dir_ / "outside").c_str(), 0);
+  EXPECT_FALSE(FileUtils::WriteText(P("victim/" + longName), "text"));
+  ZorvTestSwapBeforeOpen("", "", 0);
+  EXPECT_TRUE(RawExists(dir_ / "victim.moved"));
+  EXPECT_FALSE(RawExists(dir_ / "victim"));
+  EXPECT_EQ(ReadRawFile(dir_ / "outside/keep"), "x");
 }
 
 TEST_F(FoldersTest, CopyFolderCopiesTheTree) {
@@ -290,53 +588,58 @@ TEST_F(FoldersTest, ProcessDescriptorFolderCanBeListed) {
   EXPECT_NE(std::find(names.begin(), names.end(), "0"), names.end());
 }
 
+// Each call runs with its n-th allocation failing, for n = 1, 2, ... until
+// it succeeds; in the sticky mode every allocation after that one fails as
+// well, so a clean-up that needs memory would leave things behind.
 TEST_F(FoldersTest, AllocationFailuresLeaveNothingHalfMade) {
   MakeTree();
   const SafeString root = P("root");
   const SafeString copy = P("copy");
-  const SafeString deep = P("made/one/two/file.txt");
-  bool copied = false;
-  bool written = false;
-  for (unsigned int n = 1; n < 400 && !(copied && written); ++n) {
-    SCOPED_TRACE("failing allocation " + std::to_string(n));
-    if (!copied) {
-      bool threw = false;
-      {
-        zorv::test::FailAfterGuard fail(n);
-        try {
-          copied = FileUtils::CopyFolder(root, copy);
-        } catch (const std::bad_alloc&) {
-          threw = true;
+  const SafeString deep = P("made/one/../../two/three/file.txt");
+  for (const bool sticky : {false, true}) {
+    SCOPED_TRACE(sticky ? "every later allocation fails too" : "one allocation fails");
+    std::filesystem::remove_all(dir_ / "copy");
+    std::filesystem::remove_all(dir_ / "made");
+    std::filesystem::remove_all(dir_ / "two");
+    bool copied = false;
+    bool written = false;
+    for (unsigned int n = 1; n < 400 && !(copied && written); ++n) {
+      SCOPED_TRACE("failing allocation " + std::to_string(n));
+      // Runs `call` with allocation n failing; true when it threw bad_alloc.
+      auto failing = [&](const std::function<void()>& call) {
+        bool threw = false;
+        ZorvTestStickyAllocFailure(sticky);
+        {
+          zorv::test::FailAfterGuard fail(n);
+          try {
+            call();
+          } catch (const std::bad_alloc&) {
+            threw = true;
+          }
         }
+        ZorvTestStickyAllocFailure(false);
+        return threw;
+      };
+      if (!copied) {
+        const bool threw = failing([&] { copied = FileUtils::CopyFolder(root, copy); });
+        EXPECT_EQ(RawExists(dir_ / "copy"), copied);
+        EXPECT_TRUE(threw || copied);
       }
-      EXPECT_EQ(RawExists(dir_ / "copy"), copied);
-      EXPECT_TRUE(threw || copied);
-    }
-    if (!written) {
-      bool threw = false;
-      {
-        zorv::test::FailAfterGuard fail(n);
-        try {
-          written = FileUtils::WriteText(deep, "text");
-        } catch (const std::bad_alloc&) {
-          threw = true;
-        }
+      if (!written) {
+        const bool threw = failing([&] { written = FileUtils::WriteText(deep, "text"); });
+        EXPECT_EQ(RawExists(dir_ / "made"), written);
+        EXPECT_EQ(RawExists(dir_ / "two"), written);
+        EXPECT_TRUE(threw || written);
       }
-      EXPECT_EQ(RawExists(dir_ / "made"), written);
-      EXPECT_TRUE(threw || written);
-    }
-    {
-      zorv::test::FailAfterGuard fail(n);
-      try {
+      (void)failing([&] {
         Vector<SafeString> found = FileUtils::SearchFiles(root, 4, Suffixes({".txt"}));
         EXPECT_EQ(found.size(), 4u);
-      } catch (const std::bad_alloc&) {
-      }
+      });
     }
+    EXPECT_TRUE(copied);
+    EXPECT_TRUE(written);
+    EXPECT_EQ(ReadRawFile(dir_ / "two/three/file.txt"), "text");
   }
-  EXPECT_TRUE(copied);
-  EXPECT_TRUE(written);
-  EXPECT_EQ(ReadRawFile(dir_ / "made/one/two/file.txt"), "text");
 }
 
 }  // namespace

@@ -17,9 +17,14 @@ namespace file {
 
 // A family of static functions over paths, files and folders. Paths are
 // `SafeString`s of bytes; both '/' and '\' are accepted as separators on
-// input, and paths that these functions build use '/' only. Paths are handed
-// to the operating system as they are, except where a parent folder has to be
-// found or created.
+// input, and paths that these functions build use '/' only. WriteText,
+// WriteBinary and the folder operations hand the operating system the
+// normalised path (split at both separators and joined with '/', as
+// LinkPath(path, "") gives it; WriteText, WriteBinary and CreateFolder keep
+// a trailing separator), so that the folders they find or create are those
+// of the path they open; the other functions hand paths over as they are.
+// Names read from a folder are used as they are: a '\' in a name on disk
+// never separates anything.
 //
 // Thread safety: no function keeps state; each is as safe as the system calls
 // it makes. Two callers that write, remove or rename the same path race as
@@ -135,11 +140,15 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // ---- Whole-file writing, removal, renaming, copying ---------------------
 
   // Replaces the file's contents by all bytes of `text` (embedded zero bytes
-  // included), creating missing parent folders with mode 0755 (less the
-  // umask). False when the path is empty or a folder, a parent prefix exists
-  // and is not a folder, a folder cannot be made, or the file cannot be
-  // opened or written; the parent folders this call made are then removed
-  // again. An existing file that could not be rewritten is not restored.
+  // included), creating missing parent folders of the normalised path with
+  // mode 0755 (less the umask), and writing that path: 'out\x.txt' writes
+  // 'out/x.txt'. False when the path is empty or a folder, a parent prefix
+  // exists and is not a folder, a folder cannot be made, or the file cannot
+  // be opened or written; every parent folder this call made (also those
+  // reached through "..") is then removed again, with what lies in it. That
+  // removal needs no memory; std::bad_alloc can only escape before the
+  // first folder is made. An existing file that could not be rewritten is
+  // not restored.
   [[nodiscard]] static bool WriteText(const SafeString& path, const SafeString& text);
 
   // As WriteText, with `size` bytes from `data` (which may be null when
@@ -185,29 +194,55 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // ---- Folder operations ----------------------------------------------------
 
   // Creates the folder and any missing parents with mode 0755 (less the
-  // umask). False when the path is empty or anything already exists there
-  // (an existing folder included), a parent prefix is not a folder, or mkdir
-  // fails; the folders this call made are then removed again.
+  // umask), at the normalised path. False when the path is empty or anything
+  // already exists there (an existing folder included), a parent prefix is
+  // not a folder, or mkdir fails; every folder this call made is then
+  // removed again, as for WriteText.
   [[nodiscard]] static bool CreateFolder(const SafeString& path);
 
-  // Deletes the folder with all its contents. Symbolic links inside the tree
-  // are removed as links, never followed; sockets, FIFOs and devices inside
-  // are unlinked like files. False when the path is empty, "/",
-  // or not a folder, or when anything cannot be removed; the first failure
-  // stops the removal and what was removed stays removed.
+  // Deletes the folder at the normalised path with all its contents. No
+  // symbolic link is ever followed: a path that is a link to a folder
+  // removes the link alone (true), links inside the tree are removed as
+  // links, and every folder below is entered by a descriptor opened without
+  // following links, so a folder swapped for a link meanwhile is removed as
+  // a link too. Sockets, FIFOs and devices inside are unlinked like files.
+  // False, with nothing touched, when the path is empty, not a folder (nor
+  // a link to one), ends in "." or "..", or leads to the root folder in any
+  // spelling ("/", "//", "/tmp/..", a link to "/"): any path whose folder
+  // has the device and inode of "/" is refused, and no folder with them is
+  // ever emptied (the root mounted elsewhere). False as well when anything
+  // cannot be removed; the first failure stops the removal and what was
+  // removed stays removed. Needs open descriptors, not memory, per level.
   [[nodiscard]] static bool RemoveFolder(const SafeString& path);
 
-  // Copies the contents of the folder `from` into `to`, creating `to` (but
-  // not its parent) when missing; other contents of an existing `to` are
-  // kept, and existing files of the same names are overwritten. False when a
-  // path is empty, the two are the same text, `from` is not a folder, the
-  // folder of `to` is missing, or any entry fails to copy; a `to` that this
-  // call created is then removed again.
+  // Copies the contents of the folder `from` into `to` (both normalised),
+  // creating `to` (but not its parent) when missing; other contents of an
+  // existing `to` are kept, and existing files of the same names are
+  // overwritten. Each entry keeps its name from disk, backslashes included.
+  // The source side follows links (a link to a file is copied as a file, a
+  // link to a folder as a folder); the target side never does: below `to`,
+  // every entry is made and opened relative to its open folder, and a link,
+  // FIFO or device met there under a copied name (or a folder swapped for a
+  // link) fails the copy. An existing `to` that is itself a link to a folder
+  // is copied into.
+  // False when a path is empty, the two are the same text or the same
+  // folder, `from` is not a folder, the folder of `to` is missing, `to` lies
+  // inside `from`, a link leads back to a folder being copied, or any entry
+  // fails to copy: a file that cannot be read or written (a FIFO), a folder
+  // that cannot be opened, a socket or block device. Then every folder this
+  // call made, `to` included, is removed again with its contents; in an
+  // existing `to`, files copied before the failure stay. After the paths
+  // are normalised nothing allocates, so std::bad_alloc escapes only before
+  // anything is made.
   [[nodiscard]] static bool CopyFolder(const SafeString& from, const SafeString& to);
 
   // Search flag bits, combined with |.
   // Descend into every subfolder found (a folder is listed before its
-  // contents). Links to folders are followed.
+  // contents). Only real folders are entered: a link to a folder is listed
+  // as a folder but never descended into, so link loops cannot trap a
+  // search, and a folder already open on the current path (the root bound
+  // below itself) is not entered again. The searched path itself may be a
+  // link.
   static constexpr unsigned int kSearchRecursive = 0x4;
   // Collect the bare entry name (when kSearchRelative is not set).
   static constexpr unsigned int kSearchName = 0x2;

@@ -1,0 +1,107 @@
+// Test hooks of the folder tests, placed in the test executable so that the
+// library's calls reach them first:
+// - openat: swaps a named entry for a link just before it is opened, the
+//   race a tree walk has to survive;
+// - MemoryMonitor::Alloc: once fault injection has failed one allocation,
+//   fails every later one too, so that clean-up which needs memory shows.
+// This file includes no <fcntl.h>, whose declarations of openat may be
+// renamed (64-bit offsets) or wrapped (fortified builds).
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "foundation/debug/memorymonitor.h"
+
+namespace {
+
+// The open flags that carry a mode argument (O_CREAT, O_TMPFILE), the same
+// on every Linux target this library builds for.
+constexpr int kOpenWithMode = 0100 | 020000000;
+// O_LARGEFILE on 32-bit targets, where the C library adds it itself.
+#if defined(__arm__)
+constexpr int kLargeFile = 0400000;
+#elif defined(__i386__)
+constexpr int kLargeFile = 0100000;
+#else
+constexpr int kLargeFile = 0;
+#endif
+
+char g_swapName[256];
+char g_swapTarget[4096];
+int g_swapSkip = 0;
+
+int OpenAtHooked(int folder, const char* path, int flags, va_list args) {
+  unsigned int mode = 0;
+  if ((flags & kOpenWithMode) != 0) mode = va_arg(args, unsigned int);
+  if (g_swapName[0] != '\0' && std::strcmp(path, g_swapName) == 0 && g_swapSkip-- == 0) {
+    g_swapName[0] = '\0';
+    char moved[sizeof(g_swapName) + 8];
+    std::snprintf(moved, sizeof(moved), "%s.moved", path);
+    if (::renameat(folder, path, folder, moved) != 0 ||
+        ::symlinkat(g_swapTarget, folder, path) != 0) {
+      std::fprintf(stderr, "swap of %s failed\n", path);
+    }
+  }
+  return static_cast<int>(::syscall(SYS_openat, folder, path, flags | kLargeFile, mode));
+}
+
+std::atomic<bool> g_sticky{false};
+std::atomic<bool> g_failing{false};
+
+}  // namespace
+
+// Before the `skip`+1-th opening of an entry named `name` (by openat, in any
+// folder), the entry is renamed to name + ".moved" and a link to `target`
+// is put in its place. One swap per arming.
+extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int skip) {
+  std::snprintf(g_swapTarget, sizeof(g_swapTarget), "%s", target);
+  g_swapSkip = skip;
+  std::snprintf(g_swapName, sizeof(g_swapName), "%s", name);
+}
+
+// With `on`, the first allocation that fault injection fails makes every
+// later one fail as well, until switched off.
+extern "C" void ZorvTestStickyAllocFailure(bool on) {
+  g_failing.store(false);
+  g_sticky.store(on);
+}
+
+extern "C" int openat(int folder, const char* path, int flags, ...) {
+  va_list args;
+  va_start(args, flags);
+  int fd = OpenAtHooked(folder, path, flags, args);
+  va_end(args);
+  return fd;
+}
+
+extern "C" int openat64(int folder, const char* path, int flags, ...) {
+  va_list args;
+  va_start(args, flags);
+  int fd = OpenAtHooked(folder, path, flags, args);
+  va_end(args);
+  return fd;
+}
+
+namespace zorv {
+namespace foundation {
+namespace debug {
+
+unsigned char* MemoryMonitor::Alloc(unsigned int size) {
+  using AllocFunction = unsigned char* (*)(unsigned int);
+  static const AllocFunction real = reinterpret_cast<AllocFunction>(
+      ::dlsym(RTLD_NEXT, "_ZN4zorv10foundation5debug13MemoryMonitor5AllocEj"));
+  if (g_failing.load()) return nullptr;
+  unsigned char* block = real(size);
+  if (block == nullptr && g_sticky.load()) g_failing.store(true);
+  return block;
+}
+
+}  // namespace debug
+}  // namespace foundation
+}  // namespace zorv
