@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -73,11 +74,18 @@ bool Savable(const Table& table) {
   return withEquals <= 1;
 }
 
+char g_folder[] = "/tmp/zorv-configroundtrip-XXXXXX";
+
+// The file that every run saves to, in a folder of its own that is removed
+// when the fuzzer exits.
 const std::string& ScratchPath() {
   static const std::string path = [] {
-    char folder[] = "/tmp/zorv-configroundtrip-XXXXXX";
-    if (mkdtemp(folder) == nullptr) abort();
-    return std::string(folder) + "/saved.ini";
+    if (mkdtemp(g_folder) == nullptr) abort();
+    std::atexit([] {
+      unlink((std::string(g_folder) + "/saved.ini").c_str());
+      rmdir(g_folder);
+    });
+    return std::string(g_folder) + "/saved.ini";
   }();
   return path;
 }
