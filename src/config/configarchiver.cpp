@@ -76,7 +76,9 @@ Archiver::Archiver() {
       lang::AccountedNewOrThrow<detail::ArchiverPrivate>(ZORV_ACCOUNTING_SITE(kSource, "Archiver"));
 }
 
-Archiver::~Archiver() { lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~Archiver")); }
+Archiver::~Archiver() {
+  lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~Archiver"));
+}
 
 bool Archiver::parseFile(const SafeString& path) {
   d_->sections.clear();
@@ -116,9 +118,8 @@ void Archiver::parse(detail::IDataReader& reader) {
   }
   if (!found) return;
 
-  auto current =
-      sections.emplace(Trimmed(line.data() + 1, line.size() - 2, scratch), detail::KeyTable())
-          .first;
+  auto current = sections.emplace(Trimmed(line.data() + 1, line.size() - 2, scratch),
+                                  detail::KeyTable()).first;
   while (reader.readLine(line)) {
     const size_t equals = line.find('=');
     if (equals == SafeString::npos) {
@@ -184,7 +185,8 @@ bool Archiver::value(const SafeString& section, const SafeString& key, SafeStrin
   return true;
 }
 
-bool Archiver::setValue(const SafeString& section, const SafeString& key, const SafeString& value) {
+bool Archiver::setValue(const SafeString& section, const SafeString& key,
+                        const SafeString& value) {
   if (!IsStorableName(section) || !IsStorableName(key)) return false;
   d_->sections[section][key] = value;
   return true;

@@ -1,6 +1,6 @@
 // Size arithmetic that throws instead of wrapping: the sizes of results
-// computed from input lengths, for the text codecs and the configuration
-// writer. Private to the library; never installed.
+// computed from input lengths, for the text codecs. Private to the library;
+// never installed.
 #ifndef ZORV_SRC_TEXT_CHECKEDSIZE_H_
 #define ZORV_SRC_TEXT_CHECKEDSIZE_H_
 
