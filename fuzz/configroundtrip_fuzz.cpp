@@ -53,8 +53,8 @@ std::vector<std::string> SplitAt(const std::string& text, char separator) {
 
 // Written on a line and read back (trimmed, split at line ends), the same.
 bool Plain(const std::string& text) {
-  if (!text.empty() && (text.front() == ' ' || text.front() == '\t' || text.back() == ' ' ||
-                        text.back() == '\t')) {
+  if (!text.empty() &&
+      (text.front() == ' ' || text.front() == '\t' || text.back() == ' ' || text.back() == '\t')) {
     return false;
   }
   return text.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
