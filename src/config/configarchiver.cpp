@@ -36,14 +36,14 @@ namespace {
 constexpr char kSource[] = "../config/configarchiver.cpp";
 constexpr char kArchiverSource[] = "zorv.foundation.config.Archiver";
 
+inline bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
 // The bytes [begin, begin + count) passed through StringUtils::Trim.
 // `scratch` carries the untrimmed bytes and keeps its capacity from call to
 // call, so that only the result is allocated.
 SafeString Trimmed(const char* begin, size_t count, SafeString& scratch) {
   if (count == 0) return SafeString();
-  const char first = begin[0];
-  const char last = begin[count - 1];
-  if (first != ' ' && first != '\t' && last != ' ' && last != '\t') {
+  if (!IsBlank(begin[0]) && !IsBlank(begin[count - 1])) {
     return SafeString(begin, count);
   }
   scratch.assign(begin, count);
@@ -60,10 +60,20 @@ bool IsStorableName(const SafeString& name) {
          name.find(']') == SafeString::npos && name.find('=') == SafeString::npos;
 }
 
+// True when `text`, written on a line and read back, comes back the same:
+// no CR, LF or NUL (each ends a line) and no blank at either end (names and
+// values are trimmed when read).
+bool ReadsBackAsIs(const SafeString& text) {
+  if (!text.empty() && (IsBlank(text.front()) || IsBlank(text.back()))) return false;
+  static constexpr char kLineEnds[] = {'\r', '\n', '\0'};
+  return text.find_first_of(kLineEnds, 0, sizeof(kLineEnds)) == SafeString::npos;
+}
+
 }  // namespace
 
 Archiver::Archiver() {
-  d_ = lang::AccountedNew<detail::ArchiverPrivate>(ZORV_ACCOUNTING_SITE(kSource, "Archiver"));
+  d_ =
+      lang::AccountedNewOrThrow<detail::ArchiverPrivate>(ZORV_ACCOUNTING_SITE(kSource, "Archiver"));
 }
 
 Archiver::~Archiver() {
@@ -191,14 +201,28 @@ bool Archiver::remove(const SafeString& section, const SafeString& key) {
 }
 
 bool Archiver::saveAs(const SafeString& path) {
+  const detail::SectionTable& sections = d_->sections;
+  // Only the first header may hold '=': later on such a line reads as a key.
+  auto first = sections.end();
   size_t total = 0;
-  for (const auto& section : d_->sections) {
-    total += section.first.size() + 4;
-    for (const auto& pair : section.second) total += pair.first.size() + pair.second.size() + 4;
+  for (auto section = sections.begin(); section != sections.end(); ++section) {
+    if (!ReadsBackAsIs(section->first)) return false;
+    if (section->first.find('=') != SafeString::npos) {
+      if (first != sections.end()) return false;
+      first = section;
+    }
+    total += section->first.size() + 4;
+    for (const auto& pair : section->second) {
+      if (!ReadsBackAsIs(pair.first) || pair.first.find('=') != SafeString::npos ||
+          !ReadsBackAsIs(pair.second)) {
+        return false;
+      }
+      total += pair.first.size() + pair.second.size() + 4;
+    }
   }
   SafeString text;
   text.reserve(total);
-  for (const auto& section : d_->sections) {
+  auto append = [&text](const detail::SectionTable::value_type& section) {
     text += '[';
     text += section.first;
     text += "]\n";
@@ -209,6 +233,10 @@ bool Archiver::saveAs(const SafeString& path) {
       text += '\n';
     }
     text += '\n';
+  };
+  if (first != sections.end()) append(*first);
+  for (auto section = sections.begin(); section != sections.end(); ++section) {
+    if (section != first) append(*section);
   }
   return file::FileUtils::WriteText(path, text);
 }

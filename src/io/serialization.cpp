@@ -23,6 +23,7 @@ void Serialize(IStream* stream, const SafeString& value) {
 
 bool Deserialize(IStream* stream, SafeString& value) {
   if (stream == nullptr) return false;
+  const unsigned long long start = stream->tellRead();
   unsigned long long size = 0;
   if (!__ReadSize(stream, size)) return false;
   const unsigned long long length = stream->length();
@@ -32,9 +33,20 @@ bool Deserialize(IStream* stream, SafeString& value) {
   if (remaining < static_cast<unsigned int>(size)) return false;
   // A string's length never exceeds 32 bits; the bytes must fit the string.
   if (size > 0xFFFFFFFFull) return false;
-  SafeString temp(static_cast<unsigned int>(size), '\0');
-  if (!stream->read(reinterpret_cast<unsigned char*>(&temp[0]), size)) return false;
-  value = std::move(temp);
+  try {
+    SafeString temp(static_cast<size_t>(size), '\0');
+    if (!stream->read(reinterpret_cast<unsigned char*>(&temp[0]), size)) return false;
+    value = std::move(temp);
+  } catch (...) {
+    // Put the prefix back, so that the stream stays in step with its strings
+    // and the caller may try the same string again.
+    try {
+      (void)stream->seekRead(start);
+    } catch (...) {
+      // A stream that cannot seek stays where it is; the first error counts.
+    }
+    throw;
+  }
   return true;
 }
 

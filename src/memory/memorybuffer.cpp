@@ -46,7 +46,15 @@ MemoryBuffer::~MemoryBuffer() { clear(); }
 
 void MemoryBuffer::write(const unsigned char* data, unsigned long long length) {
   const unsigned long long free = allocLength_ - writePosition_;
-  if (free < length) _addAllocLength(length - free);
+  if (free < length) {
+    // The bytes may come from this buffer's own block, which growing can
+    // move: find them again at the same offset in the new block.
+    const std::uintptr_t source = reinterpret_cast<std::uintptr_t>(data);
+    const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(block_);
+    const bool inside = block_ != nullptr && source >= begin && source - begin < allocLength_;
+    _addAllocLength(length - free);
+    if (inside) data = block_ + (source - begin);
+  }
   if (length != 0) std::memmove(block_ + writePosition_, data, static_cast<size_t>(length));
   writePosition_ += length;
   if (length_ < writePosition_) length_ = writePosition_;

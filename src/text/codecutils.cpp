@@ -4,11 +4,16 @@
 #include <cstdint>
 #include <cstring>
 
+#include "text/checkedsize.h"
+
 namespace zorv {
 namespace foundation {
 namespace text {
 
 namespace {
+
+constexpr char kEncodeBase64Source[] = "zorv.foundation.text.CodecUtils.EncodeBase64";
+constexpr char kEncodeUriSource[] = "zorv.foundation.text.CodecUtils.EncodeUri";
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -97,9 +102,8 @@ inline int HexValue(unsigned char c) {
 
 foundation::SafeString CodecUtils::EncodeBase64(unsigned char const* data, unsigned int size) {
   if (size == 0 || data == nullptr) return foundation::SafeString();
-  const unsigned long long length = (static_cast<unsigned long long>(size) + 2) / 3 * 4;
   foundation::SafeString text;
-  text.resize(static_cast<size_t>(length));
+  text.resize(detail::Base64Size<size_t>(size, text.max_size(), kEncodeBase64Source));
   char* out = &text[0];
   const unsigned int whole = size / 3 * 3;
   unsigned int i = 0;
@@ -169,7 +173,7 @@ foundation::SafeString CodecUtils::EncodeUri(char const* text) {
   size_t escaped = 0;
   for (size_t i = 0; i < n; ++i) escaped += kUri.passes[in[i]] == 0 ? 1 : 0;
   foundation::SafeString result;
-  result.resize(n + 2 * escaped);
+  result.resize(detail::EncodedUriSize<size_t>(n, escaped, result.max_size(), kEncodeUriSource));
   char* out = &result[0];
   for (size_t i = 0; i < n; ++i) {
     const unsigned char c = in[i];

@@ -126,6 +126,62 @@ double AccumulateMantissa(const char* p, const char* end) {
   return value * scale;
 }
 
+// Significant digits kept for the exact conversion: enough to round any
+// decimal text to the nearest double, given a mark for the dropped digits.
+constexpr size_t kKeptDigits = 768;
+// A decimal exponent beyond which every kept mantissa overflows or
+// underflows the double's range.
+constexpr long long kExponentBound = 100000;
+
+// The mantissa [p, end) (decimal digits with at most one '.') times
+// 10^exponent, correctly rounded, into `value`; false when that is out of
+// the double's range. Works in a fixed buffer, never allocating: leading
+// zeros are dropped, and the digits after the first kKeptDigits significant
+// ones leave only one '1' behind the kept digits when any of them is not
+// zero, which rounds as the whole text does.
+bool ExactValue(const char* p, const char* end, int exponent, double& value) {
+  char work[kKeptDigits + 1 + 24];
+  size_t kept = 0;
+  bool dropped = false;
+  bool point = false;
+  // The power of ten of the last kept digit. It cannot overflow: it moves by
+  // one per byte of the text.
+  long long scale = 0;
+  for (; p != end; ++p) {
+    if (*p == '.') {
+      point = true;
+    } else if (kept == 0 && *p == '0') {
+      if (point) --scale;
+    } else if (kept < kKeptDigits) {
+      work[kept++] = *p;
+      if (point) --scale;
+    } else {
+      if (!point) ++scale;
+      if (*p != '0') dropped = true;
+    }
+  }
+  if (kept == 0) {
+    value = 0.0;
+    return true;
+  }
+  if (dropped) {
+    work[kept++] = '1';
+    --scale;
+  }
+  // Past the bound the result is infinite or zero whatever the digits; the
+  // clamps keep the sum and its text small.
+  if (scale > kExponentBound) scale = kExponentBound;
+  if (scale < -kExponentBound) scale = -kExponentBound;
+  long long power = scale + exponent;
+  if (power > kExponentBound) power = kExponentBound;
+  if (power < -kExponentBound) power = -kExponentBound;
+  char* e = work + kept;
+  *e++ = 'e';
+  const std::to_chars_result w = std::to_chars(e, work + sizeof(work), power);
+  const std::from_chars_result r = std::from_chars(work, w.ptr, value);
+  return r.ec == std::errc() && r.ptr == w.ptr;
+}
+
 }  // namespace
 
 foundation::SafeString StringUtils::IntToString(int value) {
@@ -260,24 +316,8 @@ double StringUtils::StringToFloat(const foundation::SafeString& text) {
   }
   if (!digit) return negative ? -0.0 : 0.0;
 
-  // The exact conversion: the mantissa's digits with the exponent written
-  // back in canonical form (the parsed exponent may have wrapped around).
-  char small[64];
-  foundation::SafeString large;
-  const size_t mantissaLength = static_cast<size_t>(mantissaEnd - mantissa);
-  char* work = small;
-  if (mantissaLength + 16 > sizeof(small)) {
-    large.resize(mantissaLength + 16);
-    work = &large[0];
-  }
-  std::memcpy(work, mantissa, mantissaLength);
-  char* e = work + mantissaLength;
-  *e++ = 'e';
-  const std::to_chars_result w = std::to_chars(e, e + 15, exponent);
   double value = 0.0;
-  const std::from_chars_result r = std::from_chars(work, w.ptr, value);
-  const bool exact = r.ec == std::errc() && r.ptr == w.ptr;
-  if (!exact) {
+  if (!ExactValue(mantissa, mantissaEnd, exponent, value)) {
     value = AccumulateMantissa(mantissa, mantissaEnd);
     if (exponent != 0) value *= std::pow(10.0, exponent);
   }

@@ -1,5 +1,7 @@
 // Tests of config::Archiver: the text format, both parse entry points and
 // their readers, the errors, access, editing and saveAs.
+#include <unistd.h>
+
 #include <map>
 #include <random>
 #include <string>
@@ -363,6 +365,116 @@ TEST_F(ArchiverTest, SaveAsFailuresLeaveTheTable) {
   EXPECT_FALSE(archiver.saveAs(P("plain/x.ini")));
   EXPECT_FALSE(archiver.saveAs(""));
   EXPECT_EQ(Dump(archiver), (Table{{"s", {{"k", "v"}}}}));
+}
+
+// Saves the table; a saved file must read back into the same table, a
+// refused save must leave no file and the table as it was.
+void ExpectRoundTripOrRefusal(Archiver& archiver, const SafeString& path, bool expectSaved) {
+  const Table before = Dump(archiver);
+  const bool saved = archiver.saveAs(path);
+  EXPECT_EQ(saved, expectSaved);
+  EXPECT_EQ(Dump(archiver), before);
+  if (saved) {
+    Archiver reread;
+    ASSERT_NO_THROW(EXPECT_TRUE(reread.parseFile(path)));
+    EXPECT_EQ(Dump(reread), before);
+  } else {
+    EXPECT_NE(access(path.c_str(), F_OK), 0) << "a refused save wrote a file";
+  }
+}
+
+TEST_F(ArchiverTest, SaveAsWritesOnlyWhatReadsBackTheSame) {
+  // Enough other sections that the hash order rarely puts the first header
+  // first.
+  const std::string others = "[s1]\nk = 1\n[s2]\n[s3]\nk = 3\n[s4]\n[s5]\n[s6]\n[s7]\n";
+  struct Case {
+    const char* what;
+    std::string text;
+    std::vector<std::vector<std::string> > set;  // section, key, value
+    bool saved;
+  };
+  const std::string nul(1, '\0');
+  const Case cases[] = {
+      {"first header with '='", "[a=b]\n[a = 1]\nx = [y]\n" + others, {}, true},
+      {"first header '[a=b]' only", "[a=b]\n", {}, true},
+      {"bracket names, empty names", "[[x]]\n[a=b]\n= v\n[]\n[y]]\n]k[ = ]v[\n" + others, {}, true},
+      {"values with '=' and brackets", others, {{"s", "k", "a = b [c]"}, {"t", "k", ""}}, true},
+      {"set beside a parsed '=' section", "[p=q]\nk = v\n", {{"s", "k", "v"}}, true},
+      {"section with a leading blank", others, {{" s", "k", "v"}}, false},
+      {"section with a trailing tab", others, {{"s\t", "k", "v"}}, false},
+      {"key with a leading tab", others, {{"s", "\tk", "v"}}, false},
+      {"key with a trailing blank", others, {{"s", "k ", "v"}}, false},
+      {"value with a leading blank", others, {{"s", "k", " v"}}, false},
+      {"value with a trailing tab", others, {{"s", "k", "v\t"}}, false},
+      {"section with CR", others, {{"s\rt", "k", "v"}}, false},
+      {"section with LF", others, {{"s\n", "k", "v"}}, false},
+      {"key with LF", others, {{"s", "k\nz", "v"}}, false},
+      {"key with CR", others, {{"s", "\rk", "v"}}, false},
+      {"value that would open a section", others, {{"s1", "k2", "v\n[s1]"}}, false},
+      {"value with CR", others, {{"s", "k", "v\r"}}, false},
+      {"section with NUL", others, {{"s" + nul + "t", "k", "v"}}, false},
+      {"value with NUL", others, {{"s", "k", "v" + nul + "x = y"}}, false},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Archiver archiver;
+    ASSERT_TRUE(archiver.parseText(c.text.c_str()));
+    for (const std::vector<std::string>& row : c.set) {
+      ASSERT_TRUE(archiver.setValue(SafeString(row[0].data(), row[0].size()),
+                                    SafeString(row[1].data(), row[1].size()),
+                                    SafeString(row[2].data(), row[2].size())));
+    }
+    ExpectRoundTripOrRefusal(archiver, P("case" + std::to_string(n++) + ".ini"), c.saved);
+  }
+}
+
+TEST_F(ArchiverTest, SaveAsOfAnyReachableTableRoundTripsOrIsRefused) {
+  // Mostly letters, sometimes a byte that a saved file cannot carry as is
+  // (the last pick is the terminating NUL).
+  static const char kChars[] = "abcdefghab=[] \t\r\n";
+  std::mt19937 random(2718);
+  std::uniform_int_distribution<int> pick(0, static_cast<int>(sizeof(kChars)) - 1);
+  std::uniform_int_distribution<int> length(0, 3);
+  auto name = [&] {
+    std::string text;
+    for (int i = length(random); i > 0; --i) text += kChars[pick(random)];
+    return text;
+  };
+  int saved = 0;
+  int refused = 0;
+  for (int round = 0; round < 300; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    Archiver archiver;
+    std::string text;
+    for (int line = length(random) * 2; line > 0; --line) {
+      text += (line % 2 == 0 ? "[" + name() + "]" : name() + "=" + name()) + "\n";
+    }
+    try {
+      (void)archiver.parseText(text.c_str());
+    } catch (const zorv::foundation::lang::Exception&) {
+      // Repeated names: what was read before stays.
+    }
+    for (int i = length(random); i > 0; --i) {
+      const std::string section = name(), key = name(), value = name();
+      (void)archiver.setValue(SafeString(section.data(), section.size()),
+                              SafeString(key.data(), key.size()),
+                              SafeString(value.data(), value.size()));
+    }
+    const SafeString path = P("random" + std::to_string(round) + ".ini");
+    const Table before = Dump(archiver);
+    if (!archiver.saveAs(path)) {
+      EXPECT_NE(access(path.c_str(), F_OK), 0);
+      ++refused;
+      continue;
+    }
+    if (!before.empty()) ++saved;
+    Archiver reread;
+    ASSERT_NO_THROW(EXPECT_TRUE(reread.parseFile(path)));
+    EXPECT_EQ(Dump(reread), before);
+  }
+  EXPECT_GT(saved, 50) << "too few tables were saved to show anything";
+  EXPECT_GT(refused, 50) << "too few tables were refused to show anything";
 }
 
 // A random name that survives parsing: no brackets, '=', line ends or NUL,

@@ -2,6 +2,8 @@
 #include "foundation/io/serialization.h"
 
 #include <cstring>
+#include <new>
+#include <stdexcept>
 #include <random>
 #include <vector>
 
@@ -18,6 +20,7 @@ using zorv::foundation::io::ArchiveField;
 using zorv::foundation::io::ArchiveIndex;
 using zorv::foundation::io::Deserialize;
 using zorv::foundation::io::IArchiver;
+using zorv::foundation::io::IStream;
 using zorv::foundation::io::Serialize;
 using zorv::foundation::io::Unarchive;
 using zorv::foundation::memory::MemoryBuffer;
@@ -135,6 +138,78 @@ TEST_F(SerializationTest, RandomStringsRoundTrip) {
     SafeString out;
     ASSERT_TRUE(Deserialize(&b, out));
     ASSERT_EQ(out, v);
+  }
+}
+
+// A stream holding one length prefix that claims `claimed` bytes behind it
+// without holding them: reads past the prefix give 'z' bytes.
+class PromisingStream : public IStream {
+ public:
+  PromisingStream(unsigned long long prefix, unsigned long long claimed)
+      : prefix_(prefix), claimed_(claimed) {}
+  void write(const unsigned char*, unsigned long long) override {}
+  bool read(unsigned char* data, unsigned long long n) override {
+    if (n > length() - position_) return false;
+    for (unsigned long long i = 0; i < n; ++i, ++position_) {
+      data[i] = position_ < 8 ? reinterpret_cast<const unsigned char*>(&prefix_)[position_] : 'z';
+    }
+    return true;
+  }
+  unsigned long long length() const override { return 8 + claimed_; }
+  unsigned long long setLength(unsigned long long) override { return length(); }
+  unsigned long long tellRead() const override { return position_; }
+  unsigned long long tellWrite() const override { return 0; }
+  unsigned long long seekRead(unsigned long long p) override {
+    const unsigned long long previous = position_;
+    if (p <= length()) position_ = p;
+    return previous;
+  }
+  unsigned long long seekWrite(unsigned long long) override { return 0; }
+
+ private:
+  unsigned long long prefix_;
+  unsigned long long claimed_;
+  unsigned long long position_ = 0;
+};
+
+TEST_F(SerializationTest, FailedAllocationPutsThePrefixBack) {
+  MemoryBuffer b;
+  const SafeString second(40, 'x');
+  Serialize(&b, "first");
+  Serialize(&b, second);
+  SafeString out;
+  ASSERT_TRUE(Deserialize(&b, out));
+  const unsigned long long at = b.tellRead();
+  {
+    zorv::test::FailAfterGuard fail(1);
+    EXPECT_THROW(Deserialize(&b, out), std::bad_alloc);
+  }
+  EXPECT_EQ(b.tellRead(), at);
+  EXPECT_EQ(out, "first");
+  ASSERT_TRUE(Deserialize(&b, out));
+  EXPECT_EQ(out, second);
+
+  // Announced lengths that no string can take, or that memory cannot hold:
+  // std::length_error or std::bad_alloc, on 32-bit and 64-bit targets alike.
+  const unsigned long long prefixes[] = {0xFFFFFFFFull, 0xFFFFFFF0ull, 0x80000000ull, 40};
+  for (unsigned long long prefix : prefixes) {
+    SCOPED_TRACE(prefix);
+    PromisingStream stream(prefix, prefix);
+    SafeString kept("kept");
+    bool threw = false;
+    {
+      zorv::test::FailAfterGuard fail(1);
+      try {
+        (void)Deserialize(&stream, kept);
+      } catch (const std::bad_alloc&) {
+        threw = true;
+      } catch (const std::length_error&) {
+        threw = true;
+      }
+    }
+    EXPECT_TRUE(threw);
+    EXPECT_EQ(stream.tellRead(), 0u);
+    EXPECT_EQ(kept, "kept");
   }
 }
 

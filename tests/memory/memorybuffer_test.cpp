@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <new>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -127,6 +128,34 @@ TEST_F(MemoryBufferTest, WriteAfterSeekOverwritesWithoutExtending) {
   b.write(Bytes("XYZW"), 4);
   ExpectFields(b, 12, 0, 12);
   EXPECT_EQ(std::memcmp(b.data(), "abc34567XYZW", 12), 0);
+}
+
+TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
+  struct Case {
+    std::string text;
+    unsigned long long writeAt;
+    size_t from;
+    size_t count;
+    std::string expected;
+  };
+  std::string large(1 << 20, '\0');
+  for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 + i / 251);
+  const Case cases[] = {
+      {"abcdef", 6, 0, 6, "abcdefabcdef"},   // grows: the block may move
+      {"abcdef", 6, 2, 3, "abcdefcde"},      // grows, from the middle
+      {"abcdef", 4, 0, 6, "abcdabcdef"},     // grows, overlapping the target
+      {"abcdef", 1, 0, 3, "aabcef"},         // fits, overlapping the target
+      {large, large.size(), 0, large.size(), large + large},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text.substr(0, 8) + " at " + std::to_string(c.writeAt));
+    MemoryBuffer b;
+    b.write(Bytes(c.text.c_str()), c.text.size());
+    b.seekWrite(c.writeAt);
+    b.write(b.data() + c.from, c.count);
+    ASSERT_EQ(b.length(), c.expected.size());
+    EXPECT_EQ(std::memcmp(b.data(), c.expected.data(), c.expected.size()), 0);
+  }
 }
 
 TEST_F(MemoryBufferTest, ReadAndSeekRules) {

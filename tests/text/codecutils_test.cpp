@@ -2,13 +2,16 @@
 #include "foundation/text/codecutils.h"
 
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "support/leakcheck.h"
+#include "text/checkedsize.h"
 
 namespace {
 
@@ -169,6 +172,64 @@ TEST_F(UriTest, RandomTextRoundTrips) {
     }
     const SafeString decoded = CodecUtils::DecodeUri(encoded.c_str());
     ASSERT_EQ(std::string(decoded.data(), decoded.size()), text);
+  }
+}
+
+// The result sizes in 32-bit arithmetic, as on the ARM targets: a size that
+// does not fit, or exceeds the string's limit, throws instead of wrapping
+// (EncodeUri of 0x55555556 blanks once wrapped to 2 bytes).
+TEST(CheckedSizeTest, ResultSizesThrowInsteadOfWrapping) {
+  using zorv::foundation::text::detail::Base64Size;
+  using zorv::foundation::text::detail::EncodedUriSize;
+  constexpr std::uint32_t kMax = 0xFFFFFFFFu;
+  constexpr char kSource[] = "zorv.foundation.text.CodecUtils.Test";
+  struct Case {
+    const char* what;
+    std::uint32_t n;
+    std::uint32_t escaped;  // for the URI rows
+    std::uint32_t max;
+    bool throws;
+    std::uint32_t expected;
+  };
+  const Case uri[] = {
+      {"all escaped, wraps to 2", 0x55555556u, 0x55555556u, kMax, true, 0},
+      {"all escaped, just fits", 0x55555555u, 0x55555555u, kMax, false, kMax},
+      {"doubling wraps", 0x80000000u, 0x80000000u, kMax, true, 0},
+      {"sum wraps", 0xFFFFFFFFu, 1, kMax, true, 0},
+      {"at the limit", 10, 3, 16, false, 16},
+      {"over the limit", 10, 4, 16, true, 0},
+      {"empty", 0, 0, 0, false, 0},
+  };
+  for (const Case& c : uri) {
+    SCOPED_TRACE(std::string("EncodedUriSize: ") + c.what);
+    try {
+      const std::uint32_t size = EncodedUriSize<std::uint32_t>(c.n, c.escaped, c.max, kSource);
+      EXPECT_FALSE(c.throws) << size;
+      EXPECT_EQ(size, c.expected);
+    } catch (const std::length_error& error) {
+      EXPECT_TRUE(c.throws);
+      EXPECT_STREQ(error.what(), kSource);
+    }
+  }
+  const Case base64[] = {
+      {"largest that fits", 0xBFFFFFFDu, 0, kMax, false, 0xFFFFFFFCu},
+      {"one group more wraps to 0", 0xBFFFFFFEu, 0, kMax, true, 0},
+      {"largest input", 0xFFFFFFFFu, 0, kMax, true, 0},
+      {"one byte", 1, 0, kMax, false, 4},
+      {"three bytes", 3, 0, kMax, false, 4},
+      {"over the limit", 4, 0, 7, true, 0},
+      {"empty", 0, 0, 0, false, 0},
+  };
+  for (const Case& c : base64) {
+    SCOPED_TRACE(std::string("Base64Size: ") + c.what);
+    try {
+      const std::uint32_t size = Base64Size<std::uint32_t>(c.n, c.max, kSource);
+      EXPECT_FALSE(c.throws) << size;
+      EXPECT_EQ(size, c.expected);
+    } catch (const std::length_error& error) {
+      EXPECT_TRUE(c.throws);
+      EXPECT_STREQ(error.what(), kSource);
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <random>
 #include <string>
 
@@ -282,6 +283,35 @@ TEST_F(FloatTextTest, Parse) {
   EXPECT_EQ(StringUtils::StringToFloat("1e4294967297"), 10.0);
   const SafeString longMantissa = "1." + SafeString(500, '0') + "1e2";
   EXPECT_EQ(StringUtils::StringToFloat(longMantissa), 100.0);
+}
+
+TEST_F(FloatTextTest, LongMantissasRoundAsTheWholeTextAndNeverAllocate) {
+  const std::string zeros(800, '0');
+  const std::string cases[] = {
+      std::string(60, '7'),
+      "0." + std::string(59, '3'),
+      "1" + zeros,                                  // beyond the largest double
+      "0." + zeros + "25e801",                      // leading zeros after the point
+      "9007199254740993",                           // halfway: rounds to even
+      "9007199254740993" + zeros + "1",             // just above halfway: rounds up
+      "9007199254740993." + zeros + "1",            // the same after the point
+      "9007199254740992" + zeros + "e-800",         // dropped zeros only
+      "-" + std::string(1000, '9') + "e-1000",      // rounds up to 1
+      "1" + zeros + "e-1100",                       // underflows to a subnormal
+      "0." + zeros + "1e-2147483647",               // out of range below
+      "1" + zeros + "1e2147483647",                 // out of range above
+  };
+  for (const std::string& text : cases) {
+    SCOPED_TRACE(text.substr(0, 24) + "... (" + std::to_string(text.size()) + " bytes)");
+    const double expected = std::strtod(text.c_str(), nullptr);
+    const SafeString input(text.c_str());
+    double value = 1.0;
+    zorv::test::FailAfterGuard fail(1);
+    EXPECT_NO_THROW(value = StringUtils::StringToFloat(input));
+    // The failure meant for the parser's first allocation is still pending.
+    EXPECT_THROW(SafeString(100, 'x'), std::bad_alloc);
+    EXPECT_EQ(value, expected);
+  }
 }
 
 TEST_F(FloatTextTest, FloatToStringIsShortestAndReadsBack) {

@@ -20,7 +20,8 @@ struct ArchiverPrivate;
 // their values. Names are compared exactly (byte-wise, case-sensitive).
 // Listing order is the table's hash order: neither sorted nor the order of
 // the file, but stable while the table does not change, and the same for
-// allSections, allKeys and saveAs.
+// allSections, allKeys and saveAs (but for the one section that saveAs
+// moves to the front, see there).
 //
 // The text format, as parsed:
 //   - a line ends at each CR, LF or (in files) NUL byte; blank lines are
@@ -92,9 +93,9 @@ class ZORV_FOUNDATION_EXPORT Archiver {
 
   // Stores `value` under section and key, creating the section when missing
   // and overwriting an existing value. False, changing nothing, when
-  // `section` or `key` is empty or holds '[', ']' or '='. The value is
-  // stored as given (not trimmed; CR and LF in it are saved as they are and
-  // do not read back whole).
+  // `section` or `key` is empty or holds '[', ']' or '='. Names and the
+  // value are stored as given (not trimmed); saveAs refuses a table whose
+  // names or values would not read back the same (see there).
   bool setValue(const SafeString& section, const SafeString& key, const SafeString& value);
 
   // Erases the key (the empty key is a key like any other); a section left
@@ -104,8 +105,19 @@ class ZORV_FOUNDATION_EXPORT Archiver {
   // Writes the table to `path` through FileUtils::WriteText (creating
   // missing parent folders): for each section '[' name ']' LF, then
   // key ' = ' value LF for each key, then one more LF. LF only, no
-  // byte-order mark; an empty table writes an empty file. False when the
-  // file cannot be written; throws nothing (but std::bad_alloc).
+  // byte-order mark; an empty table writes an empty file. A section whose
+  // name holds '=' (only a file's first header can make one) is written
+  // first, where it still reads as a header; the others follow in table
+  // order. parseFile of the written file gives back exactly this table.
+  // False, writing nothing, when the table holds what would not read back
+  // the same:
+  //   - a section name, key or value holding CR, LF or NUL (each ends a
+  //     line), or starting or ending with a space or tab (trimmed on
+  //     reading);
+  //   - a key holding '=';
+  //   - more than one section name holding '='.
+  // False too when the file cannot be written; throws nothing (but
+  // std::bad_alloc). The table is unchanged either way.
   bool saveAs(const SafeString& path);
 
  private:

@@ -27,6 +27,11 @@ ZORV_FOUNDATION_EXPORT void Serialize(IStream* stream, const SafeString& value);
 // unchanged, when the prefix cannot be read or announces more bytes than
 // remain in the stream (the prefix is consumed then), when the read of the
 // bytes fails, or for a null stream.
+// Throws what making the string throws: std::bad_alloc when memory runs out,
+// std::length_error when the announced length exceeds the largest string
+// (on 32-bit targets), and whatever the stream's read throws. Before the
+// exception leaves, the read position is put back where it stood before the
+// prefix, so the stream stays in step and `value` is unchanged.
 ZORV_FOUNDATION_EXPORT bool Deserialize(IStream* stream, SafeString& value);
 
 // Forward `value` (and `index` or `name`) to the archiver's operation of the

@@ -40,7 +40,9 @@ class ZORV_FOUNDATION_EXPORT MemoryBuffer : public IBuffer {
 
   // Copies `length` bytes to the write position, growing the storage when
   // needed, and advances the write position; the length grows only when the
-  // write passes its end (writing after seekWrite overwrites).
+  // write passes its end (writing after seekWrite overwrites). The bytes
+  // may lie in this buffer itself (write(data(), length()) doubles the
+  // contents), also where they overlap the bytes being written.
   // Throws std::bad_alloc when the storage cannot grow; then nothing was
   // written. REQUIRES: `data` points to `length` readable bytes.
   void write(const unsigned char* data, unsigned long long length) override;

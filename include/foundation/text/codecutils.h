@@ -22,6 +22,9 @@ class ZORV_FOUNDATION_EXPORT CodecUtils {
 
   // The Base64 text of the `size` bytes at `data`, padded with '=' to a
   // multiple of 4 characters. "" when `size` is 0 or `data` is null.
+  // Throws std::length_error("zorv.foundation.text.CodecUtils.EncodeBase64")
+  // when the text would be longer than the largest string (possible on
+  // 32-bit targets), std::bad_alloc when memory runs out.
   static foundation::SafeString EncodeBase64(unsigned char const* data, unsigned int size);
 
   // Decodes `length` characters of Base64 text into `out`, which is cleared
@@ -36,7 +39,11 @@ class ZORV_FOUNDATION_EXPORT CodecUtils {
 
   // The zero-terminated `text` with every byte outside A-Z a-z 0-9 - . _ ~
   // written as '%' and two upper-case hexadecimal digits (each byte of a
-  // UTF-8 sequence on its own). REQUIRES: text is not null.
+  // UTF-8 sequence on its own). Throws
+  // std::length_error("zorv.foundation.text.CodecUtils.EncodeUri") when the
+  // result would be longer than the largest string (possible on 32-bit
+  // targets), std::bad_alloc when memory runs out. REQUIRES: text is not
+  // null.
   static foundation::SafeString EncodeUri(char const* text);
 
   // The zero-terminated `text` with every '%' followed by two hexadecimal

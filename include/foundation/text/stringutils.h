@@ -120,7 +120,8 @@ class ZORV_FOUNDATION_EXPORT StringUtils {
 
   // ---- Text to numbers -------------------------------------------------------
   // The parsers are strict and locale-free and return 0 for any bad text, so
-  // "0" and bad input are told apart only through GetNumberFormat.
+  // "0" and bad input are told apart only through GetNumberFormat. They
+  // allocate nothing and never throw, whatever the length of the text.
   //
   // Decimal rules: one optional '+' or '-'; leading zeros are skipped (a run
   // of zeros keeps its last one); the remaining byte count (to the string's

@@ -52,7 +52,8 @@ class ZORV_FOUNDATION_EXPORT DateTime {
   // toSeconds() * 1000 + millisecond() (the microsecond is ignored).
   long long toMilliseconds() const;
 
-  // "YYYY-MM-DD hh:mm:ss", without the fractional part.
+  // "YYYY-MM-DD hh:mm:ss", without the fractional part; "" when memory runs
+  // out (nothing is thrown).
   SafeString toString() const;
 
   // The UTC calendar fields of `seconds` (its low 32 bits), with the
