@@ -28,16 +28,19 @@ std::atomic<unsigned int> g_affinity{0};
 }  // namespace
 
 // The control block of a Thread. The flags are written by the thread's body
-// and read from any thread without a lock, hence atomic.
+// and read from any thread without a lock, hence atomic. The id is stored by
+// the new thread itself before anything else and by start() once
+// pthread_create returns (the same value), so that it is right on the thread
+// from its first instruction and for the caller as soon as start() returns.
 struct Thread::ThreadPrivate {
   std::atomic<bool> started{false};
   std::atomic<bool> running{false};
   std::atomic<bool> stopped{false};
   SafeString name;
-  pthread_t id{};
+  std::atomic<pthread_t> id{};
   Thread* owner;
   // Points at id from start() until wait(): set means started and unjoined.
-  pthread_t* joinable = nullptr;
+  std::atomic<pthread_t>* joinable = nullptr;
 
   ThreadPrivate(const SafeString& threadName, Thread* ownerThread)
       : name(threadName), owner(ownerThread) {}
@@ -73,6 +76,7 @@ void Thread::interrupted() {}
 
 void* Thread::Entry(void* argument) {
   ThreadPrivate* d = static_cast<ThreadPrivate*>(argument);
+  d->id.store(pthread_self(), std::memory_order_relaxed);
   d->running.store(true, std::memory_order_release);
   if (!d->name.empty()) {
     try {
@@ -111,14 +115,14 @@ void Thread::start() {
     d_->started.store(false, std::memory_order_release);
     throw lang::Exception(kStartSource, "create failed");
   }
-  d_->id = id;
+  d_->id.store(id, std::memory_order_relaxed);
   d_->joinable = &d_->id;
   debug::SystemMonitor::IncreaseHandle();
 }
 
 void Thread::wait() {
   if (d_ == nullptr || d_->joinable == nullptr) return;
-  pthread_join(*d_->joinable, nullptr);
+  pthread_join(d_->joinable->load(std::memory_order_relaxed), nullptr);
   d_->joinable = nullptr;
   debug::SystemMonitor::DecreaseHandle();
 }
@@ -136,7 +140,8 @@ bool Thread::isStopped() const {
 }
 
 unsigned long long Thread::threadID() const {
-  return d_ == nullptr ? 0ULL : static_cast<unsigned long long>(d_->id);
+  return d_ == nullptr ? 0ULL
+                       : static_cast<unsigned long long>(d_->id.load(std::memory_order_relaxed));
 }
 
 SafeString Thread::threadName() const {

@@ -188,6 +188,30 @@ TEST_F(ThreadTest, NamesTheThreadWithTheDebugSupportLibrary) {
   EXPECT_EQ(std::string(unnamed.threadName().c_str()), "self-named");
 }
 
+// The body may ask for its own id and name from its first instruction on,
+// while start() may not have returned yet. Many short threads, so that some
+// bodies begin before pthread_create returns to start().
+TEST_F(ThreadTest, RunKnowsItsOwnIdAndNameFromItsFirstInstruction) {
+  const int rounds = zorv::test::SlowTarget() ? 20 : 100;
+  for (int round = 0; round < rounds; ++round) {
+    Thread* self = nullptr;
+    unsigned long long seenId = 0;
+    std::string seenName;
+    FunctionThread thread([&] {
+      seenId = self->threadID();
+      ChronoMonitor::SetThreadName(SafeString("own-name"));
+      seenName = self->threadName().c_str();
+    });
+    self = &thread;
+    thread.start();
+    thread.wait();
+    // Read after wait(), which orders the body's writes before these reads.
+    ASSERT_EQ(seenId, thread.runThread.load()) << "round " << round;
+    ASSERT_EQ(seenId, thread.threadID()) << "round " << round;
+    ASSERT_EQ(seenName, "own-name") << "round " << round;
+  }
+}
+
 TEST_F(ThreadTest, CurrentIdIsPthreadSelf) {
   EXPECT_EQ(Thread::CurrentID(), static_cast<unsigned long long>(pthread_self()));
 }

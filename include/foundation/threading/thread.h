@@ -68,7 +68,9 @@ class ZORV_FOUNDATION_EXPORT Thread : public lang::Interface {
   bool isRunning() const;
   bool isStopped() const;
 
-  // The thread's pthread_t widened to 64 bits; 0 before start().
+  // The thread's pthread_t widened to 64 bits; 0 before start(). Known on
+  // the thread itself from the first instruction of run() on (start() may
+  // not have returned yet), and to the caller once start() returns.
   unsigned long long threadID() const;
 
   // The name given at construction, or when that is empty, the name the
