@@ -41,9 +41,27 @@ struct Thread::ThreadPrivate {
   Thread* owner;
   // Points at id from start() until wait(): set means started and unjoined.
   std::atomic<pthread_t>* joinable = nullptr;
+  // The debug-support name the thread had when its body ended, written on
+  // the thread before stopped is set: the debug-support library forgets the
+  // name when the thread ends.
+  SafeString lastName;
 
   ThreadPrivate(const SafeString& threadName, Thread* ownerThread)
       : name(threadName), owner(ownerThread) {}
+
+  // The thread's name in the debug-support library. While the body runs,
+  // the library knows it. Once the body has ended, the library may have
+  // forgotten it, or another thread may have the same id by now: the name
+  // kept at the end is the one. Looking again after the lookup covers a body
+  // that ended during it.
+  SafeString debugName() const {
+    if (!stopped.load(std::memory_order_acquire)) {
+      SafeString known = debug::ChronoMonitor::GetThreadName(
+          static_cast<unsigned long long>(id.load(std::memory_order_relaxed)));
+      if (!stopped.load(std::memory_order_acquire)) return known;
+    }
+    return lastName;
+  }
 };
 
 Thread::Thread() : Thread(SafeString()) {}
@@ -55,7 +73,7 @@ Thread::~Thread() {
   if (d_ != nullptr && d_->joinable != nullptr) {
     try {
       const unsigned long long id = threadID();
-      const SafeString name = debug::ChronoMonitor::GetThreadName(id);
+      const SafeString name = d_->debugName();
       const unsigned int low = static_cast<unsigned int>(id);
       const SafeString line =
           name.empty()
@@ -95,6 +113,12 @@ void* Thread::Entry(void* argument) {
         // Nothing may leave the thread's entry routine.
       }
     }
+  }
+  try {
+    d->lastName = debug::ChronoMonitor::GetThreadName(
+        static_cast<unsigned long long>(d->id.load(std::memory_order_relaxed)));
+  } catch (...) {
+    // Without memory the name is simply not kept.
   }
   d->running.store(false, std::memory_order_release);
   d->stopped.store(true, std::memory_order_release);
@@ -145,8 +169,9 @@ unsigned long long Thread::threadID() const {
 }
 
 SafeString Thread::threadName() const {
-  if (d_ != nullptr && !d_->name.empty()) return d_->name;
-  return debug::ChronoMonitor::GetThreadName(threadID());
+  if (d_ == nullptr) return debug::ChronoMonitor::GetThreadName(0);
+  if (!d_->name.empty()) return d_->name;
+  return d_->debugName();
 }
 
 unsigned long long Thread::CurrentID() { return static_cast<unsigned long long>(pthread_self()); }
