@@ -3,6 +3,11 @@
 // Statistics live in a fixed open-addressing table. A category/operation
 // pair is entered once under a mutex; after that, completing a scope finds
 // its entry and updates it with atomic operations only.
+//
+// Names are kept by pthread_t for as long as their thread lives: a thread
+// that names itself gets a value under a thread-specific key, whose
+// destructor forgets the name when the thread ends. pthread_t values are
+// reused, so a name kept longer would be reported for a later thread.
 #include "foundation/debug/chronomonitor.h"
 
 #include <pthread.h>
@@ -41,6 +46,12 @@ constexpr unsigned int kNameBuckets = 256;
 NameEntry* g_names[kNameBuckets];
 internal::ForkSafeMutex g_nameMutex = ZORV_DEBUG_FORK_SAFE_MUTEX_INIT;
 
+// The key whose destructor forgets a thread's name. Created on the first
+// naming, under g_nameMutex; when it cannot be created, names stay.
+pthread_key_t g_nameKey;
+bool g_nameKeyTried = false;
+bool g_nameKeyReady = false;
+
 struct Registrar {
   Registrar() {
     internal::RegisterForkSafe(&g_statMutex);
@@ -51,9 +62,11 @@ Registrar g_registrar;
 
 unsigned int HashPair(const char* category, const char* operation) {
   unsigned int h = 2166136261u;
-  for (const char* p = category; *p != '\0'; ++p) h = (h ^ static_cast<unsigned char>(*p)) * 16777619u;
+  for (const char* p = category; *p != '\0'; ++p)
+    h = (h ^ static_cast<unsigned char>(*p)) * 16777619u;
   h = (h ^ 0x1Fu) * 16777619u;
-  for (const char* p = operation; *p != '\0'; ++p) h = (h ^ static_cast<unsigned char>(*p)) * 16777619u;
+  for (const char* p = operation; *p != '\0'; ++p)
+    h = (h ^ static_cast<unsigned char>(*p)) * 16777619u;
   return h;
 }
 
@@ -99,8 +112,27 @@ Stat* Find(const char* category, const char* operation, bool create) {
 }
 
 unsigned int NameBucket(unsigned long long thread) {
-  return static_cast<unsigned int>((thread ^ (thread >> 12) ^ (thread >> 32)) * 2654435761u) >>
-         24;
+  return static_cast<unsigned int>((thread ^ (thread >> 12) ^ (thread >> 32)) * 2654435761u) >> 24;
+}
+
+// Destructor of the name key: runs on a thread that named itself as it ends.
+void ForgetName(void*) {
+  const unsigned long long self = static_cast<unsigned long long>(pthread_self());
+  NameEntry* gone = nullptr;
+  {
+    internal::ScopedLock lock(g_nameMutex);
+    for (NameEntry** link = &g_names[NameBucket(self)]; *link != nullptr; link = &(*link)->next) {
+      if ((*link)->thread == self) {
+        gone = *link;
+        *link = gone->next;
+        break;
+      }
+    }
+  }
+  if (gone != nullptr) {
+    free(gone->name);
+    free(gone);
+  }
 }
 
 // The operating system keeps 15 bytes of a thread name: keep the end, which
@@ -128,8 +160,8 @@ __thread CacheSlot t_cache[kCacheSlots] __attribute__((tls_model("initial-exec")
 
 Stat* FindCached(const char* category, const char* operation) {
   if (category == nullptr || operation == nullptr) return Find(category, operation, true);
-  const uintptr_t key = reinterpret_cast<uintptr_t>(category) ^
-                        (reinterpret_cast<uintptr_t>(operation) >> 3);
+  const uintptr_t key =
+      reinterpret_cast<uintptr_t>(category) ^ (reinterpret_cast<uintptr_t>(operation) >> 3);
   CacheSlot& slot = t_cache[(key ^ (key >> 7)) & (kCacheSlots - 1)];
   if (slot.category == category && slot.operation == operation &&
       strcmp(slot.stat->category.load(std::memory_order_relaxed), category) == 0 &&
@@ -181,8 +213,14 @@ void ChronoMonitor::SetThreadName(const SafeString& name) {
   copy[name.size()] = '\0';
   char* old = nullptr;
   NameEntry* fresh = nullptr;
+  bool forgetAtEnd = false;
   {
     internal::ScopedLock lock(g_nameMutex);
+    if (!g_nameKeyTried) {
+      g_nameKeyTried = true;
+      g_nameKeyReady = pthread_key_create(&g_nameKey, &ForgetName) == 0;
+    }
+    forgetAtEnd = g_nameKeyReady;
     NameEntry** bucket = &g_names[NameBucket(self)];
     NameEntry* e = *bucket;
     while (e != nullptr && e->thread != self) e = e->next;
@@ -200,6 +238,8 @@ void ChronoMonitor::SetThreadName(const SafeString& name) {
     }
   }
   free(old);
+  // Any value other than null makes the destructor run at thread exit.
+  if (forgetAtEnd) pthread_setspecific(g_nameKey, &g_nameKey);
   SetOsThreadName(name.c_str(), strlen(name.c_str()));
 }
 

@@ -1,78 +1,130 @@
 // Process control: shell commands, programs and killall, started without
 // waiting.
+//
+// Everything a child needs (its argument vector, the signal state it starts
+// the program with) is made ready in the parent before fork. The child of a
+// threaded host may only make system calls that are safe after fork: it never
+// allocates, takes no lock and never returns from its branch.
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
-#include <stdlib.h>
+#include <stddef.h>
+#include <string.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include "foundation/collection/vector.h"
-#include "foundation/file/fileutils.h"
 #include "foundation/system/systemutils.h"
 #include "foundation/text/safestring.h"
 #include "foundation/text/stringutils.h"
+
+// Older C libraries do not know the call; its number is the same on every
+// Linux architecture.
+#if defined(__linux__) && !defined(SYS_close_range)
+#define SYS_close_range 436
+#endif
 
 namespace zorv {
 namespace foundation {
 namespace system {
 namespace {
 
-// The entry name of a descriptor as a number, by the rules of std::stoi
-// (leading blanks, a sign, digits up to the first other byte); false when
-// there is no number, where std::stoi would throw.
-bool EntryNumber(const SafeString& name, int& number) {
-  const char* begin = name.c_str();
-  char* end = nullptr;
-  errno = 0;
-  const long value = strtol(begin, &end, 10);
-  if (end == begin || errno == ERANGE || value < -2147483647L - 1 || value > 2147483647L) {
-    return false;
+// The descriptors of the calling process, one entry per open descriptor.
+constexpr char kDescriptorFolder[] = "/proc/self/fd";
+
+// The signal state a started program begins with, made ready before fork.
+struct ChildSignals {
+  struct sigaction childDefault;
+  sigset_t noneBlocked;
+
+  ChildSignals() {
+    memset(&childDefault, 0, sizeof childDefault);
+    childDefault.sa_handler = SIG_DFL;
+    sigemptyset(&childDefault.sa_mask);
+    sigemptyset(&noneBlocked);
   }
-  number = static_cast<int>(value);
-  return true;
+};
+
+// The entry name of a descriptor as a number; -1 for "." and "..".
+int EntryNumber(const char* name) {
+  if (*name < '0' || *name > '9') return -1;
+  int number = 0;
+  for (; *name >= '0' && *name <= '9'; ++name) {
+    if (number > 214748363) return -1;
+    number = number * 10 + (*name - '0');
+  }
+  return *name == '\0' ? number : -1;
 }
 
-// In a freshly forked child: closes every descriptor above 2 that the child
-// inherited, as listed in its own "/proc/<pid>/fd". Entries are symbolic
-// links to what they describe, so open folders are listed by the folder
-// search and everything else by the file search.
+// In the child: closes every descriptor above 2 by listing the descriptor
+// folder with raw getdents64 into a buffer on the stack.
+void CloseListedDescriptors() {
+  const int folder = open(kDescriptorFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) return;
+  // The kernel's records have the layout of dirent64.
+  constexpr size_t kLengthAt = offsetof(struct dirent64, d_reclen);
+  constexpr size_t kNameAt = offsetof(struct dirent64, d_name);
+  alignas(struct dirent64) char buffer[2048];
+  for (;;) {
+    const long filled = syscall(SYS_getdents64, folder, buffer, sizeof buffer);
+    if (filled <= 0) break;
+    for (long at = 0; at < filled;) {
+      unsigned short length = 0;
+      memcpy(&length, buffer + at + kLengthAt, sizeof length);
+      if (length == 0) break;
+      const int descriptor = EntryNumber(buffer + at + kNameAt);
+      if (descriptor > 2 && descriptor != folder) close(descriptor);
+      at += length;
+    }
+  }
+  close(folder);
+}
+
+// In the child: closes every descriptor above 2 that it inherited, at once
+// where the kernel has close_range (it fails with ENOSYS before Linux 5.9,
+// and with EINVAL or EPERM where it is filtered), one by one otherwise.
 void CloseInheritedDescriptors() {
-  const SafeString folder = text::StringUtils::Format("/proc/%d/fd", static_cast<int>(getpid()));
-  const collection::Vector<SafeString> anySuffix;
-  collection::Vector<SafeString> entries =
-      file::FileUtils::SearchFiles(folder, file::FileUtils::kSearchName, anySuffix);
-  const collection::Vector<SafeString> folders =
-      file::FileUtils::SearchFolders(folder, file::FileUtils::kSearchName);
-  entries.insert(entries.end(), folders.begin(), folders.end());
-  for (const SafeString& entry : entries) {
-    int descriptor = -1;
-    if (EntryNumber(entry, descriptor) && descriptor > 2) close(descriptor);
-  }
+#if defined(SYS_close_range)
+  if (syscall(SYS_close_range, 3U, ~0U, 0U) == 0) return;
+#endif
+  CloseListedDescriptors();
 }
 
+// The child's whole branch. SIGCHLD goes back to its default (an ignored
+// signal stays ignored across exec) and no signal stays blocked; if the exec
+// fails the child ends at once, without the caller's exit handlers, static
+// destructors or stdio buffers.
+[[noreturn]] void RunChild(const char* path, char* const argv[], const ChildSignals& signals) {
+  sigaction(SIGCHLD, &signals.childDefault, nullptr);
+  CloseInheritedDescriptors();
+  sigprocmask(SIG_SETMASK, &signals.noneBlocked, nullptr);
+  execv(path, argv);
+  _exit(0);
+}
+
+// Starts `path` with `argv` in a child process; false when fork fails.
 // Children are reaped by the system: they never become zombies, and nobody
 // in this process can wait for their exit status any more.
-void IgnoreChildren() { signal(SIGCHLD, SIG_IGN); }
+bool Start(const char* path, char* const argv[]) {
+  const ChildSignals signals;
+  const int saved = errno;
+  signal(SIGCHLD, SIG_IGN);
+  const pid_t child = fork();
+  if (child == 0) RunChild(path, argv, signals);
+  errno = saved;
+  return child != -1;
+}
 
 }  // namespace
 
 bool SystemUtils::Command(const char* command) {
   if (command == nullptr) return false;
-  const int saved = errno;
-  IgnoreChildren();
-  const pid_t child = fork();
-  if (child == -1) {
-    errno = saved;
-    return false;
-  }
-  if (child == 0) {
-    CloseInheritedDescriptors();
-    execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
-    exit(0);
-  }
-  errno = saved;
-  return true;
+  char* const argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"),
+                        const_cast<char*>(command), nullptr};
+  return Start("/bin/sh", argv);
 }
 
 bool SystemUtils::Execute(const char* path, const char* arguments) {
@@ -80,13 +132,8 @@ bool SystemUtils::Execute(const char* path, const char* arguments) {
   const int saved = errno;
   // Execute-only for everybody, replacing the whole mode; the file keeps it.
   chmod(path, 0111);
-  IgnoreChildren();
-  const pid_t child = fork();
-  if (child == -1) {
-    errno = saved;
-    return false;
-  }
-  if (child == 0) {
+  errno = saved;
+  try {
     collection::Vector<SafeString> pieces;
     text::StringUtils::Split(arguments, ' ', pieces);
     collection::Vector<SafeString> words;
@@ -95,23 +142,29 @@ bool SystemUtils::Execute(const char* path, const char* arguments) {
       if (!word.empty()) words.push_back(word);
     }
     collection::Vector<char*> argv;
+    argv.reserve(words.size() + 2);
     argv.push_back(const_cast<char*>(path));
     for (SafeString& word : words) argv.push_back(&word[0]);
     argv.push_back(nullptr);
-    CloseInheritedDescriptors();
-    execv(path, argv.data());
-    exit(0);
+    return Start(path, argv.data());
+  } catch (...) {
+    // Memory ran out before there was a child.
+    errno = saved;
+    return false;
   }
-  errno = saved;
-  return true;
 }
 
 bool SystemUtils::Kill(const char* name, bool force) {
   if (name == nullptr) return false;
-  SafeString command("killall ");
-  if (force) command += "-9 ";
-  command += name;
-  return Command(command.c_str());
+  try {
+    SafeString command("killall ");
+    if (force) command += "-9 ";
+    command += name;
+    return Command(command.c_str());
+  } catch (...) {
+    // Memory ran out before there was a child.
+    return false;
+  }
 }
 
 }  // namespace system

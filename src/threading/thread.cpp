@@ -28,19 +28,40 @@ std::atomic<unsigned int> g_affinity{0};
 }  // namespace
 
 // The control block of a Thread. The flags are written by the thread's body
-// and read from any thread without a lock, hence atomic.
+// and read from any thread without a lock, hence atomic. The id is stored by
+// the new thread itself before anything else and by start() once
+// pthread_create returns (the same value), so that it is right on the thread
+// from its first instruction and for the caller as soon as start() returns.
 struct Thread::ThreadPrivate {
   std::atomic<bool> started{false};
   std::atomic<bool> running{false};
   std::atomic<bool> stopped{false};
   SafeString name;
-  pthread_t id{};
+  std::atomic<pthread_t> id{};
   Thread* owner;
   // Points at id from start() until wait(): set means started and unjoined.
-  pthread_t* joinable = nullptr;
+  std::atomic<pthread_t>* joinable = nullptr;
+  // The debug-support name the thread had when its body ended, written on
+  // the thread before stopped is set: the debug-support library forgets the
+  // name when the thread ends.
+  SafeString lastName;
 
   ThreadPrivate(const SafeString& threadName, Thread* ownerThread)
       : name(threadName), owner(ownerThread) {}
+
+  // The thread's name in the debug-support library. While the body runs,
+  // the library knows it. Once the body has ended, the library may have
+  // forgotten it, or another thread may have the same id by now: the name
+  // kept at the end is the one. Looking again after the lookup covers a body
+  // that ended during it.
+  SafeString debugName() const {
+    if (!stopped.load(std::memory_order_acquire)) {
+      SafeString known = debug::ChronoMonitor::GetThreadName(
+          static_cast<unsigned long long>(id.load(std::memory_order_relaxed)));
+      if (!stopped.load(std::memory_order_acquire)) return known;
+    }
+    return lastName;
+  }
 };
 
 Thread::Thread() : Thread(SafeString()) {}
@@ -52,7 +73,7 @@ Thread::~Thread() {
   if (d_ != nullptr && d_->joinable != nullptr) {
     try {
       const unsigned long long id = threadID();
-      const SafeString name = debug::ChronoMonitor::GetThreadName(id);
+      const SafeString name = d_->debugName();
       const unsigned int low = static_cast<unsigned int>(id);
       const SafeString line =
           name.empty()
@@ -73,6 +94,7 @@ void Thread::interrupted() {}
 
 void* Thread::Entry(void* argument) {
   ThreadPrivate* d = static_cast<ThreadPrivate*>(argument);
+  d->id.store(pthread_self(), std::memory_order_relaxed);
   d->running.store(true, std::memory_order_release);
   if (!d->name.empty()) {
     try {
@@ -91,6 +113,12 @@ void* Thread::Entry(void* argument) {
         // Nothing may leave the thread's entry routine.
       }
     }
+  }
+  try {
+    d->lastName = debug::ChronoMonitor::GetThreadName(
+        static_cast<unsigned long long>(d->id.load(std::memory_order_relaxed)));
+  } catch (...) {
+    // Without memory the name is simply not kept.
   }
   d->running.store(false, std::memory_order_release);
   d->stopped.store(true, std::memory_order_release);
@@ -111,14 +139,14 @@ void Thread::start() {
     d_->started.store(false, std::memory_order_release);
     throw lang::Exception(kStartSource, "create failed");
   }
-  d_->id = id;
+  d_->id.store(id, std::memory_order_relaxed);
   d_->joinable = &d_->id;
   debug::SystemMonitor::IncreaseHandle();
 }
 
 void Thread::wait() {
   if (d_ == nullptr || d_->joinable == nullptr) return;
-  pthread_join(*d_->joinable, nullptr);
+  pthread_join(d_->joinable->load(std::memory_order_relaxed), nullptr);
   d_->joinable = nullptr;
   debug::SystemMonitor::DecreaseHandle();
 }
@@ -136,12 +164,14 @@ bool Thread::isStopped() const {
 }
 
 unsigned long long Thread::threadID() const {
-  return d_ == nullptr ? 0ULL : static_cast<unsigned long long>(d_->id);
+  return d_ == nullptr ? 0ULL
+                       : static_cast<unsigned long long>(d_->id.load(std::memory_order_relaxed));
 }
 
 SafeString Thread::threadName() const {
-  if (d_ != nullptr && !d_->name.empty()) return d_->name;
-  return debug::ChronoMonitor::GetThreadName(threadID());
+  if (d_ == nullptr) return debug::ChronoMonitor::GetThreadName(0);
+  if (!d_->name.empty()) return d_->name;
+  return d_->debugName();
 }
 
 unsigned long long Thread::CurrentID() { return static_cast<unsigned long long>(pthread_self()); }

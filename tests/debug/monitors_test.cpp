@@ -205,16 +205,20 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
   EXPECT_EQ(ChronoMonitor::Count("test.Parallel", "Exec"), 4000u);
 }
 
-TEST_F(MonitorsTest, ThreadNamesAreKeptPerThreadAndGivenToTheSystem) {
+TEST_F(MonitorsTest, ThreadNamesLastAsLongAsTheirThreadsAndAreGivenToTheSystem) {
   unsigned long long id = 0;
+  SafeString whileRunning;
   char osName[32] = {};
   std::thread named([&] {
     ChronoMonitor::SetThreadName(SafeString("zorv.foundation.threading.ThreadPool"));
     id = static_cast<unsigned long long>(pthread_self());
+    whileRunning = ChronoMonitor::GetThreadName(id);
     pthread_getname_np(pthread_self(), osName, sizeof osName);
   });
   named.join();
-  EXPECT_EQ(ChronoMonitor::GetThreadName(id), "zorv.foundation.threading.ThreadPool");
+  EXPECT_EQ(whileRunning, "zorv.foundation.threading.ThreadPool");
+  // pthread_t values are reused: a later thread must not inherit the name.
+  EXPECT_EQ(ChronoMonitor::GetThreadName(id), "") << "the name outlived its thread";
   EXPECT_STREQ(osName, "ding.ThreadPool");
   EXPECT_EQ(std::string(osName).size(), 15u);
 

@@ -37,7 +37,10 @@ class ZORV_DEBUG_EXPORT ChronoMonitor {
   static void SetThreadName(const SafeString& name);
 
   // The name registered by the thread whose pthread_t, widened, is threadId;
-  // empty for a thread that never named itself.
+  // empty for a thread that never named itself. A name is forgotten when its
+  // thread ends (pthread_t values are reused: a later thread with the same
+  // value has no name until it names itself); the name of the process's
+  // first thread lasts until the process ends.
   static SafeString GetThreadName(unsigned long long threadId);
 
   // Completed scopes of (category, operation); 0 for a pair never timed.

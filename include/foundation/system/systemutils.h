@@ -42,9 +42,18 @@ class ZORV_FOUNDATION_EXPORT SystemUtils {
   // how it ended. Each call sets SIGCHLD to SIG_IGN for the whole process,
   // and it stays so: children are reaped by the system and never become
   // zombies, but nobody in the process can wait for their exit status any
-  // more (waitpid then fails with ECHILD). Each child closes every descriptor
-  // above 2 that it inherited before it runs its program; standard input,
-  // output and error stay shared with the caller. None of these throws.
+  // more (waitpid then fails with ECHILD).
+  //
+  // The argument vector is made ready before fork; the child allocates
+  // nothing, takes no lock and makes only system calls that are safe in the
+  // child of a threaded process, so it is complete even when memory is short
+  // and never comes back into the caller's code. Before it runs its program
+  // the child sets SIGCHLD back to its default and unblocks every signal, so
+  // the program can wait for children of its own, and closes every descriptor
+  // above 2 that it inherited; standard input, output and error stay shared
+  // with the caller. When the program cannot be run, the child ends at once
+  // with _exit(0): no exit handlers, static destructors or stdio flushes of
+  // the caller run in it. None of these throws.
 
   // Runs `command` through "/bin/sh -c" in a child process. Returns false
   // when `command` is null or no child could be created.
@@ -56,15 +65,17 @@ class ZORV_FOUNDATION_EXPORT SystemUtils {
   // cannot contain a blank. Null arguments run the program without any.
   // Before anything else the file's mode is set to 0111 (execute-only for
   // owner, group and others, read and write bits removed), and it keeps that
-  // mode. Returns false when `path` is null or no child could be created; a
-  // program that cannot be run is not reported.
+  // mode. Returns false when `path` is null, memory runs out while the
+  // arguments are made ready, or no child could be created; a program that
+  // cannot be run is not reported.
   static bool Execute(const char* path, const char* arguments);
 
   // Kills processes by name with the shell command "killall <name>", or
   // "killall -9 <name>" when `force` is set, run as Command() runs it. The
   // name is not quoted or escaped: it reaches the shell as it is. killall
-  // must be on the shell's search path. Returns false when `name` is null or
-  // no child could be created.
+  // must be on the shell's search path. Returns false when `name` is null,
+  // memory runs out while the command is built, or no child could be
+  // created.
   static bool Kill(const char* name, bool force);
 };
 

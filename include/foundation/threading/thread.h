@@ -41,7 +41,9 @@ class ZORV_FOUNDATION_EXPORT Thread : public lang::Interface {
   // Prints "zorv.foundation.threading.Thread: [id/name]destroyed while still
   // running" (or "...: [id] destroyed while still running" for a thread
   // without a debug-support name) when the thread was started and never
-  // joined. Does not join, cancel or detach. Never throws.
+  // joined. The name is the thread's debug-support name: the one it has, or
+  // once run() has ended, the one it had then. Does not join, cancel or
+  // detach. Never throws.
   ~Thread() override;
   Thread(const Thread&) = delete;
   Thread& operator=(const Thread&) = delete;
@@ -68,11 +70,15 @@ class ZORV_FOUNDATION_EXPORT Thread : public lang::Interface {
   bool isRunning() const;
   bool isStopped() const;
 
-  // The thread's pthread_t widened to 64 bits; 0 before start().
+  // The thread's pthread_t widened to 64 bits; 0 before start(). Known on
+  // the thread itself from the first instruction of run() on (start() may
+  // not have returned yet), and to the caller once start() returns.
   unsigned long long threadID() const;
 
   // The name given at construction, or when that is empty, the name the
-  // debug-support library records for threadID() (empty when none).
+  // debug-support library records for threadID() (empty when none). Once
+  // run() has ended, that is the name the thread had then: the library
+  // forgets the names of ended threads, whose ids may be reused.
   SafeString threadName() const;
 
   // The calling thread's pthread_t, widened to 64 bits.
