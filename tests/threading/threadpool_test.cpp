@@ -449,11 +449,12 @@ TEST_F(ThreadPoolTest, AddTaskBlocksWhileTheQueueIsFullAndResumesWhenDrained) {
 }
 
 TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallAndPassesOnTheRoom) {
-  // Two wake-ups, 100 ms apart: after the first (no room) the budget of
-  // 300 ms is charged 100 ms (200 left); at the second the whole 200 ms since
-  // the call are charged again, so the call gives up then, about 100 ms
-  // before its nominal budget, although there is room now. The producer that
-  // blocked meanwhile must not sleep on: the room is handed on to it.
+  // Two wake-ups, at 100 ms and 400 ms after the call: after the first (no
+  // room) the budget of 500 ms is charged 100 ms (400 left); at the second
+  // the whole 400 ms since the call are charged again, so the call gives up
+  // then, about 100 ms before its nominal budget, although there is room
+  // now. The producer that blocked meanwhile must not sleep on: the room is
+  // handed on to it.
   Tally tally;
   Gate gate0;
   Gate gate1;
@@ -475,38 +476,43 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallAndPassesOnTheRo
   ASSERT_EQ(pool.queuedNum(), 102u);
 
   ProbeTask* late = NewTask(&tally, 1000);
+  std::atomic<unsigned long long> begin{0};
   std::atomic<bool> done{false};
   bool added = true;
-  unsigned long long begin = 0;
   unsigned long long end = 0;
   std::thread producer([&] {
     begin = zorv::test::Tick();
-    added = pool.tryAddTask(late, 300);
+    added = pool.tryAddTask(late, 500);
     end = zorv::test::Tick();
     done = true;
   });
-  Thread::Sleep(100);
+  ASSERT_TRUE(PollUntil([&] { return begin.load() != 0; }));
+  const auto sleepUntil = [&](unsigned long long ms) {
+    const unsigned long long now = zorv::test::Tick();
+    if (now < begin + ms) Thread::Sleep(static_cast<unsigned int>(begin + ms - now));
+  };
+  sleepUntil(100);
   pool.setMaxTaskNum(101);
   gate0.open();  // the worker takes `first`: 101 queued, still full
-  Thread::Sleep(50);
+  sleepUntil(250);
   std::atomic<bool> blockedAdded{false};
   std::thread blocked([&] {
     pool.addTask(NewTask(&tally, 2000));
     blockedAdded = true;
   });
-  Thread::Sleep(50);
+  sleepUntil(400);
   const unsigned long long secondWake = zorv::test::Tick();
   gate1.open();  // the worker takes `second`: 100 queued, room for one
   ASSERT_TRUE(PollUntil([&] { return done.load(); }));
   producer.join();
   EXPECT_FALSE(added);
   EXPECT_LT(end - secondWake, 60u) << "gave up at the second wake-up";
-  EXPECT_LT(end - begin, 280u);
+  EXPECT_LT(end - begin, 480u);
   EXPECT_TRUE(PollUntil([&] { return blockedAdded.load(); }, std::chrono::milliseconds(5000)))
       << "the room given up was not handed on";
   gate2.open();
   blocked.join();
-  late->dispose();  // still the caller's
+  if (!added) late->dispose();  // still the caller's
 }
 
 // A burst of queued tasks makes the queue grow; its room is given back once
