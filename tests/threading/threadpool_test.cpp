@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <new>
 #include <set>
 #include <string>
@@ -12,6 +13,7 @@
 
 #include "foundation/debug/chronomonitor.h"
 #include "foundation/debug/memorymonitor.h"
+#include "foundation/debug/objectmonitor.h"
 #include "foundation/system/systemutils.h"
 #include "foundation/threading/threadpool/affinitythreadpool.h"
 #include "support/leakcheck.h"
@@ -29,9 +31,9 @@ using zf::threading::ThreadPool;
 using zorv::test::Gate;
 using zorv::test::GateOpener;
 using zorv::test::NewTask;
+using zorv::test::PollUntil;
 using zorv::test::ProbeTask;
 using zorv::test::Tally;
-using zorv::test::PollUntil;
 
 // What differs between the two executors, for the typed tests.
 template <class Pool>
@@ -41,12 +43,16 @@ template <>
 struct PoolTraits<ThreadPool> {
   static constexpr const char* kName = "zorv.foundation.threading.ThreadPool";
   static constexpr const char* kAddTask = "zorv.foundation.threading.ThreadPool.addTask";
+  static constexpr const char* kStop = "zorv.foundation.threading.ThreadPool.stop";
+  static constexpr bool kQueuePerWorker = false;
 };
 
 template <>
 struct PoolTraits<AffinityThreadPool> {
   static constexpr const char* kName = "zorv.foundation.threading.AffinityThreadPool";
   static constexpr const char* kAddTask = "zorv.foundation.threading.AffinityThreadPool.addTask";
+  static constexpr const char* kStop = "zorv.foundation.threading.AffinityThreadPool.stop";
+  static constexpr bool kQueuePerWorker = true;
 };
 
 unsigned int ProcessorWorkers() {
@@ -201,6 +207,136 @@ TYPED_TEST(ExecutorTest, DestroyingWithoutStopDrainsTheQueue) {
   EXPECT_EQ(tally.disposals.load(), 500);
 }
 
+// While stop() waits for a held worker, its queue is closed: a task added
+// then is refused and disposed instead of landing behind the stop marker,
+// where nothing would ever run or dispose it. In the affinity pool the
+// workers not yet stopped still take tasks.
+TYPED_TEST(ExecutorTest, AddingWhileStopWaitsIsRefusedNotStranded) {
+  Tally tally;
+  Gate gate;
+  std::atomic<bool> started{false};
+  TypeParam pool(2);
+  GateOpener opener(gate);
+  ASSERT_TRUE(HoldWorker(pool, tally, gate, started));
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&] {
+    pool.stop();
+    stopped = true;
+  });
+  int accepted = 0;
+  bool refused = false;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(5000);
+  while (!refused && accepted < 100000 && std::chrono::steady_clock::now() < end) {
+    ProbeTask* task = NewTask(&tally, accepted);
+    task->affinity = 0;
+    try {
+      if (pool.tryAddTask(task, 10)) {
+        ++accepted;
+      } else {
+        task->dispose();
+      }
+    } catch (const zf::lang::Exception& e) {
+      refused = true;
+      EXPECT_EQ(std::string(e.func().c_str()), PoolTraits<TypeParam>::kAddTask);
+      EXPECT_EQ(std::string(e.info().c_str()), "executor has stopped");
+    }
+    Thread::Yield();
+  }
+  EXPECT_TRUE(refused) << "tasks were still accepted behind the stop marker";
+  ProbeTask* late = NewTask(&tally);
+  late->affinity = 0;
+  EXPECT_ZORV_THROW(pool.addTask(late), PoolTraits<TypeParam>::kAddTask, "executor has stopped");
+  int laterWorker = 0;
+  if (PoolTraits<TypeParam>::kQueuePerWorker) {
+    ProbeTask* other = NewTask(&tally, -2);
+    other->affinity = 1;
+    pool.addTask(other);
+    laterWorker = 1;
+    EXPECT_TRUE(PollUntil([&] { return tally.runs.load() == 1; }));
+  }
+  EXPECT_FALSE(stopped.load());
+  gate.open();
+  stopper.join();
+  EXPECT_EQ(tally.runs.load(), accepted + 1 + laterWorker);
+  EXPECT_EQ(tally.disposals.load(), tally.runs.load() + 2);
+}
+
+// stop() on one of the pool's own workers could only join itself: it is
+// refused and the pool keeps running. A stop() racing with another one
+// waits until the first has finished.
+TYPED_TEST(ExecutorTest, StopIsRefusedOnAWorkerAndWaitsForARacingStop) {
+  Tally tally;
+  Gate gate;
+  std::atomic<bool> started{false};
+  TypeParam pool(2);
+  GateOpener opener(gate);
+  std::string func;
+  std::string info;
+  ProbeTask* stopping = NewTask(&tally, 1);
+  stopping->body = [&] {
+    try {
+      pool.stop();
+    } catch (const zf::lang::Exception& e) {
+      func = e.func().c_str();
+      info = e.info().c_str();
+    }
+  };
+  pool.addTask(stopping);
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
+  EXPECT_EQ(func, PoolTraits<TypeParam>::kStop);
+  EXPECT_EQ(info, "called from a worker");
+  EXPECT_EQ(pool.threadNum(), 2u);
+
+  ASSERT_TRUE(HoldWorker(pool, tally, gate, started));
+  std::atomic<int> returned{0};
+  std::thread first([&] {
+    pool.stop();
+    returned.fetch_add(1);
+  });
+  std::thread second([&] {
+    pool.stop();
+    returned.fetch_add(1);
+  });
+  Thread::Sleep(30);
+  EXPECT_EQ(returned.load(), 0) << "a stop() returned before the held worker ended";
+  gate.open();
+  first.join();
+  second.join();
+  EXPECT_EQ(pool.threadNum(), 0u);
+  EXPECT_EQ(tally.runs.load(), 2);
+  EXPECT_EQ(tally.disposals.load(), 2);
+}
+
+// A producer blocked on a full queue gets in as soon as the bound is raised,
+// without waiting for a worker to take a task.
+TYPED_TEST(ExecutorTest, RaisingTheBoundWakesABlockedProducer) {
+  Tally tally;
+  Gate gate;
+  std::atomic<bool> started{false};
+  TypeParam pool(1);
+  GateOpener opener(gate);
+  pool.setMaxTaskNum(100);
+  ASSERT_TRUE(HoldWorker(pool, tally, gate, started));
+  for (int i = 0; i < 100; ++i) pool.addTask(NewTask(&tally, i));
+  ProbeTask* waiting = NewTask(&tally, 1000);
+  EXPECT_FALSE(pool.tryAddTask(waiting, 0));
+  std::atomic<bool> added{false};
+  std::thread producer([&] {
+    pool.addTask(waiting);
+    added = true;
+  });
+  Thread::Sleep(20);  // lets the producer block
+  EXPECT_FALSE(added.load());
+  pool.setMaxTaskNum(200);
+  EXPECT_TRUE(PollUntil([&] { return added.load(); }, std::chrono::milliseconds(5000)));
+  EXPECT_TRUE(pool.tryAddTask(NewTask(&tally, 1001), 0));
+  gate.open();
+  producer.join();
+  pool.stop();
+  EXPECT_EQ(tally.runs.load(), 103);
+  EXPECT_EQ(tally.disposals.load(), 103);
+}
+
 // Adding allocates only when the queue has to grow. With the worker held at
 // a gate the queue fills until an addition needs more room; that addition,
 // made to fail, disposes its task, and so does a timed one after it, while
@@ -312,24 +448,13 @@ TEST_F(ThreadPoolTest, AddTaskBlocksWhileTheQueueIsFullAndResumesWhenDrained) {
   EXPECT_EQ(log.back().id, 1000) << "FIFO: the blocked task runs last";
 }
 
-TEST_F(ThreadPoolTest, RaisingTheBoundLetsABlockedProducerIn) {
-  Tally tally;
-  Gate gate;
-  std::atomic<bool> started{false};
-  ThreadPool pool(1);
-  GateOpener opener(gate);
-  FillPool(pool, tally, gate, started);
-  ProbeTask* task = NewTask(&tally, 1000);
-  EXPECT_FALSE(pool.tryAddTask(task, 0));
-  pool.setMaxTaskNum(200);
-  EXPECT_TRUE(pool.tryAddTask(task, 0));
-}
-
-TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallOnEveryWakeUp) {
-  // Two wake-ups without room, 100 ms apart: after the first the budget of
-  // 300 ms is charged 100 ms (200 left); at the second the whole 200 ms since
-  // the call are charged again, so the call gives up then, about 100 ms
-  // before its nominal budget.
+TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallAndPassesOnTheRoom) {
+  // Two wake-ups, at 100 ms and 400 ms after the call: after the first (no
+  // room) the budget of 500 ms is charged 100 ms (400 left); at the second
+  // the whole 400 ms since the call are charged again, so the call gives up
+  // then, about 100 ms before its nominal budget, although there is room
+  // now. The producer that blocked meanwhile must not sleep on: the room is
+  // handed on to it.
   Tally tally;
   Gate gate0;
   Gate gate1;
@@ -351,30 +476,43 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallOnEveryWakeUp) {
   ASSERT_EQ(pool.queuedNum(), 102u);
 
   ProbeTask* late = NewTask(&tally, 1000);
+  std::atomic<unsigned long long> begin{0};
   std::atomic<bool> done{false};
   bool added = true;
-  unsigned long long begin = 0;
   unsigned long long end = 0;
   std::thread producer([&] {
     begin = zorv::test::Tick();
-    added = pool.tryAddTask(late, 300);
+    added = pool.tryAddTask(late, 500);
     end = zorv::test::Tick();
     done = true;
   });
-  Thread::Sleep(100);
+  ASSERT_TRUE(PollUntil([&] { return begin.load() != 0; }));
+  const auto sleepUntil = [&](unsigned long long ms) {
+    const unsigned long long now = zorv::test::Tick();
+    if (now < begin + ms) Thread::Sleep(static_cast<unsigned int>(begin + ms - now));
+  };
+  sleepUntil(100);
   pool.setMaxTaskNum(101);
   gate0.open();  // the worker takes `first`: 101 queued, still full
-  Thread::Sleep(100);
-  pool.setMaxTaskNum(100);
+  sleepUntil(250);
+  std::atomic<bool> blockedAdded{false};
+  std::thread blocked([&] {
+    pool.addTask(NewTask(&tally, 2000));
+    blockedAdded = true;
+  });
+  sleepUntil(400);
   const unsigned long long secondWake = zorv::test::Tick();
-  gate1.open();  // the worker takes `second`: 100 queued, still full
+  gate1.open();  // the worker takes `second`: 100 queued, room for one
   ASSERT_TRUE(PollUntil([&] { return done.load(); }));
   producer.join();
   EXPECT_FALSE(added);
   EXPECT_LT(end - secondWake, 60u) << "gave up at the second wake-up";
-  EXPECT_LT(end - begin, 280u);
+  EXPECT_LT(end - begin, 480u);
+  EXPECT_TRUE(PollUntil([&] { return blockedAdded.load(); }, std::chrono::milliseconds(5000)))
+      << "the room given up was not handed on";
   gate2.open();
-  late->dispose();  // still the caller's
+  blocked.join();
+  if (!added) late->dispose();  // still the caller's
 }
 
 // A burst of queued tasks makes the queue grow; its room is given back once
@@ -492,6 +630,60 @@ TEST_F(AffinityThreadPoolTest, AFullWorkerQueueBlocksItsAffinityOnly) {
   EXPECT_EQ(tally.disposals.load(), 103);
 }
 
+// The wait budget of tryAddTask starts once the worker is chosen: a slow
+// getAffinity() does not use it up.
+TEST_F(AffinityThreadPoolTest, TryAddTaskBudgetStartsAfterGetAffinity) {
+  const unsigned int budget = zorv::test::SlowTarget() ? 1500 : 300;
+  struct SlowTask : ITask {
+    SlowTask(std::atomic<bool>* a, unsigned int ms) : asked(a), delay(ms) {}
+    void run() override {}
+    unsigned int getAffinity() const override {
+      Thread::Sleep(delay);
+      asked->store(true);
+      return 0;
+    }
+    std::atomic<bool>* asked;
+    unsigned int delay;
+  };
+  Tally tally;
+  Gate gate;
+  std::atomic<bool> started{false};
+  AffinityThreadPool pool(1);
+  GateOpener opener(gate);
+  pool.setMaxTaskNum(100);
+  ASSERT_TRUE(HoldWorker(pool, tally, gate, started));
+  for (int i = 0; i < 100; ++i) pool.addTask(NewTask(&tally, i));
+  std::atomic<bool> asked{false};
+  bool added = false;
+  std::thread producer([&] {
+    ITask* task = zf::lang::MakeDisposable<SlowTask>("SlowTask", &asked, budget + 100);
+    added = pool.tryAddTask(task, budget);
+    if (!added) task->dispose();  // still the caller's
+  });
+  ASSERT_TRUE(PollUntil([&] { return asked.load(); }));
+  Thread::Sleep(20);  // lets the producer wait for room
+  gate.open();        // room well within the budget
+  producer.join();
+  EXPECT_TRUE(added);
+}
+
+// stop() deletes the workers: they leave the object count then, not only
+// when the pool is destroyed, so that a stopped pool of three workers counts
+// no more objects than a stopped pool of one.
+TEST_F(AffinityThreadPoolTest, StopDeletesTheWorkers) {
+  const unsigned long long base = zf::debug::ObjectMonitor::LiveObjects();
+  unsigned long long oneWorker = 0;
+  {
+    AffinityThreadPool pool(1);
+    pool.stop();
+    oneWorker = zf::debug::ObjectMonitor::LiveObjects() - base;
+  }
+  AffinityThreadPool pool(3);
+  pool.stop();
+  EXPECT_EQ(zf::debug::ObjectMonitor::LiveObjects() - base, oneWorker);
+  EXPECT_EQ(pool.workerThreadID(0), 0u);
+}
+
 TEST_F(AffinityThreadPoolTest, AffinityIsAskedOncePerAdd) {
   struct CountingTask : ITask {
     explicit CountingTask(std::atomic<int>* c) : calls(c) {}
@@ -506,7 +698,8 @@ TEST_F(AffinityThreadPoolTest, AffinityIsAskedOncePerAdd) {
   {
     AffinityThreadPool pool(2);
     pool.addTask(zf::lang::MakeDisposable<CountingTask>("CountingTask", &calls));
-    EXPECT_TRUE(pool.tryAddTask(zf::lang::MakeDisposable<CountingTask>("CountingTask", &calls), 100));
+    EXPECT_TRUE(
+        pool.tryAddTask(zf::lang::MakeDisposable<CountingTask>("CountingTask", &calls), 100));
   }
   EXPECT_EQ(calls.load(), 2);
 }

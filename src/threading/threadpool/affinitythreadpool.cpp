@@ -4,6 +4,7 @@
 #include <atomic>
 #include <functional>
 #include <unordered_set>
+#include <vector>
 
 #include "foundation/collection/vector.h"
 #include "foundation/lang/accounted.h"
@@ -20,6 +21,8 @@ constexpr char kSource[] = "../threading/threadpool/affinitythreadpool.cpp";
 constexpr char kDefaultName[] = "zorv.foundation.threading.AffinityThreadPool";
 constexpr char kCategory[] = "zorv.foundation.threading.AffinityThreadPool";
 constexpr char kAddTask[] = "zorv.foundation.threading.AffinityThreadPool.addTask";
+constexpr char kStop[] = "zorv.foundation.threading.AffinityThreadPool.stop";
+constexpr char kFromWorker[] = "called from a worker";
 constexpr unsigned int kMinBound = 100;
 
 }  // namespace
@@ -33,20 +36,27 @@ class MyThread;
 namespace detail {
 
 struct AffinityThreadPoolPrivate {
-  explicit AffinityThreadPoolPrivate(const SafeString& poolName) : name(poolName) {}
+  AffinityThreadPoolPrivate(const SafeString& poolName, unsigned int count)
+      : name(poolName), users(count) {}
 
   SafeString name;
-  // The workers in index order. A stopped pool keeps its (joined) workers
-  // until it is destroyed, so that a producer racing with stop() never
-  // touches a freed queue.
+  // The workers in index order; stop() deletes each one once it has ended
+  // and no producer uses it any more.
   collection::Vector<sealed::_AffinityThreadPool::MyThread*> workers;
   std::unordered_set<unsigned long long, std::hash<unsigned long long>,
                      std::equal_to<unsigned long long>, debug::Allocator<unsigned long long>>
       ids;
-  // The number of running workers, readable without a lock: 0 means stopped.
+  // The producers inside each worker's queue, by index; they outlive the
+  // workers, so that a producer that raced with stop() is turned away at the
+  // door of a deleted worker.
+  std::vector<WorkerUsers, debug::Allocator<WorkerUsers>> users;
+  // The number of started workers, readable without a lock: 0 means stopped.
+  // It stays put while stop() runs, so that a task's worker does not change.
   std::atomic<unsigned int> workerCount{0};
   // Workers watching for a task before they sleep, over all queues.
   std::atomic<int> watchers{0};
+  // Held through stop(): a second caller waits for the first to finish.
+  Lock stopLock;
 };
 
 }  // namespace detail
@@ -64,7 +74,7 @@ class MyThread : public Thread {
     queue.shareWatchers(&pool->watchers);
   }
 
-  void run() override { detail::RunWorker(queue, pool_->name, kCategory); }
+  void run() override { detail::RunWorker(pool_, queue, pool_->name, kCategory); }
 
   detail::TaskQueue queue;
 
@@ -79,11 +89,23 @@ using sealed::_AffinityThreadPool::MyThread;
 
 namespace {
 
-void DeleteWorkers(detail::AffinityThreadPoolPrivate* d) {
-  for (MyThread*& worker : d->workers) {
-    lang::AccountedDelete(worker, ZORV_ACCOUNTING_SITE(kSource, "~MyThread"));
+// Puts `task` on the queue of its worker. The affinity is asked before the
+// wait budget starts.
+bool AddToWorker(detail::AffinityThreadPoolPrivate* d, ITask* task, bool timed, unsigned int ms) {
+  const unsigned int count = d->workerCount.load(std::memory_order_acquire);
+  if (count == 0) detail::Refuse(task, kAddTask);
+  unsigned int index;
+  try {
+    index = task->getAffinity() % count;
+  } catch (...) {
+    task->dispose();
+    throw;
   }
-  d->workers.clear();
+  {
+    detail::WorkerUse use(d->users[index]);
+    if (use.entered()) return detail::PutTask(d->workers[index]->queue, task, timed, ms, kAddTask);
+  }
+  detail::Refuse(task, kAddTask);  // that worker was stopped
 }
 
 }  // namespace
@@ -93,14 +115,13 @@ AffinityThreadPool::AffinityThreadPool(unsigned int threadNum)
 
 AffinityThreadPool::AffinityThreadPool(unsigned int threadNum, const SafeString& name)
     : d_(nullptr) {
+  const unsigned int count = detail::WorkerCount(threadNum);
   d_ = lang::AccountedNewOrThrow<detail::AffinityThreadPoolPrivate>(
-      ZORV_ACCOUNTING_SITE(kSource, "AffinityThreadPool"), name);
+      ZORV_ACCOUNTING_SITE(kSource, "AffinityThreadPool"), name, count);
   try {
-    const unsigned int count = detail::WorkerCount(threadNum);
     detail::StartWorkers<MyThread>(d_, count, kSource);
   } catch (...) {
     stop();
-    DeleteWorkers(d_);
     lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~AffinityThreadPool"));
     throw;
   }
@@ -108,28 +129,13 @@ AffinityThreadPool::AffinityThreadPool(unsigned int threadNum, const SafeString&
 
 AffinityThreadPool::~AffinityThreadPool() {
   stop();
-  DeleteWorkers(d_);
   lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~AffinityThreadPool"));
 }
 
-void AffinityThreadPool::addTask(ITask* task) {
-  const unsigned int count = d_->workerCount.load(std::memory_order_acquire);
-  (void)detail::AddTaskTo(
-      count, task,
-      [this, task, count]() -> detail::TaskQueue& {
-        return d_->workers[task->getAffinity() % count]->queue;
-      },
-      false, 0, kAddTask);
-}
+void AffinityThreadPool::addTask(ITask* task) { (void)AddToWorker(d_, task, false, 0); }
 
 bool AffinityThreadPool::tryAddTask(ITask* task, unsigned int ms) {
-  const unsigned int count = d_->workerCount.load(std::memory_order_acquire);
-  return detail::AddTaskTo(
-      count, task,
-      [this, task, count]() -> detail::TaskQueue& {
-        return d_->workers[task->getAffinity() % count]->queue;
-      },
-      true, ms, kAddTask);
+  return AddToWorker(d_, task, true, ms);
 }
 
 void AffinityThreadPool::setMaxTaskNum(unsigned int n) {
@@ -138,25 +144,33 @@ void AffinityThreadPool::setMaxTaskNum(unsigned int n) {
   const unsigned int share = n / count;
   const unsigned int bound = share < kMinBound ? kMinBound : share;
   for (unsigned int i = 0; i < count; ++i) {
-    d_->workers[i]->queue.maxTaskNum.store(bound, std::memory_order_relaxed);
+    detail::WorkerUse use(d_->users[i]);
+    if (use.entered()) d_->workers[i]->queue.setBound(bound);
   }
 }
 
 void AffinityThreadPool::stop() {
-  if (d_ == nullptr || d_->workerCount.load(std::memory_order_acquire) == 0) return;
-  // One worker after another: each drains its own queue up to its marker and
-  // is joined before the next is told to stop.
-  for (MyThread* worker : d_->workers) {
-    (void)worker->queue.putMarker();
+  if (d_ == nullptr) return;
+  if (detail::IsWorkerOf(d_)) throw lang::Exception(kStop, kFromWorker);
+  Locker hold(&d_->stopLock, false);
+  const unsigned int count = d_->workerCount.load(std::memory_order_acquire);
+  if (count == 0) return;
+  // One worker after another: its marker closes its queue, so a task that
+  // would land behind the marker is refused; the worker drains its queue up
+  // to the marker and is joined, then deleted once no producer is inside.
+  // The later workers keep running and accepting tasks meanwhile.
+  for (unsigned int i = 0; i < count; ++i) {
+    MyThread*& worker = d_->workers[i];
+    (void)worker->queue.putMarker(true);
     worker->wait();
-    worker->queue.close();
+    d_->users[i].retire();
+    lang::AccountedDelete(worker, ZORV_ACCOUNTING_SITE(kSource, "~MyThread"));
   }
+  d_->workers.clear();
   d_->workerCount.store(0, std::memory_order_release);
 }
 
-bool AffinityThreadPool::isMyThread() const {
-  return d_->ids.count(Thread::CurrentID()) != 0;
-}
+bool AffinityThreadPool::isMyThread() const { return d_->ids.count(Thread::CurrentID()) != 0; }
 
 unsigned int AffinityThreadPool::threadNum() const {
   return d_->workerCount.load(std::memory_order_acquire);
@@ -164,12 +178,14 @@ unsigned int AffinityThreadPool::threadNum() const {
 
 unsigned int AffinityThreadPool::maxTaskNum(unsigned int index) const {
   if (index >= d_->workerCount.load(std::memory_order_acquire)) return 0;
-  return d_->workers[index]->queue.maxTaskNum.load(std::memory_order_relaxed);
+  detail::WorkerUse use(d_->users[index]);
+  return use.entered() ? d_->workers[index]->queue.maxTaskNum.load(std::memory_order_relaxed) : 0;
 }
 
 unsigned long long AffinityThreadPool::workerThreadID(unsigned int index) const {
   if (index >= d_->workerCount.load(std::memory_order_acquire)) return 0;
-  return d_->workers[index]->threadID();
+  detail::WorkerUse use(d_->users[index]);
+  return use.entered() ? d_->workers[index]->threadID() : 0;
 }
 
 SafeString AffinityThreadPool::name() const { return d_->name; }

@@ -77,7 +77,7 @@ void TaskQueue::reserveMarkers(unsigned int markers) {
   markerRoom += markers;
 }
 
-TaskQueue::Result TaskQueue::putMarker() {
+TaskQueue::Result TaskQueue::putMarker(bool last) {
   TaskWaiter* served;
   {
     acquire();
@@ -90,6 +90,11 @@ TaskQueue::Result TaskQueue::putMarker() {
       grow(1);  // more markers than were reserved for
     }
     if (served == nullptr) push(nullptr);
+    if (last) {
+      // Under the same hold as the marker: no producer gets in behind it.
+      closed = true;
+      if (full != 0) notFull.notifyAll(locker);
+    }
   }
   Serve(served);
   return kAdded;
@@ -122,7 +127,15 @@ TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long 
       (void)notFull.tryWait(locker, remaining);
       --full;
       const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
-      if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) return kTimedOut;
+      if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) {
+        // The wake-up that ended this wait may have been meant for room that
+        // is now there: hand it on rather than leave a producer asleep.
+        if (full != 0 &&
+            queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
+          notFull.notify(locker);
+        }
+        return kTimedOut;
+      }
       remaining -= static_cast<unsigned int>(elapsed);
     }
     served = appendTask(task);
@@ -131,11 +144,14 @@ TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long 
   return kAdded;
 }
 
-void TaskQueue::close() {
+void TaskQueue::setBound(unsigned int bound) {
+  const unsigned int previous = maxTaskNum.exchange(bound, std::memory_order_relaxed);
+  if (bound <= previous) return;
+  // Under the lock, so that a producer between its check and its wait is
+  // not missed.
   acquire();
   Locker locker(&lock, true);
-  closed = true;
-  notFull.notifyAll(locker);
+  if (full != 0) notFull.notifyAll(locker);
 }
 
 ITask* TaskQueue::take(TaskWaiter& self) {
@@ -272,7 +288,15 @@ ITask** TaskQueue::shrink() {
   return old;
 }
 
-void RunWorker(TaskQueue& queue, const SafeString& name, const char* category) {
+namespace {
+
+// The pool whose worker the calling thread is; null on other threads.
+thread_local const void* tlsWorkerOwner = nullptr;
+
+}  // namespace
+
+void RunWorker(const void* owner, TaskQueue& queue, const SafeString& name, const char* category) {
+  tlsWorkerOwner = owner;
   try {
     debug::ChronoMonitor::SetThreadName(name);
   } catch (...) {
@@ -295,12 +319,56 @@ void RunWorker(TaskQueue& queue, const SafeString& name, const char* category) {
   }
 }
 
+bool IsWorkerOf(const void* owner) { return owner != nullptr && tlsWorkerOwner == owner; }
+
+void Refuse(ITask* task, const char* source) {
+  static const char kStopped[] = "executor has stopped";
+  task->dispose();
+  throw lang::Exception(source, kStopped);
+}
+
+bool PutTask(TaskQueue& queue, ITask* task, bool timed, unsigned int ms, const char* source) {
+  TaskQueue::Result added;
+  try {
+    added = timed ? queue.tryPut(task, ms, system::SystemUtils::GetTick()) : queue.put(task);
+  } catch (...) {
+    task->dispose();
+    throw;
+  }
+  if (added == TaskQueue::kClosed) Refuse(task, source);
+  return added == TaskQueue::kAdded;
+}
+
+bool WorkerUsers::enter() {
+  users_.fetch_add(1, std::memory_order_seq_cst);
+  if (!retired_.load(std::memory_order_seq_cst)) return true;
+  leave();
+  return false;
+}
+
+void WorkerUsers::leave() {
+  if (users_.fetch_sub(1, std::memory_order_seq_cst) == 1 &&
+      retired_.load(std::memory_order_seq_cst)) {
+    WakeWord(&users_);
+  }
+}
+
+// Paired with enter(): a producer either sees the flag or is counted here.
+void WorkerUsers::retire() {
+  retired_.store(true, std::memory_order_seq_cst);
+  for (;;) {
+    const int inside = users_.load(std::memory_order_seq_cst);
+    if (inside == 0) return;
+    SleepOnWord(&users_, inside);
+  }
+}
+
 unsigned int WorkerCount(unsigned int requested) {
   if (requested != 0) return requested < kMaxWorkers ? requested : kMaxWorkers;
   const long processors = static_cast<long>(system::SystemUtils::GetProcessorNum());
   if (processors <= 0) return 1;
   return processors < static_cast<long>(kMaxWorkers) ? static_cast<unsigned int>(processors)
-                                                      : kMaxWorkers;
+                                                     : kMaxWorkers;
 }
 
 }  // namespace detail

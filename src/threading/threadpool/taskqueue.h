@@ -1,6 +1,6 @@
 // Private: the bounded FIFO task queue shared by both thread pools, and the
 // steps both pools take alike (running a task, counting and starting workers,
-// adding a task).
+// adding a task, refusing one).
 #ifndef ZORV_FOUNDATION_SRC_THREADING_THREADPOOL_TASKQUEUE_H_
 #define ZORV_FOUNDATION_SRC_THREADING_THREADPOOL_TASKQUEUE_H_
 
@@ -70,9 +70,12 @@ struct TaskQueue {
   void reserveMarkers(unsigned int markers);
 
   // Appends a stop marker in the room kept for it, waiting while the queue
-  // is full; a waiting consumer is given the marker directly. kClosed once
-  // the queue was closed.
-  Result putMarker();
+  // is full; a waiting consumer is given the marker directly. With `last`
+  // the queue is closed in the same step: every later put and tryPut is
+  // refused with kClosed, and producers waiting for room are woken to be
+  // refused, so that no task ever lands behind the last marker. kClosed
+  // once the queue was closed.
+  Result putMarker(bool last);
 
   // Appends `task`, waiting while the queue is full. kClosed once the queue
   // was closed. Throws std::bad_alloc, leaving the queue as it was, when the
@@ -81,13 +84,13 @@ struct TaskQueue {
 
   // Appends `task`, waiting for room at most until `ms` milliseconds after
   // `startTick`, charged from the start tick on every pass. kTimedOut or
-  // kClosed leave the queue as it was; std::bad_alloc as for put.
+  // kClosed leave the queue as it was; std::bad_alloc as for put. A
+  // producer that gives up while there is room passes the wake-up it may
+  // have taken on to the next waiting producer.
   Result tryPut(ITask* task, unsigned int ms, unsigned long long startTick);
 
-  // Refuses every later entry and wakes producers still waiting for room:
-  // called once the consumers have ended, so that a producer that raced with
-  // stopping is turned away instead of waiting for ever.
-  void close();
+  // Sets the bound; producers waiting for room are woken when it grows.
+  void setBound(unsigned int bound);
 
   // Counts this queue's watching consumers in `count` instead of its own,
   // so that the queues of one pool let only one of their consumers watch at
@@ -101,7 +104,7 @@ struct TaskQueue {
   // Entries in the ring (tasks and stop markers). Changed only under the
   // lock; atomic so that snapshots may be read without it.
   std::atomic<unsigned int> queued{0};
-  // The bound; written without the lock by setMaxTaskNum.
+  // The bound; written by setBound without the lock.
   std::atomic<unsigned int> maxTaskNum{1000000};
 
  private:
@@ -121,7 +124,7 @@ struct TaskQueue {
   std::size_t head = 0;
   // Slots kept free for the stop markers still to come; under the lock.
   std::size_t markerRoom = 0;
-  // Set by close(); read and written under the lock.
+  // Set with the last stop marker; read and written under the lock.
   bool closed = false;
   // Consumers waiting for an entry, latest first; non-empty only while the
   // queue is empty. Under the lock.
@@ -136,48 +139,66 @@ struct TaskQueue {
   LockCondition notFull;
 };
 
-// The loop of a worker: names the thread `name` for the debug-support
-// reports, then takes tasks from `queue` until a stop marker, running each
-// inside the timing scope of `category` and disposing it. A run() that
-// throws gets the task's interruption hook called; the exception goes no
-// further.
-void RunWorker(TaskQueue& queue, const SafeString& name, const char* category);
+// The loop of a worker of the pool `owner`: names the thread `name` for the
+// debug-support reports, then takes tasks from `queue` until a stop marker,
+// running each inside the timing scope of `category` and disposing it. A
+// run() that throws gets the task's interruption hook called; the exception
+// goes no further.
+void RunWorker(const void* owner, TaskQueue& queue, const SafeString& name, const char* category);
+
+// True when the calling thread runs RunWorker for the pool `owner`.
+bool IsWorkerOf(const void* owner);
 
 // The worker count for a requested number: min(n, 300), or for 0 the
 // processor count capped at 300 and at least 1.
 unsigned int WorkerCount(unsigned int requested);
 
-// The adding protocol of both pools. With no worker running, the task is
-// disposed and Exception(source, "executor has stopped") thrown. Otherwise
-// `pick()` chooses the queue (it may throw) and the task is put there:
-// waiting for room, or with `timed` for at most about `ms` milliseconds.
-// Returns false on a time-out, leaving the task with the caller; every other
-// failure disposes the task before the exception passes on (a queue closed
-// meanwhile counts as stopped).
-template <class Pick>
-bool AddTaskTo(unsigned int workerCount, ITask* task, Pick pick, bool timed, unsigned int ms,
-               const char* source) {
-  static const char kStopped[] = "executor has stopped";
-  if (workerCount == 0) {
-    task->dispose();
-    throw lang::Exception(source, kStopped);
+// Disposes `task` and throws Exception(source, "executor has stopped").
+[[noreturn]] void Refuse(ITask* task, const char* source);
+
+// Puts `task` on `queue`: waiting for room, or with `timed` for at most
+// about `ms` milliseconds from now. Returns true when the task was queued
+// and false on a time-out, leaving the task with the caller; a closed queue
+// refuses the task as a stopped pool does (see Refuse), and std::bad_alloc
+// passes on after the task was disposed.
+bool PutTask(TaskQueue& queue, ITask* task, bool timed, unsigned int ms, const char* source);
+
+// Counts the producers that use one worker of a pool without holding its
+// stop lock, so that stop() deletes the worker only after the last of them
+// has left. Once the worker is retired, producers are turned away at the
+// door instead.
+class WorkerUsers {
+ public:
+  // Enters; false (and not entered) when the worker is retired.
+  bool enter();
+  // Leaves after a successful enter(); wakes a retiring stop() when last.
+  void leave();
+  // Turns later producers away and waits until those inside have left.
+  // REQUIRES: nothing keeps a producer inside for ever (the worker's queue
+  // is closed, so that none waits for room).
+  void retire();
+
+ private:
+  std::atomic<int> users_{0};
+  std::atomic<bool> retired_{false};
+};
+
+// A scoped WorkerUsers::enter() and leave().
+class WorkerUse {
+ public:
+  explicit WorkerUse(WorkerUsers& users) : users_(users), entered_(users.enter()) {}
+  ~WorkerUse() {
+    if (entered_) users_.leave();
   }
-  const unsigned long long start = timed ? system::SystemUtils::GetTick() : 0;
-  TaskQueue::Result added = TaskQueue::kAdded;
-  try {
-    TaskQueue& queue = pick();
-    added = timed ? queue.tryPut(task, ms, start) : queue.put(task);
-  } catch (...) {
-    task->dispose();
-    throw;
-  }
-  if (added == TaskQueue::kTimedOut) return false;
-  if (added == TaskQueue::kClosed) {
-    task->dispose();
-    throw lang::Exception(source, kStopped);
-  }
-  return true;
-}
+  WorkerUse(const WorkerUse&) = delete;
+  WorkerUse& operator=(const WorkerUse&) = delete;
+
+  bool entered() const { return entered_; }
+
+ private:
+  WorkerUsers& users_;
+  const bool entered_;
+};
 
 // Creates and starts `count` workers of type W, each constructed from
 // `pool`, and appends them to pool->workers and their thread ids to

@@ -20,6 +20,8 @@ constexpr char kSource[] = "../threading/threadpool/threadpool.cpp";
 constexpr char kDefaultName[] = "zorv.foundation.threading.ThreadPool";
 constexpr char kCategory[] = "zorv.foundation.threading.ThreadPool";
 constexpr char kAddTask[] = "zorv.foundation.threading.ThreadPool.addTask";
+constexpr char kStop[] = "zorv.foundation.threading.ThreadPool.stop";
+constexpr char kFromWorker[] = "called from a worker";
 constexpr unsigned int kMinBound = 100;
 
 }  // namespace
@@ -43,6 +45,8 @@ struct ThreadPoolPrivate {
       ids;
   // workers.size(), readable without the lock: 0 means stopped.
   std::atomic<unsigned int> workerCount{0};
+  // Held through stop(): a second caller waits for the first to finish.
+  Lock stopLock;
 };
 
 }  // namespace detail
@@ -55,7 +59,7 @@ class MyThread : public Thread {
  public:
   explicit MyThread(detail::ThreadPoolPrivate* pool) : pool_(pool) {}
 
-  void run() override { detail::RunWorker(pool_->queue, pool_->name, kCategory); }
+  void run() override { detail::RunWorker(pool_, pool_->queue, pool_->name, kCategory); }
 
  private:
   detail::ThreadPoolPrivate* pool_;
@@ -91,33 +95,36 @@ ThreadPool::~ThreadPool() {
 }
 
 void ThreadPool::addTask(ITask* task) {
-  (void)detail::AddTaskTo(
-      d_->workerCount.load(std::memory_order_acquire), task,
-      [this]() -> detail::TaskQueue& { return d_->queue; }, false, 0, kAddTask);
+  if (d_->workerCount.load(std::memory_order_acquire) == 0) detail::Refuse(task, kAddTask);
+  (void)detail::PutTask(d_->queue, task, false, 0, kAddTask);
 }
 
 bool ThreadPool::tryAddTask(ITask* task, unsigned int ms) {
-  return detail::AddTaskTo(
-      d_->workerCount.load(std::memory_order_acquire), task,
-      [this]() -> detail::TaskQueue& { return d_->queue; }, true, ms, kAddTask);
+  if (d_->workerCount.load(std::memory_order_acquire) == 0) detail::Refuse(task, kAddTask);
+  return detail::PutTask(d_->queue, task, true, ms, kAddTask);
 }
 
 void ThreadPool::setMaxTaskNum(unsigned int n) {
-  d_->queue.maxTaskNum.store(n < kMinBound ? kMinBound : n, std::memory_order_relaxed);
+  d_->queue.setBound(n < kMinBound ? kMinBound : n);
 }
 
 void ThreadPool::stop() {
-  if (d_ == nullptr || d_->workers.empty()) return;
+  if (d_ == nullptr) return;
+  if (detail::IsWorkerOf(d_)) throw lang::Exception(kStop, kFromWorker);
+  Locker hold(&d_->stopLock, false);
+  if (d_->workers.empty()) return;
   // The markers queue behind every task already present; each worker ends at
-  // the first marker it takes.
-  for (std::size_t i = 0; i < d_->workers.size(); ++i) (void)d_->queue.putMarker();
+  // the first marker it takes, so every entry before the last marker is
+  // taken by a worker still running. The last marker closes the queue: a
+  // task that would land behind it is refused instead.
+  const std::size_t markers = d_->workers.size();
+  for (std::size_t i = 0; i < markers; ++i) (void)d_->queue.putMarker(i + 1 == markers);
   for (MyThread*& worker : d_->workers) {
     worker->wait();
     lang::AccountedDelete(worker, ZORV_ACCOUNTING_SITE(kSource, "~MyThread"));
   }
   d_->workers.clear();
   d_->workerCount.store(0, std::memory_order_release);
-  d_->queue.close();
 }
 
 bool ThreadPool::isMyThread() const { return d_->ids.count(Thread::CurrentID()) != 0; }

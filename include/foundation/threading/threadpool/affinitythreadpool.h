@@ -26,15 +26,16 @@ struct AffinityThreadPoolPrivate;
 //
 // Ownership: as ThreadPool. The pool owns every task it accepts and disposes
 // it after its run() returned or threw; a failed addTask disposes it; a
-// tryAddTask that returns false leaves it with the caller.
+// tryAddTask that returns false leaves it with the caller. The pool owns its
+// workers and deletes each one in stop().
 //
-// Thread safety: addTask, tryAddTask and isMyThread from any thread; stop()
-// and the destructor from one controlling thread that is not a worker.
-// Producers contend only with producers that target the same worker. As with
-// ThreadPool, a task added by another thread while stop() runs may land
-// behind a worker's stop marker and is then neither run nor disposed; once a
-// worker has ended, producers that target it are refused with "executor has
-// stopped" (the task disposed).
+// Thread safety: addTask, tryAddTask, setMaxTaskNum, the accessors and
+// isMyThread from any thread, also while stop() runs; stop() from any thread
+// but a worker of this pool (see stop()). Producers contend only with
+// producers that target the same worker. A task added while stop() runs is
+// either queued before its worker's stop marker, and then runs, or refused
+// with "executor has stopped" (the task disposed): none is ever left in a
+// queue unrun. The destructor must not race with other calls.
 class ZORV_FOUNDATION_EXPORT AffinityThreadPool : public IExecutor {
  public:
   // Starts min(threadNum, 300) workers; threadNum 0 means one per processor
@@ -48,6 +49,7 @@ class ZORV_FOUNDATION_EXPORT AffinityThreadPool : public IExecutor {
   AffinityThreadPool(unsigned int threadNum, const SafeString& name);
 
   // Performs stop(): blocks until every queued task has run.
+  // REQUIRES: not called from one of this pool's workers.
   ~AffinityThreadPool() override;
 
   AffinityThreadPool(const AffinityThreadPool&) = delete;
@@ -57,26 +59,35 @@ class ZORV_FOUNDATION_EXPORT AffinityThreadPool : public IExecutor {
   // blocking while that worker's queue is full (even when other workers are
   // idle). The pool owns the task in every case.
   // Throws Exception ("zorv.foundation.threading.AffinityThreadPool.addTask",
-  // "executor has stopped") after stop(), std::bad_alloc when the queue
-  // must grow and cannot; either way the task has been disposed.
+  // "executor has stopped") once stop() has closed that worker's queue
+  // (see stop()), std::bad_alloc when the queue must grow and cannot; either
+  // way the task has been disposed.
   // REQUIRES: task is not null.
   void addTask(ITask* task) override;
 
   // Like addTask, but waits for room at most about `ms` milliseconds, charged
-  // as in ThreadPool::tryAddTask. Returns false on time-out: the task is not
-  // disposed and still belongs to the caller. Throws as addTask.
+  // as in ThreadPool::tryAddTask from the moment getAffinity() has returned.
+  // Returns false on time-out: the task is not disposed and still belongs to
+  // the caller. Throws as addTask (the task disposed).
   // REQUIRES: task is not null.
   [[nodiscard]] bool tryAddTask(ITask* task, unsigned int ms) override;
 
-  // Gives every worker the bound max(n / threadNum(), 100). Does nothing
-  // after stop().
+  // Gives every worker the bound max(n / threadNum(), 100); producers that
+  // wait for room are woken when it grows. Does nothing after stop().
   void setMaxTaskNum(unsigned int n);
 
-  // Stops the workers one after another in index order: each runs every task
-  // in its queue, then ends and is joined before the next is told to stop.
-  // Afterwards addTask and tryAddTask throw "executor has stopped". Stopping
-  // a stopped pool returns at once.
-  // REQUIRES: not called from one of this pool's workers.
+  // Stops the workers one after another in index order: a worker's queue is
+  // closed in the step that queues its stop marker, the worker runs every
+  // task before the marker, then ends and is joined and deleted before the
+  // next is told to stop. The later workers keep running and accepting tasks
+  // meanwhile. A task for a worker whose queue was closed (also one that was
+  // waiting for room), and every task after stop(), is disposed and refused
+  // with "executor has stopped". Stopping a stopped pool returns at once; a
+  // stop() that races with another waits until that one has finished.
+  // Throws Exception ("zorv.foundation.threading.AffinityThreadPool.stop",
+  // "called from a worker") when called from one of this pool's workers,
+  // which cannot join themselves; the pool is left running. The destructor
+  // therefore must not run on a worker either.
   void stop();
 
   // True when the calling thread is one of this pool's workers (also after
@@ -86,12 +97,12 @@ class ZORV_FOUNDATION_EXPORT AffinityThreadPool : public IExecutor {
   // The number of workers: as started, 0 after stop().
   unsigned int threadNum() const;
 
-  // The queue bound of worker `index`; 0 for an index out of range or after
-  // stop().
+  // The queue bound of worker `index`; 0 for an index out of range, for a
+  // worker already stopped, or after stop().
   unsigned int maxTaskNum(unsigned int index) const;
 
   // The thread id (Thread::threadID()) of worker `index`; 0 for an index
-  // out of range or after stop().
+  // out of range, for a worker already stopped, or after stop().
   unsigned long long workerThreadID(unsigned int index) const;
 
   // The pool's name.

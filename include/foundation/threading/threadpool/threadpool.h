@@ -26,14 +26,12 @@ struct ThreadPoolPrivate;
 // interrupted() hook called; the worker goes on with the next task). The
 // pool owns its workers.
 //
-// Thread safety: addTask, tryAddTask and isMyThread may be called from any
-// thread. stop() and the destructor belong to one controlling thread and must
-// never be called from a worker (the worker would join itself). A task added
-// by another thread while stop() runs may land behind the workers' stop
-// markers: it is then never run, and the destructor drops it from the queue
-// without disposing it. Once the workers have ended, producers still waiting
-// for room, and later ones, are refused with "executor has stopped" (the task
-// disposed).
+// Thread safety: addTask, tryAddTask, setMaxTaskNum and isMyThread may be
+// called from any thread, also while stop() runs; stop() from any thread but
+// a worker of this pool (see stop()). A task added while stop() runs is
+// either queued before the last stop marker, and then runs, or refused with
+// "executor has stopped" (the task disposed): none is ever left in the queue
+// unrun. The destructor must not race with other calls.
 class ZORV_FOUNDATION_EXPORT ThreadPool : public IExecutor {
  public:
   // Starts min(threadNum, 300) workers; threadNum 0 means one per processor
@@ -48,6 +46,7 @@ class ZORV_FOUNDATION_EXPORT ThreadPool : public IExecutor {
   ThreadPool(unsigned int threadNum, const SafeString& name);
 
   // Performs stop(): blocks until every queued task has run.
+  // REQUIRES: not called from one of this pool's workers.
   ~ThreadPool() override;
 
   ThreadPool(const ThreadPool&) = delete;
@@ -56,8 +55,9 @@ class ZORV_FOUNDATION_EXPORT ThreadPool : public IExecutor {
   // Queues `task` behind the tasks already queued, blocking while the queue
   // holds the bound number of entries. The pool owns the task in every case.
   // Throws Exception ("zorv.foundation.threading.ThreadPool.addTask",
-  // "executor has stopped") after stop(), std::bad_alloc when the queue
-  // must grow and cannot; either way the task has been disposed.
+  // "executor has stopped") once stop() has closed the queue (see stop()),
+  // std::bad_alloc when the queue must grow and cannot; either way the task
+  // has been disposed.
   // REQUIRES: task is not null.
   void addTask(ITask* task) override;
 
@@ -71,13 +71,20 @@ class ZORV_FOUNDATION_EXPORT ThreadPool : public IExecutor {
   [[nodiscard]] bool tryAddTask(ITask* task, unsigned int ms) override;
 
   // Sets the queue bound to `n` entries, but never below 100 (0 to 99 set
-  // 100). It takes effect at the next check of a producer.
+  // 100). It takes effect at the next check of a producer; producers that
+  // wait for room are woken when the bound grows.
   void setMaxTaskNum(unsigned int n);
 
-  // Lets the workers run every task queued so far, then ends and joins them.
-  // Afterwards addTask and tryAddTask throw "executor has stopped". Stopping
-  // a stopped pool returns at once. Blocks until the queue is drained.
-  // REQUIRES: not called from one of this pool's workers.
+  // Lets the workers run every task queued so far, then ends, joins and
+  // deletes them. The queue is closed in the step that queues the last stop
+  // marker: from then on addTask and tryAddTask (also those still waiting
+  // for room) dispose the task and throw "executor has stopped". Stopping a
+  // stopped pool returns at once; a stop() that races with another waits
+  // until that one has finished. Blocks until the queue is drained.
+  // Throws Exception ("zorv.foundation.threading.ThreadPool.stop",
+  // "called from a worker") when called from one of this pool's workers,
+  // which cannot join themselves; the pool is left running. The destructor
+  // therefore must not run on a worker either.
   void stop();
 
   // True when the calling thread is one of this pool's workers (also after
