@@ -100,8 +100,8 @@ void TimersOverAStoppingPool() {
     Record record(2 * perRound);
     std::vector<ITimer*> timers;
     auto newTimer = [&](size_t i) {
-      timers.push_back(zf::lang::MakeDisposable<StressTimer>("StressTimer", &record, i, i % 3,
-                                                             i % 2 == 0));
+      timers.push_back(
+          zf::lang::MakeDisposable<StressTimer>("StressTimer", &record, i, i % 3, i % 2 == 0));
       return timers.back();
     };
     {
@@ -110,9 +110,8 @@ void TimersOverAStoppingPool() {
       for (size_t i = 0; i < perRound; ++i) scheduler.addTimer(newTimer(i));
       std::atomic<bool> stopping{false};
       std::thread stopper([&] {
-        (void)PollUntil([&] {
-          return stopping.load() || record.runs.load() >= static_cast<int>(round % 8);
-        });
+        (void)PollUntil(
+            [&] { return stopping.load() || record.runs.load() >= static_cast<int>(round % 8); });
         pool.stop();
       });
       for (size_t i = perRound; i < 2 * perRound; ++i) {
