@@ -4,10 +4,13 @@
 
 #include <atomic>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "foundation/debug/chronomonitor.h"
+#include "foundation/threading/threadpool/affinitythreadpool.h"
 #include "foundation/threading/threadpool/threadpool.h"
 #include "support/leakcheck.h"
 #include "support/taskprobe.h"
@@ -16,6 +19,9 @@ namespace {
 
 namespace zf = zorv::foundation;
 using zf::debug::ChronoMonitor;
+using zf::threading::AffinityThreadPool;
+using zf::threading::IExecutor;
+using zf::threading::ITask;
 using zf::threading::Thread;
 using zf::threading::ThreadPool;
 using zf::threading::TimerScheduler;
@@ -28,6 +34,34 @@ using zorv::test::Tick;
 using zorv::test::PollUntil;
 
 constexpr char kAddTimer[] = "zorv.foundation.threading.TimerScheduler.addTimer";
+
+// A probe timer whose isRepeat() or, after the first call, interval() may
+// throw, and whose getAffinity() reports that a hand-over is being made.
+class FaultyTimer : public ProbeTimer {
+ public:
+  using ProbeTimer::ProbeTimer;
+  bool isRepeat() override {
+    if (repeatThrows) throw std::runtime_error("isRepeat");
+    return ProbeTimer::isRepeat();
+  }
+  unsigned long long interval() override {
+    if (asked++ > 0 && intervalThrows) throw std::runtime_error("interval");
+    return delay;
+  }
+  unsigned int getAffinity() const override {
+    if (handedOver != nullptr) handedOver->store(true);
+    return 0;
+  }
+
+  bool repeatThrows = false;
+  bool intervalThrows = false;
+  int asked = 0;
+  std::atomic<bool>* handedOver = nullptr;
+};
+
+FaultyTimer* NewFaultyTimer(Tally* tally, int id, unsigned long long ms, int repeats) {
+  return zf::lang::MakeDisposable<FaultyTimer>("FaultyTimer", tally, id, ms, repeats);
+}
 
 // Every timer behaviour runs twice: on the scheduler thread, and through a
 // thread pool.
@@ -224,6 +258,68 @@ TEST_P(TimerSchedulerTest, FailingRunIsInterruptedAndARepeatingTimerStaysSchedul
   EXPECT_EQ(tally.interrupts.load(), 4);
 }
 
+TEST_P(TimerSchedulerTest, ATimerWhoseIsRepeatOrIntervalThrowsEndsAndIsDisposed) {
+  struct Case {
+    const char* name;
+    bool repeatThrows;
+    bool intervalThrows;
+  };
+  const Case cases[] = {{"isRepeat", true, false}, {"interval", false, true}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Tally tally;
+    FaultyTimer* timer = NewFaultyTimer(&tally, 1, 1, -1);
+    timer->repeatThrows = c.repeatThrows;
+    timer->intervalThrows = c.intervalThrows;
+    scheduler().addTimer(timer);
+    ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
+    EXPECT_EQ(tally.runs.load(), 1);
+    EXPECT_EQ(tally.interrupts.load(), 1);
+    EXPECT_EQ(scheduler().timerNum(), 0u);
+  }
+}
+
+TEST_P(TimerSchedulerTest, ARepeatingTimerRunsOnWhenMemoryRunsOut) {
+  Tally tally;
+  ProbeTimer* timer = NewTimer(&tally, 1, 5, -1);
+  scheduler().addTimer(timer);
+  EXPECT_TRUE(PollUntil([&] { return tally.runs.load() >= 1; }));
+  // The n-th allocation anywhere fails, for each n over a few runs and
+  // re-armings.
+  for (unsigned int n = 1; n <= 4; ++n) {
+    SCOPED_TRACE(n);
+    const int before = tally.runs.load();
+    zorv::test::FailAfterGuard fail(n);
+    if (!PollUntil([&] { return tally.runs.load() >= before + 3; })) {
+      ADD_FAILURE() << "the timer stopped running";
+      break;
+    }
+  }
+  EXPECT_EQ(tally.disposals.load(), 0);
+  EXPECT_EQ(tally.interrupts.load(), 0);
+  EXPECT_EQ(scheduler().timerNum(), 1u);
+  scheduler().removeTimer(timer, true);  // before the tally goes
+  EXPECT_EQ(tally.disposals.load(), 1);
+}
+
+TEST_P(TimerSchedulerTest, AnIntervalPastTheEndOfTheClockNeverFires) {
+  Tally tally;
+  const unsigned long long intervals[] = {~0ULL, ~0ULL - 1000};
+  std::vector<ProbeTimer*> never;
+  for (unsigned long long interval : intervals) {
+    never.push_back(NewTimer(&tally, 1, interval, -1));
+    scheduler().addTimer(never.back());
+  }
+  // A later timer still wakes the scheduler, and runs after anything that
+  // was wrongly due at once.
+  scheduler().addTimer(NewTimer(&tally, 2, 30));
+  EXPECT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
+  EXPECT_EQ(tally.runs.load(), 1);
+  EXPECT_EQ(scheduler().timerNum(), 2u);
+  for (ProbeTimer* timer : never) scheduler().removeTimer(timer, true);
+  EXPECT_EQ(tally.disposals.load(), 3);
+}
+
 TEST_P(TimerSchedulerTest, TimersRunWhereTheSchedulerSendsThem) {
   Tally tally;
   std::atomic<bool> onPool{false};
@@ -273,17 +369,115 @@ TEST_P(TimerSchedulerTest, TimersMayAddAndRemoveTimersFromTheirRun) {
 
 using TimerSchedulerFaultTest = zorv::test::LeakCheckedTest;
 
-TEST_F(TimerSchedulerFaultTest, AStoppedExecutorInterruptsTheTimersItRefuses) {
+TEST_F(TimerSchedulerFaultTest, AStoppedPoolEndsTheTimersItRefuses) {
   Tally tally;
   ThreadPool pool(1);
   TimerScheduler scheduler(&pool);
   pool.stop();
   scheduler.addTimer(NewTimer(&tally, 1, 1));
-  scheduler.addTimer(NewTimer(&tally, 2, 2, 3));  // repeats while refused
-  ASSERT_TRUE(PollUntil([&] { return tally.interrupts.load() >= 5; }));
-  scheduler.stop();
+  scheduler.addTimer(NewTimer(&tally, 2, 2, -1));  // would repeat for ever
+  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 2; }));
+  EXPECT_EQ(tally.interrupts.load(), 2);
   EXPECT_EQ(tally.runs.load(), 0);
-  EXPECT_EQ(tally.disposals.load(), 2);
+  EXPECT_EQ(scheduler.timerNum(), 0u);
+}
+
+// An executor that refuses every task: it may first discard the task with
+// its interruption hook, then disposes it and throws.
+class RefusingExecutor : public IExecutor {
+ public:
+  RefusingExecutor(bool discardFirst, bool outOfMemory)
+      : discardFirst_(discardFirst), outOfMemory_(outOfMemory) {}
+  void addTask(ITask* task) override {
+    if (discardFirst_) task->notifyInterrupted();
+    task->dispose();
+    if (outOfMemory_) throw std::bad_alloc();
+    throw zf::lang::Exception("test.RefusingExecutor.addTask", "executor has stopped");
+  }
+  bool tryAddTask(ITask* task, unsigned int) override {
+    addTask(task);
+    return true;
+  }
+
+ private:
+  bool discardFirst_;
+  bool outOfMemory_;
+};
+
+TEST_F(TimerSchedulerFaultTest, ARefusedHandOverEndsTheTimerUnlessMemoryRanOut) {
+  struct Case {
+    const char* name;
+    bool discardFirst;
+    bool outOfMemory;
+    bool ends;
+  };
+  const Case cases[] = {{"stopped", false, false, true},
+                        {"discarded, then stopped", true, false, true},
+                        {"out of memory", false, true, false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Tally tally;
+    RefusingExecutor executor(c.discardFirst, c.outOfMemory);
+    TimerScheduler scheduler(&executor);
+    scheduler.addTimer(NewTimer(&tally, 1, 1, -1));
+    if (c.ends) {
+      ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
+      EXPECT_EQ(tally.interrupts.load(), 1) << "interrupted once per refusal";
+      EXPECT_EQ(scheduler.timerNum(), 0u);
+    } else {
+      ASSERT_TRUE(PollUntil([&] { return tally.interrupts.load() >= 3; }));
+      EXPECT_EQ(tally.disposals.load(), 0) << "still scheduled";
+      EXPECT_EQ(scheduler.timerNum(), 1u);
+    }
+    scheduler.stop();
+    EXPECT_EQ(tally.disposals.load(), 1);
+    EXPECT_EQ(tally.runs.load(), 0);
+  }
+}
+
+// A run that removes another timer whose next run was already handed to the
+// same single worker: the waiting run is cancelled instead of waited for.
+// The removal is made for the run by a helper thread, so that a wait for the
+// queued run fails the test instead of blocking the only worker for ever.
+template <class Pool>
+void RemoveATimerQueuedBehindTheCaller() {
+  Tally tally;
+  Pool pool(1);
+  TimerScheduler scheduler(&pool);
+  std::atomic<bool> handedOver{false};
+  std::atomic<bool> removed{false};
+  std::atomic<int> disposalsAtReturn{-1};
+  FaultyTimer* victim = NewFaultyTimer(&tally, 2, 20, -1);
+  victim->handedOver = &handedOver;
+  std::thread remover;
+  ProbeTimer* caller = NewTimer(&tally, 1, 1);
+  caller->body = [&] {
+    EXPECT_TRUE(PollUntil([&] { return handedOver.load(); }));
+    remover = std::thread([&] {
+      scheduler.removeTimer(victim, true);
+      disposalsAtReturn = tally.disposals.load();
+      removed = true;
+    });
+    EXPECT_TRUE(PollUntil([&] { return removed.load(); })) << "removeTimer waited for a queued run";
+  };
+  scheduler.addTimer(victim);
+  scheduler.addTimer(caller);
+  EXPECT_TRUE(PollUntil([&] { return tally.disposals.load() == 2; }));
+  scheduler.stop();  // the caller's run has ended, and with it the helper's start
+  if (remover.joinable()) remover.join();
+  EXPECT_EQ(disposalsAtReturn.load(), 1) << "the removed timer was disposed before the return";
+  EXPECT_EQ(tally.runs.load(), 1) << "the cancelled run did not run";
+}
+
+TEST_F(TimerSchedulerFaultTest, RemovingATimerQueuedBehindTheCallerOnOneWorkerReturns) {
+  {
+    SCOPED_TRACE("ThreadPool");
+    RemoveATimerQueuedBehindTheCaller<ThreadPool>();
+  }
+  {
+    SCOPED_TRACE("AffinityThreadPool");
+    RemoveATimerQueuedBehindTheCaller<AffinityThreadPool>();
+  }
 }
 
 TEST_F(TimerSchedulerFaultTest, DestroyingARunningSchedulerDisposesItsTimers) {

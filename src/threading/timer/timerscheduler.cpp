@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <new>
 #include <unordered_map>
 #include <utility>
 
@@ -25,6 +26,9 @@ constexpr char kSource[] = "../threading/timer/timerscheduler.cpp";
 constexpr char kThreadName[] = "zorv.foundation.threading.TimerScheduler";
 constexpr char kAddTimer[] = "zorv.foundation.threading.TimerScheduler.addTimer";
 constexpr char kStopped[] = "scheduler has been stopped";
+// The longest single sleep of the scheduler thread: a far due time is
+// approached in steps that fit the condition's 32-bit time-out.
+constexpr unsigned long long kMaxSleepMs = 3600000;
 
 }  // namespace
 
@@ -59,6 +63,13 @@ struct TimerSchedulerPrivate {
 
   explicit TimerSchedulerPrivate(IExecutor* exec) : executor(exec), condition(lock) {}
 
+  // GetTick() + ms, held at the largest tick when the sum would wrap: such
+  // a timer is never due.
+  static unsigned long long DueIn(unsigned long long ms) {
+    const unsigned long long now = system::SystemUtils::GetTick();
+    return ms > ~0ULL - now ? ~0ULL : now + ms;
+  }
+
   // Set from construction until stop(); read and written under the lock.
   bool running = true;
   IExecutor* executor;
@@ -81,17 +92,24 @@ struct TimerSchedulerPrivate {
 
 namespace sealed {
 
-// The scheduler's wrapper around one user timer, shared by reference count
-// between the registration, the queue hand-over to a run and an executor.
-// Destroying it disposes the user's timer.
+// The scheduler's wrapper around one user timer. Its reference count keeps
+// the wrapper alive for the registration and for each hand-over to a run or
+// an executor; the user's timer has an owner of its own: whoever ends the
+// timer while no run of it is in progress takes it (under the lock) and
+// disposes it, or else the run in progress does when it ends.
+//
+// The wrapper keeps its queue entry for its whole life: taken out of the
+// queue it is parked in the wrapper, and queueing it again reuses it, so a
+// timer once added is re-armed without allocating.
 class _TimerScheduler::TimerTask : public ITimer {
  public:
   TimerTask(ITimer* timer, detail::TimerSchedulerPrivate* d) : timer_(timer), d_(d) {
     d_->liveTasks.fetch_add(1, std::memory_order_relaxed);
   }
 
-  // Disposes the user's timer, then counts the task gone: the last touch of
-  // the scheduler's state, which stop() waits for.
+  // Counts the task gone: the last touch of the scheduler's state, which
+  // stop() waits for. The user's timer has normally been taken by then; one
+  // still held is disposed here.
   ~TimerTask() override {
     if (timer_ != nullptr) timer_->dispose();
     d_->liveTasks.fetch_sub(1, std::memory_order_release);
@@ -100,19 +118,38 @@ class _TimerScheduler::TimerTask : public ITimer {
   // Drops one reference; the last destroys the task.
   void dispose() override { release(); }
 
+  // One hand-over: runs the user's timer unless the timer ended while the
+  // hand-over waited, then re-arms or ends it. Never throws: a failing run is
+  // reported to the user's interrupted() here.
   void run() override {
-    timer_->run();
+    ITimer* timer;
+    {
+      Locker locker(&d_->lock, false);
+      pending_ = false;
+      if (!registered()) return;  // removed or stopped before the run began
+      timer = timer_;
+      busy_.store(true, std::memory_order_relaxed);
+    }
+    bool failed = false;
+    try {
+      timer->run();
+    } catch (...) {
+      failed = true;
+    }
+    if (failed) timer->notifyInterrupted();
     finish();
   }
 
-  void interrupted() override {
-    timer_->notifyInterrupted();
-    finish();
-  }
+  // The executor discarded the hand-over without running it: the timer ends.
+  void interrupted() override { refused(true); }
 
-  unsigned int getAffinity() const override { return timer_->getAffinity(); }
-  bool isRepeat() override { return timer_->isRepeat(); }
-  unsigned long long interval() override { return timer_->interval(); }
+  // The affinity asked when the task was handed over (the user's timer may
+  // be disposed while the executor still holds the task).
+  unsigned int getAffinity() const override { return affinity_; }
+  // Not asked of the wrapper: the scheduler asks the user's timer, under
+  // its lock, while the timer is registered.
+  bool isRepeat() override { return false; }
+  unsigned long long interval() override { return 0; }
 
   void retain() { refs_.fetch_add(1, std::memory_order_relaxed); }
 
@@ -120,27 +157,75 @@ class _TimerScheduler::TimerTask : public ITimer {
     if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) lang::IDisposable::dispose();
   }
 
-  int references() const { return refs_.load(std::memory_order_acquire); }
+  // True while a run of the user's timer is in progress, up to the disposal
+  // of the timer by that run.
+  bool busy() const { return busy_.load(std::memory_order_acquire); }
 
-  // Queues the task at GetTick() + interval() behind equal due times and
-  // wakes the scheduler thread when it became the first entry.
-  // REQUIRES: the scheduler's lock is held through `locker`.
-  void schedule(Locker& locker) {
-    const unsigned long long due = system::SystemUtils::GetTick() + timer_->interval();
+  // Queues the task for the first time, at `due`. Throws std::bad_alloc.
+  // REQUIRES: the lock, held through `locker`.
+  void add(unsigned long long due, Locker& locker) {
     position_ = d_->queue.emplace(due, this);
     queued_ = true;
     if (position_ == d_->queue.begin()) d_->condition.notify(locker);
   }
 
-  // Removes the task from the queue if it is there. REQUIRES: the lock.
+  // Removes the task from the queue, if it is there, keeping its entry.
+  // REQUIRES: the lock.
   void unqueue() {
     if (!queued_) return;
-    d_->queue.erase(position_);
+    entry_ = d_->queue.extract(position_);
     queued_ = false;
   }
 
   // Marks the task as not queued after its queue entry went elsewhere.
   void forgetPosition() { queued_ = false; }
+
+  // Prepares a hand-over of the task that the scheduler thread just took
+  // from the queue; an executor may ask for the affinity.
+  // REQUIRES: the lock.
+  void handOver(bool toExecutor) {
+    pending_ = true;
+    if (toExecutor) affinity_ = timer_->getAffinity();
+  }
+
+  // The executor's addTask threw for this hand-over. Running out of memory
+  // counts as a failed run (a repeating timer stays scheduled); any other
+  // refusal (the executor was stopped) ends the timer. Either way the user's
+  // interrupted() is called, once per hand-over.
+  void refused(bool end) {
+    ITimer* timer = nullptr;
+    {
+      Locker locker(&d_->lock, false);
+      if (!pending_) return;  // run, or reported, already
+      pending_ = false;
+      if (!registered()) return;
+      if (end) {
+        ITimer* doomed = endLocked();
+        locker.unlock();
+        doomed->notifyInterrupted();
+        doomed->dispose();
+        release();
+        return;
+      }
+      timer = timer_;
+      busy_.store(true, std::memory_order_relaxed);
+    }
+    timer->notifyInterrupted();
+    finish();
+  }
+
+  // Unregisters the task and takes its user's timer when no run holds it
+  // (null otherwise: the run disposes it when it ends). The caller disposes
+  // the timer and drops the registration's reference outside the lock.
+  // REQUIRES: the lock; the task is registered.
+  ITimer* endLocked() {
+    d_->registry.erase(timer_);
+    unqueue();
+    if (busy()) return nullptr;
+    ITimer* timer = timer_;
+    timer_ = nullptr;
+    return timer;
+  }
 
   // Gives the user's timer back to the caller instead of disposing it.
   void detach() { timer_ = nullptr; }
@@ -148,37 +233,76 @@ class _TimerScheduler::TimerTask : public ITimer {
   ITimer* timer() const { return timer_; }
 
  private:
+  // True when the registration map holds this very task for its timer.
+  // REQUIRES: the lock.
+  bool registered() const {
+    if (timer_ == nullptr) return false;
+    auto found = d_->registry.find(timer_);
+    return found != d_->registry.end() && found->second == this;
+  }
+
   // After a run (or a failed one): re-arm a repeating timer that is still
-  // registered while the scheduler runs; otherwise unregister and drop the
-  // registration's reference.
+  // registered while the scheduler runs; otherwise, or when isRepeat() or
+  // interval() throws, end it. A timer removed meanwhile is disposed here.
+  // Allocates nothing.
   void finish() {
+    ITimer* doomed = nullptr;
     bool drop = false;
+    bool failed = false;
     {
       Locker locker(&d_->lock, false);
-      auto found = d_->registry.find(timer_);
-      if (found == d_->registry.end() || found->second != this) return;
       bool again = false;
-      if (d_->running && timer_->isRepeat()) {
-        try {
-          schedule(locker);
-          again = true;
-        } catch (...) {
-          // No room to queue it again: it ends as a one-shot timer.
+      if (registered()) {
+        if (d_->running) {
+          try {
+            if (timer_->isRepeat()) {
+              entry_.key() = detail::TimerSchedulerPrivate::DueIn(timer_->interval());
+              again = true;
+            }
+          } catch (...) {
+            failed = true;
+          }
+        }
+        if (again) {
+          position_ = d_->queue.insert(std::move(entry_));
+          queued_ = true;
+          if (position_ == d_->queue.begin()) d_->condition.notify(locker);
+        } else {
+          d_->registry.erase(timer_);
+          drop = true;
         }
       }
       if (!again) {
-        d_->registry.erase(found);
-        drop = true;
+        doomed = timer_;
+        timer_ = nullptr;
+      } else {
+        busy_.store(false, std::memory_order_release);
       }
+    }
+    if (doomed != nullptr) {
+      if (failed) doomed->notifyInterrupted();
+      doomed->dispose();
+      busy_.store(false, std::memory_order_release);
     }
     if (drop) release();
   }
 
   std::atomic<int> refs_{1};
+  // The user's timer; null once taken for disposal. Under the lock.
   ITimer* timer_;
   detail::TimerSchedulerPrivate* d_;
+  // The queue entry while queued_, else the parked entry in entry_. Under
+  // the lock.
   detail::TimerSchedulerPrivate::Queue::iterator position_;
+  detail::TimerSchedulerPrivate::Queue::node_type entry_;
   bool queued_ = false;
+  // Handed to a run or an executor, and that run has not begun. Under the
+  // lock.
+  bool pending_ = false;
+  unsigned int affinity_ = 0;
+  // A run of the user's timer is in progress: set under the lock, cleared
+  // under it when the run re-arms, or after the run disposed the timer.
+  std::atomic<bool> busy_{false};
 };
 
 void _TimerScheduler::run() {
@@ -192,45 +316,51 @@ void _TimerScheduler::run() {
     auto first = d->queue.begin();
     const unsigned long long now = system::SystemUtils::GetTick();
     if (now < first->first) {
-      (void)d->condition.tryWait(locker, static_cast<unsigned int>(first->first - now));
+      const unsigned long long wait = first->first - now;
+      (void)d->condition.tryWait(
+          locker, static_cast<unsigned int>(wait < kMaxSleepMs ? wait : kMaxSleepMs));
       continue;
     }
     TimerTask* task = first->second;
     task->unqueue();
+    task->handOver(d->executor != nullptr);
     task->retain();  // the run's (or the executor's) reference
     locker.unlock();
     if (d->executor != nullptr) {
       task->retain();  // keeps the task alive if the executor refuses it
       try {
         d->executor->addTask(task);
+      } catch (const std::bad_alloc&) {
+        task->refused(false);
       } catch (...) {
-        // The executor disposed its reference; the timer is treated as
-        // interrupted (re-armed if it repeats, unregistered otherwise).
-        task->notifyInterrupted();
+        task->refused(true);
       }
       task->release();
     } else {
-      try {
-        task->run();
-      } catch (...) {
-        task->notifyInterrupted();
-      }
+      task->run();
       task->dispose();
     }
     locker.lock();
   }
-  // Stopped: every timer still queued is unregistered, and the queue's
-  // references are dropped outside the lock.
+  // Stopped: every timer still queued is unregistered, and its timer and the
+  // queue's references are dropped outside the lock.
   detail::TimerSchedulerPrivate::Queue doomed(d->queue.get_allocator());
   doomed.swap(d->queue);
   for (auto& entry : doomed) {
     TimerTask* task = entry.second;
     task->forgetPosition();
-    auto found = d->registry.find(task->timer());
-    if (found != d->registry.end() && found->second == task) d->registry.erase(found);
+    d->registry.erase(task->timer());
   }
   locker.unlock();
-  for (auto& entry : doomed) entry.second->release();
+  for (auto& entry : doomed) {
+    TimerTask* task = entry.second;
+    locker.lock();
+    ITimer* timer = task->timer();
+    task->detach();
+    locker.unlock();
+    timer->dispose();
+    task->release();
+  }
 }
 
 }  // namespace sealed
@@ -265,12 +395,13 @@ void TimerScheduler::addTimer(ITimer* timer) {
   Locker locker(&d_->lock, false);
   if (!d_->running) throw lang::Exception(kAddTimer, kStopped);
   if (d_->registry.count(timer) != 0) return;  // one schedule and one owner per timer
+  const unsigned long long due = detail::TimerSchedulerPrivate::DueIn(timer->interval());
   TimerTask* task = lang::AccountedNewOrThrow<TimerTask>(
       ZORV_ACCOUNTING_SITE(kSource, "addTimer"), timer, d_);
   auto entry = d_->registry.end();
   try {
     entry = d_->registry.emplace(timer, task).first;
-    task->schedule(locker);
+    task->add(due, locker);
   } catch (...) {
     if (entry != d_->registry.end()) d_->registry.erase(entry);
     task->detach();
@@ -281,18 +412,20 @@ void TimerScheduler::addTimer(ITimer* timer) {
 
 void TimerScheduler::removeTimer(ITimer* timer, bool wait) {
   TimerTask* task;
+  ITimer* doomed;
   {
     Locker locker(&d_->lock, false);
     auto found = d_->registry.find(timer);
     if (found == d_->registry.end()) return;
     task = found->second;
-    task->unqueue();
-    d_->registry.erase(found);
+    // A hand-over whose run has not begun is cancelled here; only a run in
+    // progress keeps the timer, and disposes it when it ends.
+    doomed = task->endLocked();
   }
-  if (wait) {
-    // Every other reference belongs to a run in progress or to an executor
-    // that still holds the timer.
-    while (task->references() != 1) Thread::Yield();
+  if (doomed != nullptr) {
+    doomed->dispose();
+  } else if (wait) {
+    while (task->busy()) Thread::Yield();
   }
   task->release();
 }

@@ -11,16 +11,19 @@ namespace threading {
 
 // A task for a timer scheduler: run() does the work, interval() gives the
 // delay before the first run and between the end of one run and the start of
-// the next, and isRepeat() says after each run whether to run again.
+// the next, and isRepeat() says after each run whether to run again. When
+// isRepeat() or interval() throws after a run, the timer ends: its
+// interrupted() is called and it is disposed.
 //
 // Ownership: a scheduler that accepts a timer owns it and calls its dispose()
 // exactly once, after its last run, after it was removed, or when the
 // scheduler stops. Create timers with lang::MakeDisposable.
 //
-// Thread safety: the scheduler calls isRepeat() and interval() with its lock
-// held: they must return quickly and must not call back into the scheduler.
-// run() is called without the lock, on the scheduler's thread or on an
-// executor's thread, never twice at once for one timer.
+// Thread safety: the scheduler calls isRepeat(), interval() and
+// getAffinity() with its lock held: they must return quickly and must not
+// call back into the scheduler. run() is called without the lock, on the
+// scheduler's thread or on an executor's thread, never twice at once for one
+// timer.
 class ZORV_FOUNDATION_EXPORT ITimer : public ITask {
  public:
   ~ITimer() override;
@@ -30,7 +33,12 @@ class ZORV_FOUNDATION_EXPORT ITimer : public ITask {
 
   // The delay in milliseconds of the monotonic clock (SystemUtils::GetTick):
   // asked when the timer is added (delay to the first run) and after each
-  // run that repeats (delay from the end of that run to the next).
+  // run that repeats (delay from the end of that run to the next). A due
+  // time past the end of the clock is held at its end, so a delay near 2^64
+  // (~0ULL as "off") means never. A delay of 0 runs a repeating timer back
+  // to back; over an executor every run is one addTask, so such a timer
+  // keeps one worker busy for good and the scheduler thread hands it over
+  // once per run.
   virtual unsigned long long interval() = 0;
 };
 

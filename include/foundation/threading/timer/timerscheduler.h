@@ -40,16 +40,21 @@ struct TimerSchedulerPrivate;
 // timer never runs twice at once.
 //
 // Ownership: the scheduler owns every timer it accepts and disposes it
-// exactly once: after a run after which isRepeat() is false, after
-// removeTimer (at once, or when a run still in progress ends), or by stop().
-// A timer whose run() throws gets its interrupted() hook called and stays
-// scheduled if it repeats. The scheduler does not own the executor, which
-// must outlive it.
+// exactly once: after a run after which isRepeat() is false (or after which
+// isRepeat() or interval() threw, with interrupted() called first), after
+// removeTimer (at once, or when a run still in progress ends), when the
+// executor refuses it, or by stop(). A timer whose run() throws gets its
+// interrupted() hook called and stays scheduled if it repeats. Re-arming a
+// timer allocates nothing: a repeating timer runs on for as long as
+// isRepeat() says so, whatever the allocator does. The scheduler does not
+// own the executor, which must outlive it.
 //
 // Thread safety: addTimer and removeTimer may be called from any thread,
-// also from inside a timer's run() (but removeTimer(self, true) from a
-// timer's own run() never returns). stop() and the destructor belong to one
-// controlling thread that is not the scheduler's thread.
+// also from inside a timer's run(), with one exception:
+// removeTimer(self, true) from a timer's own run() never returns, and
+// neither do two runs that remove each other with `wait`. stop() and the
+// destructor belong to one controlling thread that is not the scheduler's
+// thread.
 class ZORV_FOUNDATION_EXPORT TimerScheduler : public ITimerScheduler {
  public:
   // Timers run on the scheduler thread itself.
@@ -58,9 +63,13 @@ class ZORV_FOUNDATION_EXPORT TimerScheduler : public ITimerScheduler {
   TimerScheduler();
 
   // Due timers are passed to executor->addTask and run on its threads; the
-  // scheduler thread only keeps time. When the executor refuses a timer
-  // (it was stopped), the timer's interrupted() hook is called as for a
-  // failed run. REQUIRES: executor is not null and outlives the scheduler.
+  // scheduler thread only keeps time. When addTask throws std::bad_alloc,
+  // the timer's interrupted() hook is called as for a failed run and a
+  // repeating timer stays scheduled. Any other refusal (addTask throws
+  // because the executor was stopped, or the executor discards the task
+  // through its interrupted() hook) ends the timer: its interrupted() hook
+  // is called once, and it is unregistered and disposed.
+  // REQUIRES: executor is not null and outlives the scheduler.
   explicit TimerScheduler(IExecutor* executor);
 
   // Performs stop(), then frees the scheduler's state.
@@ -70,20 +79,24 @@ class ZORV_FOUNDATION_EXPORT TimerScheduler : public ITimerScheduler {
   TimerScheduler& operator=(const TimerScheduler&) = delete;
 
   // Takes ownership of `timer` and schedules its first run at
-  // GetTick() + timer->interval(). Adding a timer that is already scheduled
-  // does nothing (it keeps its schedule and its single owner).
+  // GetTick() + timer->interval() (held at the end of the clock: see
+  // ITimer::interval). Adding a timer that is already scheduled does nothing
+  // (it keeps its schedule and its single owner).
   // Throws Exception ("zorv.foundation.threading.TimerScheduler.addTimer",
-  // "scheduler has been stopped") after stop(); the timer is then not
+  // "scheduler has been stopped") after stop(), std::bad_alloc when memory
+  // runs out, and passes on what interval() throws; the timer is then not
   // accepted and still belongs to the caller.
   // REQUIRES: timer is not null.
   void addTimer(ITimer* timer) override;
 
   // Unschedules `timer`. A run in progress finishes normally and is not
-  // repeated. Without `wait` the timer is disposed at once when it is idle,
-  // or by the run (or the executor) that still holds it. With `wait` the
-  // call returns only after every run of the timer has ended, and the timer
-  // has then been disposed. An unknown timer, or one removed before, is
-  // ignored.
+  // repeated; a run handed to the executor that has not begun is cancelled
+  // (it never starts, and is not waited for). Without `wait` the timer is
+  // disposed at once unless a run is in progress, and then by that run when
+  // it ends. With `wait` the call returns only after the run in progress, if
+  // any, has ended, and the timer has then been disposed: a timer's run may
+  // so remove another timer whose next run waits behind it in the queue of
+  // the same worker. An unknown timer, or one removed before, is ignored.
   void removeTimer(ITimer* timer, bool wait) override;
 
   // Stops the scheduler thread, waits until every run in progress or queued
