@@ -135,9 +135,12 @@ void Archiver::parse(detail::IDataReader& reader) {
       current = made.first;
       continue;
     }
+    // The pair is stored whole or not at all: a failed allocation never
+    // leaves a key without its value.
     SafeString key = Trimmed(line.data(), equals, scratch);
+    SafeString value = Trimmed(line.data() + equals + 1, line.size() - equals - 1, scratch);
     detail::KeyTable& keys = current->second;
-    auto stored = keys.emplace(std::move(key), SafeString());
+    auto stored = keys.emplace(std::move(key), std::move(value));
     if (!stored.second) {
       SafeString message("config error, repeated key [");
       message += current->first;
@@ -146,7 +149,6 @@ void Archiver::parse(detail::IDataReader& reader) {
       message += "]";
       throw lang::Exception(kArchiverSource, message.c_str());
     }
-    stored.first->second = Trimmed(line.data() + equals + 1, line.size() - equals - 1, scratch);
   }
 }
 
@@ -188,7 +190,22 @@ bool Archiver::value(const SafeString& section, const SafeString& key, SafeStrin
 bool Archiver::setValue(const SafeString& section, const SafeString& key,
                         const SafeString& value) {
   if (!IsStorableName(section) || !IsStorableName(key)) return false;
-  d_->sections[section][key] = value;
+  // Either the pair is stored or, when memory runs out, nothing changes: a
+  // new section is made complete with its key before it joins the table.
+  detail::SectionTable& sections = d_->sections;
+  auto found = sections.find(section);
+  if (found == sections.end()) {
+    detail::KeyTable keys;
+    keys.emplace(key, value);
+    sections.emplace(section, std::move(keys));
+    return true;
+  }
+  auto pair = found->second.find(key);
+  if (pair != found->second.end()) {
+    pair->second = value;
+  } else {
+    found->second.emplace(key, value);
+  }
   return true;
 }
 

@@ -1,9 +1,6 @@
 // Every allocating public operation, run under each single allocation
 // failure it can meet: nothing leaks, and what the caller can see is either
 // untouched or the whole result.
-//
-// Rows whose name starts with DISABLED_ describe a contract that the library
-// does not keep yet; run them with --gtest_also_run_disabled_tests.
 #include "support/oomsweep.h"
 
 #include <dirent.h>
@@ -270,7 +267,7 @@ const Row kRows[] = {
        EXPECT_EQ(d, -12.345678);
        EXPECT_EQ(format, 2);
      }},
-    {"DISABLED_StringUtils_StringToFloatLongMantissa",
+    {"StringUtils_StringToFloatLongMantissa",
      [](OomAttempt& a) {
        const std::string digits = "1234567890123456789012345678901234567890.12345678901234567890";
        const SafeString text(digits.c_str());
@@ -353,7 +350,7 @@ const Row kRows[] = {
          EXPECT_EQ(whole, 2);
        }
      }},
-    {"DISABLED_Deserialize_MemoryBuffer",
+    {"Deserialize_MemoryBuffer",
      [](OomAttempt& a) {
        zf::memory::MemoryBuffer buffer;
        zf::io::Serialize(&buffer, SafeString(Filler(Count(200)).c_str()));
@@ -372,7 +369,7 @@ const Row kRows[] = {
        }
      }},
     // Configuration.
-    {"DISABLED_Archiver_parseText",
+    {"Archiver_parseText",
      [](OomAttempt& a) {
        const std::string text = ConfigText(Count(6));
        Archiver expected;
@@ -387,7 +384,7 @@ const Row kRows[] = {
          EXPECT_EQ(Table(archiver), Table(expected));
        }
      }},
-    {"DISABLED_Archiver_setValue",
+    {"Archiver_setValue",
      [](OomAttempt& a) {
        Archiver archiver;
        ASSERT_TRUE(archiver.setValue("existing-section-name", "existing-key-name", "old value"));
@@ -426,7 +423,7 @@ const Row kRows[] = {
          EXPECT_TRUE(ok);
        }
      }},
-    {"DISABLED_Archiver_parseFile",
+    {"Archiver_parseFile",
      [](OomAttempt& a) {
        TempDir dir;
        const std::string text = ConfigText(Count(6));
@@ -749,7 +746,7 @@ const Row kRows[] = {
        EXPECT_EQ(tally.disposals.load(), 1);
        EXPECT_EQ(tally.runs.load(), 0);
      }},
-    {"DISABLED_TimerScheduler_repeatingTimerKeepsRunning",
+    {"TimerScheduler_repeatingTimerKeepsRunning",
      [](OomAttempt& a) {
        zorv::test::Tally tally;
        zf::threading::TimerScheduler scheduler;
