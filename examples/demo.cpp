@@ -6,8 +6,8 @@
 // and the pools' timing scopes show where the time went.
 //
 // Its settings come from a configuration file (examples/demo.ini, or the
-// file named as the first argument), and it reports the SHA-1 and MD5
-// digests of that file.
+// file named as the first argument), and it reports the SHA-256 digest of
+// that file.
 #include <atomic>
 #include <cstdio>
 
@@ -57,10 +57,9 @@ void LoadSettings(const char* path) {
               path, g_settings.samplerRuns, g_settings.samplerMs, g_settings.heartbeatMs,
               g_settings.reportMs);
 
-  zf::SafeString sha1;
-  zf::SafeString md5;
-  if (zf::crypto::SHA1::EncodeFile(path, sha1) && zf::crypto::MD5::EncodeFile(path, md5)) {
-    std::printf("settings file SHA-1 %s, MD5 %s\n", sha1.c_str(), md5.c_str());
+  zf::SafeString sha256;
+  if (zf::crypto::SHA256::EncodeFile(path, sha256)) {
+    std::printf("settings file SHA-256 %s\n", sha256.c_str());
   }
 }
 
