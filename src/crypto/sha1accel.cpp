@@ -2,11 +2,10 @@
 // accelerated transform for this processor.
 #include "crypto/sha1transform.h"
 
+#include "crypto/shafeatures.h"
+
 #if defined(__x86_64__) || defined(__i386__)
-#include <cpuid.h>
 #include <immintrin.h>
-#elif defined(__arm__) || defined(__aarch64__)
-#include <sys/auxv.h>
 #endif
 
 namespace zorv {
@@ -82,16 +81,6 @@ ZORV_SHA_TARGET void Sha1BlocksShaExtensions(uint32_t state[5], const unsigned c
 
 #undef ZORV_SHA_TARGET
 
-bool HasShaExtensions() {
-  unsigned int eax = 0, ebx = 0, ecx = 0, edx = 0;
-  if (__get_cpuid(1, &eax, &ebx, &ecx, &edx) == 0) return false;
-  const bool ssse3 = (ecx & (1u << 9)) != 0;
-  const bool sse41 = (ecx & (1u << 19)) != 0;
-  if (__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) == 0) return false;
-  const bool sha = (ebx & (1u << 29)) != 0;
-  return ssse3 && sse41 && sha;
-}
-
 }  // namespace
 
 Sha1Blocks Sha1BlocksAccelerated() {
@@ -103,18 +92,6 @@ Sha1Blocks Sha1BlocksAccelerated() {
 
 // In its own source, built for the ARMv8 cryptographic extension.
 void Sha1BlocksArmv8(uint32_t state[5], const unsigned char* data, size_t blocks);
-
-namespace {
-
-bool HasArmv8Sha1() {
-#if defined(__aarch64__)
-  return (getauxval(AT_HWCAP) & (1ul << 5)) != 0;  // HWCAP_SHA1
-#else
-  return (getauxval(AT_HWCAP2) & (1ul << 2)) != 0;  // HWCAP2_SHA1
-#endif
-}
-
-}  // namespace
 
 Sha1Blocks Sha1BlocksAccelerated() {
   static const bool available = HasArmv8Sha1();

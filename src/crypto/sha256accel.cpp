@@ -2,11 +2,10 @@
 // the accelerated transform for this processor.
 #include "crypto/sha256transform.h"
 
+#include "crypto/shafeatures.h"
+
 #if defined(__x86_64__) || defined(__i386__)
-#include <cpuid.h>
 #include <immintrin.h>
-#elif defined(__arm__) || defined(__aarch64__)
-#include <sys/auxv.h>
 #endif
 
 namespace zorv {
@@ -86,16 +85,6 @@ ZORV_SHA_TARGET void Sha256BlocksShaExtensions(uint32_t state[8], const unsigned
 
 #undef ZORV_SHA_TARGET
 
-bool HasShaExtensions() {
-  unsigned int eax = 0, ebx = 0, ecx = 0, edx = 0;
-  if (__get_cpuid(1, &eax, &ebx, &ecx, &edx) == 0) return false;
-  const bool ssse3 = (ecx & (1u << 9)) != 0;
-  const bool sse41 = (ecx & (1u << 19)) != 0;
-  if (__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) == 0) return false;
-  const bool sha = (ebx & (1u << 29)) != 0;
-  return ssse3 && sse41 && sha;
-}
-
 }  // namespace
 
 Sha256Blocks Sha256BlocksAccelerated() {
@@ -107,18 +96,6 @@ Sha256Blocks Sha256BlocksAccelerated() {
 
 // In its own source, built for the ARMv8 cryptographic extension.
 void Sha256BlocksArmv8(uint32_t state[8], const unsigned char* data, size_t blocks);
-
-namespace {
-
-bool HasArmv8Sha256() {
-#if defined(__aarch64__)
-  return (getauxval(AT_HWCAP) & (1ul << 6)) != 0;  // HWCAP_SHA2
-#else
-  return (getauxval(AT_HWCAP2) & (1ul << 3)) != 0;  // HWCAP2_SHA2
-#endif
-}
-
-}  // namespace
 
 Sha256Blocks Sha256BlocksAccelerated() {
   static const bool available = HasArmv8Sha256();
