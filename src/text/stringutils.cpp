@@ -47,7 +47,8 @@ inline bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 // The first attempt's work-string size, doubled on every further attempt.
 constexpr size_t kFirstFormatSize = 100;
 
-foundation::SafeString FormatV(const char* format, va_list args) {
+__attribute__((format(printf, 1, 0))) foundation::SafeString FormatV(const char* format,
+                                                                    va_list args) {
   if (format == nullptr) return foundation::SafeString();
   try {
     foundation::SafeString work;

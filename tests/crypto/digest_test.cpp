@@ -135,8 +135,6 @@ struct Sha256InstructionsKind : Sha256PortableKind {
 template <class Kind>
 class DigestTest : public zorv::test::LeakCheckedTest {
  protected:
-  using Digest = typename Kind::Digest;
-
   void SetUp() override {
     LeakCheckedTest::SetUp();
     Kind::Prepare();
@@ -148,7 +146,7 @@ class DigestTest : public zorv::test::LeakCheckedTest {
   }
 
   static std::string Hex(const std::string& data) {
-    return Text(Digest::EncodeBinary(Bytes(data), static_cast<unsigned int>(data.size())));
+    return Text(Kind::Digest::EncodeBinary(Bytes(data), static_cast<unsigned int>(data.size())));
   }
 };
 

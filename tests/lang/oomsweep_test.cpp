@@ -804,8 +804,8 @@ class OomSweep : public zorv::test::OomSweepTest, public ::testing::WithParamInt
 TEST_P(OomSweep, EveryAllocationFailureLeavesNothingBehind) { sweep(GetParam().attempt); }
 
 INSTANTIATE_TEST_SUITE_P(PublicOperations, OomSweep, ::testing::ValuesIn(kRows),
-                         [](const ::testing::TestParamInfo<Row>& info) {
-                           return std::string(info.param.name);
+                         [](const ::testing::TestParamInfo<Row>& row) {
+                           return std::string(row.param.name);
                          });
 
 }  // namespace

@@ -85,8 +85,8 @@ class TimerSchedulerTest : public zorv::test::LeakCheckedTest,
 };
 
 INSTANTIATE_TEST_SUITE_P(Modes, TimerSchedulerTest, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                           return info.param ? std::string("OnExecutor") : std::string("OnOwnThread");
+                         [](const ::testing::TestParamInfo<bool>& row) {
+                           return row.param ? std::string("OnExecutor") : std::string("OnOwnThread");
                          });
 
 TEST_P(TimerSchedulerTest, OneShotTimerRunsOnceAfterItsIntervalAndIsDisposed) {
