@@ -22,33 +22,13 @@ namespace file {
 
 namespace {
 
+using detail::Descriptor;
+
 constexpr mode_t kDirectoryBit = 040000;
 constexpr size_t kCopyChunk = 4096;
 constexpr size_t kStreamBuffer = 64 * 1024;
 // The read past a file's measured size that finds out whether more follows.
 constexpr size_t kProbe = 4096;
-
-// Closes a descriptor when it leaves its scope.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() { close(); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-  void swap(Descriptor& other) { std::swap(fd_, other.fd_); }
-  // Closes now; true when the descriptor was open and closing succeeded.
-  bool close() {
-    if (fd_ < 0) return false;
-    int result = ::close(fd_);
-    fd_ = -1;
-    return result == 0;
-  }
-
- private:
-  int fd_;
-};
 
 int OpenRetry(const char* path, int flags, mode_t mode = 0) {
   int fd;

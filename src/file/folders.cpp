@@ -26,6 +26,8 @@ namespace file {
 
 namespace {
 
+using detail::Descriptor;
+
 constexpr mode_t kDirectoryBit = 040000;
 constexpr mode_t kFolderMode = 0755;
 constexpr size_t kCopyChunk = 4096;
@@ -48,26 +50,6 @@ int OpenAt(int folder, const char* name, int flags, mode_t mode = 0) {
 int OpenFolderAt(int folder, const char* name, bool follow) {
   return OpenAt(folder, name, O_RDONLY | O_DIRECTORY | O_NONBLOCK | (follow ? 0 : O_NOFOLLOW));
 }
-
-// Closes a descriptor when it leaves its scope.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() { close(); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-  bool close() {
-    if (fd_ < 0) return false;
-    int result = ::close(fd_);
-    fd_ = -1;
-    return result == 0;
-  }
-
- private:
-  int fd_;
-};
 
 // A folder stream over an open folder descriptor, which it takes over and
 // closes when it leaves its scope.
