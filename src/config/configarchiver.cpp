@@ -7,9 +7,10 @@
 #include "foundation/config/datareader.h"
 #include "foundation/debug/allocator.h"
 #include "foundation/file/fileutils.h"
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/text/stringutils.h"
+
+#include "lang/accounting.h"
 
 namespace zorv {
 namespace foundation {

@@ -8,7 +8,7 @@
 
 #include "crypto/blockhash.h"
 #include "crypto/digestcommon.h"
-#include "foundation/lang/accounted.h"
+#include "lang/accounting.h"
 
 namespace zorv {
 namespace foundation {

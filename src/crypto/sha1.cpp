@@ -10,7 +10,7 @@
 #include "crypto/blockhash.h"
 #include "crypto/digestcommon.h"
 #include "crypto/sha1transform.h"
-#include "foundation/lang/accounted.h"
+#include "lang/accounting.h"
 
 namespace zorv {
 namespace foundation {

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "io/sizeprefix.h"
+
 namespace zorv {
 namespace foundation {
 namespace io {

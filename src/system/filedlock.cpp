@@ -10,9 +10,10 @@
 #include <new>
 
 #include "foundation/debug/systemmonitor.h"
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/text/safestring.h"
+
+#include "lang/accounting.h"
 
 namespace zorv {
 namespace foundation {

@@ -4,8 +4,9 @@
 #include <pthread.h>
 
 #include "foundation/debug/systemmonitor.h"
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
+
+#include "lang/accounting.h"
 
 namespace zorv {
 namespace foundation {

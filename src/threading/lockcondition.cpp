@@ -4,9 +4,10 @@
 #include <pthread.h>
 
 #include "foundation/debug/systemmonitor.h"
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/time/stopwatch.h"
+
+#include "lang/accounting.h"
 
 namespace zorv {
 namespace foundation {

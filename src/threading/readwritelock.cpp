@@ -4,7 +4,8 @@
 #include <pthread.h>
 
 #include "foundation/debug/systemmonitor.h"
-#include "foundation/lang/accounted.h"
+
+#include "lang/accounting.h"
 
 namespace zorv {
 namespace foundation {

@@ -8,10 +8,11 @@
 
 #include "foundation/debug/chronomonitor.h"
 #include "foundation/debug/systemmonitor.h"
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/consoleutils.h"
 #include "foundation/text/stringutils.h"
+
+#include "lang/accounting.h"
 
 namespace zorv {
 namespace foundation {

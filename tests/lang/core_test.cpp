@@ -5,9 +5,9 @@
 #include "foundation/collection/vector.h"
 #include "foundation/debug/memorymonitor.h"
 #include "foundation/debug/objectmonitor.h"
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/disposable.h"
 #include "foundation/text/safestring.h"
+#include "lang/accounting.h"
 #include "support/leakcheck.h"
 
 namespace {

@@ -44,16 +44,6 @@ ZORV_FOUNDATION_EXPORT bool ArchiveField(IArchiver* archiver, const SafeString& 
                                          const SafeString& value);
 ZORV_FOUNDATION_EXPORT bool Unarchive(IArchiver* archiver, SafeString& value);
 
-// ---- End of public API -------------------------------------------------------
-// Prefix helpers, exported for the library's own use.
-
-// Writes the 8-byte prefix `size` with one write(data, 8) call.
-ZORV_FOUNDATION_EXPORT void __WriteSize(IStream* stream, unsigned long long size);
-
-// Reads the 8-byte prefix into `size` with one read(data, 8) call and
-// returns that call's result.
-ZORV_FOUNDATION_EXPORT bool __ReadSize(IStream* stream, unsigned long long& size);
-
 }  // namespace io
 }  // namespace foundation
 }  // namespace zorv

@@ -1,11 +1,10 @@
-// Accounted creation and destruction of objects: the one mechanism through
-// which the library creates its private objects, and through which hosts
-// create the disposable objects they hand to executors.
+// Accounted creation of the disposable objects that hosts hand to executors
+// and schedulers (tasks, timers), recorded with the debug-support library
+// exactly as the library records its own objects.
 #ifndef ZORV_FOUNDATION_LANG_ACCOUNTED_H_
 #define ZORV_FOUNDATION_LANG_ACCOUNTED_H_
 
 #include <new>
-#include <type_traits>
 #include <utility>
 
 #include "foundation/debug/objectmonitor.h"
@@ -14,26 +13,16 @@ namespace zorv {
 namespace foundation {
 namespace lang {
 
-// Where an accounted object is created or destroyed: the source text, line
-// and name recorded with the debug-support library.
-struct AccountingSite {
-  const char* source;
-  int line;
-  const char* name;
-};
+namespace detail {
 
-// An AccountingSite for the current line.
-#define ZORV_ACCOUNTING_SITE(source, name) \
-  (::zorv::foundation::lang::AccountingSite{(source), __LINE__, (name)})
-
-// Creates a T from args and records it with the debug-support library. With
-// object tracing on, the memory comes from ObjectMonitor::_Alloc; then a
-// failed allocation yields null (the null object is still recorded, as the
-// debug-support library expects). Otherwise plain `new` is used, which
-// throws std::bad_alloc when memory is exhausted. An exception from T's
-// constructor releases the memory and passes on.
+// The one creation path of accounted objects, shared with the library's own
+// (private) helpers; not part of the interface. With object tracing on, the
+// memory comes from ObjectMonitor::_Alloc and a failed allocation yields
+// null (the null object is still recorded, as the debug-support library
+// expects); otherwise plain `new` is used, which throws std::bad_alloc. An
+// exception from T's constructor releases the memory and passes on.
 template <class T, class... Args>
-T* AccountedNew(const AccountingSite& site, Args&&... args) {
+T* NewAccounted(const char* source, int line, const char* name, Args&&... args) {
   T* object = nullptr;
   if (debug::ObjectMonitor::_IsTrace() != 0) {
     unsigned char* block = debug::ObjectMonitor::_Alloc(sizeof(T));
@@ -48,51 +37,32 @@ T* AccountedNew(const AccountingSite& site, Args&&... args) {
   } else {
     object = new T(std::forward<Args>(args)...);
   }
-  debug::ObjectMonitor::_IncLeak(static_cast<void*>(object), site.source, site.line,
-                                 site.name, sizeof(T));
+  debug::ObjectMonitor::_IncLeak(static_cast<void*>(object), source, line, name, sizeof(T));
   return object;
 }
 
-// Forgets and destroys an object from AccountedNew, then sets the pointer to
-// null. Does nothing for a null pointer. The site's name is by convention
-// "~" followed by the class name.
-template <class T>
-void AccountedDelete(T*& object, const AccountingSite& site) noexcept {
-  if (object == nullptr) return;
-  T* doomed = object;
-  object = nullptr;
-  if (debug::ObjectMonitor::_IsTrace() != 0) {
-    debug::ObjectMonitor::LeakInfo info = debug::ObjectMonitor::_DecLeakInfoEx(
-        static_cast<void*>(doomed), site.source, site.line, site.name);
-    doomed->~T();
-    debug::ObjectMonitor::_Dealloc(info.block, info.size);
-  } else {
-    debug::ObjectMonitor::_DecLeakEx(static_cast<void*>(doomed), site.source, site.line,
-                                     site.name);
-    delete doomed;
-  }
-}
-
-// AccountedNew for objects the caller cannot do without: a null result (a
-// traced allocation that failed) is forgotten again and reported as
-// std::bad_alloc, so the caller never holds a null object.
+// NewAccounted that never yields null: a failed traced allocation is
+// forgotten again and reported as std::bad_alloc.
 template <class T, class... Args>
-T* AccountedNewOrThrow(const AccountingSite& site, Args&&... args) {
-  T* object = AccountedNew<T>(site, std::forward<Args>(args)...);
+T* NewAccountedOrThrow(const char* source, int line, const char* name, Args&&... args) {
+  T* object = NewAccounted<T>(source, line, name, std::forward<Args>(args)...);
   if (object == nullptr) {
-    debug::ObjectMonitor::_DecLeakEx(nullptr, site.source, site.line, site.name);
+    debug::ObjectMonitor::_DecLeakEx(nullptr, source, line, name);
     throw std::bad_alloc();
   }
   return object;
 }
 
+}  // namespace detail
+
 // Creates a disposable object (a task, a timer) the accounted way, recorded
 // under `name`; hand it to an executor or scheduler, which disposes it. The
 // caller owns the result until then. Throws std::bad_alloc when memory is
-// exhausted.
+// exhausted; an exception from T's constructor passes on and leaves nothing
+// allocated.
 template <class T, class... Args>
 T* MakeDisposable(const char* name, Args&&... args) {
-  return AccountedNewOrThrow<T>(AccountingSite{"host", 0, name}, std::forward<Args>(args)...);
+  return detail::NewAccountedOrThrow<T>("host", 0, name, std::forward<Args>(args)...);
 }
 
 }  // namespace lang

@@ -1,7 +1,7 @@
 // GlobalTaskScheduler: the process-wide pool pair.
 #include "foundation/threading/scheduler/globaltaskscheduler.h"
 
-#include "foundation/lang/accounted.h"
+#include "lang/accounting.h"
 #include "threading/threadpool/taskqueue.h"
 
 namespace zorv {

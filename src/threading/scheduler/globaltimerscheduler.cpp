@@ -1,7 +1,7 @@
 // GlobalTimerScheduler: the process-wide timer scheduler.
 #include "foundation/threading/scheduler/globaltimerscheduler.h"
 
-#include "foundation/lang/accounted.h"
+#include "lang/accounting.h"
 #include "threading/threadpool/taskqueue.h"
 
 namespace zorv {

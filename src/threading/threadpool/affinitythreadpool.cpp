@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "foundation/collection/vector.h"
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
+#include "lang/accounting.h"
 #include "threading/threadpool/taskqueue.h"
 
 namespace zorv {

@@ -7,13 +7,14 @@
 #include <atomic>
 #include <cstddef>
 
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
 #include "foundation/text/safestring.h"
 #include "foundation/threading/lock.h"
 #include "foundation/threading/lockcondition.h"
 #include "foundation/threading/thread.h"
+
+#include "lang/accounting.h"
 
 namespace zorv {
 namespace foundation {

@@ -6,9 +6,9 @@
 #include <unordered_set>
 
 #include "foundation/collection/vector.h"
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
+#include "lang/accounting.h"
 #include "threading/threadpool/taskqueue.h"
 
 namespace zorv {

@@ -10,11 +10,11 @@
 #include <utility>
 
 #include "foundation/debug/allocator.h"
-#include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
 #include "foundation/threading/lock.h"
 #include "foundation/threading/lockcondition.h"
+#include "lang/accounting.h"
 #include "threading/threadpool/taskqueue.h"
 
 namespace zorv {
