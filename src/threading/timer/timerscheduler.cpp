@@ -2,6 +2,9 @@
 // them, or hands them to an executor, when they are due.
 #include "foundation/threading/timer/timerscheduler.h"
 
+#include <errno.h>
+#include <time.h>
+
 #include <atomic>
 #include <functional>
 #include <map>
@@ -32,6 +35,15 @@ constexpr char kStopped[] = "scheduler has been stopped";
 // The longest single sleep of the scheduler thread: a far due time is
 // approached in steps that fit the condition's 32-bit time-out.
 constexpr unsigned long long kMaxSleepMs = 3600000;
+
+// Sleeps until SystemUtils::GetTick() reaches `tick`.
+void SleepUntilTick(unsigned long long tick) {
+  struct timespec at;
+  at.tv_sec = static_cast<time_t>(tick / 1000ULL);
+  at.tv_nsec = static_cast<long>(tick % 1000ULL) * 1000000L;
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+  }
+}
 
 }  // namespace
 
@@ -336,9 +348,21 @@ void _TimerScheduler::run() {
     auto first = d->queue.begin();
     const unsigned long long now = system::SystemUtils::GetTick();
     if (now < first->first) {
-      const unsigned long long wait = first->first - now;
-      (void)d->condition.tryWait(
-          locker, static_cast<unsigned int>(wait < kMaxSleepMs ? wait : kMaxSleepMs));
+      const unsigned long long due = first->first;
+      const unsigned long long wait = due - now;
+      if (wait > 1) {
+        // Up to the last millisecond before the due time: a time-out of
+        // whole milliseconds counted from within the current one would
+        // overshoot by up to a millisecond.
+        (void)d->condition.tryWait(
+            locker, static_cast<unsigned int>(wait - 1 < kMaxSleepMs ? wait - 1 : kMaxSleepMs));
+      } else {
+        // The last fraction of a millisecond, to the due tick itself; an
+        // earlier timer, a removal or stop() wait at most that long.
+        locker.unlock();
+        SleepUntilTick(due);
+        locker.lock();
+      }
       continue;
     }
     TimerTask* task = first->second;
