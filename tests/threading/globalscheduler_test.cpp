@@ -26,18 +26,30 @@ using GlobalSchedulerTest = zorv::test::LeakCheckedTest;
 
 std::string Str(const zf::SafeString& s) { return std::string(s.c_str()); }
 
-TEST_F(GlobalSchedulerTest, ServicesAreNamedAndSizeTheirPoolsInOrder) {
-  GlobalTaskScheduler tasks(2, 3);
-  GlobalTimerScheduler timers;
-  const IService* services[] = {&tasks, &timers};
+// Services made disposable are disposed, with their work, without finalize().
+TEST_F(GlobalSchedulerTest, ServicesAreNamedSizeTheirPoolsAndMayBeDisposed) {
+  Tally tally;
+  GlobalTaskScheduler* tasks =
+      zf::lang::MakeDisposable<GlobalTaskScheduler>("GlobalTaskScheduler", 2u, 3u);
+  GlobalTimerScheduler* timers = zf::lang::MakeDisposable<GlobalTimerScheduler>(
+      "GlobalTimerScheduler", &tasks->getThreadPool());
+  GlobalTimerScheduler ownThread;
+  const IService* services[] = {tasks, timers, &ownThread};
   const char* names[] = {"zorv.foundation.threading.GlobalTaskScheduler",
+                         "zorv.foundation.threading.GlobalTimerScheduler",
                          "zorv.foundation.threading.GlobalTimerScheduler"};
-  for (int i = 0; i < 2; ++i) {
+  for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(Str(services[i]->typeName()), names[i]);
     EXPECT_EQ(Str(services[i]->instanceName()), "default");
   }
-  EXPECT_EQ(tasks.getThreadPool().threadNum(), 2u);
-  EXPECT_EQ(tasks.getAffinityPool().threadNum(), 3u);
+  EXPECT_EQ(tasks->getThreadPool().threadNum(), 2u);
+  EXPECT_EQ(tasks->getAffinityPool().threadNum(), 3u);
+  timers->getTimerScheduler().addTimer(NewTimer(&tally, 1, 100000, -1));
+  tasks->getThreadPool().addTask(NewTask(&tally, 2));
+  static_cast<IService*>(timers)->dispose();
+  tasks->dispose();
+  EXPECT_EQ(tally.disposals.load(), 2);
+  EXPECT_EQ(tally.runs.load(), 1);
   GlobalTaskScheduler defaults;
   const int processors = static_cast<int>(zf::system::SystemUtils::GetProcessorNum());
   const unsigned int expected =
@@ -83,21 +95,6 @@ TEST_F(GlobalSchedulerTest, TimersOverThePoolThenFinalizeDrainsAndStops) {
                     "zorv.foundation.threading.AffinityThreadPool.addTask",
                     "executor has stopped");
   EXPECT_EQ(tally.disposals.load(), 206);
-}
-
-TEST_F(GlobalSchedulerTest, ServicesMadeDisposableAreDisposedWithoutFinalize) {
-  Tally tally;
-  GlobalTaskScheduler* tasks =
-      zf::lang::MakeDisposable<GlobalTaskScheduler>("GlobalTaskScheduler", 1u, 1u);
-  IService* timers =
-      zf::lang::MakeDisposable<GlobalTimerScheduler>("GlobalTimerScheduler", &tasks->getThreadPool());
-  static_cast<GlobalTimerScheduler*>(timers)->getTimerScheduler().addTimer(
-      NewTimer(&tally, 1, 100000, -1));
-  tasks->getThreadPool().addTask(NewTask(&tally, 2));
-  timers->dispose();
-  tasks->dispose();
-  EXPECT_EQ(tally.disposals.load(), 2);
-  EXPECT_EQ(tally.runs.load(), 1);
 }
 
 }  // namespace
