@@ -164,7 +164,7 @@ TEST_P(TimerSchedulerTest, TimersRunOnceOrAgainWhereSentNeverTwiceAtOnce) {
 // well before the next: a run planned from the end of the last (half a
 // period off the grid here) or a burst that catches up missed slots fails.
 TEST_P(TimerSchedulerTest, FixedRateRunsStartOnTheirGridAndSkipMissedSlots) {
-  const unsigned long long period = zorv::test::SlowTarget() ? 300 : 100;
+  const unsigned long long period = zorv::test::SlowTarget() ? 300 : 150;
   // The first run lasts until t0 + overrunHalves * period / 2, and may double
   // interval().
   struct Case { const char* name; unsigned long long overrunHalves; bool doubleInterval;
