@@ -19,28 +19,37 @@ using zf::threading::GlobalTaskScheduler;
 using zf::threading::GlobalTimerScheduler;
 using zorv::test::NewTask;
 using zorv::test::NewTimer;
-using zorv::test::Tally;
 using zorv::test::PollUntil;
+using zorv::test::Tally;
 
 using GlobalSchedulerTest = zorv::test::LeakCheckedTest;
 
 std::string Str(const zf::SafeString& s) { return std::string(s.c_str()); }
 
-TEST_F(GlobalSchedulerTest, ServicesAreNamed) {
-  GlobalTaskScheduler tasks(1, 1);
-  GlobalTimerScheduler timers;
-  const IService& taskService = tasks;
-  const IService& timerService = timers;
-  EXPECT_EQ(Str(taskService.typeName()), "zorv.foundation.threading.GlobalTaskScheduler");
-  EXPECT_EQ(Str(timerService.typeName()), "zorv.foundation.threading.GlobalTimerScheduler");
-  EXPECT_EQ(Str(taskService.instanceName()), "default");
-  EXPECT_EQ(Str(timerService.instanceName()), "default");
-}
-
-TEST_F(GlobalSchedulerTest, TaskSchedulerSizesItsPoolsInOrder) {
-  GlobalTaskScheduler tasks(2, 3);
-  EXPECT_EQ(tasks.getThreadPool().threadNum(), 2u);
-  EXPECT_EQ(tasks.getAffinityPool().threadNum(), 3u);
+// Services made disposable are disposed, with their work, without finalize().
+TEST_F(GlobalSchedulerTest, ServicesAreNamedSizeTheirPoolsAndMayBeDisposed) {
+  Tally tally;
+  GlobalTaskScheduler* tasks =
+      zf::lang::MakeDisposable<GlobalTaskScheduler>("GlobalTaskScheduler", 2u, 3u);
+  GlobalTimerScheduler* timers = zf::lang::MakeDisposable<GlobalTimerScheduler>(
+      "GlobalTimerScheduler", &tasks->getThreadPool());
+  GlobalTimerScheduler ownThread;
+  const IService* services[] = {tasks, timers, &ownThread};
+  const char* names[] = {"zorv.foundation.threading.GlobalTaskScheduler",
+                         "zorv.foundation.threading.GlobalTimerScheduler",
+                         "zorv.foundation.threading.GlobalTimerScheduler"};
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(Str(services[i]->typeName()), names[i]);
+    EXPECT_EQ(Str(services[i]->instanceName()), "default");
+  }
+  EXPECT_EQ(tasks->getThreadPool().threadNum(), 2u);
+  EXPECT_EQ(tasks->getAffinityPool().threadNum(), 3u);
+  timers->getTimerScheduler().addTimer(NewTimer(&tally, 1, 100000, -1));
+  tasks->getThreadPool().addTask(NewTask(&tally, 2));
+  static_cast<IService*>(timers)->dispose();
+  tasks->dispose();
+  EXPECT_EQ(tally.disposals.load(), 2);
+  EXPECT_EQ(tally.runs.load(), 1);
   GlobalTaskScheduler defaults;
   const int processors = static_cast<int>(zf::system::SystemUtils::GetProcessorNum());
   const unsigned int expected =
@@ -49,33 +58,16 @@ TEST_F(GlobalSchedulerTest, TaskSchedulerSizesItsPoolsInOrder) {
   EXPECT_EQ(defaults.getAffinityPool().threadNum(), expected);
 }
 
-TEST_F(GlobalSchedulerTest, FinalizeDrainsStopsAndMayBeRepeated) {
-  Tally tally;
-  GlobalTaskScheduler tasks(2, 2);
-  for (int i = 0; i < 100; ++i) {
-    tasks.getThreadPool().addTask(NewTask(&tally, i));
-    tasks.getAffinityPool().addTask(NewTask(&tally, i));
-  }
-  tasks.finalize();
-  EXPECT_EQ(tally.runs.load(), 200);
-  EXPECT_EQ(tally.disposals.load(), 200);
-  tasks.finalize();
-  EXPECT_ZORV_THROW(tasks.getThreadPool().addTask(NewTask(&tally)),
-                    "zorv.foundation.threading.ThreadPool.addTask", "executor has stopped");
-  EXPECT_ZORV_THROW(tasks.getAffinityPool().addTask(NewTask(&tally)),
-                    "zorv.foundation.threading.AffinityThreadPool.addTask",
-                    "executor has stopped");
-  EXPECT_EQ(tally.disposals.load(), 202);
-}
-
-TEST_F(GlobalSchedulerTest, TimerSchedulerOverThePoolIsTheTypicalTimedJob) {
+// Finalizing stops the timers first, then drains the pools; both may be
+// finalized again.
+TEST_F(GlobalSchedulerTest, TimersOverThePoolThenFinalizeDrainsAndStops) {
   Tally tally;
   std::atomic<int> onPool{0};
   GlobalTaskScheduler tasks(2, 1);
   GlobalTimerScheduler timers(&tasks.getThreadPool());
   zorv::test::ProbeTimer* repeating = NewTimer(&tally, 1, 2, 4);
   repeating->body = [&] { onPool += tasks.getThreadPool().isMyThread() ? 1 : 0; };
-  timers.getTimerScheduler().addTimer(repeating);
+  timers.getTimerScheduler().addFixedRateTimer(repeating);
   timers.getTimerScheduler().addTimer(NewTimer(&tally, 2, 5));
   ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 2; }));
   EXPECT_EQ(tally.runs.load(), 6);
@@ -89,22 +81,20 @@ TEST_F(GlobalSchedulerTest, TimerSchedulerOverThePoolIsTheTypicalTimedJob) {
                     "scheduler has been stopped");
   late->dispose();
   timers.finalize();
+  for (int i = 0; i < 100; ++i) {
+    tasks.getThreadPool().addTask(NewTask(&tally, i));
+    tasks.getAffinityPool().addTask(NewTask(&tally, i));
+  }
   tasks.finalize();
-}
-
-TEST_F(GlobalSchedulerTest, ServicesMadeDisposableAreDisposedWithoutFinalize) {
-  Tally tally;
-  GlobalTaskScheduler* tasks =
-      zf::lang::MakeDisposable<GlobalTaskScheduler>("GlobalTaskScheduler", 1u, 1u);
-  IService* timers =
-      zf::lang::MakeDisposable<GlobalTimerScheduler>("GlobalTimerScheduler", &tasks->getThreadPool());
-  static_cast<GlobalTimerScheduler*>(timers)->getTimerScheduler().addTimer(
-      NewTimer(&tally, 1, 100000, -1));
-  tasks->getThreadPool().addTask(NewTask(&tally, 2));
-  timers->dispose();
-  tasks->dispose();
-  EXPECT_EQ(tally.disposals.load(), 2);
-  EXPECT_EQ(tally.runs.load(), 1);
+  EXPECT_EQ(tally.runs.load(), 206);
+  EXPECT_EQ(tally.disposals.load(), 204);
+  tasks.finalize();
+  EXPECT_ZORV_THROW(tasks.getThreadPool().addTask(NewTask(&tally)),
+                    "zorv.foundation.threading.ThreadPool.addTask", "executor has stopped");
+  EXPECT_ZORV_THROW(tasks.getAffinityPool().addTask(NewTask(&tally)),
+                    "zorv.foundation.threading.AffinityThreadPool.addTask",
+                    "executor has stopped");
+  EXPECT_EQ(tally.disposals.load(), 206);
 }
 
 }  // namespace

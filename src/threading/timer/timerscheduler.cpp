@@ -2,6 +2,9 @@
 // them, or hands them to an executor, when they are due.
 #include "foundation/threading/timer/timerscheduler.h"
 
+#include <errno.h>
+#include <time.h>
+
 #include <atomic>
 #include <functional>
 #include <map>
@@ -16,6 +19,7 @@
 #include "foundation/threading/lockcondition.h"
 #include "lang/accounting.h"
 #include "threading/threadpool/taskqueue.h"
+#include "threading/timer/timerslot.h"
 
 namespace zorv {
 namespace foundation {
@@ -25,10 +29,21 @@ namespace {
 constexpr char kSource[] = "../threading/timer/timerscheduler.cpp";
 constexpr char kThreadName[] = "zorv.foundation.threading.TimerScheduler";
 constexpr char kAddTimer[] = "zorv.foundation.threading.TimerScheduler.addTimer";
+constexpr char kAddFixedRateTimer[] =
+    "zorv.foundation.threading.TimerScheduler.addFixedRateTimer";
 constexpr char kStopped[] = "scheduler has been stopped";
 // The longest single sleep of the scheduler thread: a far due time is
 // approached in steps that fit the condition's 32-bit time-out.
 constexpr unsigned long long kMaxSleepMs = 3600000;
+
+// Sleeps until SystemUtils::GetTick() reaches `tick`.
+void SleepUntilTick(unsigned long long tick) {
+  struct timespec at;
+  at.tv_sec = static_cast<time_t>(tick / 1000ULL);
+  at.tv_nsec = static_cast<long>(tick % 1000ULL) * 1000000L;
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+  }
+}
 
 }  // namespace
 
@@ -101,9 +116,15 @@ namespace sealed {
 // The wrapper keeps its queue entry for its whole life: taken out of the
 // queue it is parked in the wrapper, and queueing it again reuses it, so a
 // timer once added is re-armed without allocating.
+//
+// A fixed-rate timer keeps its grid in the parked entry: the key is the slot
+// of the run just made, and `period_` the interval that leads to the next
+// slot, asked one re-arming earlier.
 class _TimerScheduler::TimerTask : public ITimer {
  public:
-  TimerTask(ITimer* timer, detail::TimerSchedulerPrivate* d) : timer_(timer), d_(d) {
+  TimerTask(ITimer* timer, detail::TimerSchedulerPrivate* d, bool fixedRate,
+            unsigned long long period)
+      : timer_(timer), d_(d), fixedRate_(fixedRate), period_(period) {
     d_->liveTasks.fetch_add(1, std::memory_order_relaxed);
   }
 
@@ -256,7 +277,14 @@ class _TimerScheduler::TimerTask : public ITimer {
         if (d_->running) {
           try {
             if (timer_->isRepeat()) {
-              entry_.key() = detail::TimerSchedulerPrivate::DueIn(timer_->interval());
+              const unsigned long long interval = timer_->interval();
+              if (fixedRate_) {
+                entry_.key() =
+                    detail::NextSlot(entry_.key(), period_, system::SystemUtils::GetTick());
+                period_ = interval;  // from the slot after the next
+              } else {
+                entry_.key() = detail::TimerSchedulerPrivate::DueIn(interval);
+              }
               again = true;
             }
           } catch (...) {
@@ -303,6 +331,10 @@ class _TimerScheduler::TimerTask : public ITimer {
   // A run of the user's timer is in progress: set under the lock, cleared
   // under it when the run re-arms, or after the run disposed the timer.
   std::atomic<bool> busy_{false};
+  // Re-armed on the grid of its first due time rather than from the end of
+  // each run. Under the lock.
+  const bool fixedRate_;
+  unsigned long long period_;
 };
 
 void _TimerScheduler::run() {
@@ -316,9 +348,21 @@ void _TimerScheduler::run() {
     auto first = d->queue.begin();
     const unsigned long long now = system::SystemUtils::GetTick();
     if (now < first->first) {
-      const unsigned long long wait = first->first - now;
-      (void)d->condition.tryWait(
-          locker, static_cast<unsigned int>(wait < kMaxSleepMs ? wait : kMaxSleepMs));
+      const unsigned long long due = first->first;
+      const unsigned long long wait = due - now;
+      if (wait > 1) {
+        // Up to the last millisecond before the due time: a time-out of
+        // whole milliseconds counted from within the current one would
+        // overshoot by up to a millisecond.
+        (void)d->condition.tryWait(
+            locker, static_cast<unsigned int>(wait - 1 < kMaxSleepMs ? wait - 1 : kMaxSleepMs));
+      } else {
+        // The last fraction of a millisecond, to the due tick itself; an
+        // earlier timer, a removal or stop() wait at most that long.
+        locker.unlock();
+        SleepUntilTick(due);
+        locker.lock();
+      }
       continue;
     }
     TimerTask* task = first->second;
@@ -391,23 +435,39 @@ TimerScheduler::~TimerScheduler() {
   lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~TimerScheduler"));
 }
 
-void TimerScheduler::addTimer(ITimer* timer) {
-  Locker locker(&d_->lock, false);
-  if (!d_->running) throw lang::Exception(kAddTimer, kStopped);
-  if (d_->registry.count(timer) != 0) return;  // one schedule and one owner per timer
-  const unsigned long long due = detail::TimerSchedulerPrivate::DueIn(timer->interval());
-  TimerTask* task = lang::AccountedNewOrThrow<TimerTask>(
-      ZORV_ACCOUNTING_SITE(kSource, "addTimer"), timer, d_);
-  auto entry = d_->registry.end();
+namespace {
+
+// Registers `timer` and queues its first run, for addTimer and
+// addFixedRateTimer; `source` names the operation in its exception.
+void Schedule(detail::TimerSchedulerPrivate* d, ITimer* timer, bool fixedRate,
+              const char* source, const lang::AccountingSite& site) {
+  Locker locker(&d->lock, false);
+  if (!d->running) throw lang::Exception(source, kStopped);
+  if (d->registry.count(timer) != 0) return;  // one schedule and one owner per timer
+  const unsigned long long interval = timer->interval();
+  const unsigned long long due = detail::TimerSchedulerPrivate::DueIn(interval);
+  TimerTask* task = lang::AccountedNewOrThrow<TimerTask>(site, timer, d, fixedRate, interval);
+  auto entry = d->registry.end();
   try {
-    entry = d_->registry.emplace(timer, task).first;
+    entry = d->registry.emplace(timer, task).first;
     task->add(due, locker);
   } catch (...) {
-    if (entry != d_->registry.end()) d_->registry.erase(entry);
+    if (entry != d->registry.end()) d->registry.erase(entry);
     task->detach();
     task->release();
     throw;
   }
+}
+
+}  // namespace
+
+void TimerScheduler::addTimer(ITimer* timer) {
+  Schedule(d_, timer, false, kAddTimer, ZORV_ACCOUNTING_SITE(kSource, "addTimer"));
+}
+
+void TimerScheduler::addFixedRateTimer(ITimer* timer) {
+  Schedule(d_, timer, true, kAddFixedRateTimer,
+           ZORV_ACCOUNTING_SITE(kSource, "addFixedRateTimer"));
 }
 
 void TimerScheduler::removeTimer(ITimer* timer, bool wait) {

@@ -11,9 +11,10 @@ namespace threading {
 
 // A task for a timer scheduler: run() does the work, interval() gives the
 // delay before the first run and between the end of one run and the start of
-// the next, and isRepeat() says after each run whether to run again. When
-// isRepeat() or interval() throws after a run, the timer ends: its
-// interrupted() is called and it is disposed.
+// the next (or, for a timer added with TimerScheduler::addFixedRateTimer,
+// between the due times of two runs), and isRepeat() says after each run
+// whether to run again. When isRepeat() or interval() throws after a run, the
+// timer ends: its interrupted() is called and it is disposed.
 //
 // Ownership: a scheduler that accepts a timer owns it and calls its dispose()
 // exactly once, after its last run, after it was removed, or when the
@@ -33,10 +34,11 @@ class ZORV_FOUNDATION_EXPORT ITimer : public ITask {
 
   // The delay in milliseconds of the monotonic clock (SystemUtils::GetTick):
   // asked when the timer is added (delay to the first run) and after each
-  // run that repeats (delay from the end of that run to the next). A due
-  // time past the end of the clock is held at its end, so a delay near 2^64
-  // (~0ULL as "off") means never. A delay of 0 runs a repeating timer back
-  // to back; over an executor every run is one addTask, so such a timer
+  // run that repeats (delay from the end of that run to the next; for a
+  // fixed-rate timer, the period from the next due time to the one after).
+  // A due time past the end of the clock is held at its end, so a delay near
+  // 2^64 (~0ULL as "off") means never. A delay of 0 runs a repeating timer
+  // back to back; over an executor every run is one addTask, so such a timer
   // keeps one worker busy for good and the scheduler thread hands it over
   // once per run.
   virtual unsigned long long interval() = 0;

@@ -35,9 +35,10 @@ struct TimerSchedulerPrivate;
 // is due. Then it either runs the timer itself or, when built over an
 // executor, hands it to the executor's addTask and goes back to keeping time.
 // Timers with equal due times run in the order they were queued. A repeating
-// timer is queued again interval() milliseconds after its run ended: a late
-// or slow run shifts later runs, missed periods are not caught up, and one
-// timer never runs twice at once.
+// timer added with addTimer is queued again interval() milliseconds after its
+// run ended: a late or slow run shifts later runs, missed periods are not
+// caught up. One added with addFixedRateTimer keeps to a fixed grid of start
+// times instead. Either way one timer never runs twice at once.
 //
 // Ownership: the scheduler owns every timer it accepts and disposes it
 // exactly once: after a run after which isRepeat() is false (or after which
@@ -98,6 +99,26 @@ class ZORV_FOUNDATION_EXPORT TimerScheduler : public ITimerScheduler {
   // so remove another timer whose next run waits behind it in the queue of
   // the same worker. An unknown timer, or one removed before, is ignored.
   void removeTimer(ITimer* timer, bool wait) override;
+
+  // As addTimer, but the timer repeats at a fixed rate, start to start: with
+  // t0 the GetTick() of this call, its k-th run is due at
+  // t0 + k * interval(). A run that ends after one or more later slots have
+  // passed skips them: the next run takes the first slot not yet passed,
+  // without a burst of runs to catch up and never while a run of it is in
+  // progress. isRepeat() is asked after each run, and interval() with it: a
+  // changed interval applies from the slot after the next (the next slot was
+  // planned with the interval in force). An interval() of 0 runs a
+  // repeating timer back to back. A run late in starting (a busy executor)
+  // does not move the grid. Ownership, removal, stop() and failures of
+  // run(), isRepeat() and interval() are as for addTimer.
+  // Throws Exception
+  // ("zorv.foundation.threading.TimerScheduler.addFixedRateTimer",
+  // "scheduler has been stopped") after stop(), std::bad_alloc when memory
+  // runs out, and passes on what interval() throws; the timer is then not
+  // accepted and still belongs to the caller. Adding a timer that is already
+  // scheduled (by either call) does nothing.
+  // REQUIRES: timer is not null.
+  void addFixedRateTimer(ITimer* timer);
 
   // Stops the scheduler thread, waits until every run in progress or queued
   // in the executor has ended, and disposes every timer. Afterwards addTimer
