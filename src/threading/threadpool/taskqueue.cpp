@@ -5,7 +5,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <new>
+#include <thread>
 
 #include "foundation/debug/allocator.h"
 #include "foundation/debug/chronomonitor.h"
@@ -18,20 +20,57 @@ namespace {
 
 constexpr unsigned int kMaxWorkers = 300;
 
-// Attempts at the queue's lock before blocking on it.
-constexpr int kLockSpins = 20;
-// Watches of a waiter's state before it sleeps.
-constexpr int kWatches = 400;
+// How long a thread may spin, in nanoseconds of the monotonic clock, before
+// it blocks: on the queue's lock, which is held for a few instructions only,
+// and watching its waiter for an entry before it sleeps. Budgets in time, not
+// in attempts, since a processor's pause costs from one cycle (an ARM yield)
+// to a hundred and more (a recent x86 pause).
+constexpr long long kLockSpinNanos = 2000;
+constexpr long long kWatchNanos = 5000;
+// Spins between two readings of the clock.
+constexpr unsigned int kSpinsPerReading = 16;
 // The smallest ring, and the size above which an empty ring is replaced.
 constexpr std::size_t kInitialSlots = 64;
 constexpr std::size_t kShrinkAbove = 4096;
 
+// Tells the processor that the thread is spinning: it may save power or
+// give way to a sibling thread. Where no such hint is known, nothing.
 inline void CpuRelax() {
 #if defined(__i386__) || defined(__x86_64__)
   __builtin_ia32_pause();
 #elif defined(__arm__) || defined(__aarch64__)
   __asm__ __volatile__("yield");
 #endif
+}
+
+long long MonotonicNanos() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+}
+
+// The spin budget for `nanos`: none on a machine with a single processor,
+// where the thread that would end the wait cannot run while this one spins.
+long long SpinBudget(long long nanos) {
+  const unsigned int hinted = std::thread::hardware_concurrency();
+  const long processors = hinted != 0 ? static_cast<long>(hinted) : sysconf(_SC_NPROCESSORS_ONLN);
+  return processors > 1 ? nanos : 0;
+}
+
+// Spins until `done()` is true or `budget` nanoseconds have passed; returns
+// the last `done()`. The clock is read once every few spins only.
+template <class Done>
+bool SpinUntil(long long budget, Done done) {
+  if (done()) return true;
+  if (budget <= 0) return false;
+  const long long deadline = MonotonicNanos() + budget;
+  for (;;) {
+    for (unsigned int spin = 0; spin < kSpinsPerReading; ++spin) {
+      CpuRelax();
+      if (done()) return true;
+    }
+    if (MonotonicNanos() >= deadline) return done();
+  }
 }
 
 static_assert(sizeof(std::atomic<int>) == sizeof(int), "a futex word is an int");
@@ -66,7 +105,10 @@ void FreeRing(ITask** ring, std::size_t slots) {
 
 }  // namespace
 
-TaskQueue::TaskQueue() : notFull(lock) {}
+TaskQueue::TaskQueue()
+    : lockSpinNanos(SpinBudget(kLockSpinNanos)),
+      watchNanos(SpinBudget(kWatchNanos)),
+      notFull(lock) {}
 
 TaskQueue::~TaskQueue() { FreeRing(slots, capacity); }
 
@@ -187,13 +229,14 @@ ITask* TaskQueue::take(TaskWaiter& self) {
 // Only one consumer watches at a time before sleeping: more would take
 // processor time from the producers.
 ITask* TaskQueue::await(TaskWaiter& self) {
-  if (watchers->fetch_add(1, std::memory_order_relaxed) == 0) {
-    for (int watch = 0; watch < kWatches; ++watch) {
-      if (self.state.load(std::memory_order_acquire) == TaskWaiter::kServed) break;
-      CpuRelax();
+  if (watchNanos > 0) {
+    if (watchers->fetch_add(1, std::memory_order_relaxed) == 0) {
+      (void)SpinUntil(watchNanos, [&self] {
+        return self.state.load(std::memory_order_acquire) == TaskWaiter::kServed;
+      });
     }
+    watchers->fetch_sub(1, std::memory_order_relaxed);
   }
-  watchers->fetch_sub(1, std::memory_order_relaxed);
   int expected = TaskWaiter::kWaiting;
   if (self.state.compare_exchange_strong(expected, TaskWaiter::kSleeping,
                                          std::memory_order_acquire)) {
@@ -205,11 +248,7 @@ ITask* TaskQueue::await(TaskWaiter& self) {
 }
 
 void TaskQueue::acquire() {
-  for (int spin = 0; spin < kLockSpins; ++spin) {
-    if (lock.tryLock()) return;
-    CpuRelax();
-  }
-  lock.lock();
+  if (!SpinUntil(lockSpinNanos, [this] { return lock.tryLock(); })) lock.lock();
 }
 
 bool TaskQueue::waitForRoom(Locker& locker) {

@@ -56,7 +56,11 @@ struct TaskWaiter {
 // The lock is taken after a short run of attempts: it is held for a few
 // instructions only, so with more workers than processors a short wait
 // usually finds it free, where blocking on it would cost the waiter a
-// sleep and the holder a wake-up call.
+// sleep and the holder a wake-up call. Attempts and watches are bounded in
+// time (a few microseconds of the monotonic clock), not in counts, and on a
+// machine with one processor there are none: the thread that would end the
+// wait could not run meanwhile. The lock is this queue's own and is never
+// taken twice by one thread.
 struct TaskQueue {
   enum Result { kAdded, kTimedOut, kClosed };
 
@@ -135,6 +139,10 @@ struct TaskQueue {
   // count, or one shared by the queues of a pool (see shareWatchers).
   std::atomic<int> ownWatchers{0};
   std::atomic<int>* watchers = &ownWatchers;
+  // Spin budgets in nanoseconds, fixed at construction; 0 where the queue
+  // was made on a machine with one processor.
+  const long long lockSpinNanos;
+  const long long watchNanos;
   Lock lock;
   LockCondition notFull;
 };
