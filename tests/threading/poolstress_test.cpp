@@ -112,7 +112,13 @@ template <class Pool>
 class PoolStressTest : public zorv::test::LeakCheckedTest {};
 
 using Executors = ::testing::Types<ThreadPool, AffinityThreadPool>;
-TYPED_TEST_SUITE(PoolStressTest, Executors);
+struct ExecutorNames {
+  template <class T>
+  static std::string GetName(int) {
+    return std::is_same<T, ThreadPool>::value ? "ThreadPool" : "AffinityThreadPool";
+  }
+};
+TYPED_TEST_SUITE(PoolStressTest, Executors, ExecutorNames);
 
 // Many producers against a small bound block on full queues; many workers
 // against few producers find the queue empty and are handed their tasks as
