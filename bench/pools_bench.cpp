@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "foundation/debug/chronomonitor.h"
 #include "foundation/lang/accounted.h"
 #include "foundation/threading/threadpool/affinitythreadpool.h"
 #include "foundation/threading/threadpool/threadpool.h"
@@ -124,7 +125,9 @@ class PlainPool {
     virtual void run() = 0;
   };
 
-  explicit PlainPool(unsigned int workers) {
+  // `timed`: each run inside a debug-support timing scope, as the zorv
+  // workers do.
+  explicit PlainPool(unsigned int workers, bool timed = false) : timed_(timed) {
     for (unsigned int i = 0; i < workers; ++i) threads_.emplace_back([this] { loop(); });
   }
   ~PlainPool() {
@@ -154,11 +157,17 @@ class PlainPool {
         task = queue_.front();
         queue_.pop_front();
       }
-      task->run();
+      if (timed_) {
+        zf::debug::ChronoMonitor::Chronometer scope("bench.PlainPool", "Exec");
+        task->run();
+      } else {
+        task->run();
+      }
       delete task;
     }
   }
 
+  const bool timed_;
   std::mutex mutex_;
   std::condition_variable notEmpty_;
   std::deque<Task*> queue_;
@@ -176,6 +185,16 @@ struct PlainTask : PlainPool::Task {
 Harness PlainHarness() {
   return Harness{"std mutex+condvar+deque",
                  [](unsigned int workers) -> void* { return new PlainPool(workers); },
+                 [](void* p, size_t i, long long t) {
+                   static_cast<PlainPool*>(p)->add(new PlainTask(t, i));
+                 },
+                 [](void* p) { delete static_cast<PlainPool*>(p); }};
+}
+
+// The plain pool paying the same per-task timing scope as the zorv pools.
+Harness TimedPlainHarness() {
+  return Harness{"std pool + timing scope per task",
+                 [](unsigned int workers) -> void* { return new PlainPool(workers, true); },
                  [](void* p, size_t i, long long t) {
                    static_cast<PlainPool*>(p)->add(new PlainTask(t, i));
                  },
@@ -273,6 +292,7 @@ std::vector<Contender> Contenders() {
   all.push_back({ZorvAccountedHarness<zf::threading::ThreadPool>("zorv ThreadPool, MakeDisposable"),
                  true, false});
   all.push_back({PlainHarness(), false, true});
+  all.push_back({TimedPlainHarness(), false, false});
 #ifdef ZORV_BENCH_POCO
   all.push_back({PocoHarness(), false, true});
 #endif
