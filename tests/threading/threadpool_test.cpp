@@ -137,57 +137,36 @@ TYPED_TEST(ExecutorTest, QueueBoundIsAtLeast100AndSharedAmongQueues) {
   EXPECT_EQ(Bound(pool, 0), 0u);
 }
 
-// One worker: tasks run in the order queued, each timed under the pool's
-// category and disposed once, a throwing one interrupted, on a thread that
-// carries the pool's name.
-TYPED_TEST(ExecutorTest, RunsTasksInOrderTimedNamedAndDisposedOnce) {
+// One worker, first held at a gate: tasks run in the order queued, each
+// timed under the pool's category and disposed once, a throwing one
+// interrupted, on a thread named after the pool. stop() and the destructor
+// return only after every task ran; a stopped pool refuses new tasks.
+TYPED_TEST(ExecutorTest, RunsInOrderAndDrainsOnStopAndDestruction) {
   const std::string category = Source<TypeParam>();
-  const unsigned long long timed = ChronoMonitor::Count(category.c_str(), "Exec");
-  Tally tally;
-  bool mine = false;
-  std::string name;
-  const int n = 50;
-  {
-    TypeParam pool(1, SafeString("probe.pool"));
-    EXPECT_FALSE(pool.isMyThread());
-    for (int i = 0; i < n; ++i) {
-      ProbeTask* task = NewTask(&tally, i);
-      task->fail = i % 2 == 0;
-      if (i == 1) {
-        task->body = [&] {
-          mine = pool.isMyThread();
-          name = ChronoMonitor::GetThreadName(Thread::CurrentID()).c_str();
-        };
-      }
-      pool.addTask(task);
-    }
-    pool.stop();
-    EXPECT_EQ(pool.threadNum(), 0u);
-  }
-  EXPECT_TRUE(mine);
-  EXPECT_EQ(name, "probe.pool");
-  EXPECT_EQ(ChronoMonitor::Count(category.c_str(), "Exec") - timed, static_cast<unsigned long long>(n));
-  EXPECT_EQ(tally.interrupts.load(), n / 2);
-  EXPECT_EQ(tally.disposals.load(), n);
-  const std::vector<Tally::Run> log = tally.log();
-  ASSERT_EQ(log.size(), static_cast<size_t>(n));
-  for (int i = 0; i < n; ++i) EXPECT_EQ(log[i].id, i);
-}
-
-// stop() and the destructor return only after every queued task ran, held
-// up by a worker at a gate; a stopped pool disposes and refuses new tasks.
-TYPED_TEST(ExecutorTest, StopAndDestructorDrainTheQueueThenRefuse) {
   const std::string source = Source<TypeParam>(".addTask");
   for (const bool destroy : {false, true}) {
     SCOPED_TRACE(destroy);
+    const unsigned long long timed = ChronoMonitor::Count(category.c_str(), "Exec");
     Tally tally;
     Gate gate;
-    std::unique_ptr<TypeParam> pool(new TypeParam(2));
-    ProbeTask* blocker = NewTask(&tally, -1);
-    blocker->gate = &gate;
-    pool->addTask(blocker);
+    bool mine = false;
+    std::string name;
+    std::unique_ptr<TypeParam> pool(new TypeParam(1, SafeString("probe.pool")));
+    TypeParam* const raw = pool.get();
+    EXPECT_FALSE(pool->isMyThread());
     const int n = 300;
-    for (int i = 0; i < n; ++i) pool->addTask(NewTask(&tally, i));
+    for (int i = -1; i < n; ++i) {
+      ProbeTask* task = NewTask(&tally, i);
+      task->fail = i % 2 == 0;
+      if (i < 0) {
+        task->gate = &gate;
+        task->body = [&] {
+          mine = raw->isMyThread();
+          name = ChronoMonitor::GetThreadName(Thread::CurrentID()).c_str();
+        };
+      }
+      pool->addTask(task);
+    }
     std::thread release([&] {
       Thread::Sleep(20);
       gate.open();
@@ -200,6 +179,14 @@ TYPED_TEST(ExecutorTest, StopAndDestructorDrainTheQueueThenRefuse) {
     release.join();
     EXPECT_EQ(tally.runs.load(), n + 1) << "returned before the queue was drained";
     EXPECT_EQ(tally.disposals.load(), n + 1);
+    EXPECT_EQ(tally.interrupts.load(), n / 2);
+    EXPECT_EQ(ChronoMonitor::Count(category.c_str(), "Exec") - timed,
+              static_cast<unsigned long long>(n + 1));
+    EXPECT_TRUE(mine);
+    EXPECT_EQ(name, "probe.pool");
+    const std::vector<Tally::Run> log = tally.log();
+    ASSERT_EQ(log.size(), static_cast<size_t>(n + 1));
+    for (int i = 0; i <= n; ++i) EXPECT_EQ(log[i].id, i - 1);
     if (destroy) continue;
     pool->stop();  // harmless
     EXPECT_EQ(pool->threadNum(), 0u);
