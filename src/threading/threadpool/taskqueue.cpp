@@ -57,19 +57,26 @@ long long SpinBudget(long long nanos) {
   return processors > 1 ? nanos : 0;
 }
 
-// Spins until `done()` is true or `budget` nanoseconds have passed; returns
-// the last `done()`. The clock is read once every few spins only.
+// Spins until `done()` is true or about `budget` nanoseconds have passed;
+// returns the last `done()`. The clock is read once every few spins only,
+// the first time after the first few, so that a wait that ends at once
+// costs no reading.
 template <class Done>
 bool SpinUntil(long long budget, Done done) {
   if (done()) return true;
   if (budget <= 0) return false;
-  const long long deadline = MonotonicNanos() + budget;
+  long long deadline = 0;
   for (;;) {
     for (unsigned int spin = 0; spin < kSpinsPerReading; ++spin) {
       CpuRelax();
       if (done()) return true;
     }
-    if (MonotonicNanos() >= deadline) return done();
+    const long long now = MonotonicNanos();
+    if (deadline == 0) {
+      deadline = now + budget;
+    } else if (now >= deadline) {
+      return done();
+    }
   }
 }
 
