@@ -10,6 +10,7 @@
 #include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
+#include "foundation/threading/lock.h"
 #include "threading/threadpool/taskqueue.h"
 
 namespace zorv {

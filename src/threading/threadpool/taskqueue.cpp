@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <climits>
 #include <ctime>
 #include <new>
 #include <thread>
@@ -112,16 +113,49 @@ void FreeRing(ITask** ring, std::size_t slots) {
 
 }  // namespace
 
+void QueueLock::lock() {
+  int state = kFree;
+  if (word_.compare_exchange_strong(state, kTaken, std::memory_order_acquire,
+                                    std::memory_order_relaxed)) {
+    return;
+  }
+  if (state != kSleepers) state = word_.exchange(kSleepers, std::memory_order_acquire);
+  while (state != kFree) {
+    SleepOnWord(&word_, kSleepers);
+    state = word_.exchange(kSleepers, std::memory_order_acquire);
+  }
+}
+
+void QueueLock::unlock() {
+  if (word_.exchange(kFree, std::memory_order_release) == kSleepers) WakeWord(&word_);
+}
+
+void RoomSignal::wait(QueueHold& hold, bool timed, unsigned int ms) {
+  const int seen = sequence_.load(std::memory_order_relaxed);
+  hold.lock().unlock();
+  timespec limit;
+  limit.tv_sec = static_cast<time_t>(ms / 1000);
+  limit.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+  (void)syscall(SYS_futex, reinterpret_cast<int*>(&sequence_), FUTEX_WAIT_PRIVATE, seen,
+                timed ? &limit : nullptr, nullptr, 0);
+  hold.lock().lock();
+}
+
+void RoomSignal::notify(int count) {
+  sequence_.fetch_add(1, std::memory_order_relaxed);
+  (void)syscall(SYS_futex, reinterpret_cast<int*>(&sequence_), FUTEX_WAKE_PRIVATE, count, nullptr,
+                nullptr, 0);
+}
+
 TaskQueue::TaskQueue()
     : lockSpinNanos(SpinBudget(kLockSpinNanos)),
-      watchNanos(SpinBudget(kWatchNanos)),
-      notFull(lock) {}
+      watchNanos(SpinBudget(kWatchNanos)) {}
 
 TaskQueue::~TaskQueue() { FreeRing(slots, capacity); }
 
 void TaskQueue::reserveMarkers(unsigned int markers) {
   acquire();
-  Locker locker(&lock, true);
+  QueueHold locker(lock);
   grow(markers);
   markerRoom += markers;
 }
@@ -130,7 +164,7 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
   TaskWaiter* served;
   {
     acquire();
-    Locker locker(&lock, true);
+    QueueHold locker(lock);
     if (!waitForRoom(locker)) return kClosed;
     served = popWaiter(nullptr);
     if (markerRoom != 0) {
@@ -142,7 +176,7 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
     if (last) {
       // Under the same hold as the marker: no producer gets in behind it.
       closed = true;
-      if (full != 0) notFull.notifyAll(locker);
+      if (full != 0) notFull.notify(INT_MAX);
     }
   }
   Serve(served);
@@ -153,7 +187,7 @@ TaskQueue::Result TaskQueue::put(ITask* task) {
   TaskWaiter* served;
   {
     acquire();
-    Locker locker(&lock, true);
+    QueueHold locker(lock);
     if (!waitForRoom(locker)) return kClosed;
     served = appendTask(task);
   }
@@ -165,7 +199,7 @@ TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long 
   TaskWaiter* served;
   {
     acquire();
-    Locker locker(&lock, true);
+    QueueHold locker(lock);
     unsigned int remaining = ms;
     for (;;) {
       if (closed) return kClosed;
@@ -173,7 +207,7 @@ TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long 
         break;
       }
       ++full;
-      (void)notFull.tryWait(locker, remaining);
+      notFull.wait(locker, true, remaining);
       --full;
       const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
       if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) {
@@ -181,7 +215,7 @@ TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long 
         // is now there: hand it on rather than leave a producer asleep.
         if (full != 0 &&
             queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
-          notFull.notify(locker);
+          notFull.notify(1);
         }
         return kTimedOut;
       }
@@ -199,8 +233,8 @@ void TaskQueue::setBound(unsigned int bound) {
   // Under the lock, so that a producer between its check and its wait is
   // not missed.
   acquire();
-  Locker locker(&lock, true);
-  if (full != 0) notFull.notifyAll(locker);
+  QueueHold locker(lock);
+  if (full != 0) notFull.notify(INT_MAX);
 }
 
 ITask* TaskQueue::take(TaskWaiter& self) {
@@ -210,7 +244,7 @@ ITask* TaskQueue::take(TaskWaiter& self) {
   bool waiting = false;
   {
     acquire();
-    Locker locker(&lock, true);
+    QueueHold locker(lock);
     const unsigned int count = queued.load(std::memory_order_relaxed);
     if (count == 0) {
       self.state.store(TaskWaiter::kWaiting, std::memory_order_relaxed);
@@ -222,7 +256,7 @@ ITask* TaskQueue::take(TaskWaiter& self) {
       task = slots[head];
       head = (head + 1) & (capacity - 1);
       queued.store(count - 1, std::memory_order_relaxed);
-      if (full != 0) notFull.notify(locker);  // nobody to wake otherwise
+      if (full != 0) notFull.notify(1);  // nobody to wake otherwise
       if (count == 1 && capacity > kShrinkAbove) {
         retiredSlots = capacity;
         retired = shrink();
@@ -258,14 +292,14 @@ void TaskQueue::acquire() {
   if (!SpinUntil(lockSpinNanos, [this] { return lock.tryLock(); })) lock.lock();
 }
 
-bool TaskQueue::waitForRoom(Locker& locker) {
+bool TaskQueue::waitForRoom(QueueHold& locker) {
   for (;;) {
     if (closed) return false;
     if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
       return true;
     }
     ++full;
-    notFull.wait(locker);
+    notFull.wait(locker, false, 0);
     --full;
   }
 }
