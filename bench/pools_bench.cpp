@@ -4,8 +4,8 @@
 // A small harness with its own main (percentiles do not fit Google
 // Benchmark's model). Usage: pools_bench [tasks [pool-filter [reps]]]; tasks
 // defaults to 1000000; a filter runs only the task figures of the pools whose
-// names contain one of its '|'-separated words; reps (default 3) is how many
-// times each figure is measured.
+// names contain one of its '|'-separated words ("" for all); reps (default 5)
+// is how many times each figure is measured.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "foundation/debug/chronomonitor.h"
 #include "foundation/lang/accounted.h"
 #include "foundation/threading/threadpool/affinitythreadpool.h"
 #include "foundation/threading/threadpool/threadpool.h"
@@ -32,7 +33,7 @@
 #include <Poco/Notification.h>
 #include <Poco/NotificationQueue.h>
 #include <Poco/Runnable.h>
-#include <Poco/ThreadPool.h>
+#include <Poco/Thread.h>
 #include <Poco/Util/Timer.h>
 #include <Poco/Util/TimerTask.h>
 #endif
@@ -104,6 +105,17 @@ Harness ZorvHarness(const char* name) {
                  [](void* p) { delete static_cast<Pool*>(p); }};
 }
 
+// The same task created the accounted way, as the library's own callers do.
+template <class Pool>
+Harness ZorvAccountedHarness(const char* name) {
+  return Harness{name, [](unsigned int workers) -> void* { return new Pool(workers); },
+                 [](void* p, size_t i, long long t) {
+                   static_cast<Pool*>(p)->addTask(
+                       zf::lang::MakeDisposable<ZorvTask>("ZorvTask", t, i));
+                 },
+                 [](void* p) { delete static_cast<Pool*>(p); }};
+}
+
 // ---- The plain pool: std::mutex, std::condition_variable, std::deque ----
 
 class PlainPool {
@@ -113,7 +125,9 @@ class PlainPool {
     virtual void run() = 0;
   };
 
-  explicit PlainPool(unsigned int workers) {
+  // `timed`: each run inside a debug-support timing scope, as the zorv
+  // workers do.
+  explicit PlainPool(unsigned int workers, bool timed = false) : timed_(timed) {
     for (unsigned int i = 0; i < workers; ++i) threads_.emplace_back([this] { loop(); });
   }
   ~PlainPool() {
@@ -143,11 +157,17 @@ class PlainPool {
         task = queue_.front();
         queue_.pop_front();
       }
-      task->run();
+      if (timed_) {
+        zf::debug::ChronoMonitor::Chronometer scope("bench.PlainPool", "Exec");
+        task->run();
+      } else {
+        task->run();
+      }
       delete task;
     }
   }
 
+  const bool timed_;
   std::mutex mutex_;
   std::condition_variable notEmpty_;
   std::deque<Task*> queue_;
@@ -171,10 +191,19 @@ Harness PlainHarness() {
                  [](void* p) { delete static_cast<PlainPool*>(p); }};
 }
 
+// The plain pool paying the same per-task timing scope as the zorv pools.
+Harness TimedPlainHarness() {
+  return Harness{"std pool + timing scope per task",
+                 [](unsigned int workers) -> void* { return new PlainPool(workers, true); },
+                 [](void* p, size_t i, long long t) {
+                   static_cast<PlainPool*>(p)->add(new PlainTask(t, i));
+                 },
+                 [](void* p) { delete static_cast<PlainPool*>(p); }};
+}
+
 #ifdef ZORV_BENCH_POCO
-// Poco::ThreadPool hands a Runnable to an idle thread and has no queue of
-// its own; the idiomatic work queue is a NotificationQueue served by
-// Runnables running on the pool.
+// A Poco::NotificationQueue served by N Poco::Threads, each looping on
+// waitDequeueNotification(): Poco's idiomatic work queue.
 struct PocoWork : Poco::Notification {
   PocoWork(long long s, size_t i) : submitted(s), index(i) {}
   long long submitted;
@@ -195,25 +224,26 @@ struct PocoPool {
     Poco::NotificationQueue& queue;
   };
 
-  explicit PocoPool(unsigned int workers) : pool(static_cast<int>(workers), static_cast<int>(workers)) {
+  explicit PocoPool(unsigned int workers) {
     for (unsigned int i = 0; i < workers; ++i) {
       runners.emplace_back(new Worker(queue));
-      pool.start(*runners.back());
+      threads.emplace_back(new Poco::Thread());
+      threads.back()->start(*runners.back());
     }
   }
   // One stop notification per worker, queued behind the work.
   ~PocoPool() {
-    for (size_t i = 0; i < runners.size(); ++i) queue.enqueueNotification(new Poco::Notification());
-    pool.joinAll();
+    for (size_t i = 0; i < threads.size(); ++i) queue.enqueueNotification(new Poco::Notification());
+    for (auto& t : threads) t->join();
   }
 
   Poco::NotificationQueue queue;
-  Poco::ThreadPool pool;
   std::vector<std::unique_ptr<Worker>> runners;
+  std::vector<std::unique_ptr<Poco::Thread>> threads;
 };
 
 Harness PocoHarness() {
-  return Harness{"Poco::ThreadPool+NotificationQueue",
+  return Harness{"Poco NotificationQueue+Threads",
                  [](unsigned int workers) -> void* { return new PocoPool(workers); },
                  [](void* p, size_t i, long long t) {
                    static_cast<PocoPool*>(p)->queue.enqueueNotification(new PocoWork(t, i));
@@ -247,45 +277,93 @@ Harness GlibHarness() {
 }
 #endif
 
-std::vector<Harness> Harnesses() {
-  std::vector<Harness> all;
-  all.push_back(ZorvHarness<zf::threading::ThreadPool>("zorv ThreadPool"));
-  all.push_back(ZorvHarness<zf::threading::AffinityThreadPool>("zorv AffinityThreadPool"));
-  all.push_back(PlainHarness());
+// The contenders; `peer` marks those the zorv pools are judged against.
+struct Contender {
+  Harness harness;
+  bool zorv;
+  bool peer;
+};
+
+std::vector<Contender> Contenders() {
+  std::vector<Contender> all;
+  all.push_back({ZorvHarness<zf::threading::ThreadPool>("zorv ThreadPool"), true, false});
+  all.push_back(
+      {ZorvHarness<zf::threading::AffinityThreadPool>("zorv AffinityThreadPool"), true, false});
+  all.push_back({ZorvAccountedHarness<zf::threading::ThreadPool>("zorv ThreadPool, MakeDisposable"),
+                 true, false});
+  all.push_back({PlainHarness(), false, true});
+  all.push_back({TimedPlainHarness(), false, false});
 #ifdef ZORV_BENCH_POCO
-  all.push_back(PocoHarness());
+  all.push_back({PocoHarness(), false, true});
 #endif
 #ifdef ZORV_BENCH_GLIB
-  all.push_back(GlibHarness());
+  all.push_back({GlibHarness(), false, false});
 #endif
   return all;
 }
 
-// Throughput: `tasks` tasks from one producer, timed until the last has run
-// and the pool has stopped.
-double Throughput(const Harness& h, unsigned int workers, size_t tasks) {
+// Waits the way the producer of a real program would: polls `done` with
+// short sleeps, so that it leaves its processor to the workers.
+void SleepPollUntil(long long count) {
+  while (g_done.load(std::memory_order_relaxed) < count) {
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+  }
+}
+
+// How a throughput run starts and ends.
+enum class Mode {
+  // As a program sees it: the pool is created and one task is run to make
+  // sure the workers are up; then the clock runs from the first submit to
+  // the sleep-poll that sees the last task done. Stopping is not timed.
+  kUser,
+  // Created just before the first submit (workers still starting), timed
+  // until the pool was destroyed, the producer blocked in the join.
+  kDrain,
+};
+
+// Throughput in tasks/s of `tasks` tiny tasks from one producer.
+double Throughput(const Harness& h, unsigned int workers, size_t tasks, Mode mode) {
   g_done = 0;
   g_latency = nullptr;
   void* pool = h.create(workers);
+  if (mode == Mode::kUser) {
+    h.submit(pool, 0, 0);
+    SleepPollUntil(1);
+    g_done = 0;
+  }
   const long long start = NowNs();
   for (size_t i = 0; i < tasks; ++i) h.submit(pool, i, 0);
-  h.drain(pool);
-  const long long elapsed = NowNs() - start;
-  std::fflush(stdout);
+  long long elapsed;
+  if (mode == Mode::kUser) {
+    SleepPollUntil(static_cast<long long>(tasks));
+    elapsed = NowNs() - start;
+    h.drain(pool);
+  } else {
+    h.drain(pool);
+    elapsed = NowNs() - start;
+  }
   if (g_done.load() != static_cast<long long>(tasks)) std::printf("  (lost tasks!)\n");
   return static_cast<double>(tasks) / (static_cast<double>(elapsed) / 1e9);
 }
 
-// Latency: one task at a time, the next submitted once the previous started,
-// so that each sample is the hand-over to an idle worker.
-Percentiles Latency(const Harness& h, unsigned int workers, size_t samples) {
+// Submit-to-start latency, one task at a time. Busy: the next task is
+// submitted as soon as the previous one started, the producer spinning.
+// Idle: the producer sleep-polls until the task ran, then leaves the pool
+// idle for 200 us, so that every sample is the hand-over to a worker that
+// had nothing to do.
+Percentiles Latency(const Harness& h, unsigned int workers, size_t samples, bool idle) {
   std::vector<long long> latency(samples, 0);
   g_done = 0;
   g_latency = &latency;
   void* pool = h.create(workers);
   for (size_t i = 0; i < samples; ++i) {
     h.submit(pool, i, NowNs());
-    while (g_done.load(std::memory_order_relaxed) <= static_cast<long long>(i)) {
+    if (idle) {
+      SleepPollUntil(static_cast<long long>(i) + 1);
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    } else {
+      while (g_done.load(std::memory_order_relaxed) <= static_cast<long long>(i)) {
+      }
     }
   }
   h.drain(pool);
@@ -308,33 +386,101 @@ bool Matches(const char* name, const char* filter) {
 }
 
 // The machine may be shared: every figure is measured kReps times, the
-// pools taking turns; throughput is the best run, latency the run with the
-// median p50.
-int kReps = 3;
+// contenders taking turns within each repetition (the first one rotating),
+// and reported as the median with the lowest and highest run. Ratios are
+// taken within one repetition, against the better peer of that repetition.
+int kReps = 5;
 
-void TaskBenchmarks(size_t tasks, const char* only) {
-  std::printf("Task throughput (%zu tiny heap tasks, one producer; best of %d) and\n"
-              "submit-to-start latency (one task at a time, 20000 samples; median of %d)\n",
-              tasks, kReps, kReps);
-  std::printf("%-36s %8s %14s %10s %10s\n", "pool", "workers", "tasks/s", "p50 us", "p99 us");
-  const std::vector<Harness> all = Harnesses();
-  for (unsigned int workers : {2u, 4u}) {
-    std::vector<double> best(all.size(), 0.0);
-    std::vector<std::vector<Percentiles>> lat(all.size());
-    for (int rep = 0; rep < kReps; ++rep) {
-      for (size_t h = 0; h < all.size(); ++h) {
-        if (!Matches(all[h].name, only)) continue;
-        best[h] = std::max(best[h], Throughput(all[h], workers, tasks));
-        lat[h].push_back(Latency(all[h], workers, 20000));
+double Median(std::vector<double> v) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  const size_t n = v.size();
+  return n % 2 == 1 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+void PrintSpread(const char* name, unsigned int workers, const std::vector<double>& v,
+                 double scale, const char* unit) {
+  std::printf("%-36s %3u %12.3f %12.3f %12.3f %s\n", name, workers, Median(v) / scale,
+              *std::min_element(v.begin(), v.end()) / scale,
+              *std::max_element(v.begin(), v.end()) / scale, unit);
+}
+
+void PrintRatios(const std::vector<Contender>& all, const std::vector<std::vector<double>>& v,
+                 unsigned int workers, bool higherIsBetter) {
+  for (size_t z = 0; z < all.size(); ++z) {
+    if (!all[z].zorv || v[z].empty()) continue;
+    std::vector<double> ratios;
+    for (size_t rep = 0; rep < v[z].size(); ++rep) {
+      double best = 0;
+      bool any = false;
+      for (size_t p = 0; p < all.size(); ++p) {
+        if (!all[p].peer || v[p].size() <= rep) continue;
+        const double x = v[p][rep];
+        best = !any ? x : (higherIsBetter ? std::max(best, x) : std::min(best, x));
+        any = true;
+      }
+      if (any && best > 0 && v[z][rep] > 0) {
+        ratios.push_back(higherIsBetter ? v[z][rep] / best : best / v[z][rep]);
       }
     }
-    for (size_t h = 0; h < all.size(); ++h) {
-      if (lat[h].empty()) continue;
-      std::sort(lat[h].begin(), lat[h].end(),
-                [](const Percentiles& a, const Percentiles& b) { return a.p50 < b.p50; });
-      const Percentiles& mid = lat[h][lat[h].size() / 2];
-      std::printf("%-36s %8u %14.0f %10.1f %10.1f\n", all[h].name, workers, best[h], mid.p50,
-                  mid.p99);
+    if (ratios.empty()) continue;
+    std::printf("  %-34s %3u  x best peer: median %.2f (%.2f-%.2f)\n", all[z].harness.name, workers,
+                Median(ratios), *std::min_element(ratios.begin(), ratios.end()),
+                *std::max_element(ratios.begin(), ratios.end()));
+  }
+}
+
+void TaskBenchmarks(size_t tasks, const char* only) {
+  const std::vector<Contender> all = Contenders();
+  const char* modeNames[] = {
+      "user: warm pool, sleep-poll for the last task, stop not timed",
+      "drain: pool created cold, timed until destroyed"};
+  for (unsigned int workers : {2u, 4u}) {
+    std::vector<std::vector<double>> tput[2];
+    std::vector<std::vector<double>> idleP99(all.size());
+    std::vector<std::vector<double>> idleP50(all.size());
+    std::vector<std::vector<double>> busyP50(all.size());
+    std::vector<std::vector<double>> busyP99(all.size());
+    tput[0].resize(all.size());
+    tput[1].resize(all.size());
+    for (int rep = 0; rep < kReps; ++rep) {
+      for (size_t k = 0; k < all.size(); ++k) {
+        const size_t h = (k + static_cast<size_t>(rep)) % all.size();
+        if (!Matches(all[h].harness.name, only)) continue;
+        tput[0][h].push_back(Throughput(all[h].harness, workers, tasks, Mode::kUser));
+        tput[1][h].push_back(Throughput(all[h].harness, workers, tasks, Mode::kDrain));
+        const Percentiles idle = Latency(all[h].harness, workers, 2000, true);
+        idleP50[h].push_back(idle.p50 * 1000);
+        idleP99[h].push_back(idle.p99 * 1000);
+        const Percentiles busy = Latency(all[h].harness, workers, 20000, false);
+        busyP50[h].push_back(busy.p50 * 1000);
+        busyP99[h].push_back(busy.p99 * 1000);
+      }
+    }
+    for (int m = 0; m < 2; ++m) {
+      std::printf("\nThroughput, %zu tiny tasks from one producer (%s);\n"
+                  "median, lowest, highest of %d runs\n",
+                  tasks, modeNames[m], kReps);
+      std::printf("%-36s %3s %12s %12s %12s\n", "pool", "wkr", "median", "low", "high");
+      for (size_t h = 0; h < all.size(); ++h) {
+        if (!tput[m][h].empty()) PrintSpread(all[h].harness.name, workers, tput[m][h], 1e6, "M/s");
+      }
+      PrintRatios(all, tput[m], workers, true);
+    }
+    const struct {
+      const char* title;
+      std::vector<std::vector<double>>* v;
+    } latencies[] = {{"idle pool, p99 (2000 samples, 200 us apart)", &idleP99},
+                     {"idle pool, p50", &idleP50},
+                     {"busy producer, p99 (20000 samples back to back)", &busyP99},
+                     {"busy producer, p50", &busyP50}};
+    for (const auto& l : latencies) {
+      std::printf("\nSubmit-to-start latency, %s; median, lowest, highest of %d runs\n", l.title,
+                  kReps);
+      for (size_t h = 0; h < all.size(); ++h) {
+        if (!(*l.v)[h].empty()) PrintSpread(all[h].harness.name, workers, (*l.v)[h], 1e3, "us");
+      }
+      PrintRatios(all, *l.v, workers, false);
     }
     std::fflush(stdout);
   }
@@ -533,10 +679,10 @@ void AddRemoveBenchmark() {
 
 int main(int argc, char** argv) {
   const size_t tasks = argc > 1 ? static_cast<size_t>(std::strtoul(argv[1], nullptr, 10)) : 1000000;
-  const char* only = argc > 2 ? argv[2] : nullptr;
+  const char* only = argc > 2 && argv[2][0] != '\0' ? argv[2] : nullptr;
   if (argc > 3) kReps = std::max(1, std::atoi(argv[3]));
   TaskBenchmarks(tasks, only);
-  if (only != nullptr) return 0;
+  if (argc > 2) return 0;  // a filter asks for the task figures only
   TimerBenchmarks();
   AddRemoveBenchmark();
   return 0;

@@ -5,7 +5,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <climits>
+#include <ctime>
 #include <new>
+#include <thread>
 
 #include "foundation/debug/allocator.h"
 #include "foundation/debug/chronomonitor.h"
@@ -18,20 +21,64 @@ namespace {
 
 constexpr unsigned int kMaxWorkers = 300;
 
-// Attempts at the queue's lock before blocking on it.
-constexpr int kLockSpins = 20;
-// Watches of a waiter's state before it sleeps.
-constexpr int kWatches = 400;
+// How long a thread may spin, in nanoseconds of the monotonic clock, before
+// it blocks: on the queue's lock, which is held for a few instructions only,
+// and watching its waiter for an entry before it sleeps. Budgets in time, not
+// in attempts, since a processor's pause costs from one cycle (an ARM yield)
+// to a hundred and more (a recent x86 pause).
+constexpr long long kLockSpinNanos = 2000;
+constexpr long long kWatchNanos = 5000;
+// Spins between two readings of the clock.
+constexpr unsigned int kSpinsPerReading = 16;
 // The smallest ring, and the size above which an empty ring is replaced.
 constexpr std::size_t kInitialSlots = 64;
 constexpr std::size_t kShrinkAbove = 4096;
 
+// Tells the processor that the thread is spinning: it may save power or
+// give way to a sibling thread. Where no such hint is known, nothing.
 inline void CpuRelax() {
 #if defined(__i386__) || defined(__x86_64__)
   __builtin_ia32_pause();
 #elif defined(__arm__) || defined(__aarch64__)
   __asm__ __volatile__("yield");
 #endif
+}
+
+long long MonotonicNanos() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+}
+
+// The spin budget for `nanos`: none on a machine with a single processor,
+// where the thread that would end the wait cannot run while this one spins.
+long long SpinBudget(long long nanos) {
+  const unsigned int hinted = std::thread::hardware_concurrency();
+  const long processors = hinted != 0 ? static_cast<long>(hinted) : sysconf(_SC_NPROCESSORS_ONLN);
+  return processors > 1 ? nanos : 0;
+}
+
+// Spins until `done()` is true or about `budget` nanoseconds have passed;
+// returns the last `done()`. The clock is read once every few spins only,
+// the first time after the first few, so that a wait that ends at once
+// costs no reading.
+template <class Done>
+bool SpinUntil(long long budget, Done done) {
+  if (done()) return true;
+  if (budget <= 0) return false;
+  long long deadline = 0;
+  for (;;) {
+    for (unsigned int spin = 0; spin < kSpinsPerReading; ++spin) {
+      CpuRelax();
+      if (done()) return true;
+    }
+    const long long now = MonotonicNanos();
+    if (deadline == 0) {
+      deadline = now + budget;
+    } else if (now >= deadline) {
+      return done();
+    }
+  }
 }
 
 static_assert(sizeof(std::atomic<int>) == sizeof(int), "a futex word is an int");
@@ -66,13 +113,49 @@ void FreeRing(ITask** ring, std::size_t slots) {
 
 }  // namespace
 
-TaskQueue::TaskQueue() : notFull(lock) {}
+void QueueLock::lock() {
+  int state = kFree;
+  if (word_.compare_exchange_strong(state, kTaken, std::memory_order_acquire,
+                                    std::memory_order_relaxed)) {
+    return;
+  }
+  if (state != kSleepers) state = word_.exchange(kSleepers, std::memory_order_acquire);
+  while (state != kFree) {
+    SleepOnWord(&word_, kSleepers);
+    state = word_.exchange(kSleepers, std::memory_order_acquire);
+  }
+}
+
+void QueueLock::unlock() {
+  if (word_.exchange(kFree, std::memory_order_release) == kSleepers) WakeWord(&word_);
+}
+
+void RoomSignal::wait(QueueHold& hold, bool timed, unsigned int ms) {
+  const int seen = sequence_.load(std::memory_order_relaxed);
+  hold.lock().unlock();
+  timespec limit;
+  limit.tv_sec = static_cast<time_t>(ms / 1000);
+  limit.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
+  (void)syscall(SYS_futex, reinterpret_cast<int*>(&sequence_), FUTEX_WAIT_PRIVATE, seen,
+                timed ? &limit : nullptr, nullptr, 0);
+  hold.lock().lock();
+}
+
+void RoomSignal::notify(int count) {
+  sequence_.fetch_add(1, std::memory_order_relaxed);
+  (void)syscall(SYS_futex, reinterpret_cast<int*>(&sequence_), FUTEX_WAKE_PRIVATE, count, nullptr,
+                nullptr, 0);
+}
+
+TaskQueue::TaskQueue()
+    : lockSpinNanos(SpinBudget(kLockSpinNanos)),
+      watchNanos(SpinBudget(kWatchNanos)) {}
 
 TaskQueue::~TaskQueue() { FreeRing(slots, capacity); }
 
 void TaskQueue::reserveMarkers(unsigned int markers) {
   acquire();
-  Locker locker(&lock, true);
+  QueueHold locker(lock);
   grow(markers);
   markerRoom += markers;
 }
@@ -81,7 +164,7 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
   TaskWaiter* served;
   {
     acquire();
-    Locker locker(&lock, true);
+    QueueHold locker(lock);
     if (!waitForRoom(locker)) return kClosed;
     served = popWaiter(nullptr);
     if (markerRoom != 0) {
@@ -93,7 +176,7 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
     if (last) {
       // Under the same hold as the marker: no producer gets in behind it.
       closed = true;
-      if (full != 0) notFull.notifyAll(locker);
+      if (full != 0) notFull.notify(INT_MAX);
     }
   }
   Serve(served);
@@ -104,7 +187,7 @@ TaskQueue::Result TaskQueue::put(ITask* task) {
   TaskWaiter* served;
   {
     acquire();
-    Locker locker(&lock, true);
+    QueueHold locker(lock);
     if (!waitForRoom(locker)) return kClosed;
     served = appendTask(task);
   }
@@ -116,7 +199,7 @@ TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long 
   TaskWaiter* served;
   {
     acquire();
-    Locker locker(&lock, true);
+    QueueHold locker(lock);
     unsigned int remaining = ms;
     for (;;) {
       if (closed) return kClosed;
@@ -124,7 +207,7 @@ TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long 
         break;
       }
       ++full;
-      (void)notFull.tryWait(locker, remaining);
+      notFull.wait(locker, true, remaining);
       --full;
       const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
       if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) {
@@ -132,7 +215,7 @@ TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long 
         // is now there: hand it on rather than leave a producer asleep.
         if (full != 0 &&
             queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
-          notFull.notify(locker);
+          notFull.notify(1);
         }
         return kTimedOut;
       }
@@ -150,8 +233,8 @@ void TaskQueue::setBound(unsigned int bound) {
   // Under the lock, so that a producer between its check and its wait is
   // not missed.
   acquire();
-  Locker locker(&lock, true);
-  if (full != 0) notFull.notifyAll(locker);
+  QueueHold locker(lock);
+  if (full != 0) notFull.notify(INT_MAX);
 }
 
 ITask* TaskQueue::take(TaskWaiter& self) {
@@ -161,7 +244,7 @@ ITask* TaskQueue::take(TaskWaiter& self) {
   bool waiting = false;
   {
     acquire();
-    Locker locker(&lock, true);
+    QueueHold locker(lock);
     const unsigned int count = queued.load(std::memory_order_relaxed);
     if (count == 0) {
       self.state.store(TaskWaiter::kWaiting, std::memory_order_relaxed);
@@ -173,7 +256,7 @@ ITask* TaskQueue::take(TaskWaiter& self) {
       task = slots[head];
       head = (head + 1) & (capacity - 1);
       queued.store(count - 1, std::memory_order_relaxed);
-      if (full != 0) notFull.notify(locker);  // nobody to wake otherwise
+      if (full != 0) notFull.notify(1);  // nobody to wake otherwise
       if (count == 1 && capacity > kShrinkAbove) {
         retiredSlots = capacity;
         retired = shrink();
@@ -187,13 +270,14 @@ ITask* TaskQueue::take(TaskWaiter& self) {
 // Only one consumer watches at a time before sleeping: more would take
 // processor time from the producers.
 ITask* TaskQueue::await(TaskWaiter& self) {
-  if (watchers->fetch_add(1, std::memory_order_relaxed) == 0) {
-    for (int watch = 0; watch < kWatches; ++watch) {
-      if (self.state.load(std::memory_order_acquire) == TaskWaiter::kServed) break;
-      CpuRelax();
+  if (watchNanos > 0) {
+    if (watchers->fetch_add(1, std::memory_order_relaxed) == 0) {
+      (void)SpinUntil(watchNanos, [&self] {
+        return self.state.load(std::memory_order_acquire) == TaskWaiter::kServed;
+      });
     }
+    watchers->fetch_sub(1, std::memory_order_relaxed);
   }
-  watchers->fetch_sub(1, std::memory_order_relaxed);
   int expected = TaskWaiter::kWaiting;
   if (self.state.compare_exchange_strong(expected, TaskWaiter::kSleeping,
                                          std::memory_order_acquire)) {
@@ -205,21 +289,17 @@ ITask* TaskQueue::await(TaskWaiter& self) {
 }
 
 void TaskQueue::acquire() {
-  for (int spin = 0; spin < kLockSpins; ++spin) {
-    if (lock.tryLock()) return;
-    CpuRelax();
-  }
-  lock.lock();
+  if (!SpinUntil(lockSpinNanos, [this] { return lock.tryLock(); })) lock.lock();
 }
 
-bool TaskQueue::waitForRoom(Locker& locker) {
+bool TaskQueue::waitForRoom(QueueHold& locker) {
   for (;;) {
     if (closed) return false;
     if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
       return true;
     }
     ++full;
-    notFull.wait(locker);
+    notFull.wait(locker, false, 0);
     --full;
   }
 }

@@ -10,8 +10,6 @@
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
 #include "foundation/text/safestring.h"
-#include "foundation/threading/lock.h"
-#include "foundation/threading/lockcondition.h"
 #include "foundation/threading/thread.h"
 
 #include "lang/accounting.h"
@@ -33,6 +31,55 @@ struct TaskWaiter {
   std::atomic<int> state{kWaiting};
   ITask* task = nullptr;
   TaskWaiter* next = nullptr;
+};
+
+// The lock of one task queue: a word that is free, taken, or taken with a
+// thread perhaps asleep on it. It is never taken twice by one thread; a
+// thread that finds it taken sleeps on the word (TaskQueue spins first), and
+// only an unlock that may have a sleeper makes a wake-up call.
+class QueueLock {
+ public:
+  bool tryLock() {
+    int expected = kFree;
+    return word_.load(std::memory_order_relaxed) == kFree &&
+           word_.compare_exchange_strong(expected, kTaken, std::memory_order_acquire,
+                                         std::memory_order_relaxed);
+  }
+  void lock();
+  void unlock();
+
+ private:
+  enum : int { kFree = 0, kTaken = 1, kSleepers = 2 };
+  std::atomic<int> word_{kFree};
+};
+
+// Holds a QueueLock, already taken, until the end of the scope.
+class QueueHold {
+ public:
+  explicit QueueHold(QueueLock& lock) : lock_(lock) {}
+  ~QueueHold() { lock_.unlock(); }
+  QueueHold(const QueueHold&) = delete;
+  QueueHold& operator=(const QueueHold&) = delete;
+
+  QueueLock& lock() { return lock_; }
+
+ private:
+  QueueLock& lock_;
+};
+
+// Where producers wait for room: a count that every notification moves on,
+// so that a producer that read it under the lock cannot miss a notification
+// made after it left the lock. Waits may end early; callers check again.
+class RoomSignal {
+ public:
+  // Leaves the held lock, sleeps until notified (with `timed`, at most `ms`
+  // milliseconds) and takes the lock again.
+  void wait(QueueHold& hold, bool timed, unsigned int ms);
+  // Wakes up to `count` waiters; called under the lock.
+  void notify(int count);
+
+ private:
+  std::atomic<int> sequence_{0};
 };
 
 // A FIFO of task pointers with a bound on its length; a null entry is a stop
@@ -57,7 +104,11 @@ struct TaskWaiter {
 // The lock is taken after a short run of attempts: it is held for a few
 // instructions only, so with more workers than processors a short wait
 // usually finds it free, where blocking on it would cost the waiter a
-// sleep and the holder a wake-up call.
+// sleep and the holder a wake-up call. Attempts and watches are bounded in
+// time (a few microseconds of the monotonic clock), not in counts, and on a
+// machine with one processor there are none: the thread that would end the
+// wait could not run meanwhile. The lock is this queue's own and is never
+// taken twice by one thread.
 struct TaskQueue {
   enum Result { kAdded, kTimedOut, kClosed };
 
@@ -110,7 +161,7 @@ struct TaskQueue {
 
  private:
   void acquire();
-  bool waitForRoom(Locker& locker);
+  bool waitForRoom(QueueHold& hold);
   TaskWaiter* popWaiter(ITask* entry);
   TaskWaiter* appendTask(ITask* task);
   void push(ITask* entry);
@@ -136,8 +187,12 @@ struct TaskQueue {
   // count, or one shared by the queues of a pool (see shareWatchers).
   std::atomic<int> ownWatchers{0};
   std::atomic<int>* watchers = &ownWatchers;
-  Lock lock;
-  LockCondition notFull;
+  // Spin budgets in nanoseconds, fixed at construction; 0 where the queue
+  // was made on a machine with one processor.
+  const long long lockSpinNanos;
+  const long long watchNanos;
+  QueueLock lock;
+  RoomSignal notFull;
 };
 
 // The loop of a worker of the pool `owner`: names the thread `name` for the

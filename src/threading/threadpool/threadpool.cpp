@@ -8,6 +8,7 @@
 #include "foundation/collection/vector.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
+#include "foundation/threading/lock.h"
 #include "lang/accounting.h"
 #include "threading/threadpool/taskqueue.h"
 
