@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "foundation/text/stringutils.h"
+#include "numberscan.h"
 
 namespace zorv {
 namespace foundation {
@@ -14,31 +15,7 @@ namespace text {
 
 namespace {
 
-// Character classes, indexed by the unsigned byte: bit 0 decimal digit,
-// bit 1 hexadecimal digit.
-struct ClassTable {
-  unsigned char bytes[256];
-};
-
-constexpr ClassTable MakeClassTable() {
-  ClassTable table{};
-  for (int i = 0; i < 256; ++i) {
-    unsigned char c = 0;
-    if (i >= '0' && i <= '9') c = 3;
-    if ((i >= 'A' && i <= 'F') || (i >= 'a' && i <= 'f')) c = 2;
-    table.bytes[i] = c;
-  }
-  return table;
-}
-
-constexpr ClassTable kClass = MakeClassTable();
-constexpr unsigned char kDecimal = 1;
-constexpr unsigned char kHex = 2;
-
-inline bool IsDigit(char c) {
-  return (kClass.bytes[static_cast<unsigned char>(c)] & kDecimal) != 0;
-}
-inline bool IsHexDigit(char c) { return (kClass.bytes[static_cast<unsigned char>(c)] & kHex) != 0; }
+using numberscan::IsHexDigit;
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
@@ -271,101 +248,38 @@ unsigned long long StringUtils::HexStringToULong(const foundation::SafeString& t
 }
 
 double StringUtils::StringToFloat(const foundation::SafeString& text) {
-  const size_t n = text.size();
-  const char* p = text.c_str();
-  if (n == 0) return 0.0;
-  if (n == 1) return IsDigit(p[0]) ? static_cast<double>(p[0] - '0') : 0.0;
-  if (n == 3) {
-    if (std::memcmp(p, "nan", 3) == 0) return std::numeric_limits<double>::quiet_NaN();
-    if (std::memcmp(p, "inf", 3) == 0) return std::numeric_limits<double>::infinity();
-  }
-  if (n == 4) {
-    if (std::memcmp(p, "-inf", 4) == 0) return -std::numeric_limits<double>::infinity();
-    if (std::memcmp(p, "+inf", 4) == 0) return std::numeric_limits<double>::infinity();
-  }
-  bool negative = false;
-  const char* q = p;
-  if (*q == '-' || *q == '+') {
-    negative = *q == '-';
-    ++q;
-  }
-  const char* mantissa = q;
-  bool point = false;
-  bool digit = false;
-  for (; *q != '\0'; ++q) {
-    if (IsDigit(*q)) {
-      digit = true;
-    } else if (*q == '.' && !point) {
-      point = true;
-    } else {
+  const numberscan::Scan s = numberscan::ScanNumber(text.c_str(), text.size());
+  switch (s.kind) {
+    case numberscan::kNan:
+      return std::numeric_limits<double>::quiet_NaN();
+    case numberscan::kInfinity:
+      return s.negative ? -std::numeric_limits<double>::infinity()
+                        : std::numeric_limits<double>::infinity();
+    case numberscan::kInteger:
+    case numberscan::kReal:
       break;
-    }
+    default:
+      return s.signOnly && s.negative ? -0.0 : 0.0;
   }
-  const char* mantissaEnd = q;
+  if (!s.digit) return s.negative ? -0.0 : 0.0;
   int exponent = 0;
-  if (*q != '\0') {
-    if ((*q != 'e' && *q != 'E') || !digit) return 0.0;
-    ++q;
-    // The exponent needs a digit before the end of the text.
-    const char* first = (*q == '+' || *q == '-') ? q + 1 : q;
-    if (!IsDigit(*first)) return 0.0;
+  if (s.exponent != nullptr) {
+    // The exponent follows the StringToInt rules, wrap-around included.
     unsigned int wrapped = 0;
-    const size_t rest = n - static_cast<size_t>(q - p);
-    if (!ParseDecimal<unsigned int>(q, rest, 10, wrapped)) return 0.0;
+    if (!ParseDecimal<unsigned int>(s.exponent, s.exponentLength, 10, wrapped)) return 0.0;
     exponent = static_cast<int>(wrapped);
   }
-  if (!digit) return negative ? -0.0 : 0.0;
-
   double value = 0.0;
-  if (!ExactValue(mantissa, mantissaEnd, exponent, value)) {
-    value = AccumulateMantissa(mantissa, mantissaEnd);
+  if (!ExactValue(s.mantissa, s.mantissaEnd, exponent, value)) {
+    value = AccumulateMantissa(s.mantissa, s.mantissaEnd);
     if (exponent != 0) value *= std::pow(10.0, exponent);
   }
-  return negative ? -value : value;
+  return s.negative ? -value : value;
 }
 
 int StringUtils::GetNumberFormat(const foundation::SafeString& text) {
-  const size_t n = text.size();
-  const char* p = text.c_str();
-  if (n == 0) return 0;
-  if (n == 1) return IsDigit(p[0]) ? 1 : 0;
-  const char* q = p;
-  if (n == 2) {
-    if (*q == '+' || *q == '-') ++q;
-    if (*q == '\0') return 0;
-  } else {
-    if (n == 3 && (std::memcmp(p, "nan", 3) == 0 || std::memcmp(p, "inf", 3) == 0)) return 2;
-    if (n == 4 && (std::memcmp(p, "-inf", 4) == 0 || std::memcmp(p, "+inf", 4) == 0)) return 2;
-    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
-      for (q = p + 2; *q != '\0'; ++q) {
-        if (!IsHexDigit(*q)) return 0;
-      }
-      return 3;
-    }
-    if (*q == '+' || *q == '-') ++q;
-    if (*q == '\0') return 0;
-  }
-  bool point = false;
-  bool digit = false;
-  for (; *q != '\0'; ++q) {
-    if (IsDigit(*q)) {
-      digit = true;
-    } else if (*q == '.') {
-      if (point) return 0;
-      point = true;
-    } else {
-      break;
-    }
-  }
-  if (*q == '\0') return point ? 2 : 1;
-  if ((*q != 'e' && *q != 'E') || !digit) return 0;
-  ++q;
-  if (*q == '+' || *q == '-') ++q;
-  if (*q == '\0') return 0;
-  for (; *q != '\0'; ++q) {
-    if (!IsDigit(*q)) return 0;
-  }
-  return 2;
+  const numberscan::Kind kind = numberscan::ScanNumber(text.c_str(), text.size()).kind;
+  return kind == numberscan::kNan || kind == numberscan::kInfinity ? 2 : static_cast<int>(kind);
 }
 
 }  // namespace text
