@@ -32,9 +32,7 @@ constexpr ClassTable MakeClassTable() {
 constexpr ClassTable kClass = MakeClassTable();
 
 inline bool IsDigit(char c) { return (kClass.bytes[static_cast<unsigned char>(c)] & 1u) != 0; }
-inline bool IsHexDigit(char c) {
-  return (kClass.bytes[static_cast<unsigned char>(c)] & 2u) != 0;
-}
+inline bool IsHexDigit(char c) { return (kClass.bytes[static_cast<unsigned char>(c)] & 2u) != 0; }
 
 // The kinds, numbered as GetNumberFormat reports them; the special words
 // report as kReal.
