@@ -305,7 +305,7 @@ long QuickFormat(const char* format, va_list& args, char* buffer) {
                             : conversion == 'x'
                                 ? WritePowerOfTwoDigits(value, end, 4, "0123456789abcdef")
                                 : WritePowerOfTwoDigits(value, end, 4, "0123456789ABCDEF");
-        if (!out.Field(nullptr, 0, begin, static_cast<size_t>(end - begin), width, left, zeros)) {
+        if (!out.Field("", 0, begin, static_cast<size_t>(end - begin), width, left, zeros)) {
           return -1;
         }
         break;
@@ -313,7 +313,7 @@ long QuickFormat(const char* format, va_list& args, char* buffer) {
       case 'c': {
         if (length != kNoLength || precision >= 0 || sign != '\0' || zeros) return -1;
         const char c = static_cast<char>(static_cast<unsigned char>(va_arg(args, int)));
-        if (!out.Field(nullptr, 0, &c, 1, width, left, false)) return -1;
+        if (!out.Field("", 0, &c, 1, width, left, false)) return -1;
         break;
       }
       case 's': {
@@ -322,7 +322,7 @@ long QuickFormat(const char* format, va_list& args, char* buffer) {
         if (text == nullptr) return -1;
         const size_t n =
             precision >= 0 ? ::strnlen(text, static_cast<size_t>(precision)) : std::strlen(text);
-        if (!out.Field(nullptr, 0, text, n, width, left, false)) return -1;
+        if (!out.Field("", 0, text, n, width, left, false)) return -1;
         break;
       }
       case 'f':
