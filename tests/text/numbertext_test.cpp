@@ -30,7 +30,8 @@ TEST_F(NumberTextTest, IntegersToTextAndBack) {
   // clang-format off
   const unsigned long long edges[] = {0, 1, 9, 10, 99, 100, 999999999999999999ull, INT_MAX,
                                       0x80000000ull, UINT_MAX, 0xFFFFFFFFFull, LLONG_MAX,
-                                      1ull << 63, ULLONG_MAX, 0ull - 10, 0ull - 100};
+                                      1ull << 63, ULLONG_MAX, 0ull - 10, 0ull - 100, 100000000ull,
+                                      100009999ull, 4294967296ull, 10000000000000000ull};
   // clang-format on
   char expected[32];
   for (size_t i = 0; i < 20000; ++i) {
