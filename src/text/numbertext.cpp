@@ -171,17 +171,8 @@ constexpr long long kExponentBound = 100000;
 // zeros are dropped, and the digits after the first kKeptDigits significant
 // ones leave only one '1' behind the kept digits when any of them is not
 // zero, which rounds as the whole text does.
-bool ExactValue(const char* p, const char* end, int exponent, double& value) {
-  // A short mantissa goes to the conversion as it is, point included.
-  const size_t length = static_cast<size_t>(end - p);
-  if (length <= 48) {
-    char text[64];
-    std::memcpy(text, p, length);
-    text[length] = 'e';
-    const std::to_chars_result w = std::to_chars(text + length + 1, text + sizeof(text), exponent);
-    const std::from_chars_result r = std::from_chars(text, w.ptr, value);
-    return r.ec == std::errc() && r.ptr == w.ptr;
-  }
+__attribute__((noinline)) bool LongExactValue(const char* p, const char* end, int exponent,
+                                              double& value) {
   char work[kKeptDigits + 1 + 24];
   size_t kept = 0;
   bool dropped = false;
@@ -221,6 +212,19 @@ bool ExactValue(const char* p, const char* end, int exponent, double& value) {
   *e++ = 'e';
   const std::to_chars_result w = std::to_chars(e, work + sizeof(work), power);
   const std::from_chars_result r = std::from_chars(work, w.ptr, value);
+  return r.ec == std::errc() && r.ptr == w.ptr;
+}
+
+// The same; a short mantissa goes to the conversion as it is, point
+// included.
+inline bool ExactValue(const char* p, const char* end, int exponent, double& value) {
+  const size_t length = static_cast<size_t>(end - p);
+  if (length > 48) return LongExactValue(p, end, exponent, value);
+  char text[64];
+  std::memcpy(text, p, length);
+  text[length] = 'e';
+  const std::to_chars_result w = std::to_chars(text + length + 1, text + sizeof(text), exponent);
+  const std::from_chars_result r = std::from_chars(text, w.ptr, value);
   return r.ec == std::errc() && r.ptr == w.ptr;
 }
 
