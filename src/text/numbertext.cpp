@@ -7,6 +7,8 @@
 #include <system_error>
 
 #include "foundation/text/stringutils.h"
+#include "numberdigits.h"
+#include "numberscan.h"
 
 namespace zorv {
 namespace foundation {
@@ -14,89 +16,119 @@ namespace text {
 
 namespace {
 
-// Character classes, indexed by the unsigned byte: bit 0 decimal digit,
-// bit 1 hexadecimal digit.
-struct ClassTable {
-  unsigned char bytes[256];
-};
-
-constexpr ClassTable MakeClassTable() {
-  ClassTable table{};
-  for (int i = 0; i < 256; ++i) {
-    unsigned char c = 0;
-    if (i >= '0' && i <= '9') c = 3;
-    if ((i >= 'A' && i <= 'F') || (i >= 'a' && i <= 'f')) c = 2;
-    table.bytes[i] = c;
-  }
-  return table;
-}
-
-constexpr ClassTable kClass = MakeClassTable();
-constexpr unsigned char kDecimal = 1;
-constexpr unsigned char kHex = 2;
-
-inline bool IsDigit(char c) {
-  return (kClass.bytes[static_cast<unsigned char>(c)] & kDecimal) != 0;
-}
-inline bool IsHexDigit(char c) { return (kClass.bytes[static_cast<unsigned char>(c)] & kHex) != 0; }
+using numberdigits::WriteDigits;
+using numberdigits::WriteDigits64;
+using numberscan::IsHexDigit;
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
-constexpr char kDigitPairs[] =
-    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-    "8081828384858687888990919293949596979899";
-
-// Writes the decimal digits of `value` so that they end just before `end`;
-// returns the first digit's address.
-template <class U>
-char* WriteDigits(U value, char* end) {
-  while (value >= 100) {
-    const unsigned int pair = static_cast<unsigned int>(value % 100) * 2;
-    value /= 100;
-    end -= 2;
-    end[0] = kDigitPairs[pair];
-    end[1] = kDigitPairs[pair + 1];
-  }
-  if (value >= 10) {
-    const unsigned int pair = static_cast<unsigned int>(value) * 2;
-    end -= 2;
-    end[0] = kDigitPairs[pair];
-    end[1] = kDigitPairs[pair + 1];
-  } else {
-    *--end = static_cast<char>('0' + static_cast<unsigned int>(value));
-  }
-  return end;
-}
-
-template <class U>
-foundation::SafeString UnsignedText(U value, bool negative) {
-  char buffer[24];
+foundation::SafeString UnsignedText(unsigned int value, bool negative) {
+  char buffer[12];
   char* end = buffer + sizeof(buffer);
   char* begin = WriteDigits(value, end);
   if (negative) *--begin = '-';
   return foundation::SafeString(begin, static_cast<size_t>(end - begin));
 }
 
+foundation::SafeString UnsignedText(unsigned long long value, bool negative) {
+  char buffer[24];
+  char* end = buffer + sizeof(buffer);
+  char* begin = WriteDigits64(value, end);
+  if (negative) *--begin = '-';
+  return foundation::SafeString(begin, static_cast<size_t>(end - begin));
+}
+
+// Eight (four) bytes as a little-endian word, whatever the processor's byte
+// order: the first byte in the lowest bits.
+inline unsigned long long LoadEight(const char* p) {
+  unsigned long long w;
+  std::memcpy(&w, p, sizeof(w));
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  w = __builtin_bswap64(w);
+#endif
+  return w;
+}
+
+inline unsigned int LoadFour(const char* p) {
+  unsigned int w;
+  std::memcpy(&w, p, sizeof(w));
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  w = __builtin_bswap32(w);
+#endif
+  return w;
+}
+
+// True when every byte of the word is '0'..'9': its high half-byte is 3,
+// and so is that of the byte plus 6. A carry from one byte into the next
+// comes only from a byte that fails already.
+inline bool EightDigits(unsigned long long w) {
+  return ((w & 0xF0F0F0F0F0F0F0F0ull) |
+          (((w + 0x0606060606060606ull) & 0xF0F0F0F0F0F0F0F0ull) >> 4)) == 0x3333333333333333ull;
+}
+
+inline bool FourDigits(unsigned int w) {
+  return ((w & 0xF0F0F0F0u) | (((w + 0x06060606u) & 0xF0F0F0F0u) >> 4)) == 0x33333333u;
+}
+
+// The value of eight (four) digit bytes: pairs of digits first, then pairs
+// of pairs, in a few multiplications.
+inline unsigned int EightDigitsValue(unsigned long long w) {
+  w -= 0x3030303030303030ull;
+  w = w * 10 + (w >> 8);
+  w = ((w & 0x000000FF000000FFull) * (100 + (1000000ull << 32)) +
+       ((w >> 16) & 0x000000FF000000FFull) * (1 + (10000ull << 32))) >>
+      32;
+  return static_cast<unsigned int>(w);
+}
+
+inline unsigned int FourDigitsValue(unsigned int w) {
+  w -= 0x30303030u;
+  w = w * 10 + (w >> 8);
+  return (w & 0xFFu) * 100 + ((w >> 16) & 0xFFu);
+}
+
 // The decimal parse shared by the four integer parsers: sign, leading zeros,
 // a byte count of 1 to `limit` to the full length, digits up to the first
-// zero byte, accumulated with wrap-around, negated for '-'.
+// zero byte, accumulated with wrap-around, negated for '-'. Runs of eight
+// and four digits are converted a word at a time; a run holding any other
+// byte goes byte by byte, where a zero byte ends the digits.
 template <class U>
-bool ParseDecimal(const char* p, size_t n, size_t limit, U& result) {
-  if (n == 0) return false;
+__attribute__((always_inline)) inline bool ParseDecimal(const char* p, size_t n, size_t limit,
+                                                        U& result) {
   size_t i = 0;
   bool negative = false;
-  if (p[0] == '-' || p[0] == '+') {
-    negative = p[0] == '-';
-    i = 1;
+  // Most texts start with a digit other than '0'.
+  if (static_cast<unsigned char>(p[0]) - static_cast<unsigned int>('1') >= 9u) {
+    if (n == 0) return false;
+    if (p[0] == '-' || p[0] == '+') {
+      negative = p[0] == '-';
+      i = 1;
+    }
+    while (i + 1 < n && p[i] == '0') ++i;
   }
-  while (i + 1 < n && p[i] == '0') ++i;
-  const size_t count = n - i;
-  if (count < 1 || count > limit) return false;
+  size_t left = n - i;
+  if (left < 1 || left > limit) return false;
+  const char* q = p + i;
   U value = 0;
-  for (const char* q = p + i; *q != '\0'; ++q) {
+  for (; left >= 8; left -= 8, q += 8) {
+    const unsigned long long w = LoadEight(q);
+    if (!EightDigits(w)) break;
+    value = static_cast<U>(value * 100000000u + EightDigitsValue(w));
+  }
+  if (left >= 4) {
+    const unsigned int w = LoadFour(q);
+    if (FourDigits(w)) {
+      value = static_cast<U>(value * 10000u + FourDigitsValue(w));
+      left -= 4;
+      q += 4;
+    }
+  }
+  for (; left > 0; --left, ++q) {
     const unsigned int digit = static_cast<unsigned char>(*q) - static_cast<unsigned int>('0');
-    if (digit > 9) return false;
+    if (digit > 9) {
+      if (*q == '\0') break;
+      return false;
+    }
     value = static_cast<U>(value * 10u + digit);
   }
   result = negative ? static_cast<U>(U(0) - value) : value;
@@ -104,7 +136,7 @@ bool ParseDecimal(const char* p, size_t n, size_t limit, U& result) {
 }
 
 template <class U>
-U ParseOrZero(const foundation::SafeString& text, size_t limit) {
+inline U ParseOrZero(const foundation::SafeString& text, size_t limit) {
   U value = 0;
   return ParseDecimal<U>(text.c_str(), text.size(), limit, value) ? value : U(0);
 }
@@ -139,7 +171,8 @@ constexpr long long kExponentBound = 100000;
 // zeros are dropped, and the digits after the first kKeptDigits significant
 // ones leave only one '1' behind the kept digits when any of them is not
 // zero, which rounds as the whole text does.
-bool ExactValue(const char* p, const char* end, int exponent, double& value) {
+__attribute__((noinline)) bool LongExactValue(const char* p, const char* end, int exponent,
+                                              double& value) {
   char work[kKeptDigits + 1 + 24];
   size_t kept = 0;
   bool dropped = false;
@@ -182,10 +215,22 @@ bool ExactValue(const char* p, const char* end, int exponent, double& value) {
   return r.ec == std::errc() && r.ptr == w.ptr;
 }
 
+// The same; a short mantissa goes to the conversion as it is, point
+// included.
+inline bool ExactValue(const char* p, const char* end, int exponent, double& value) {
+  const size_t length = static_cast<size_t>(end - p);
+  if (length > 48) return LongExactValue(p, end, exponent, value);
+  char text[64];
+  std::memcpy(text, p, length);
+  text[length] = 'e';
+  const std::to_chars_result w = std::to_chars(text + length + 1, text + sizeof(text), exponent);
+  const std::from_chars_result r = std::from_chars(text, w.ptr, value);
+  return r.ec == std::errc() && r.ptr == w.ptr;
+}
+
 }  // namespace
 
 foundation::SafeString StringUtils::IntToString(int value) {
-  if (value == INT_MIN) return foundation::SafeString("-2147483648");
   const bool negative = value < 0;
   const unsigned int magnitude =
       negative ? 0u - static_cast<unsigned int>(value) : static_cast<unsigned int>(value);
@@ -193,7 +238,6 @@ foundation::SafeString StringUtils::IntToString(int value) {
 }
 
 foundation::SafeString StringUtils::LongToString(long long value) {
-  if (value == LLONG_MIN) return foundation::SafeString("-9223372036854775808");
   const bool negative = value < 0;
   const unsigned long long magnitude = negative ? 0ull - static_cast<unsigned long long>(value)
                                                 : static_cast<unsigned long long>(value);
@@ -271,101 +315,38 @@ unsigned long long StringUtils::HexStringToULong(const foundation::SafeString& t
 }
 
 double StringUtils::StringToFloat(const foundation::SafeString& text) {
-  const size_t n = text.size();
-  const char* p = text.c_str();
-  if (n == 0) return 0.0;
-  if (n == 1) return IsDigit(p[0]) ? static_cast<double>(p[0] - '0') : 0.0;
-  if (n == 3) {
-    if (std::memcmp(p, "nan", 3) == 0) return std::numeric_limits<double>::quiet_NaN();
-    if (std::memcmp(p, "inf", 3) == 0) return std::numeric_limits<double>::infinity();
-  }
-  if (n == 4) {
-    if (std::memcmp(p, "-inf", 4) == 0) return -std::numeric_limits<double>::infinity();
-    if (std::memcmp(p, "+inf", 4) == 0) return std::numeric_limits<double>::infinity();
-  }
-  bool negative = false;
-  const char* q = p;
-  if (*q == '-' || *q == '+') {
-    negative = *q == '-';
-    ++q;
-  }
-  const char* mantissa = q;
-  bool point = false;
-  bool digit = false;
-  for (; *q != '\0'; ++q) {
-    if (IsDigit(*q)) {
-      digit = true;
-    } else if (*q == '.' && !point) {
-      point = true;
-    } else {
+  const numberscan::Scan s = numberscan::ScanNumber(text.c_str(), text.size());
+  switch (s.kind) {
+    case numberscan::kNan:
+      return std::numeric_limits<double>::quiet_NaN();
+    case numberscan::kInfinity:
+      return s.negative ? -std::numeric_limits<double>::infinity()
+                        : std::numeric_limits<double>::infinity();
+    case numberscan::kInteger:
+    case numberscan::kReal:
       break;
-    }
+    default:
+      return s.signOnly && s.negative ? -0.0 : 0.0;
   }
-  const char* mantissaEnd = q;
+  if (!s.digit) return s.negative ? -0.0 : 0.0;
   int exponent = 0;
-  if (*q != '\0') {
-    if ((*q != 'e' && *q != 'E') || !digit) return 0.0;
-    ++q;
-    // The exponent needs a digit before the end of the text.
-    const char* first = (*q == '+' || *q == '-') ? q + 1 : q;
-    if (!IsDigit(*first)) return 0.0;
+  if (s.exponent != nullptr) {
+    // The exponent follows the StringToInt rules, wrap-around included.
     unsigned int wrapped = 0;
-    const size_t rest = n - static_cast<size_t>(q - p);
-    if (!ParseDecimal<unsigned int>(q, rest, 10, wrapped)) return 0.0;
+    if (!ParseDecimal<unsigned int>(s.exponent, s.exponentLength, 10, wrapped)) return 0.0;
     exponent = static_cast<int>(wrapped);
   }
-  if (!digit) return negative ? -0.0 : 0.0;
-
   double value = 0.0;
-  if (!ExactValue(mantissa, mantissaEnd, exponent, value)) {
-    value = AccumulateMantissa(mantissa, mantissaEnd);
+  if (!ExactValue(s.mantissa, s.mantissaEnd, exponent, value)) {
+    value = AccumulateMantissa(s.mantissa, s.mantissaEnd);
     if (exponent != 0) value *= std::pow(10.0, exponent);
   }
-  return negative ? -value : value;
+  return s.negative ? -value : value;
 }
 
 int StringUtils::GetNumberFormat(const foundation::SafeString& text) {
-  const size_t n = text.size();
-  const char* p = text.c_str();
-  if (n == 0) return 0;
-  if (n == 1) return IsDigit(p[0]) ? 1 : 0;
-  const char* q = p;
-  if (n == 2) {
-    if (*q == '+' || *q == '-') ++q;
-    if (*q == '\0') return 0;
-  } else {
-    if (n == 3 && (std::memcmp(p, "nan", 3) == 0 || std::memcmp(p, "inf", 3) == 0)) return 2;
-    if (n == 4 && (std::memcmp(p, "-inf", 4) == 0 || std::memcmp(p, "+inf", 4) == 0)) return 2;
-    if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
-      for (q = p + 2; *q != '\0'; ++q) {
-        if (!IsHexDigit(*q)) return 0;
-      }
-      return 3;
-    }
-    if (*q == '+' || *q == '-') ++q;
-    if (*q == '\0') return 0;
-  }
-  bool point = false;
-  bool digit = false;
-  for (; *q != '\0'; ++q) {
-    if (IsDigit(*q)) {
-      digit = true;
-    } else if (*q == '.') {
-      if (point) return 0;
-      point = true;
-    } else {
-      break;
-    }
-  }
-  if (*q == '\0') return point ? 2 : 1;
-  if ((*q != 'e' && *q != 'E') || !digit) return 0;
-  ++q;
-  if (*q == '+' || *q == '-') ++q;
-  if (*q == '\0') return 0;
-  for (; *q != '\0'; ++q) {
-    if (!IsDigit(*q)) return 0;
-  }
-  return 2;
+  const numberscan::Kind kind = numberscan::ScanNumber(text.c_str(), text.size()).kind;
+  return kind == numberscan::kNan || kind == numberscan::kInfinity ? 2 : static_cast<int>(kind);
 }
 
 }  // namespace text

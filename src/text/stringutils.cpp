@@ -1,10 +1,21 @@
 // StringUtils: comparison, trimming, case, splitting and formatting.
 #include "foundation/text/stringutils.h"
 
+#include <langinfo.h>
+
+#include <cfenv>
+#include <charconv>
+#include <cmath>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
+#include <type_traits>
 #include <utility>
+
+#include "numberdigits.h"
 
 namespace zorv {
 namespace foundation {
@@ -47,8 +58,10 @@ inline bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 // The first attempt's work-string size, doubled on every further attempt.
 constexpr size_t kFirstFormatSize = 100;
 
+// The general formatter: vsnprintf into a work string that doubles until
+// the text fits.
 __attribute__((format(printf, 1, 0))) foundation::SafeString FormatV(const char* format,
-                                                                    va_list args) {
+                                                                     va_list args) {
   if (format == nullptr) return foundation::SafeString();
   try {
     foundation::SafeString work;
@@ -68,6 +81,296 @@ __attribute__((format(printf, 1, 0))) foundation::SafeString FormatV(const char*
       if (size > work.max_size() / 2) return foundation::SafeString();
       size *= 2;
     }
+  } catch (...) {
+    return foundation::SafeString();
+  }
+}
+
+// ---- The quick formatter ------------------------------------------------------
+// Formats the conversions of everyday text (d i u x X o c s f and %%, with the
+// flags '-', '0', '+' and ' ', a width, a precision for s and f, and the
+// length modifiers hh h l ll z j t) exactly as the C library does, into a
+// fixed buffer. Anything else (other conversions and flags, '*', positions,
+// a precision on integers, a null string, a value that is not finite, a
+// locale whose decimal point is not '.', a rounding mode other than to
+// nearest, a text longer than the buffer) makes it give up, and the caller
+// formats the whole text with vsnprintf instead.
+
+constexpr size_t kQuickFormatSize = 512;
+
+class QuickOutput {
+ public:
+  explicit QuickOutput(char* buffer) : begin_(buffer), next_(buffer) {}
+
+  bool Put(const char* text, size_t n) {
+    if (n > Room()) return false;
+    std::memcpy(next_, text, n);
+    next_ += n;
+    return true;
+  }
+  bool Fill(char c, size_t n) {
+    if (n > Room()) return false;
+    std::memset(next_, c, n);
+    next_ += n;
+    return true;
+  }
+  // `prefix` (a sign or nothing), then `body`, padded to `width`: with
+  // zeros between them, or with spaces on the left or on the right.
+  bool Field(const char* prefix, size_t prefixSize, const char* body, size_t bodySize, size_t width,
+             bool left, bool zeros) {
+    const size_t size = prefixSize + bodySize;
+    const size_t pad = width > size ? width - size : 0;
+    if (pad > Room()) return false;
+    if (!left && !zeros && !Fill(' ', pad)) return false;
+    if (!Put(prefix, prefixSize)) return false;
+    if (!left && zeros && !Fill('0', pad)) return false;
+    if (!Put(body, bodySize)) return false;
+    return !left || Fill(' ', pad);
+  }
+  size_t Size() const { return static_cast<size_t>(next_ - begin_); }
+
+ private:
+  size_t Room() const { return kQuickFormatSize - Size(); }
+
+  char* begin_;
+  char* next_;
+};
+
+enum Length { kNoLength, kChar, kShort, kLong, kLongLong, kSize, kMax, kDiff };
+
+// A signed argument of the given length, as its magnitude and sign.
+unsigned long long SignedArgument(va_list& args, Length length, bool& negative) {
+  long long v;
+  switch (length) {
+    case kChar:
+      v = static_cast<signed char>(va_arg(args, int));
+      break;
+    case kShort:
+      v = static_cast<short>(va_arg(args, int));
+      break;
+    case kLong:
+      v = va_arg(args, long);
+      break;
+    case kLongLong:
+      v = va_arg(args, long long);
+      break;
+    case kSize:
+      v = va_arg(args, std::make_signed<size_t>::type);
+      break;
+    case kMax:
+      v = va_arg(args, intmax_t);
+      break;
+    case kDiff:
+      v = va_arg(args, ptrdiff_t);
+      break;
+    default:
+      v = va_arg(args, int);
+      break;
+  }
+  negative = v < 0;
+  return negative ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+}
+
+unsigned long long UnsignedArgument(va_list& args, Length length) {
+  switch (length) {
+    case kChar:
+      return static_cast<unsigned char>(va_arg(args, unsigned int));
+    case kShort:
+      return static_cast<unsigned short>(va_arg(args, unsigned int));
+    case kLong:
+      return va_arg(args, unsigned long);
+    case kLongLong:
+      return va_arg(args, unsigned long long);
+    case kSize:
+      return va_arg(args, size_t);
+    case kMax:
+      return va_arg(args, uintmax_t);
+    case kDiff:
+      return static_cast<std::make_unsigned<ptrdiff_t>::type>(va_arg(args, ptrdiff_t));
+    default:
+      return va_arg(args, unsigned int);
+  }
+}
+
+// Digits of `value` in base 8 or 16 ending before `end`.
+char* WritePowerOfTwoDigits(unsigned long long value, char* end, unsigned int shift,
+                            const char* digits) {
+  const unsigned int mask = (1u << shift) - 1;
+  do {
+    *--end = digits[static_cast<unsigned int>(value) & mask];
+    value >>= shift;
+  } while (value != 0);
+  return end;
+}
+
+// The largest width or precision the quick formatter takes.
+constexpr unsigned int kQuickNumberLimit = 1000;
+
+// Formats into `buffer` (kQuickFormatSize bytes); the length of the text, or
+// -1 when the format needs the C library.
+long QuickFormat(const char* format, va_list& args, char* buffer) {
+  QuickOutput out(buffer);
+  const char* f = format;
+  bool decimalPointChecked = false;
+  for (;;) {
+    const char* run = f;
+    while (*f != '\0' && *f != '%') ++f;
+    if (!out.Put(run, static_cast<size_t>(f - run))) return -1;
+    if (*f == '\0') return static_cast<long>(out.Size());
+    ++f;
+    if (*f == '%') {
+      if (!out.Put("%", 1)) return -1;
+      ++f;
+      continue;
+    }
+    bool left = false;
+    bool zeros = false;
+    char sign = '\0';
+    for (;; ++f) {
+      if (*f == '-') {
+        left = true;
+      } else if (*f == '0') {
+        zeros = true;
+      } else if (*f == '+') {
+        sign = '+';
+      } else if (*f == ' ') {
+        if (sign == '\0') sign = ' ';
+      } else {
+        break;
+      }
+    }
+    unsigned int width = 0;
+    for (; *f >= '0' && *f <= '9'; ++f) {
+      width = width * 10 + static_cast<unsigned int>(*f - '0');
+      if (width > kQuickNumberLimit) return -1;
+    }
+    int precision = -1;
+    if (*f == '.') {
+      precision = 0;
+      for (++f; *f >= '0' && *f <= '9'; ++f) {
+        precision = precision * 10 + (*f - '0');
+        if (precision > static_cast<int>(kQuickNumberLimit)) return -1;
+      }
+    }
+    Length length = kNoLength;
+    switch (*f) {
+      case 'h':
+        length = f[1] == 'h' ? kChar : kShort;
+        f += length == kChar ? 2 : 1;
+        break;
+      case 'l':
+        length = f[1] == 'l' ? kLongLong : kLong;
+        f += length == kLongLong ? 2 : 1;
+        break;
+      case 'z':
+        length = kSize;
+        ++f;
+        break;
+      case 'j':
+        length = kMax;
+        ++f;
+        break;
+      case 't':
+        length = kDiff;
+        ++f;
+        break;
+      default:
+        break;
+    }
+    const char conversion = *f++;
+    char digits[32];
+    char* end = digits + sizeof(digits);
+    switch (conversion) {
+      case 'd':
+      case 'i': {
+        if (precision >= 0) return -1;
+        bool negative = false;
+        const unsigned long long magnitude = SignedArgument(args, length, negative);
+        const char* begin = numberdigits::WriteDigits64(magnitude, end);
+        const char prefix = negative ? '-' : sign;
+        if (!out.Field(&prefix, prefix != '\0' ? 1 : 0, begin, static_cast<size_t>(end - begin),
+                       width, left, zeros)) {
+          return -1;
+        }
+        break;
+      }
+      case 'u':
+      case 'x':
+      case 'X':
+      case 'o': {
+        if (precision >= 0 || sign != '\0') return -1;
+        const unsigned long long value = UnsignedArgument(args, length);
+        const char* begin = conversion == 'u'   ? numberdigits::WriteDigits64(value, end)
+                            : conversion == 'o' ? WritePowerOfTwoDigits(value, end, 3, "01234567")
+                            : conversion == 'x'
+                                ? WritePowerOfTwoDigits(value, end, 4, "0123456789abcdef")
+                                : WritePowerOfTwoDigits(value, end, 4, "0123456789ABCDEF");
+        if (!out.Field("", 0, begin, static_cast<size_t>(end - begin), width, left, zeros)) {
+          return -1;
+        }
+        break;
+      }
+      case 'c': {
+        if (length != kNoLength || precision >= 0 || sign != '\0' || zeros) return -1;
+        const char c = static_cast<char>(static_cast<unsigned char>(va_arg(args, int)));
+        if (!out.Field("", 0, &c, 1, width, left, false)) return -1;
+        break;
+      }
+      case 's': {
+        if (length != kNoLength || sign != '\0' || zeros) return -1;
+        const char* text = va_arg(args, const char*);
+        if (text == nullptr) return -1;
+        const size_t n =
+            precision >= 0 ? ::strnlen(text, static_cast<size_t>(precision)) : std::strlen(text);
+        if (!out.Field("", 0, text, n, width, left, false)) return -1;
+        break;
+      }
+      case 'f':
+      case 'F': {
+        if (length != kNoLength && length != kLong) return -1;
+        const double value = va_arg(args, double);
+        if (!std::isfinite(value)) return -1;
+        if (!decimalPointChecked) {
+          // The C library writes the locale's decimal point and rounds in
+          // the current rounding mode; the quick path knows only '.' and
+          // rounding to nearest.
+          const char* point = ::nl_langinfo(RADIXCHAR);
+          if (point == nullptr || point[0] != '.' || point[1] != '\0') return -1;
+          if (std::fegetround() != FE_TONEAREST) return -1;
+          decimalPointChecked = true;
+        }
+        char text[kQuickFormatSize];
+        const std::to_chars_result r =
+            std::to_chars(text, text + sizeof(text), value, std::chars_format::fixed,
+                          precision < 0 ? 6 : precision);
+        if (r.ec != std::errc()) return -1;
+        const bool negative = text[0] == '-';
+        const char prefix = negative ? '-' : sign;
+        const char* body = negative ? text + 1 : text;
+        if (!out.Field(&prefix, prefix != '\0' ? 1 : 0, body, static_cast<size_t>(r.ptr - body),
+                       width, left, zeros)) {
+          return -1;
+        }
+        break;
+      }
+      default:
+        return -1;
+    }
+  }
+}
+
+// The quick formatter when it knows the format, the C library otherwise.
+__attribute__((format(printf, 1, 0))) foundation::SafeString QuickFormatV(const char* format,
+                                                                          va_list args) {
+  if (format == nullptr) return foundation::SafeString();
+  char buffer[kQuickFormatSize];
+  va_list attempt;
+  va_copy(attempt, args);
+  const long count = QuickFormat(format, attempt, buffer);
+  va_end(attempt);
+  if (count < 0) return FormatV(format, args);
+  try {
+    return foundation::SafeString(buffer, static_cast<size_t>(count));
   } catch (...) {
     return foundation::SafeString();
   }
@@ -196,7 +499,7 @@ bool StringUtils::Split(const char* text, char separator,
 foundation::SafeString StringUtils::Format(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  foundation::SafeString result = FormatV(format, args);
+  foundation::SafeString result = QuickFormatV(format, args);
   va_end(args);
   return result;
 }

@@ -2,10 +2,17 @@
 // formatting.
 #include "foundation/text/stringutils.h"
 
+#include <cfenv>
+#include <cfloat>
 #include <climits>
-#include <cstring>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <initializer_list>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "support/leakcheck.h"
 
@@ -19,119 +26,66 @@ using StringUtilsTest = zorv::test::LeakCheckedTest;
 
 SafeString Bytes(const char* data, size_t n) { return SafeString(data, n); }
 
-TEST_F(StringUtilsTest, CompareIsBytewiseUnsignedWithNullRules) {
+std::string Shown(const char* s) { return s ? s : "(null)"; }
+
+TEST_F(StringUtilsTest, ComparisonsPrefixesAndCommonPrefix) {
   struct Case {
     const char* a;
     const char* b;
-    int sign;
+    int compare;        // exact difference of the first differing bytes
+    int compareNoCase;  // the same after folding to upper case
+    bool startWith;     // a starts with b
+    bool endWith;       // a ends with b
+    int common;         // GetPublicPrefix
   };
+  // clang-format off
   const Case cases[] = {
-      {nullptr, "x", 0}, {"x", nullptr, 1}, {nullptr, nullptr, 0}, {"abc", "abc", 0},
-      {"", "", 0},       {"a", "b", -1},    {"b", "a", 1},         {"ab", "abc", -1},
-      {"abc", "ab", 1},  {"\xff", "a", 1},  {"a", "\x80", -1},     {"ABC", "abc", -1},
-  };
+      {nullptr, "x", 0, 0, false, false, 0}, {"x", nullptr, 1, 1, false, false, 0},
+      {nullptr, nullptr, 0, 0, false, false, 0}, {"abc", "abc", 0, 0, true, true, 3},
+      {"", "", 0, 0, false, false, 0}, {"abc", "", 'a', 'A', false, false, 0},
+      {"", "a", -'a', -'A', false, false, 0}, {"ab", "abc", -'c', -'C', false, false, 2},
+      {"abc", "ab", 'c', 'C', true, false, 2}, {"abc", "bc", 'a' - 'b', 'A' - 'B', false, true, 0},
+      {"bc", "abc", 'b' - 'a', 'B' - 'A', false, false, 0}, {"ABC", "abc", 'A' - 'a', 0, false, false, 0},
+      {"\xff", "a", 0xFF - 'a', 0xFF - 'A', false, false, 0}, {"a", "[", 'a' - '[', 'A' - '[', false, false, 0},
+      {"HeLLo", "hEllO", 'H' - 'h', 0, false, false, 0}, {"\xe9", "\xc9", 0xE9 - 0xC9, 0x20, false, false, 0},
+      {"\xe9x", "\xe9X", 'x' - 'X', 0, false, false, 1},
+      {"file.TXT", ".txt", 'f' - '.', 'F' - '.', false, false, 0}};
+  // clang-format on
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.a ? c.a : "(null)") + " vs " + (c.b ? c.b : "(null)"));
-    const int r = StringUtils::Compare(c.a, c.b);
-    EXPECT_EQ(r > 0, c.sign > 0);
-    EXPECT_EQ(r < 0, c.sign < 0);
+    SCOPED_TRACE(Shown(c.a) + " vs " + Shown(c.b));
+    EXPECT_EQ(StringUtils::Compare(c.a, c.b), c.compare);
+    EXPECT_EQ(StringUtils::CompareNoCase(c.a, c.b), c.compareNoCase);
+    EXPECT_EQ(StringUtils::StartWith(c.a, c.b), c.startWith);
+    EXPECT_EQ(StringUtils::EndWith(c.a, c.b), c.endWith);
+    EXPECT_EQ(StringUtils::GetPublicPrefix(c.a, c.b), c.common);
   }
-  EXPECT_EQ(StringUtils::Compare("a", "b"), -1);
-  EXPECT_EQ(StringUtils::Compare("x", nullptr), 1);
-  EXPECT_EQ(StringUtils::Compare("\xff", "a"), 0xFF - 'a');
-  EXPECT_EQ(StringUtils::Compare("ab", "abc"), -'c');
-}
-
-TEST_F(StringUtilsTest, CompareNoCaseFoldsAsciiToUpper) {
-  EXPECT_EQ(StringUtils::CompareNoCase("abc", "ABC"), 0);
-  EXPECT_EQ(StringUtils::CompareNoCase("HeLLo", "hEllO"), 0);
-  EXPECT_EQ(StringUtils::CompareNoCase("a", "["), 'A' - '[');
-  EXPECT_LT(StringUtils::CompareNoCase("a", "["), 0);
-  EXPECT_EQ(StringUtils::CompareNoCase(nullptr, "x"), 0);
-  EXPECT_EQ(StringUtils::CompareNoCase("x", nullptr), 1);
-  EXPECT_EQ(StringUtils::CompareNoCase("abc", "abd"), 'C' - 'D');
-  EXPECT_EQ(StringUtils::CompareNoCase("ab", "ABC"), -'C');
-  // Bytes above 127 are not folded.
-  EXPECT_NE(StringUtils::CompareNoCase("\xe9", "\xc9"), 0);
-  EXPECT_EQ(StringUtils::CompareNoCase("\xe9x", "\xe9X"), 0);
-}
-
-TEST_F(StringUtilsTest, StartWithAndEndWith) {
-  EXPECT_FALSE(StringUtils::StartWith("abc", ""));
-  EXPECT_FALSE(StringUtils::EndWith("abc", ""));
-  EXPECT_TRUE(StringUtils::StartWith("abc", "abc"));
-  EXPECT_TRUE(StringUtils::EndWith("abc", "abc"));
-  EXPECT_TRUE(StringUtils::StartWith("abc", "ab"));
-  EXPECT_TRUE(StringUtils::EndWith("abc", "bc"));
-  EXPECT_FALSE(StringUtils::StartWith("abc", "abcd"));
-  EXPECT_FALSE(StringUtils::EndWith("bc", "abc"));
-  EXPECT_FALSE(StringUtils::StartWith("abc", "B"));
-  EXPECT_FALSE(StringUtils::EndWith("abc", "B"));
-  EXPECT_FALSE(StringUtils::StartWith(nullptr, "a"));
-  EXPECT_FALSE(StringUtils::StartWith("a", nullptr));
-  EXPECT_FALSE(StringUtils::EndWith(nullptr, "a"));
-  EXPECT_FALSE(StringUtils::EndWith("a", nullptr));
-  EXPECT_FALSE(StringUtils::StartWith("", "a"));
-  EXPECT_FALSE(StringUtils::EndWith("", "a"));
-  // Case matters.
-  EXPECT_FALSE(StringUtils::EndWith("file.TXT", ".txt"));
 }
 
 TEST_F(StringUtilsTest, HashNoCaseIsFnv1aOverUpperCase) {
-  const char* empty = "";
-  EXPECT_EQ(StringUtils::HashNoCase(empty, empty), 2166136261u);
-  const char* a = "a";
-  const char* upperA = "A";
-  EXPECT_EQ(StringUtils::HashNoCase(a, a + 1), 0xC40BF6CCu);
-  EXPECT_EQ(StringUtils::HashNoCase(upperA, upperA + 1), 0xC40BF6CCu);
-  const char mixed[] = "Hello World";
-  const char upper[] = "HELLO WORLD";
-  EXPECT_EQ(StringUtils::HashNoCase(mixed, mixed + 11), StringUtils::HashNoCase(upper, upper + 11));
-  // A zero byte inside the range is hashed, not a stop.
-  const char withZero[] = {'a', '\0', 'b'};
+  const char text[] = {'a', '\0', 'b', 'H', 'i'};
   unsigned int h = 2166136261u;
-  for (unsigned char c : {'A', '\0', 'B'}) h = (h ^ c) * 16777619u;
-  EXPECT_EQ(StringUtils::HashNoCase(withZero, withZero + 3), h);
-  EXPECT_NE(StringUtils::HashNoCase(withZero, withZero + 3),
-            StringUtils::HashNoCase(withZero, withZero + 1));
-  EXPECT_EQ(StringUtils::HashNoCase(nullptr, nullptr), 2166136261u);
-}
-
-TEST_F(StringUtilsTest, GetPublicPrefixCountsCommonLeadingBytes) {
-  EXPECT_EQ(StringUtils::GetPublicPrefix("abcd", "abxy"), 2);
-  EXPECT_EQ(StringUtils::GetPublicPrefix("abc", "abc"), 3);
-  EXPECT_EQ(StringUtils::GetPublicPrefix("", ""), 0);
-  EXPECT_EQ(StringUtils::GetPublicPrefix("", "a"), 0);
-  EXPECT_EQ(StringUtils::GetPublicPrefix("a", ""), 0);
-  EXPECT_EQ(StringUtils::GetPublicPrefix("xa", "ya"), 0);
-  EXPECT_EQ(StringUtils::GetPublicPrefix("abc", "ab"), 2);
-  EXPECT_EQ(StringUtils::GetPublicPrefix(nullptr, "a"), 0);
-  EXPECT_EQ(StringUtils::GetPublicPrefix("a", nullptr), 0);
+  for (unsigned char c : {'A', '\0', 'B', 'H', 'I'}) h = (h ^ c) * 16777619u;
+  EXPECT_EQ(StringUtils::HashNoCase(text, text + 5), h);
+  EXPECT_EQ(StringUtils::HashNoCase(text, text + 1), 0xC40BF6CCu);
+  EXPECT_EQ(StringUtils::HashNoCase("A", nullptr), 2166136261u);
+  EXPECT_EQ(StringUtils::HashNoCase(text + 1, text), 2166136261u);
+  EXPECT_EQ(StringUtils::HashNoCase(nullptr, text), 2166136261u);
 }
 
 TEST_F(StringUtilsTest, TrimRemovesSpacesAndTabsOnly) {
   struct Case {
-    SafeString in;
-    SafeString both;
-    SafeString left;
-    SafeString right;
+    SafeString in, both, left, right;
   };
+  // An embedded zero ends the result only when leading blanks were skipped.
+  // clang-format off
   const Case cases[] = {
-      {"\t a b \t", "a b", "a b \t", "\t a b"},
-      {"\r\nx", "\r\nx", "\r\nx", "\r\nx"},
-      {"   ", "", "", ""},
-      {"", "", "", ""},
-      {"abc", "abc", "abc", "abc"},
-      {" x\n", "x\n", "x\n", " x\n"},
-      {"\v x \f", "\v x \f", "\v x \f", "\v x \f"},
-      // An embedded zero ends the result only when leading blanks were skipped.
+      {"\t a b \t", "a b", "a b \t", "\t a b"}, {"\r\nx", "\r\nx", "\r\nx", "\r\nx"},
+      {"   ", "", "", ""}, {"", "", "", ""}, {"\v x \f", "\v x \f", "\v x \f", "\v x \f"},
       {Bytes("a\0b ", 4), Bytes("a\0b", 3), Bytes("a\0b ", 4), Bytes("a\0b", 3)},
-      {Bytes(" a\0b ", 5), "a", "a", Bytes(" a\0b", 4)},
-      {Bytes(" \0 ", 3), "", "", Bytes(" \0", 2)},
-  };
+      {Bytes(" a\0b ", 5), "a", "a", Bytes(" a\0b", 4)}, {Bytes(" \0 ", 3), "", "", Bytes(" \0", 2)}};
+  // clang-format on
   for (const Case& c : cases) {
-    SCOPED_TRACE("input of length " + std::to_string(c.in.size()) + ": " +
-                 std::string(c.in.c_str()));
+    SCOPED_TRACE("input of length " + std::to_string(c.in.size()) + ": " + c.in.c_str());
     EXPECT_EQ(StringUtils::Trim(c.in), c.both);
     EXPECT_EQ(StringUtils::TrimLeft(c.in), c.left);
     EXPECT_EQ(StringUtils::TrimRight(c.in), c.right);
@@ -139,28 +93,16 @@ TEST_F(StringUtilsTest, TrimRemovesSpacesAndTabsOnly) {
 }
 
 TEST_F(StringUtilsTest, CaseConversionTouchesAsciiLettersOnly) {
-  EXPECT_EQ(StringUtils::ToUpper("Hello, World! z{@["), "HELLO, WORLD! Z{@[");
-  EXPECT_EQ(StringUtils::ToLower("Hello, World! Z[`{"), "hello, world! z[`{");
-  EXPECT_EQ(StringUtils::ToUpper("\xe9t\xe9\xff"), "\xe9T\xe9\xff");
-  EXPECT_EQ(StringUtils::ToLower("\xc9T\xc9"), "\xc9t\xc9");
   EXPECT_EQ(StringUtils::ToUpper(nullptr), "");
   EXPECT_EQ(StringUtils::ToLower(nullptr), "");
-  EXPECT_EQ(StringUtils::ToUpper(""), "");
-  // Every byte value maps as the tables say.
-  char all[256];
-  for (int i = 1; i < 256; ++i) all[i - 1] = static_cast<char>(i);
-  all[255] = '\0';
-  const SafeString up = StringUtils::ToUpper(all);
-  const SafeString low = StringUtils::ToLower(all);
-  ASSERT_EQ(up.size(), 255u);
-  ASSERT_EQ(low.size(), 255u);
+  std::string all, upper, lower;
   for (int i = 1; i < 256; ++i) {
-    SCOPED_TRACE(i);
-    const int u = (i >= 'a' && i <= 'z') ? i - 32 : i;
-    const int l = (i >= 'A' && i <= 'Z') ? i + 32 : i;
-    EXPECT_EQ(static_cast<unsigned char>(up[i - 1]), u);
-    EXPECT_EQ(static_cast<unsigned char>(low[i - 1]), l);
+    all += static_cast<char>(i);
+    upper += static_cast<char>(i >= 'a' && i <= 'z' ? i - 32 : i);
+    lower += static_cast<char>(i >= 'A' && i <= 'Z' ? i + 32 : i);
   }
+  EXPECT_EQ(StringUtils::ToUpper(all.c_str()).str(), upper);
+  EXPECT_EQ(StringUtils::ToLower(all.c_str()).str(), lower);
 }
 
 TEST_F(StringUtilsTest, SplitAppendsEveryPiece) {
@@ -170,110 +112,158 @@ TEST_F(StringUtilsTest, SplitAppendsEveryPiece) {
     bool found;
     std::vector<std::string> pieces;
   };
+  // clang-format off
   const Case cases[] = {
-      {"a,,b,", ',', true, {"a", "", "b", ""}},
-      {"abc", ',', false, {"abc"}},
-      {"", ',', false, {""}},
-      {",", ',', true, {"", ""}},
-      {",a", ',', true, {"", "a"}},
-      {"key=value=x", '=', true, {"key", "value", "x"}},
-      {"a b", ' ', true, {"a", "b"}},
-      {"abc", '\0', false, {"abc"}},
-  };
+      {"a,,b,", ',', true, {"old", "a", "", "b", ""}}, {"abc", ',', false, {"old", "abc"}},
+      {"", ',', false, {"old", ""}}, {",a", ',', true, {"old", "", "a"}},
+      {"k=v=x", '=', true, {"old", "k", "v", "x"}}, {"abc", '\0', false, {"old", "abc"}},
+      {nullptr, ',', false, {"old", ""}}};
+  // clang-format on
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
+    SCOPED_TRACE(Shown(c.text));
     Vector<SafeString> pieces;
+    pieces.push_back("old");
     EXPECT_EQ(StringUtils::Split(c.text, c.separator, pieces), c.found);
     ASSERT_EQ(pieces.size(), c.pieces.size());
     for (size_t i = 0; i < pieces.size(); ++i) EXPECT_EQ(pieces[i], c.pieces[i].c_str());
   }
 }
 
-TEST_F(StringUtilsTest, SplitKeepsExistingPiecesAndHandlesNull) {
-  Vector<SafeString> pieces;
-  pieces.push_back("old");
-  EXPECT_FALSE(StringUtils::Split(nullptr, ',', pieces));
-  ASSERT_EQ(pieces.size(), 2u);
-  EXPECT_EQ(pieces[0], "old");
-  EXPECT_EQ(pieces[1], "");
-  EXPECT_TRUE(StringUtils::Split("x;y", ';', pieces));
-  ASSERT_EQ(pieces.size(), 4u);
-  EXPECT_EQ(pieces[2], "x");
-  EXPECT_EQ(pieces[3], "y");
+// ---- Formatting ---------------------------------------------------------------
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+// Format against the C library's text for the same arguments; where the C
+// library fails, Format gives "".
+template <class... T>
+void ExpectLikeTheCLibrary(const std::string& format, T... values) {
+  SCOPED_TRACE(format);
+  std::vector<char> expected(8192);
+  const int n = std::snprintf(expected.data(), expected.size(), format.c_str(), values...);
+  ASSERT_LT(n, static_cast<int>(expected.size()));
+  const SafeString got = StringUtils::Format(format.c_str(), values...);
+  EXPECT_EQ(got.str(), std::string(expected.data(), n < 0 ? 0 : static_cast<size_t>(n)));
+}
+#pragma GCC diagnostic pop
+
+TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
+  const long long ints[] = {0, 1, -1, 42, -123456, INT_MAX, INT_MIN};
+  const unsigned long long uints[] = {0, 1, 255, 0xDEADBEEFull, UINT_MAX, ULLONG_MAX};
+  const double reals[] = {0.0,     -0.0,  0.5,      1.5,        2.5,  -2.5,  0.125,
+                          3.14159, 1e-7,  0.045,    123456.789, 1e15, -1e20, 9.995,
+                          DBL_MIN, 1e300, HUGE_VAL, -HUGE_VAL,  NAN};
+  const char* strings[] = {"", "abc", "hello, world", "\xe9t\xe9"};
+  for (const char* flags : {"", "-", "0", "+", " ", "-0", "+0", " +", "#", "'"}) {
+    for (const char* width : {"", "1", "12", "200"}) {
+      for (const char* precision : {"", ".", ".3", ".12"}) {
+        const std::string spec = std::string("%") + flags + width + precision;
+        // One format per kind of conversion: the quick formatter takes all of
+        // it or none.
+        const auto each = [&spec](std::initializer_list<std::string> conversions) {
+          std::string format;
+          for (const std::string& c : conversions) format += spec + c + "|";
+          return format;
+        };
+        for (long long v : ints) {
+          ExpectLikeTheCLibrary(each({"d", "i", "lld", "ld"}), static_cast<int>(v),
+                                static_cast<int>(v), v, static_cast<long>(v));
+          ExpectLikeTheCLibrary(each({"hd", "hhd", "jd", "td"}), static_cast<short>(v),
+                                static_cast<signed char>(v), static_cast<intmax_t>(v),
+                                static_cast<ptrdiff_t>(v));
+        }
+        for (unsigned long long v : uints) {
+          for (const std::string c : {"u", "x", "X", "o"}) {
+            const std::string format = each({c, "ll" + c, "l" + c, "z" + c, "hh" + c, "h" + c});
+            ExpectLikeTheCLibrary(format, static_cast<unsigned int>(v), v,
+                                  static_cast<unsigned long>(v), static_cast<size_t>(v),
+                                  static_cast<unsigned char>(v), static_cast<unsigned short>(v));
+          }
+        }
+        for (double v : reals) {
+          ExpectLikeTheCLibrary(each({"f", "F", "lf"}), v, v, v);
+          ExpectLikeTheCLibrary(each({"e", "g"}), v, v);
+        }
+        for (const char* s : strings) ExpectLikeTheCLibrary(spec + "s", s);
+        ExpectLikeTheCLibrary(spec + "c", 'z');
+        ExpectLikeTheCLibrary(spec + "c", 0);
+        ExpectLikeTheCLibrary(spec + "%");
+        ExpectLikeTheCLibrary(spec + "p", static_cast<void*>(nullptr));
+      }
+    }
+  }
+  // Whole lines, a null string, '*' and positions, failures, texts around
+  // the quick formatter's 512 bytes, and another rounding mode.
+  ExpectLikeTheCLibrary("%04d-%02d-%02d %02d:%02d:%02d.%03d [%-8s] %5s %s: %u bytes in %.3f s",
+                        2026, 11, 22, 4, 5, 6, 7, "io", "DEBUG", "socket", 4096u, 0.0125);
+  ExpectLikeTheCLibrary("id=%llu handle 0x%08x state %d load %.1f%% %s", 1ull << 40, 0xBEEFu, -3,
+                        99.95, static_cast<const char*>(nullptr));
+  ExpectLikeTheCLibrary("[%*d|%-*.*s]", 6, 42, 8, 2, "abcdef");
+  ExpectLikeTheCLibrary("%2$s %1$d", 5, "x");
+  ExpectLikeTheCLibrary("trailing %");
+  // A wide character that has no multibyte form in the C locale makes
+  // vsnprintf fail.
+  const wchar_t wide[] = {static_cast<wchar_t>(0x20AC), 0};
+  ExpectLikeTheCLibrary("%ls", wide);
+  for (size_t n : {509u, 510u, 511u, 512u, 513u, 1000u}) {
+    ExpectLikeTheCLibrary("%s%d", std::string(n - 2, 'q').c_str(), 42);
+  }
+  std::fesetround(FE_UPWARD);
+  ExpectLikeTheCLibrary("%.1f %.0f", 0.25, 2.5);
+  std::fesetround(FE_TONEAREST);
 }
 
-TEST_F(StringUtilsTest, FormatExpandsLikePrintf) {
-  EXPECT_EQ(StringUtils::Format("%d-%s-%05.1f|%x|%c", -12, "ab", 3.14159, 255u, 'z'),
-            "-12-ab-003.1|ff|z");
-  EXPECT_EQ(StringUtils::Format("%s", ""), "");
-  EXPECT_EQ(StringUtils::Format("/proc/%d/fd", 42), "/proc/42/fd");
-  EXPECT_EQ(StringUtils::Format("%lld %llu", LLONG_MIN, ULLONG_MAX),
-            "-9223372036854775808 18446744073709551615");
-  EXPECT_EQ(StringUtils::_InternalFormat("%s=%d", "x", 7), "x=7");
+// A failed allocation gives "", quick and general formatting alike.
+TEST_F(StringUtilsTest, FormatFailsWithAnEmptyText) {
   EXPECT_EQ(StringUtils::_InternalFormat(nullptr), "");
   EXPECT_EQ(StringUtils::Format(nullptr), "");
-  // A wide character that has no multibyte form in the C locale makes
-  // vsnprintf fail; the result is empty at once instead of growing forever.
-  const wchar_t wide[] = {static_cast<wchar_t>(0x20AC), 0};
-  EXPECT_EQ(StringUtils::Format("%ls", wide), "");
-}
-
-TEST_F(StringUtilsTest, FormatOfEveryLengthAroundTheDoublingSteps) {
-  for (size_t n : {0u, 1u, 98u, 99u, 100u, 101u, 150u, 199u, 200u, 399u, 400u, 1000u, 5000u}) {
-    SCOPED_TRACE(n);
-    const std::string expected(n, 'q');
-    const SafeString a = StringUtils::Format("%s", expected.c_str());
-    EXPECT_EQ(std::string(a.c_str(), a.size()), expected);
-    const SafeString b = StringUtils::_InternalFormat("<%s>", expected.c_str());
-    EXPECT_EQ(std::string(b.c_str(), b.size()), "<" + expected + ">");
+  for (size_t n : {100u, 600u}) {
+    const std::string text(n, 'x');
+    zorv::test::FailAfterGuard guard(1);
+    EXPECT_EQ(StringUtils::Format("%s", text.c_str()), "") << n;
   }
 }
 
 // Each attempt takes one new work block; a failed block ends the formatting
 // with an empty result, so the number of attempts shows in where a fault
 // stops showing.
-TEST_F(StringUtilsTest, FormatDoublesTheWorkSizeAndFailsQuietly) {
+TEST_F(StringUtilsTest, InternalFormatDoublesTheWorkSizeAndFailsQuietly) {
   struct Case {
     size_t length;
     unsigned int attempts;
   };
-  const Case cases[] = {{50, 1}, {99, 1}, {150, 2}, {399, 3}, {1000, 5}};
+  // clang-format off
+  const Case cases[] = {{2, 1}, {99, 1}, {100, 2}, {150, 2}, {199, 2}, {200, 3}, {399, 3}, {1000, 5}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.length);
     const std::string text(c.length, 'x');
     for (unsigned int n = 1; n <= c.attempts; ++n) {
-      SCOPED_TRACE(n);
       zorv::test::FailAfterGuard guard(n);
-      EXPECT_EQ(StringUtils::_InternalFormat("%s", text.c_str()), "");
+      EXPECT_EQ(StringUtils::_InternalFormat("%s", text.c_str()), "") << n;
     }
     zorv::test::FailAfterGuard guard(c.attempts + 1);
-    EXPECT_EQ(StringUtils::_InternalFormat("%s", text.c_str()).size(), c.length);
+    EXPECT_EQ(StringUtils::_InternalFormat("<%s>", text.c_str() + 2).str(),
+              "<" + text.substr(2) + ">");
   }
 }
-
-}  // namespace
-
-namespace {
 
 // A failed allocation passes std::bad_alloc on and leaks nothing (the
 // fixture checks the live blocks).
 TEST_F(StringUtilsTest, AllocationFailuresPassOnWithoutLeaks) {
   const SafeString longText(" \t" + std::string(64, 'k') + "\t ");
   const std::string plain(64, 'k');
-  {
-    zorv::test::FailAfterGuard guard(1);
-    EXPECT_THROW(StringUtils::Trim(longText), std::bad_alloc);
-  }
-  {
-    zorv::test::FailAfterGuard guard(1);
-    EXPECT_THROW(StringUtils::ToUpper(plain.c_str()), std::bad_alloc);
-  }
+  const std::string text = plain + "," + plain + "," + plain;
   for (unsigned int n = 1; n <= 3; ++n) {
     SCOPED_TRACE(n);
     Vector<SafeString> pieces;
-    const std::string text = plain + "," + plain + "," + plain;
     zorv::test::FailAfterGuard guard(n);
     EXPECT_THROW(StringUtils::Split(text.c_str(), ',', pieces), std::bad_alloc);
+  }
+  for (bool upper : {false, true}) {
+    zorv::test::FailAfterGuard guard(1);
+    EXPECT_THROW(upper ? StringUtils::ToUpper(plain.c_str()) : StringUtils::Trim(longText),
+                 std::bad_alloc);
   }
   EXPECT_EQ(StringUtils::Trim(longText), plain.c_str());
 }

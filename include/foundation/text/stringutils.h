@@ -92,10 +92,13 @@ class ZORV_FOUNDATION_EXPORT StringUtils {
 
   // ---- Formatting -----------------------------------------------------------
 
-  // The printf-style expansion of `format` with the further arguments (the
-  // C library's vsnprintf rules). Returns "" for a null format and when the
-  // result cannot be allocated; never throws. Same behaviour as
-  // _InternalFormat, with the compiler checking the arguments.
+  // The printf-style expansion of `format` with the further arguments: the
+  // text the C library's vsnprintf writes for them, in the calling thread's
+  // locale. Returns "" for a null format, when vsnprintf fails (an encoding
+  // error) and when the result cannot be allocated; never throws. The same
+  // result as _InternalFormat, with the compiler checking the arguments;
+  // everyday conversions (d i u x X o c s f %, plain flags and widths) of
+  // texts up to 512 bytes are written without going through vsnprintf.
   static foundation::SafeString Format(const char* format, ...) ZORV_PRINTF_FORMAT(1, 2);
 
   // ---- Integers to text ------------------------------------------------------
