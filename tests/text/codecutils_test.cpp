@@ -46,6 +46,12 @@ TEST_F(CodecTest, Base64EncodeAndDecode) {
       {"+/8=", 4, true, "\xfb\xff", true},
       {"AA==", 4, true, std::string(1, '\0'), true},
       {"AAECAwQF", 8, true, std::string("\0\1\2\3\4\5", 6), true},
+      // Every character of the alphabet, in order.
+      {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/", 64, true,
+       std::string("\x00\x10\x83\x10\x51\x87\x20\x92\x8b\x30\xd3\x8f\x41\x14\x93\x51\x55\x97\x61\x96\x9b"
+       "\x71\xd7\x9f\x82\x18\xa3\x92\x59\xa7\xa2\x9a\xab\xb2\xdb\xaf\xc3\x1c\xb3\xd3\x5d\xb7"
+       "\xe3\x9e\xbb\xf3\xdf\xbf", 48),
+       true},
       {"Zm9", 3, false, "", false},
       {"Zm9vYg", 6, false, "", false},  // missing padding is not tolerated
       {"Zm=v", 4, true, "f", false},     // the third character alone drops two bytes
@@ -71,18 +77,6 @@ TEST_F(CodecTest, Base64EncodeAndDecode) {
   const unsigned char one = 'x';
   EXPECT_EQ(Str(CodecUtils::EncodeBase64(nullptr, 5)), "");
   EXPECT_EQ(Str(CodecUtils::EncodeBase64(&one, 0)), "");
-  // Every 6-bit value: three bytes whose four groups are all i give four
-  // times the i-th character of the alphabet.
-  const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string bytes;
-  for (unsigned int i = 0; i < 64; ++i) {
-    const unsigned int group = (i << 18) | (i << 12) | (i << 6) | i;
-    bytes += {static_cast<char>(group >> 16), static_cast<char>(group >> 8),
-              static_cast<char>(group)};
-  }
-  const std::string text = Str(Encode(bytes));
-  ASSERT_EQ(text.size(), 256u);
-  for (int i = 0; i < 64; ++i) EXPECT_EQ(text.substr(i * 4, 4), std::string(4, alphabet[i]));
   std::mt19937 random(99);
   for (int i = 0; i < 2000; ++i) {
     std::string data(random() % 300, '\0');
@@ -145,9 +139,7 @@ TEST_F(CodecTest, UriEncodeAndDecode) {
       {"\x01\x7f\x80\xff", "%01%7F%80%FF", "\x01\x7f\x80\xff"},
       {"100%", "100%25", "100%"},
       {"%zz%41", "%25zz%2541", "%zzA"},
-      {"%4a%4A%c3%A9", "%254a%254A%25c3%25A9", "JJ\xc3\xa9"},
       {"%00x", "%2500x", std::string("\0x", 2)},
-      {"%", "%25", "%"},
       {"%4", "%254", "%4"},
       {"%%41", "%25%2541", "%A"},
       {"%g1%1g%G0%0G", "%25g1%251g%25G0%250G", "%g1%1g%G0%0G"},
@@ -209,12 +201,9 @@ TEST(CheckedSizeTest, ResultSizesThrowInsteadOfWrapping) {
       {"sum wraps", true, 0xFFFFFFFFu, 1, kMax, true, 0},
       {"at the limit", true, 10, 3, 16, false, 16},
       {"over the limit", true, 10, 4, 16, true, 0},
-      {"empty", true, 0, 0, 0, false, 0},
       {"largest that fits", false, 0xBFFFFFFDu, 0, kMax, false, 0xFFFFFFFCu},
       {"one group more wraps to 0", false, 0xBFFFFFFEu, 0, kMax, true, 0},
-      {"largest input", false, 0xFFFFFFFFu, 0, kMax, true, 0},
       {"one byte", false, 1, 0, kMax, false, 4},
-      {"three bytes", false, 3, 0, kMax, false, 4},
       {"over the limit", false, 4, 0, 7, true, 0},
       {"empty", false, 0, 0, 0, false, 0},
   };
