@@ -6,6 +6,7 @@
 #include <functional>
 #include <new>
 #include <vector>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 
@@ -75,15 +76,20 @@ constexpr char kArchiverSource[] = "zorv.foundation.config.Archiver";
 
 inline bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
-// The bytes [begin, begin + count) without the blanks at either end, as
-// StringUtils::Trim gives them (a line holds no zero byte, so Trim's stop
-// at one never applies). Only the result is allocated.
-SafeString Trimmed(const char* begin, size_t count) {
+// Narrows [begin, begin + count) to the bytes without the blanks at either
+// end, as StringUtils::Trim gives them (a line holds no zero byte, so
+// Trim's stop at one never applies).
+inline void Trim(const char*& begin, size_t& count) {
   while (count != 0 && IsBlank(*begin)) {
     ++begin;
     --count;
   }
   while (count != 0 && IsBlank(begin[count - 1])) --count;
+}
+
+// The trimmed bytes as a string of their own.
+SafeString Trimmed(const char* begin, size_t count) {
+  Trim(begin, count);
   return SafeString(begin, count);
 }
 
@@ -159,11 +165,15 @@ void ParseLines(detail::SectionTable& sections, Lines& lines) {
     }
     // The pair is stored whole or not at all: a failed allocation never
     // leaves a key without its value.
-    const size_t keySize = static_cast<size_t>(equals - line);
-    SafeString key = Trimmed(line, keySize);
-    SafeString value = Trimmed(equals + 1, size - keySize - 1);
+    const char* key = line;
+    size_t keySize = static_cast<size_t>(equals - line);
+    const char* value = equals + 1;
+    size_t valueSize = size - keySize - 1;
+    Trim(key, keySize);
+    Trim(value, valueSize);
     detail::KeyTable& keys = current->second;
-    auto stored = keys.emplace(std::move(key), std::move(value));
+    auto stored = keys.emplace(std::piecewise_construct, std::forward_as_tuple(key, keySize),
+                               std::forward_as_tuple(value, valueSize));
     if (!stored.second) {
       SafeString message("config error, repeated key [");
       message += current->first;
