@@ -1,10 +1,14 @@
 // Parsing and saving a 10 MB configuration text (10,000 sections x 20 keys)
 // with Archiver, against GLib's GKeyFile and inih storing into
-// std::unordered_map, when those peers are available.
+// std::unordered_map, when those peers are available. Before the timings,
+// each parser's peak memory is taken in a child process of its own.
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <unordered_map>
 
@@ -45,6 +49,16 @@ const std::string& ConfigText() {
   return text;
 }
 
+// Ends a timed parse: a request the size of a large block makes glibc merge
+// the small blocks that the parse freed. Without it, that work falls on
+// whichever contender next asks for a large block, so each contender
+// would pay for the one timed before it.
+void SettleHeap() {
+  void* block = std::malloc(4096);
+  benchmark::DoNotOptimize(block);
+  std::free(block);
+}
+
 std::string TempPath(const char* name) {
   const char* base = getenv("TMPDIR");
   return std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/zorv-bench-" +
@@ -54,9 +68,12 @@ std::string TempPath(const char* name) {
 void ArchiverParseText(benchmark::State& state) {
   const std::string& text = ConfigText();
   for (auto _ : state) {
-    Archiver archiver;
-    archiver.parseText(text.c_str());
-    benchmark::DoNotOptimize(archiver.contains("section_00000"));
+    {
+      Archiver archiver;
+      archiver.parseText(text.c_str());
+      benchmark::DoNotOptimize(archiver.contains("section_00000"));
+    }
+    SettleHeap();
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
 }
@@ -73,9 +90,12 @@ void ArchiverParseFile(benchmark::State& state) {
   }
   std::fclose(file);
   for (auto _ : state) {
-    Archiver archiver;
-    archiver.parseFile(path.c_str());
-    benchmark::DoNotOptimize(archiver.contains("section_00000"));
+    {
+      Archiver archiver;
+      archiver.parseFile(path.c_str());
+      benchmark::DoNotOptimize(archiver.contains("section_00000"));
+    }
+    SettleHeap();
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
   ::unlink(path.c_str());
@@ -104,6 +124,7 @@ void GKeyFileLoadFromData(benchmark::State& state) {
                                             nullptr);
     benchmark::DoNotOptimize(ok);
     g_key_file_free(keyFile);
+    SettleHeap();
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
 }
@@ -135,15 +156,75 @@ int StoreInih(void* user, const char* section, const char* name, const char* val
 void InihParseStringIntoUnorderedMap(benchmark::State& state) {
   const std::string& text = ConfigText();
   for (auto _ : state) {
-    InihTable table;
-    int result = ini_parse_string(text.c_str(), &StoreInih, &table);
-    benchmark::DoNotOptimize(result);
+    {
+      InihTable table;
+      int result = ini_parse_string(text.c_str(), &StoreInih, &table);
+      benchmark::DoNotOptimize(result);
+    }
+    SettleHeap();
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
 }
 BENCHMARK(InihParseStringIntoUnorderedMap)->Unit(benchmark::kMillisecond);
 #endif
 
+// The peak resident memory that one parse adds (table built and dropped),
+// in KiB, measured in a child process of its own so that no contender sees
+// another's heap: the child's high-water mark after the parse minus the one
+// it started with. -1 when the child could not be run.
+template <class Parse>
+long PeakKiB(Parse parse) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  const pid_t child = fork();
+  if (child == 0) {
+    close(fds[0]);
+    struct rusage before;
+    struct rusage after;
+    getrusage(RUSAGE_SELF, &before);
+    parse();
+    getrusage(RUSAGE_SELF, &after);
+    const long grown = after.ru_maxrss - before.ru_maxrss;
+    _exit(write(fds[1], &grown, sizeof(grown)) == sizeof(grown) ? 0 : 1);
+  }
+  close(fds[1]);
+  long grown = -1;
+  if (child < 0 || read(fds[0], &grown, sizeof(grown)) != sizeof(grown)) grown = -1;
+  close(fds[0]);
+  if (child > 0) waitpid(child, nullptr, 0);
+  return grown;
+}
+
+void ReportPeakMemory() {
+  const std::string& text = ConfigText();
+  std::fprintf(stderr, "peak memory added by one parse of %zu bytes:\n", text.size());
+  std::fprintf(stderr, "  Archiver::parseText   %6.1f MiB\n", PeakKiB([&text] {
+                 Archiver archiver;
+                 archiver.parseText(text.c_str());
+               }) / 1024.0);
+#ifdef ZORV_BENCH_HAVE_GLIB
+  std::fprintf(stderr, "  GKeyFile              %6.1f MiB\n", PeakKiB([&text] {
+                 GKeyFile* keyFile = g_key_file_new();
+                 g_key_file_load_from_data(keyFile, text.data(), text.size(), G_KEY_FILE_NONE,
+                                           nullptr);
+                 g_key_file_free(keyFile);
+               }) / 1024.0);
+#endif
+#ifdef ZORV_BENCH_HAVE_INIH
+  std::fprintf(stderr, "  inih + unordered_map  %6.1f MiB\n", PeakKiB([&text] {
+                 InihTable table;
+                 ini_parse_string(text.c_str(), &StoreInih, &table);
+               }) / 1024.0);
+#endif
+}
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  ReportPeakMemory();
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

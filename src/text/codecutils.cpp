@@ -57,25 +57,136 @@ constexpr PairTable MakePairTable() {
 
 constexpr PairTable kPairs = MakePairTable();
 
-// URI pass-through, indexed by the unsigned byte: 1 for RFC 3986
-// unreserved characters, 0 for every other byte.
+// URI encoding, indexed by the unsigned byte. For an RFC 3986 unreserved
+// character the entry is the character itself with a length of 1; for every
+// other byte it is '%' and the two upper-case hexadecimal digits with a
+// length of 3. The bytes of the output sit in the low three bytes in order
+// of appearance (first in the lowest) and the length in the top byte, so an
+// input byte is written with one 4-byte store and the pointer moved by its
+// length.
 struct UriTable {
-  unsigned char passes[256];
+  std::uint32_t codes[256];
+  unsigned char escaped[256];  // 1 when the byte is written as "%XY"
 };
+
+constexpr char kHexUpper[] = "0123456789ABCDEF";
 
 constexpr UriTable MakeUriTable() {
   UriTable t{};
   for (int i = 0; i < 256; ++i) {
     const bool unreserved = (i >= 'A' && i <= 'Z') || (i >= 'a' && i <= 'z') ||
                             (i >= '0' && i <= '9') || i == '-' || i == '.' || i == '_' || i == '~';
-    t.passes[i] = unreserved ? 1 : 0;
+    const std::uint32_t c = static_cast<std::uint32_t>(i);
+    if (unreserved) {
+      t.codes[i] = (1u << 24) | c;
+    } else {
+      t.codes[i] = (3u << 24) | (static_cast<std::uint32_t>(
+                                     static_cast<unsigned char>(kHexUpper[c & 15])) << 16) |
+                   (static_cast<std::uint32_t>(static_cast<unsigned char>(kHexUpper[c >> 4]))
+                    << 8) |
+                   static_cast<std::uint32_t>('%');
+    }
+    t.escaped[i] = unreserved ? 0 : 1;
   }
   return t;
 }
 
 constexpr UriTable kUri = MakeUriTable();
 
-constexpr char kHexUpper[] = "0123456789ABCDEF";
+// Hexadecimal digits of either case, indexed by the unsigned byte: the
+// digit's value, or -1 for every other byte (the terminating zero included).
+struct HexTable {
+  signed char values[256];
+};
+
+constexpr HexTable MakeHexTable() {
+  HexTable t{};
+  for (int i = 0; i < 256; ++i) {
+    int v = -1;
+    if (i >= '0' && i <= '9') v = i - '0';
+    if (i >= 'a' && i <= 'f') v = i - 'a' + 10;
+    if (i >= 'A' && i <= 'F') v = i - 'A' + 10;
+    t.values[i] = static_cast<signed char>(v);
+  }
+  return t;
+}
+
+constexpr HexTable kHex = MakeHexTable();
+
+// The machine word the URI decoder scans the text with.
+#if defined(__SIZEOF_POINTER__) && __SIZEOF_POINTER__ >= 8
+using Word = std::uint64_t;
+#else
+using Word = std::uint32_t;
+#endif
+
+constexpr Word kOnes = ~static_cast<Word>(0) / 255;  // 0x01 in every byte
+constexpr Word kPercents = ~static_cast<Word>(0) / 255 * '%';
+
+// The word at `p`, its first byte in the lowest bits.
+inline Word LoadWord(const char* p) {
+  Word word;
+  std::memcpy(&word, p, sizeof(word));
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  word = sizeof(Word) == 8 ? static_cast<Word>(__builtin_bswap64(word))
+                           : static_cast<Word>(__builtin_bswap32(static_cast<std::uint32_t>(word)));
+#endif
+  return word;
+}
+
+// Writes a word from LoadWord() back at `p` in memory order.
+inline void StoreWord(char* p, Word word) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  word = sizeof(Word) == 8 ? static_cast<Word>(__builtin_bswap64(word))
+                           : static_cast<Word>(__builtin_bswap32(static_cast<std::uint32_t>(word)));
+#endif
+  std::memcpy(p, &word, sizeof(word));
+}
+
+// A word whose lowest set bit is the top bit of the first zero byte of
+// `word` (0 when it has none). Bits above it may be set by the borrow and
+// mean nothing.
+inline Word FirstZeroByte(Word word) {
+  return (word - kOnes) & ~word & (kOnes << 7);
+}
+
+// The position (0 for the first byte) of the byte marked by a non-zero
+// FirstZeroByte() result.
+inline size_t FirstMarked(Word marks) {
+  return sizeof(Word) == 8
+             ? static_cast<size_t>(__builtin_ctzll(static_cast<unsigned long long>(marks))) / 8
+             : static_cast<size_t>(__builtin_ctz(static_cast<unsigned int>(marks))) / 8;
+}
+
+// Decodes the '%' at `in` into `*out`: the byte of the two hexadecimal
+// digits behind it, or the '%' itself when they are not both there.
+// Returns how many bytes of text were used (3 or 1). The terminating zero
+// is no digit, so the second digit is only read when the first one lies
+// within the text.
+inline size_t DecodeEscape(const char* in, char* out) {
+  const int high = kHex.values[static_cast<unsigned char>(in[1])];
+  if (high >= 0) {
+    const int low = kHex.values[static_cast<unsigned char>(in[2])];
+    if (low >= 0) {
+      *out = static_cast<char>((high << 4) | low);
+      return 3;
+    }
+  }
+  *out = '%';
+  return 1;
+}
+
+// Writes the four bytes of `code` at `out`, lowest first.
+inline void StoreLittleEndian32(char* out, std::uint32_t code) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  std::memcpy(out, &code, sizeof(code));
+#else
+  out[0] = static_cast<char>(code);
+  out[1] = static_cast<char>(code >> 8);
+  out[2] = static_cast<char>(code >> 16);
+  out[3] = static_cast<char>(code >> 24);
+#endif
+}
 
 // The four bytes at `p` as a big-endian number.
 inline unsigned int LoadBigEndian32(const unsigned char* p) {
@@ -88,14 +199,6 @@ inline unsigned int LoadBigEndian32(const unsigned char* p) {
          (static_cast<std::uint32_t>(p[2]) << 8) | p[3];
 #endif
   return word;
-}
-
-// The value of a hexadecimal digit of either case, or -1.
-inline int HexValue(unsigned char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
 }
 
 }  // namespace
@@ -168,51 +271,80 @@ bool CodecUtils::DecodeBase64(char const* text, unsigned int length,
 }
 
 foundation::SafeString CodecUtils::EncodeUri(char const* text) {
-  const unsigned char* in = reinterpret_cast<const unsigned char*>(text);
+  const unsigned char* const in = reinterpret_cast<const unsigned char*>(text);
   const size_t n = std::strlen(text);
-  size_t escaped = 0;
-  for (size_t i = 0; i < n; ++i) escaped += kUri.passes[in[i]] == 0 ? 1 : 0;
+  // Four counters, so that the additions do not wait on each other.
+  size_t counts[4] = {0, 0, 0, 0};
+  size_t i = 0;
+  for (; i + 4 <= n; i += 4) {
+    counts[0] += kUri.escaped[in[i]];
+    counts[1] += kUri.escaped[in[i + 1]];
+    counts[2] += kUri.escaped[in[i + 2]];
+    counts[3] += kUri.escaped[in[i + 3]];
+  }
+  for (; i < n; ++i) counts[0] += kUri.escaped[in[i]];
+  const size_t escaped = counts[0] + counts[1] + counts[2] + counts[3];
   foundation::SafeString result;
   result.resize(detail::EncodedUriSize<size_t>(n, escaped, result.max_size(), kEncodeUriSource));
+  if (n == 0) return result;
   char* out = &result[0];
-  for (size_t i = 0; i < n; ++i) {
-    const unsigned char c = in[i];
-    if (kUri.passes[c] != 0) {
-      *out++ = static_cast<char>(c);
-    } else {
-      out[0] = '%';
-      out[1] = kHexUpper[c >> 4];
-      out[2] = kHexUpper[c & 15];
-      out += 3;
+  // Every byte writes at least one, so while four bytes of input are left
+  // the output has room for a whole 4-byte store; the byte behind the
+  // written ones is overwritten by the next byte or by the ones after.
+  i = 0;
+  for (; i + 4 <= n; ++i) {
+    const std::uint32_t code = kUri.codes[in[i]];
+    StoreLittleEndian32(out, code);
+    out += code >> 24;
+  }
+  for (; i < n; ++i) {
+    const std::uint32_t code = kUri.codes[in[i]];
+    out[0] = static_cast<char>(code);
+    if ((code >> 24) == 3) {
+      out[1] = static_cast<char>(code >> 8);
+      out[2] = static_cast<char>(code >> 16);
     }
+    out += code >> 24;
   }
   return result;
 }
 
 foundation::SafeString CodecUtils::DecodeUri(char const* text) {
-  const unsigned char* in = reinterpret_cast<const unsigned char*>(text);
   const size_t n = std::strlen(text);
   foundation::SafeString result;
   result.resize(n);
-  char* out = &result[0];
-  size_t i = 0;
-  while (i < n) {
-    const unsigned char c = in[i];
-    if (c == '%') {
-      // The terminating zero is no digit, so the second digit is only read
-      // when the first one lies within the text.
-      const int high = HexValue(in[i + 1]);
-      const int low = high < 0 ? -1 : HexValue(in[i + 2]);
-      if (high >= 0 && low >= 0) {
-        *out++ = static_cast<char>((high << 4) | low);
-        i += 3;
-        continue;
-      }
+  if (n == 0) return result;
+  const char* in = text;
+  const char* const end = text + n;
+  char* const first = &result[0];
+  char* out = first;
+  // A word at a time while a whole word of text is left: the word is stored
+  // as it stands and both pointers move to its first '%', if any. The
+  // output never runs ahead of the input, so the store stays within the
+  // result.
+  while (static_cast<size_t>(end - in) >= sizeof(Word)) {
+    const Word word = LoadWord(in);
+    StoreWord(out, word);
+    const Word marks = FirstZeroByte(word ^ kPercents);
+    if (marks == 0) {
+      in += sizeof(Word);
+      out += sizeof(Word);
+      continue;
     }
-    *out++ = static_cast<char>(c);
-    ++i;
+    const size_t before = FirstMarked(marks);
+    in += before;
+    out += before;
+    in += DecodeEscape(in, out);
+    ++out;
   }
-  result.resize(static_cast<size_t>(out - &result[0]));
+  for (; in != end; ++out) {
+    if (*in == '%') {
+      in += DecodeEscape(in, out);
+    } else {
+      *out = *in++;
+    }
+  }
+  result.resize(static_cast<size_t>(out - first));
   return result;
 }
 

@@ -3,12 +3,10 @@
 
 #include <cctype>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "support/leakcheck.h"
 #include "text/checkedsize.h"
@@ -19,159 +17,163 @@ using zorv::foundation::SafeString;
 using zorv::foundation::collection::Vector;
 using zorv::foundation::text::CodecUtils;
 
-using Base64Test = zorv::test::LeakCheckedTest;
-using UriTest = zorv::test::LeakCheckedTest;
+using CodecTest = zorv::test::LeakCheckedTest;
+
+std::string Str(const SafeString& s) { return std::string(s.data(), s.size()); }
 
 SafeString Encode(const std::string& bytes) {
   return CodecUtils::EncodeBase64(reinterpret_cast<const unsigned char*>(bytes.data()),
                                   static_cast<unsigned int>(bytes.size()));
 }
 
-std::string Decoded(const Vector<unsigned char>& out) {
-  return std::string(out.begin(), out.end());
-}
-
-TEST_F(Base64Test, Rfc4648Vectors) {
-  const std::pair<const char*, const char*> vectors[] = {
-      {"", ""},
-      {"f", "Zg=="},
-      {"fo", "Zm8="},
-      {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="},
-      {"fooba", "Zm9vYmE="},
-      {"foobar", "Zm9vYmFy"},
-  };
-  for (const auto& v : vectors) {
-    SCOPED_TRACE(v.first);
-    EXPECT_EQ(Encode(v.first), v.second);
-    Vector<unsigned char> out;
-    EXPECT_TRUE(
-        CodecUtils::DecodeBase64(v.second, static_cast<unsigned int>(std::strlen(v.second)), out));
-    EXPECT_EQ(Decoded(out), v.first);
-  }
-}
-
-TEST_F(Base64Test, EncodeUsesTheWholeAlphabet) {
-  std::string bytes;
-  for (int i = 0; i < 64; ++i) {
-    // Three bytes whose four 6-bit groups are all i.
-    const unsigned int group = (static_cast<unsigned int>(i) << 18) | (i << 12) | (i << 6) | i;
-    bytes += static_cast<char>(group >> 16);
-    bytes += static_cast<char>(group >> 8);
-    bytes += static_cast<char>(group);
-  }
-  const SafeString text = Encode(bytes);
-  const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  ASSERT_EQ(text.size(), 256u);
-  for (int i = 0; i < 64; ++i) EXPECT_EQ(text.substr(i * 4, 4), SafeString(4, alphabet[i]));
-  EXPECT_EQ(Encode(std::string("\xff\xff\xff", 3)), "////");
-  EXPECT_EQ(Encode(std::string("\xfb\xff", 2)), "+/8=");
-  EXPECT_EQ(Encode(std::string(1, '\0')), "AA==");
-  EXPECT_EQ(CodecUtils::EncodeBase64(nullptr, 5), "");
-  const unsigned char one = 'x';
-  EXPECT_EQ(CodecUtils::EncodeBase64(&one, 0), "");
-}
-
-TEST_F(Base64Test, DecodeRules) {
+TEST_F(CodecTest, Base64EncodeAndDecode) {
   struct Case {
-    const char* text;
+    std::string text;  // decoded from `length` bytes of it
     unsigned int length;
     bool result;
     std::string bytes;
+    bool encodes;  // EncodeBase64(bytes) gives the text back
   };
   const Case cases[] = {
-      {"Zm9v", 4, true, "foo"},
-      {"Zm9", 3, false, ""},
-      {"", 0, true, ""},
-      {"Zm9vYg", 6, false, ""},
-      {"Zm=v", 4, true, "f"},  // the third character alone drops two bytes
-      {"Zm9=", 4, true, "fo"},
-      {"Zg==", 4, true, "f"},
-      {"====", 4, true, std::string(1, '\0')},            // '=' decodes as zero bits
-      {"Zg==Zm9v", 8, true, std::string("f\0\0foo", 6)},  // padding inside is not looked at
-      {"Zm 9", 4, true, "f`="},                           // a blank decodes as zero bits
-      {"Zm9v\n", 5, false, ""},
-      {"\x80\x81\xff\xfe", 4, true, std::string(3, '\0')},
+      {"", 0, true, "", true},
+      {"Zg==", 4, true, "f", true},
+      {"Zm8=", 4, true, "fo", true},
+      {"Zm9v", 4, true, "foo", true},
+      {"Zm9vYg==", 8, true, "foob", true},
+      {"Zm9vYmE=", 8, true, "fooba", true},
+      {"Zm9vYmFy", 8, true, "foobar", true},
+      {"////", 4, true, "\xff\xff\xff", true},
+      {"+/8=", 4, true, "\xfb\xff", true},
+      {"AA==", 4, true, std::string(1, '\0'), true},
+      {"AAECAwQF", 8, true, std::string("\0\1\2\3\4\5", 6), true},
+      // Every character of the alphabet, in order.
+      {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/", 64, true,
+       std::string("\x00\x10\x83\x10\x51\x87\x20\x92\x8b\x30\xd3\x8f\x41\x14\x93\x51\x55\x97\x61\x96\x9b"
+       "\x71\xd7\x9f\x82\x18\xa3\x92\x59\xa7\xa2\x9a\xab\xb2\xdb\xaf\xc3\x1c\xb3\xd3\x5d\xb7"
+       "\xe3\x9e\xbb\xf3\xdf\xbf", 48),
+       true},
+      {"Zm9", 3, false, "", false},
+      {"Zm9vYg", 6, false, "", false},  // missing padding is not tolerated
+      {"Zm=v", 4, true, "f", false},     // the third character alone drops two bytes
+      {"Zm9=", 4, true, "fo", false},
+      {"====", 4, true, std::string(1, '\0'), false},            // '=' decodes as zero bits
+      {"Zg==Zm9v", 8, true, std::string("f\0\0foo", 6), false},  // inner padding is not looked at
+      {"Zm 9", 4, true, "f`=", false},                           // a blank decodes as zero bits
+      {"Zm9v\n", 5, false, "", false},
+      {"\x80\x81\xff\xfe", 4, true, std::string(3, '\0'), false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     Vector<unsigned char> out(5, 'j');
-    EXPECT_EQ(CodecUtils::DecodeBase64(c.text, c.length, out), c.result);
-    EXPECT_EQ(Decoded(out), c.bytes);
+    EXPECT_EQ(CodecUtils::DecodeBase64(c.text.c_str(), c.length, out), c.result);
+    EXPECT_EQ(std::string(out.begin(), out.end()), c.bytes);
+    if (c.encodes) {
+      EXPECT_EQ(Str(Encode(c.bytes)), c.text);
+    }
   }
   Vector<unsigned char> untouched(3, 'u');
   EXPECT_FALSE(CodecUtils::DecodeBase64(nullptr, 4, untouched));
-  EXPECT_EQ(Decoded(untouched), "uuu");
-}
-
-TEST_F(Base64Test, RandomBytesRoundTrip) {
+  EXPECT_EQ(untouched.size(), 3u);
+  const unsigned char one = 'x';
+  EXPECT_EQ(Str(CodecUtils::EncodeBase64(nullptr, 5)), "");
+  EXPECT_EQ(Str(CodecUtils::EncodeBase64(&one, 0)), "");
   std::mt19937 random(99);
   for (int i = 0; i < 2000; ++i) {
-    std::string bytes(random() % 300, '\0');
-    for (char& c : bytes) c = static_cast<char>(random());
-    const SafeString text = Encode(bytes);
-    ASSERT_EQ(text.size(), (bytes.size() + 2) / 3 * 4);
+    std::string data(random() % 300, '\0');
+    for (char& c : data) c = static_cast<char>(random());
+    const SafeString encoded = Encode(data);
+    ASSERT_EQ(encoded.size(), (data.size() + 2) / 3 * 4);
     Vector<unsigned char> out;
-    ASSERT_TRUE(CodecUtils::DecodeBase64(text.data(), static_cast<unsigned int>(text.size()), out));
-    ASSERT_EQ(Decoded(out), bytes);
+    ASSERT_TRUE(
+        CodecUtils::DecodeBase64(encoded.data(), static_cast<unsigned int>(encoded.size()), out));
+    ASSERT_EQ(std::string(out.begin(), out.end()), data);
   }
 }
 
-TEST_F(UriTest, EncodeEscapesAllButUnreserved) {
-  EXPECT_EQ(CodecUtils::EncodeUri("a b~"), "a%20b~");
-  EXPECT_EQ(CodecUtils::EncodeUri("\xc3\xa9"), "%C3%A9");
-  EXPECT_EQ(CodecUtils::EncodeUri("+/?=&%"), "%2B%2F%3F%3D%26%25");
-  EXPECT_EQ(CodecUtils::EncodeUri("AZaz09-._~"), "AZaz09-._~");
-  EXPECT_EQ(CodecUtils::EncodeUri(""), "");
-  for (int c = 1; c < 256; ++c) {
-    SCOPED_TRACE(c);
-    const char text[2] = {static_cast<char>(c), '\0'};
-    const bool unreserved = std::isalnum(c) != 0 && c < 128;
-    const bool mark = c == '-' || c == '.' || c == '_' || c == '~';
-    const SafeString encoded = CodecUtils::EncodeUri(text);
-    if (unreserved || mark) {
-      EXPECT_EQ(encoded, text);
+// The codecs written the plain way, one byte at a time, as the library
+// defines them.
+std::string PlainEncodeUri(const std::string& text) {
+  std::string out;
+  for (unsigned char c : text) {
+    if ((std::isalnum(c) != 0 && c < 128) || (c != 0 && std::strchr("-._~", c) != nullptr)) {
+      out += static_cast<char>(c);
     } else {
-      char expected[4];
-      std::snprintf(expected, sizeof(expected), "%%%02X", c);
-      EXPECT_EQ(encoded, expected);
+      out += {'%', "0123456789ABCDEF"[c >> 4], "0123456789ABCDEF"[c & 15]};
     }
   }
+  return out;
 }
 
-TEST_F(UriTest, DecodeIsLenient) {
+int Hex(char c) {
+  const char* digits = "0123456789abcdef0123456789ABCDEF";
+  const char* at = c != '\0' ? std::strchr(digits, c) : nullptr;
+  return at == nullptr ? -1 : static_cast<int>(at - digits) % 16;
+}
+
+std::string PlainDecodeUri(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    // text[size()] is the terminating zero, no digit.
+    if (text[i] == '%' && Hex(text[i + 1]) >= 0 && Hex(text[i + 2]) >= 0) {
+      out += static_cast<char>(Hex(text[i + 1]) * 16 + Hex(text[i + 2]));
+      i += 2;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+TEST_F(CodecTest, UriEncodeAndDecode) {
   struct Case {
     const char* text;
-    std::string decoded;
+    std::string encoded;  // EncodeUri(text)
+    std::string decoded;  // DecodeUri(text)
   };
   const Case cases[] = {
-      {"100%", "100%"}, {"%zz%41", "%zzA"},
-      {"%4a", "J"},     {"%4A", "J"},
-      {"a+b", "a+b"},   {"%00x", std::string("\0x", 2)},
-      {"%", "%"},       {"%4", "%4"},
-      {"%%41", "%A"},   {"%C3%A9", "\xc3\xa9"},
-      {"", ""},         {"%g1%1g", "%g1%1g"},
-      {"%2520", "%20"}, {"\xff%ff", "\xff\xff"},
+      {"", "", ""},
+      {"a b~", "a%20b~", "a b~"},
+      {"\xc3\xa9", "%C3%A9", "\xc3\xa9"},
+      {"AZaz09-._~", "AZaz09-._~", "AZaz09-._~"},
+      {"+/?=&", "%2B%2F%3F%3D%26", "+/?=&"},
+      {"\x01\x7f\x80\xff", "%01%7F%80%FF", "\x01\x7f\x80\xff"},
+      {"100%", "100%25", "100%"},
+      {"%zz%41", "%25zz%2541", "%zzA"},
+      {"%00x", "%2500x", std::string("\0x", 2)},
+      {"%4", "%254", "%4"},
+      {"%%41", "%25%2541", "%A"},
+      {"%g1%1g%G0%0G", "%25g1%251g%25G0%250G", "%g1%1g%G0%0G"},
+      {"%2520", "%252520", "%20"},
+      {"\xff%ff", "%FF%25ff", "\xff\xff"},
+      // Escapes across and at the end of 4- and 8-byte words.
+      {"abcdef%41%4", "abcdef%2541%254", "abcdefA%4"},
+      {"abcdefg%41", "abcdefg%2541", "abcdefgA"},
+      {"abcdefgh%4", "abcdefgh%254", "abcdefgh%4"},
+      {"abcdefghijklmn%", "abcdefghijklmn%25", "abcdefghijklmn%"},
+      {"%41%42%43%44%45%46", "%2541%2542%2543%2544%2545%2546", "ABCDEF"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
-    const SafeString out = CodecUtils::DecodeUri(c.text);
-    EXPECT_EQ(std::string(out.data(), out.size()), c.decoded);
+    EXPECT_EQ(Str(CodecUtils::EncodeUri(c.text)), c.encoded);
+    EXPECT_EQ(Str(CodecUtils::DecodeUri(c.text)), c.decoded);
+    EXPECT_EQ(PlainEncodeUri(c.text), c.encoded);
+    EXPECT_EQ(PlainDecodeUri(c.text), c.decoded);
   }
-}
-
-TEST_F(UriTest, RandomTextRoundTrips) {
+  // Random texts of every length around the word sizes, with '%' and
+  // hexadecimal digits frequent: both directions give the plain result,
+  // and decoding the encoded text gives the text back.
   std::mt19937 random(5);
-  for (int i = 0; i < 2000; ++i) {
-    std::string text(random() % 100, '\0');
-    for (char& c : text) c = static_cast<char>(1 + random() % 255);
-    const SafeString encoded = CodecUtils::EncodeUri(text.c_str());
-    for (char c : encoded) {
-      ASSERT_TRUE(std::isalnum(static_cast<unsigned char>(c)) ||
-                  std::strchr("-._~%", c) != nullptr);
+  const char often[] = "%%%%4aF0g ";
+  for (int i = 0; i < 4000; ++i) {
+    std::string text(i < 200 ? i / 5 : random() % 300, '\0');
+    for (char& c : text) {
+      c = random() % 2 == 0 ? often[random() % 10] : static_cast<char>(1 + random() % 255);
     }
-    const SafeString decoded = CodecUtils::DecodeUri(encoded.c_str());
-    ASSERT_EQ(std::string(decoded.data(), decoded.size()), text);
+    SCOPED_TRACE(text);
+    const SafeString encoded = CodecUtils::EncodeUri(text.c_str());
+    ASSERT_EQ(Str(encoded), PlainEncodeUri(text));
+    ASSERT_EQ(Str(CodecUtils::DecodeUri(text.c_str())), PlainDecodeUri(text));
+    ASSERT_EQ(Str(CodecUtils::DecodeUri(encoded.c_str())), text);
   }
 }
 
@@ -185,45 +187,32 @@ TEST(CheckedSizeTest, ResultSizesThrowInsteadOfWrapping) {
   constexpr char kSource[] = "zorv.foundation.text.CodecUtils.Test";
   struct Case {
     const char* what;
+    bool uri;  // EncodedUriSize, else Base64Size
     std::uint32_t n;
-    std::uint32_t escaped;  // for the URI rows
+    std::uint32_t escaped;
     std::uint32_t max;
     bool throws;
     std::uint32_t expected;
   };
-  const Case uri[] = {
-      {"all escaped, wraps to 2", 0x55555556u, 0x55555556u, kMax, true, 0},
-      {"all escaped, just fits", 0x55555555u, 0x55555555u, kMax, false, kMax},
-      {"doubling wraps", 0x80000000u, 0x80000000u, kMax, true, 0},
-      {"sum wraps", 0xFFFFFFFFu, 1, kMax, true, 0},
-      {"at the limit", 10, 3, 16, false, 16},
-      {"over the limit", 10, 4, 16, true, 0},
-      {"empty", 0, 0, 0, false, 0},
+  const Case cases[] = {
+      {"all escaped, wraps to 2", true, 0x55555556u, 0x55555556u, kMax, true, 0},
+      {"all escaped, just fits", true, 0x55555555u, 0x55555555u, kMax, false, kMax},
+      {"doubling wraps", true, 0x80000000u, 0x80000000u, kMax, true, 0},
+      {"sum wraps", true, 0xFFFFFFFFu, 1, kMax, true, 0},
+      {"at the limit", true, 10, 3, 16, false, 16},
+      {"over the limit", true, 10, 4, 16, true, 0},
+      {"largest that fits", false, 0xBFFFFFFDu, 0, kMax, false, 0xFFFFFFFCu},
+      {"one group more wraps to 0", false, 0xBFFFFFFEu, 0, kMax, true, 0},
+      {"one byte", false, 1, 0, kMax, false, 4},
+      {"over the limit", false, 4, 0, 7, true, 0},
+      {"empty", false, 0, 0, 0, false, 0},
   };
-  for (const Case& c : uri) {
-    SCOPED_TRACE(std::string("EncodedUriSize: ") + c.what);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.uri ? "EncodedUriSize: " : "Base64Size: ") + c.what);
     try {
-      const std::uint32_t size = EncodedUriSize<std::uint32_t>(c.n, c.escaped, c.max, kSource);
-      EXPECT_FALSE(c.throws) << size;
-      EXPECT_EQ(size, c.expected);
-    } catch (const std::length_error& error) {
-      EXPECT_TRUE(c.throws);
-      EXPECT_STREQ(error.what(), kSource);
-    }
-  }
-  const Case base64[] = {
-      {"largest that fits", 0xBFFFFFFDu, 0, kMax, false, 0xFFFFFFFCu},
-      {"one group more wraps to 0", 0xBFFFFFFEu, 0, kMax, true, 0},
-      {"largest input", 0xFFFFFFFFu, 0, kMax, true, 0},
-      {"one byte", 1, 0, kMax, false, 4},
-      {"three bytes", 3, 0, kMax, false, 4},
-      {"over the limit", 4, 0, 7, true, 0},
-      {"empty", 0, 0, 0, false, 0},
-  };
-  for (const Case& c : base64) {
-    SCOPED_TRACE(std::string("Base64Size: ") + c.what);
-    try {
-      const std::uint32_t size = Base64Size<std::uint32_t>(c.n, c.max, kSource);
+      const std::uint32_t size =
+          c.uri ? EncodedUriSize<std::uint32_t>(c.n, c.escaped, c.max, kSource)
+                : Base64Size<std::uint32_t>(c.n, c.max, kSource);
       EXPECT_FALSE(c.throws) << size;
       EXPECT_EQ(size, c.expected);
     } catch (const std::length_error& error) {
