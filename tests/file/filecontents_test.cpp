@@ -1,13 +1,15 @@
 // Tests of FileUtils' single-file half: kind tests, sizes, reading,
 // writing with parent creation and roll-back, removal, renaming, copying.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "file/filetestutil.h"
 #include "file/readroom.h"
@@ -53,58 +55,44 @@ TEST_F(FileContentsTest, KindsAndSizes) {
     bool exists, folder, file;
     unsigned long long size;
   };
+  // A FIFO without a writer neither blocks nor has a size; a socket's type
+  // code holds the directory bit, so it counts as a folder.
+  // clang-format off
   const std::vector<Case> cases = {
-      {"", false, false, false, 0},
-      {dir_ / "file", true, false, true, 5},
-      {dir_ / "empty", true, false, true, 0},
-      {dir_ / "folder", true, true, false, 0},
-      {dir_ / "folder/", true, true, false, 0},
-      {dir_ / "missing", false, false, false, 0},
-      {dir_ / "file/below", false, false, false, 0},
-      {dir_ / "linkdir", true, true, false, 0},
-      {dir_ / "linkfile", true, false, true, 5},
-      {dir_ / "dangling", false, false, false, 0},
-      // A FIFO without a writer neither blocks nor has a size.
-      {dir_ / "fifo", true, false, true, 0},
-      // A socket's type code holds the directory bit: it counts as a folder.
-      {dir_ / "sock", true, true, false, 0},
-      {"/dev/null", true, false, true, 0},
-  };
+      {"", false, false, false, 0}, {"file", true, false, true, 5}, {"empty", true, false, true, 0},
+      {"folder", true, true, false, 0}, {"folder/", true, true, false, 0},
+      {"missing", false, false, false, 0}, {"file/below", false, false, false, 0},
+      {"linkdir", true, true, false, 0}, {"linkfile", true, false, true, 5},
+      {"dangling", false, false, false, 0}, {"fifo", true, false, true, 0},
+      {"sock", true, true, false, 0}, {"/dev/null", true, false, true, 0}};
+  // clang-format on
   for (const Case& c : cases) {
-    SCOPED_TRACE("path '" + c.path + "'");
-    EXPECT_EQ(FileUtils::IsExist(c.path.c_str()), c.exists);
-    EXPECT_EQ(FileUtils::IsFolder(c.path.c_str()), c.folder);
-    EXPECT_EQ(FileUtils::IsFile(c.path.c_str()), c.file);
-    EXPECT_EQ(FileUtils::GetFileSize(c.path.c_str()), c.size);
+    const std::string path = c.path.empty() || c.path[0] == '/' ? c.path : dir_ / c.path;
+    SCOPED_TRACE("path '" + path + "'");
+    EXPECT_EQ(FileUtils::IsExist(path.c_str()), c.exists);
+    EXPECT_EQ(FileUtils::IsFolder(path.c_str()), c.folder);
+    EXPECT_EQ(FileUtils::IsFile(path.c_str()), c.file);
+    EXPECT_EQ(FileUtils::GetFileSize(path.c_str()), c.size);
   }
   ::close(socketFd);
 }
 
 TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
   struct Case {
-    std::string content;
-    std::string text;
+    std::string content, text;
     std::vector<std::string> lines;
   };
+  const std::string utf16("\xFF\xFEh\0i\0", 6);
+  // clang-format off
   const std::vector<Case> cases = {
-      {"", "", {}},
-      {"a", "a", {"a"}},
-      {"\xEF\xBB\xBF", "", {}},
-      {"\xEF\xBB\xBFhello", "hello", {"hello"}},
-      {"\xEF\xBB", "\xEF\xBB", {"\xEF\xBB"}},
-      {"\xEF\xBBX", "\xEF\xBBX", {"\xEF\xBBX"}},
-      {std::string("\xFF\xFEh\0i\0", 6), std::string("h\0i\0", 4), {std::string("h\0i\0", 4)}},
+      {"", "", {}}, {"a", "a", {"a"}}, {"\xEF\xBB\xBF", "", {}}, {"\xFF\xFE", "", {}},
+      {"\xEF\xBB\xBFhello", "hello", {"hello"}}, {"\xEF\xBB", "\xEF\xBB", {"\xEF\xBB"}},
+      {"\xEF\xBBX", "\xEF\xBBX", {"\xEF\xBBX"}}, {utf16, utf16.substr(2), {utf16.substr(2)}},
       {std::string("\xFE\xFF\0h", 4), std::string("\0h", 2), {std::string("\0h", 2)}},
-      {"\xFF\xFE", "", {}},
-      {"a\r\nb", "a\r\nb", {"a\r", "b"}},
-      {"a\n\nb\n", "a\n\nb\n", {"a", "", "b"}},
-      {"\n\n", "\n\n", {"", ""}},
-      {"a\rb\n", "a\rb\n", {"a\rb"}},
-      {"\xEF\xBB\xBF"
-       "x\ny",
-       "x\ny",
-       {"x", "y"}},
-  };
+      {"a\r\nb", "a\r\nb", {"a\r", "b"}}, {"a\n\nb\n", "a\n\nb\n", {"a", "", "b"}},
+      {"\n\n", "\n\n", {"", ""}}, {"a\rb\n", "a\rb\n", {"a\rb"}},
+      {"\xEF\xBB\xBFx\ny", "x\ny", {"x", "y"}}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE("content '" + c.content + "'");
     ASSERT_TRUE(WriteRawFile(dir_ / "t", c.content));
@@ -120,14 +108,15 @@ TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
   }
 }
 
-TEST_F(FileContentsTest, FailedReadsLeaveTheirOutputAlone) {
+// Failed reads leave the text alone, empty the lines and read nothing into
+// a buffer.
+TEST_F(FileContentsTest, FailedReads) {
   for (const std::string& path : {dir_ / "missing", dir_.path(), std::string()}) {
     SCOPED_TRACE("path '" + path + "'");
     SafeString text("untouched");
     EXPECT_FALSE(FileUtils::ReadText(path.c_str(), text));
     EXPECT_EQ(S(text), "untouched");
-    Vector<SafeString> lines;
-    lines.push_back("stale");
+    Vector<SafeString> lines(1);
     EXPECT_FALSE(FileUtils::ReadText(path.c_str(), lines));
     EXPECT_TRUE(lines.empty());
     MemoryBuffer buffer;
@@ -136,119 +125,85 @@ TEST_F(FileContentsTest, FailedReadsLeaveTheirOutputAlone) {
   }
 }
 
-TEST_F(FileContentsTest, ReadBinaryAppendsAtTheWritePosition) {
-  const std::string bytes("\xEF\xBB\xBF\0\x01\x02", 6);
-  ASSERT_TRUE(WriteRawFile(dir_ / "b", bytes));
-  ASSERT_TRUE(WriteRawFile(dir_ / "empty", ""));
-  MemoryBuffer buffer;
-  for (const char* name : {"b", "empty", "b"}) {
-    ASSERT_TRUE(FileUtils::ReadBinary(P(name), &buffer));
-  }
-  ASSERT_EQ(buffer.length(), 12u);
-  EXPECT_EQ(buffer.tellWrite(), 12u);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), 12), bytes + bytes);
-}
-
 // A buffer over a vector that takes a length only up to `most` bytes, and
 // whose write position is set at will.
 class SmallBuffer : public zorv::foundation::memory::IBuffer {
  public:
-  SmallBuffer(unsigned long long most, unsigned long long position)
-      : most_(most), position_(position) {}
+  SmallBuffer(unsigned long long most, unsigned long long at) : most_(most), at_(at) {}
   void write(const unsigned char*, unsigned long long) override {}
   bool read(unsigned char*, unsigned long long) override { return false; }
   unsigned long long length() const override { return bytes_.size(); }
   unsigned long long setLength(unsigned long long length) override {
-    const unsigned long long previous = bytes_.size();
-    ++setLengthCalls_;
+    ++calls_;
     bytes_.resize(static_cast<size_t>(length < most_ ? length : most_));
-    position_ = 0;
-    return previous;
+    return at_ = 0;
   }
   unsigned long long tellRead() const override { return 0; }
-  unsigned long long tellWrite() const override { return position_; }
+  unsigned long long tellWrite() const override { return at_; }
   unsigned long long seekRead(unsigned long long) override { return 0; }
-  unsigned long long seekWrite(unsigned long long position) override {
-    const unsigned long long previous = position_;
-    position_ = position;
-    return previous;
-  }
+  unsigned long long seekWrite(unsigned long long at) override { return std::exchange(at_, at); }
   unsigned char* data() const override { return const_cast<unsigned char*>(bytes_.data()); }
-  int setLengthCalls() const { return setLengthCalls_; }
-
- private:
   std::vector<unsigned char> bytes_;
-  unsigned long long most_;
-  unsigned long long position_;
-  int setLengthCalls_ = 0;
+  unsigned long long most_, at_;
+  int calls_ = 0;
 };
 
-TEST_F(FileContentsTest, ReadBinaryNeverReadsPastTheLengthTheBufferTook) {
-  ASSERT_TRUE(WriteRawFile(dir_ / "hundred", std::string(100, 'h')));
+// ReadBinary appends at the write position and never reads past the length
+// that the buffer took.
+TEST_F(FileContentsTest, ReadBinaryIntoBuffers) {
+  const std::string bytes("\xEF\xBB\xBF\0\x01\x02", 6);
+  ASSERT_TRUE(zorv::test::Build(dir_.path(), {"b=" + bytes, "empty=", "h=" + std::string(100, 'h')}));
+  MemoryBuffer buffer;
+  for (const char* name : {"b", "empty", "b"}) ASSERT_TRUE(FileUtils::ReadBinary(P(name), &buffer));
+  ASSERT_EQ(buffer.length(), 12u);
+  EXPECT_EQ(buffer.tellWrite(), 12u);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), 12), bytes + bytes);
   struct Case {
-    unsigned long long most, position;
-    bool expected;
-    int setLengthCalls;
+    unsigned long long most, at;
+    bool ok;
+    int calls;
   };
-  const std::vector<Case> cases = {
-      {1000, 0, true, 1},
-      {1000, 900, true, 1},
-      // The buffer takes fewer bytes than the file holds.
-      {8, 0, false, 1},
-      {99, 0, false, 1},
-      // The end would lie beyond any object in memory, or wrap.
-      {1000, static_cast<unsigned long long>(PTRDIFF_MAX) - 50, false, 0},
-      {1000, ULLONG_MAX - 50, false, 0},
-  };
+  // The buffer takes fewer bytes than the file holds; the end would lie
+  // beyond any object in memory, or wrap.
+  const std::vector<Case> cases = {{1000, 0, true, 1}, {1000, 900, true, 1}, {8, 0, false, 1},
+                                   {99, 0, false, 1}, {1000, PTRDIFF_MAX - 50ull, false, 0},
+                                   {1000, ULLONG_MAX - 50, false, 0}};
   for (const Case& c : cases) {
-    SCOPED_TRACE("room " + std::to_string(c.most) + " at " + std::to_string(c.position));
-    SmallBuffer buffer(c.most, c.position);
-    EXPECT_EQ(FileUtils::ReadBinary(P("hundred"), &buffer), c.expected);
-    EXPECT_EQ(buffer.setLengthCalls(), c.setLengthCalls);
-    if (c.setLengthCalls > 0) {
-      EXPECT_EQ(buffer.tellWrite(), buffer.length());
-    }
-    if (c.expected) {
-      EXPECT_EQ(buffer.length(), c.position + 100);
-      EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()) + c.position, 100),
-                std::string(100, 'h'));
-    }
+    SCOPED_TRACE("room " + std::to_string(c.most) + " at " + std::to_string(c.at));
+    SmallBuffer small(c.most, c.at);
+    EXPECT_EQ(FileUtils::ReadBinary(P("h"), &small), c.ok);
+    EXPECT_EQ(small.calls_, c.calls);
+    EXPECT_TRUE(c.calls == 0 || small.tellWrite() == small.length());
+    if (!c.ok) continue;
+    EXPECT_EQ(small.length(), c.at + 100);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(small.data()) + c.at, 100), std::string(100, 'h'));
   }
 }
 
 TEST_F(FileContentsTest, FilesLongerThanMemoryHoldsFailCleanly) {
   // Sparse files cost no disk space. A StringWriter cuts the length of the
-  // larger one to 16 bytes: nothing may be read into them.
-  struct Case {
-    unsigned long long size;
-    bool binaryIntoMemory;  // a MemoryBuffer refuses it without trying
-  };
-  const std::vector<Case> cases = {
-      {0x80000010ull, sizeof(void*) == 4},
-      {0x100000010ull, sizeof(void*) == 4},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE("size " + std::to_string(c.size));
+  // larger one to 16 bytes: nothing may be read into them; a MemoryBuffer
+  // on a 32-bit target refuses both without trying.
+  for (const unsigned long long size : {0x80000010ull, 0x100000010ull}) {
+    SCOPED_TRACE("size " + std::to_string(size));
     const std::string path = dir_ / "sparse";
     ASSERT_TRUE(WriteRawFile(path, ""));
-    if (::truncate(path.c_str(), static_cast<off_t>(c.size)) != 0) {
-      GTEST_SKIP() << "no sparse files";
-    }
-    EXPECT_EQ(FileUtils::GetFileSize(path.c_str()), c.size);
+    if (::truncate(path.c_str(), static_cast<off_t>(size)) != 0) GTEST_SKIP() << "no sparse files";
+    EXPECT_EQ(FileUtils::GetFileSize(path.c_str()), size);
     SafeString text("untouched");
     EXPECT_FALSE(FileUtils::ReadText(path.c_str(), text));
     EXPECT_EQ(S(text), "untouched");
-    Vector<SafeString> lines;
+    Vector<SafeString> lines(1);
     EXPECT_FALSE(FileUtils::ReadText(path.c_str(), lines));
     EXPECT_TRUE(lines.empty());
-    if (c.size > 0xFFFFFFFFull || sizeof(void*) == 4) {
+    if (size > 0xFFFFFFFFull || sizeof(void*) == 4) {
       SafeString target;
       StringWriter writer(target);
       EXPECT_FALSE(FileUtils::ReadBinary(path.c_str(), &writer));
       EXPECT_LE(target.size(), 16u);
       EXPECT_EQ(writer.tellWrite(), writer.length());
     }
-    if (c.binaryIntoMemory) {
+    if (sizeof(void*) == 4) {
       MemoryBuffer buffer;
       EXPECT_FALSE(FileUtils::ReadBinary(path.c_str(), &buffer));
       EXPECT_EQ(buffer.length(), 0u);
@@ -256,8 +211,16 @@ TEST_F(FileContentsTest, FilesLongerThanMemoryHoldsFailCleanly) {
   }
 }
 
-TEST_F(FileContentsTest, ReadersTakeAPseudoFileToItsEnd) {
-  // Files under /proc say they hold 0 bytes.
+// Files under /proc say they hold 0 bytes, yet are read to their end; a
+// file read as text takes the room of its size only.
+TEST_F(FileContentsTest, ReadersSizeTheirRoom) {
+  for (const std::string& content : {std::string(100000, 'r'), "\xEF\xBB\xBF" + std::string(70000, 'm')}) {
+    ASSERT_TRUE(WriteRawFile(dir_ / "t", content));
+    SafeString text;
+    ASSERT_TRUE(FileUtils::ReadText(P("t"), text));
+    EXPECT_EQ(text.size() + (content[0] == 'r' ? 0 : 3), content.size());
+    EXPECT_LE(text.capacity(), content.size());
+  }
   const char* const path = "/proc/version";
   bool readable = false;
   const std::string expected = ReadRawFile(path, &readable);
@@ -268,70 +231,37 @@ TEST_F(FileContentsTest, ReadersTakeAPseudoFileToItsEnd) {
   EXPECT_LE(text.capacity(), text.size() + 16) << "room past the end is given back";
   MemoryBuffer buffer;
   ASSERT_TRUE(FileUtils::ReadBinary(path, &buffer));
-  ASSERT_EQ(buffer.length(), expected.size());
   EXPECT_EQ(buffer.tellWrite(), expected.size());
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), expected.size()), expected);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), buffer.length()), expected);
   ASSERT_TRUE(FileUtils::CopyFile(path, P("copy")));
   EXPECT_EQ(ReadRawFile(dir_ / "copy"), expected);
 }
 
-TEST_F(FileContentsTest, ReadTextTakesTheRoomOfTheFileOnly) {
-  for (const std::string& content :
-       {std::string(100000, 'r'), "\xEF\xBB\xBF" + std::string(70000, 'm')}) {
-    SCOPED_TRACE("content of " + std::to_string(content.size()) + " bytes");
-    ASSERT_TRUE(WriteRawFile(dir_ / "t", content));
-    SafeString text;
-    ASSERT_TRUE(FileUtils::ReadText(P("t"), text));
-    EXPECT_EQ(text.size() + (content[0] == 'r' ? 0 : 3), content.size());
-    EXPECT_LE(text.capacity(), content.size());
-  }
-}
-
 TEST(ReadRoomTest, SumsAndGrowthNeverWrap) {
   namespace detail = zorv::foundation::file::detail;
-  const unsigned long long k32 = 0xFFFFFFFFull;  // the largest 32-bit size_t
-  struct SumCase {
-    unsigned long long a, b, limit;
-    bool fits;
+  const unsigned long long k32 = 0xFFFFFFFFull, k31 = 0x7FFFFFFF, kMax = ULLONG_MAX;
+  struct Case {
+    unsigned long long a, b, limit, expected;  // for SumWithin: 1 when it fits
   };
-  const std::vector<SumCase> sums = {
-      {1, 2, 3, true},
-      {1, 3, 3, false},
-      {k32, 1, k32, false},
-      {0, k32, k32, true},
-      {k32 + 1, 0, k32, false},
-      {ULLONG_MAX, 1, ULLONG_MAX, false},
-      {1, ULLONG_MAX, ULLONG_MAX, false},
-  };
-  for (const SumCase& c : sums) {
-    SCOPED_TRACE(std::to_string(c.a) + " + " + std::to_string(c.b) + " within " +
-                 std::to_string(c.limit));
+  const std::vector<Case> sums = {{1, 2, 3, 1},        {1, 3, 3, 0},         {k32, 1, k32, 0},
+                                  {0, k32, k32, 1},    {k32 + 1, 0, k32, 0}, {kMax, 1, kMax, 0},
+                                  {1, kMax, kMax, 0}};
+  for (const Case& c : sums) {
+    SCOPED_TRACE(std::to_string(c.a) + " + " + std::to_string(c.b) + " within " + std::to_string(c.limit));
     unsigned long long sum = 7;
-    EXPECT_EQ(detail::SumWithin(c.a, c.b, c.limit, sum), c.fits);
-    EXPECT_EQ(sum, c.fits ? c.a + c.b : 7u);
+    EXPECT_EQ(detail::SumWithin(c.a, c.b, c.limit, sum), c.expected == 1);
+    EXPECT_EQ(sum, c.expected == 1 ? c.a + c.b : 7u);
   }
-  struct GrowCase {
-    unsigned long long used, more, limit, expected;
-  };
-  const std::vector<GrowCase> growths = {
-      {0, 1, 0x7FFFFFFF, 4096},
-      {0, 10000, 0x7FFFFFFF, 10000},
-      {4096, 1, 0x7FFFFFFF, 6144},
-      {100, 4096, 0x7FFFFFFF, 4196},
-      // Near the limit the room stops there, and fails beyond it.
-      {0x60000000, 1, 0x7FFFFFFF, 0x7FFFFFFF},
-      {0x7FFFFFF0, 15, 0x7FFFFFFF, 0x7FFFFFFF},
-      {0x7FFFFFF0, 16, 0x7FFFFFFF, 0},
-      {0, 1, 100, 100},
-      {0xC0000000, 4096, k32, k32},
-      {k32, 1, k32, 0},
-      {ULLONG_MAX - 10, 5, ULLONG_MAX, ULLONG_MAX},
-      {ULLONG_MAX - 10, 11, ULLONG_MAX, 0},
-  };
-  for (const GrowCase& c : growths) {
-    SCOPED_TRACE(std::to_string(c.used) + " used, " + std::to_string(c.more) + " more, limit " +
-                 std::to_string(c.limit));
-    EXPECT_EQ(detail::GrownRoom(c.used, c.more, c.limit), c.expected);
+  // Used, more, limit and the room grown to: near the limit the room stops
+  // there, and fails (0) beyond it.
+  const std::vector<Case> growths = {
+      {0, 1, k31, 4096},          {0, 10000, k31, 10000},   {4096, 1, k31, 6144},
+      {100, 4096, k31, 4196},     {0x60000000, 1, k31, k31}, {0x7FFFFFF0, 15, k31, k31},
+      {0x7FFFFFF0, 16, k31, 0},   {0, 1, 100, 100},          {0xC0000000, 4096, k32, k32},
+      {k32, 1, k32, 0},           {kMax - 10, 5, kMax, kMax}, {kMax - 10, 11, kMax, 0}};
+  for (const Case& c : growths) {
+    SCOPED_TRACE(std::to_string(c.a) + " used, " + std::to_string(c.b) + " more, limit " + std::to_string(c.limit));
+    EXPECT_EQ(detail::GrownRoom(c.a, c.b, c.limit), c.expected);
   }
 }
 
@@ -349,13 +279,10 @@ TEST(DescriptorTest, OnlyAnOpenDescriptorClosesWithSuccess) {
 }
 
 std::function<bool(const TempDir&)> Text(const std::string& path, const std::string& text) {
-  return [=](const TempDir& b) {
-    return FileUtils::WriteText(At(b, path), SafeString(text.data(), text.size()));
-  };
+  return [=](const TempDir& b) { return FileUtils::WriteText(At(b, path), SafeString(text.data(), text.size())); };
 }
 
-std::function<bool(const TempDir&)> Binary(const std::string& path, const char* data,
-                                           unsigned int size) {
+std::function<bool(const TempDir&)> Binary(const std::string& path, const char* data, unsigned int size) {
   return [=](const TempDir& b) {
     return FileUtils::WriteBinary(At(b, path), reinterpret_cast<const unsigned char*>(data), size);
   };
@@ -366,15 +293,13 @@ TEST_F(FileContentsTest, WritesMakeParentsAndRollBack) {
   // file cannot be opened.
   const std::string longName(300, 'n');
   const std::string nul("first\n\0after nul", 16);
+  const std::string big(4096, 'b');
+  // clang-format off
   const std::vector<FileCase> cases = {
       {"parents made", {}, Text("x/y/z.txt", nul), true, {"x/", "x/y/", "x/y/z.txt=" + nul}},
       {"contents replaced", {"f=longer old"}, Text("f", "short"), true, {"f=short"}},
       {"emptied", {"f=old"}, Text("f", ""), true, {"f="}},
-      {"binary",
-       {},
-       Binary("d/b", "\0\1\2\xFF\0", 5),
-       true,
-       {"d/", std::string("d/b=\0\1\2\xFF\0", 9)}},
+      {"binary", {}, Binary("d/b", "\0\1\2\xFF\0", 5), true, {"d/", std::string("d/b=\0\1\2\xFF\0", 9)}},
       {"binary of nothing", {"b=old"}, Binary("b", nullptr, 0), true, {"b="}},
       {"binary null data", {}, Binary("c", nullptr, 3), false, {}},
       {"empty path", {}, Text("", "x"), false, {}},
@@ -383,14 +308,9 @@ TEST_F(FileContentsTest, WritesMakeParentsAndRollBack) {
       {"parent is a file", {"plain=p"}, Binary("plain/f", nullptr, 0), false, {"plain=p"}},
       {"made parents removed", {}, Text("made/one/" + longName, "x"), false, {}},
       {"existing parent kept", {"kept/"}, Text("kept/new/" + longName, "x"), false, {"kept/"}},
-      {"out of room", {}, Text("grow/big", std::string(4096, 'b')), false, {}, 1024},
-      {"binary out of room",
-       {},
-       Binary("grow/big", std::string(4096, 'b').c_str(), 4096),
-       false,
-       {},
-       1024},
-  };
+      {"out of room", {}, Text("grow/big", big), false, {}, 1024},
+      {"binary out of room", {}, Binary("grow/big", big.c_str(), 4096), false, {}, 1024}};
+  // clang-format on
   RunFileCases(cases);
   const int mode = 0755 & ~zorv::test::CurrentUmask();
   ASSERT_TRUE(FileUtils::WriteText(P("m/n/f"), "x"));
@@ -403,86 +323,55 @@ std::function<bool(const TempDir&)> Call(bool (*function)(const SafeString&, con
   return [=](const TempDir& b) { return function(At(b, from), At(b, to)); };
 }
 
+std::function<bool(const TempDir&)> Remove(const std::string& path) {
+  return [=](const TempDir& b) { return FileUtils::RemoveFile(At(b, path)); };
+}
+
 TEST_F(FileContentsTest, RemoveRenameAndCopy) {
-  const auto remove = [](const std::string& path) {
-    return [=](const TempDir& b) { return FileUtils::RemoveFile(At(b, path)); };
-  };
-  const auto renameFile = &FileUtils::RenameFile;
-  const auto renameFolder = &FileUtils::RenameFolder;
+  const auto file = &FileUtils::RenameFile;
+  const auto folder = &FileUtils::RenameFolder;
   const auto copy = &FileUtils::CopyFile;
   std::string big;
   for (int i = 0; i < 3 * 4096 + 17; ++i) big += static_cast<char>(i * 7);
-  // Kinds of objects that several rows start from.
+  const std::string s5(5 * 4096, 's');
   const std::vector<std::string> pair = {"a=A", "b=B", "d/"};
-  const std::vector<std::string> tree = {"a.txt=A", "hard=>a.txt", "la->a.txt", "lp->p",
-                                         "p/",      "p/q/",        "p/q/f=F"};
+  const std::vector<std::string> src = {"s=data", "d/"};
+  const std::vector<std::string> sub = {"s/", "s/m=M", "t/", "t/k=K", "l->t"};
+  const std::vector<std::string> moved = {"l/", "l/m=M", "t/", "t/k=K"};
+  // clang-format off
   std::vector<FileCase> cases = {
-      {"remove a file", {"f=x"}, remove("f"), true, {}},
-      {"remove a missing file", {}, remove("f"), false, {}},
-      {"remove a folder", {"d/"}, remove("d"), false, {"d/"}},
-      {"remove nothing", {}, remove(""), false, {}},
-      {"rename onto itself", pair, Call(renameFile, "a", "a"), false, pair},
-      {"rename to nothing", pair, Call(renameFile, "a", ""), false, pair},
-      {"rename from nothing", pair, Call(renameFile, "", "a"), false, pair},
-      {"rename a missing file", pair, Call(renameFile, "missing", "c"), false, pair},
-      {"rename a folder as a file", pair, Call(renameFile, "d", "e"), false, pair},
-      {"rename onto a folder", pair, Call(renameFile, "a", "d"), false, pair},
-      {"rename into a missing folder", pair, Call(renameFile, "a", "no/a"), false, pair},
-      {"rename replaces a file", pair, Call(renameFile, "a", "b"), true, {"b=A", "d/"}},
-      {"rename into a folder", pair, Call(renameFile, "a", "d/m"), true, {"b=B", "d/", "d/m=A"}},
-      {"rename a file as a folder", pair, Call(renameFolder, "a", "e"), false, pair},
-      {"rename a folder onto itself", {"f/"}, Call(renameFolder, "f", "f"), false, {"f/"}},
-      {"rename a folder replaces a tree",
-       {"f/", "f/x=F", "t/", "t/o/", "t/o/x=X"},
-       Call(renameFolder, "f", "t"),
-       true,
-       {"t/", "t/x=F"}},
-      {"rename a folder onto a link to a folder",
-       {"s/", "s/m=M", "t/", "t/k=K", "l->t"},
-       Call(renameFolder, "s", "l"),
-       true,
-       {"l/", "l/m=M", "t/", "t/k=K"}},
-      {"rename a folder onto a link spelled l/",
-       {"s/", "s/m=M", "t/", "t/k=K", "l->t"},
-       Call(renameFolder, "s", "l/"),
-       true,
-       {"l/", "l/m=M", "t/", "t/k=K"}},
-      {"rename a file onto a link",
-       {"s=M", "t=T", "l->t"},
-       Call(renameFile, "s", "l"),
-       true,
-       {"l=M", "t=T"}},
+      {"remove a file", {"f=x"}, Remove("f"), true, {}}, {"remove a missing file", {}, Remove("f"), false, {}},
+      {"remove a folder", {"d/"}, Remove("d"), false, {"d/"}}, {"remove nothing", {}, Remove(""), false, {}},
+      {"rename onto itself", pair, Call(file, "a", "a"), false, pair},
+      {"rename to nothing", pair, Call(file, "a", ""), false, pair},
+      {"rename from nothing", pair, Call(file, "", "a"), false, pair},
+      {"rename a missing file", pair, Call(file, "missing", "c"), false, pair},
+      {"rename a folder as a file", pair, Call(file, "d", "e"), false, pair},
+      {"rename onto a folder", pair, Call(file, "a", "d"), false, pair},
+      {"rename into a missing folder", pair, Call(file, "a", "no/a"), false, pair},
+      {"rename replaces a file", pair, Call(file, "a", "b"), true, {"b=A", "d/"}},
+      {"rename into a folder", pair, Call(file, "a", "d/m"), true, {"b=B", "d/", "d/m=A"}},
+      {"rename a file as a folder", pair, Call(folder, "a", "e"), false, pair},
+      {"rename a folder onto itself", {"f/"}, Call(folder, "f", "f"), false, {"f/"}},
+      {"rename a folder replaces a tree", {"f/", "f/x=F", "t/", "t/o/", "t/o/x=X"}, Call(folder, "f", "t"),
+       true, {"t/", "t/x=F"}},
+      {"rename a folder onto a link", sub, Call(folder, "s", "l"), true, moved},
+      {"rename a folder onto a link spelled l/", sub, Call(folder, "s", "l/"), true, moved},
+      {"rename a file onto a link", {"s=M", "t=T", "l->t"}, Call(file, "s", "l"), true, {"l=M", "t=T"}},
       {"copy in chunks", {"s=" + big}, Call(copy, "s", "n"), true, {"n=" + big, "s=" + big}},
-      {"copy replaces",
-       {"s=" + big, "d=old contents"},
-       Call(copy, "s", "d"),
-       true,
-       {"d=" + big, "s=" + big}},
+      {"copy replaces", {"s=" + big, "d=old"}, Call(copy, "s", "d"), true, {"d=" + big, "s=" + big}},
       {"copy of nothing", {"s=", "d=old"}, Call(copy, "s", "d"), true, {"d=", "s="}},
-      {"copy onto itself", {"s=data", "d/"}, Call(copy, "s", "s"), false, {"d/", "s=data"}},
-      {"copy onto another spelling",
-       {"s=data", "d/"},
-       Call(copy, "s", "d/../s"),
-       false,
-       {"d/", "s=data"}},
-      {"copy onto a folder", {"s=data", "d/"}, Call(copy, "s", "d"), false, {"d/", "s=data"}},
-      {"copy into a missing folder", {"s=data"}, Call(copy, "s", "no/x"), false, {"s=data"}},
+      {"copy onto itself", src, Call(copy, "s", "s"), false, src},
+      {"copy onto another spelling", src, Call(copy, "s", "d/../s"), false, src},
+      {"copy onto a folder", src, Call(copy, "s", "d"), false, src},
+      {"copy into a missing folder", src, Call(copy, "s", "no/x"), false, src},
       {"copy a missing file", {}, Call(copy, "s", "x"), false, {}},
       {"copy a folder", {"d/"}, Call(copy, "d", "x"), false, {"d/"}},
       {"copy from nothing", {}, Call(copy, "", "x"), false, {}},
-      {"copy to nothing", {"s=data"}, Call(copy, "s", ""), false, {"s=data"}},
-      {"failed copy removes the partial target",
-       {"s=" + std::string(5 * 4096, 's')},
-       Call(copy, "s", "d"),
-       false,
-       {"s=" + std::string(5 * 4096, 's')},
+      {"copy to nothing", src, Call(copy, "s", ""), false, src},
+      {"failed copy removes the partial target", {"s=" + s5}, Call(copy, "s", "d"), false, {"s=" + s5},
        2 * 4096 + 100},
-      {"copy of /dev/null",
-       {},
-       [](const TempDir& b) { return FileUtils::CopyFile("/dev/null", At(b, "n")); },
-       true,
-       {"n="}},
-  };
+      {"copy of /dev/null", {}, Call(copy, "/dev/null", "n"), true, {"n="}}};
   // Another spelling of the same object, a link onto what it leads to, or a
   // folder holding the other: nothing may be removed.
   const struct {
@@ -491,24 +380,19 @@ TEST_F(FileContentsTest, RemoveRenameAndCopy) {
     const char* to;
     bool ok;
   } aliases[] = {
-      {false, "a.txt", "./a.txt", true}, {false, "a.txt", "p/../a.txt", true},
-      {false, "a.txt", "hard", true},    {true, "p", "p/", true},
-      {true, "p/q", "./p/q", true},      {false, "la", "a.txt", false},
-      {true, "lp", "p", false},          {true, "lp", "lp/", true},
-      {true, "p/q", "p", false},         {true, "p/q/", "p/", false},
-      {true, "p/q", "lp/..", false},     {true, "p", "p/q", false},
-  };
+      {false, "a.txt", "./a.txt", true}, {false, "a.txt", "p/../a.txt", true}, {false, "a.txt", "hard", true},
+      {true, "p", "p/", true}, {true, "p/q", "./p/q", true}, {false, "la", "a.txt", false},
+      {true, "lp", "p", false}, {true, "lp", "lp/", true}, {true, "p/q", "p", false},
+      {true, "p/q/", "p/", false}, {true, "p/q", "lp/..", false}, {true, "p", "p/q", false}};
+  // clang-format on
+  const std::vector<std::string> tree = {"a.txt=A", "hard=>a.txt", "la->a.txt", "lp->p", "p/", "p/q/", "p/q/f=F"};
+  std::vector<std::string> after = tree;
+  after[1] = "hard=A";
   for (const auto& a : aliases) {
-    const std::vector<std::string> after = {"a.txt=A", "hard=A", "la->a.txt", "lp->p",
-                                            "p/",      "p/q/",   "p/q/f=F"};
-    cases.push_back(
-        {a.from, tree, Call(a.folder ? renameFolder : renameFile, a.from, a.to), a.ok, after});
+    cases.push_back({a.from, tree, Call(a.folder ? folder : file, a.from, a.to), a.ok, after});
   }
   RunFileCases(cases);
-}
-
-// A FIFO counts as a file but cannot be sized: no partial copy remains.
-TEST_F(FileContentsTest, CopyOfAFifoFails) {
+  // A FIFO counts as a file but cannot be sized: no partial copy remains.
   ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0644), 0);
   EXPECT_FALSE(FileUtils::CopyFile(P("fifo"), P("copy")));
   EXPECT_EQ(Snapshot(dir_.path()), std::vector<std::string>{"fifo?"});
