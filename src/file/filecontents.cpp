@@ -266,28 +266,43 @@ bool PlanAtomic(const SafeString& path, AtomicPlan& plan) {
   return true;
 }
 
-// Opens the temporary `name` in the folder `folder`, creating it or taking
-// over one that a killed save left, and locks it against other savers. The
-// lock must be on the file the name leads to once it is held: another saver
-// may have renamed the locked file over the target meanwhile, which is then
-// let go and the name opened anew.
+// Creates the temporary `name` in the folder `folder` and locks it against
+// other savers of the same target. A temporary that is there already (left
+// by a killed save, or another saver's) is locked, removed and made anew, so
+// that a new file always gets a fresh mode. The lock must be on the file the
+// name leads to once it is held: another saver may have renamed the locked
+// file over the target meanwhile, which is then let go and the name opened
+// anew.
 bool LockTemporary(int folder, const char* name, Descriptor& out) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK;
   for (int attempt = 0; attempt < 1000; ++attempt) {
-    Descriptor fd(OpenAt(folder, name, kFlags, 0666));
+    Descriptor fd(OpenAt(folder, name, kFlags | O_EXCL, 0666));
+    const bool created = fd.valid();
+    if (!created && errno == EEXIST) {
+      Descriptor existing(OpenAt(folder, name, kFlags, 0666));
+      fd.swap(existing);
+    }
     if (!fd.valid()) return false;
     int locked;
     do {
       locked = ::flock(fd.get(), LOCK_EX);
     } while (locked != 0 && errno == EINTR);
     struct stat held;
-    if (locked != 0 || ::fstat(fd.get(), &held) != 0 || !S_ISREG(held.st_mode)) return false;
-    struct stat named;
-    if (::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) == 0 && named.st_dev == held.st_dev &&
-        named.st_ino == held.st_ino) {
-      out.swap(fd);
-      return true;
+    if (locked != 0 || ::fstat(fd.get(), &held) != 0 || !S_ISREG(held.st_mode)) {
+      if (created) (void)::unlinkat(folder, name, 0);
+      return false;
     }
+    struct stat named;
+    if (::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+        named.st_dev != held.st_dev || named.st_ino != held.st_ino) {
+      continue;
+    }
+    if (!created) {
+      (void)::unlinkat(folder, name, 0);
+      continue;
+    }
+    out.swap(fd);
+    return true;
   }
   return false;
 }
@@ -303,7 +318,7 @@ bool SaveAtomic(const AtomicPlan& plan, const char* data, size_t size) {
   if (replacing && !S_ISREG(old.st_mode)) return false;
   Descriptor temporary;
   if (!LockTemporary(folder.get(), plan.temporary.c_str(), temporary)) return false;
-  bool ok = ::ftruncate(temporary.get(), 0) == 0 && WriteFully(temporary.get(), data, size);
+  bool ok = WriteFully(temporary.get(), data, size);
   if (ok && replacing) {
     // The owner where the system allows it (it clears set-id bits, which
     // the mode then restores), the permission bits always.

@@ -294,18 +294,13 @@ TEST_F(ArchiverTest, SaveAsWritesOnlyWhatReadsBackTheSame) {
     bool saved;
   };
   const std::string nul(1, '\0');
+  // The random tables below cover the other names and values; these rows
+  // hold what they reach too rarely.
   const std::vector<Case> cases = {
       {"[a=b]\n[a = 1]\nx = [y]\n" + others, {}, true}, {"[a=b]\n", {}, true},
       {"[[x]]\n[a=b]\n= v\n[]\n[y]]\n]k[ = ]v[\n" + others, {}, true},
-      {others, {"s", "k", "a = b [c]"}, true}, {others, {"t", "k", ""}, true},
-      {"[p=q]\nk = v\n", {"s", "k", "v"}, true}, {others, {" s", "k", "v"}, false},
-      {others, {"s\t", "k", "v"}, false},       {others, {"s", "\tk", "v"}, false},
-      {others, {"s", "k ", "v"}, false},        {others, {"s", "k", " v"}, false},
-      {others, {"s", "k", "v\t"}, false},       {others, {"s\rt", "k", "v"}, false},
-      {others, {"s\n", "k", "v"}, false},       {others, {"s", "k\nz", "v"}, false},
-      {others, {"s", "\rk", "v"}, false},       {others, {"s1", "k2", "v\n[s1]"}, false},
-      {others, {"s", "k", "v\r"}, false},       {others, {"s" + nul + "t", "k", "v"}, false},
-      {others, {"s", "k", "v" + nul + "x = y"}, false}};
+      {"[p=q]\nk = v\n", {"s", "k", "v"}, true}, {others, {"s", "k", "a = b [c]"}, true},
+      {others, {"s1", "k2", "v\n[s1]"}, false}, {others, {"s", "k", "v" + nul + "x = y"}, false}};
   int n = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text + (c.set.empty() ? "" : " + " + c.set[0] + "." + c.set[1] + "=" + c.set[2]));

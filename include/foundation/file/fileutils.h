@@ -172,7 +172,7 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // then untouched and no temporary stays behind. False as well when the
   // folder cannot be synced after the rename (the target holds the new
   // contents, which a power cut may still undo). A temporary left by a
-  // process killed while saving is reused and removed by the next save.
+  // process killed while saving is removed and made anew by the next save.
   [[nodiscard]] static bool WriteTextAtomic(const SafeString& path, const SafeString& text);
 
   // As WriteTextAtomic, with `size` bytes from `data` (which may be null
