@@ -318,79 +318,70 @@ TEST_F(FileContentsTest, WritesMakeParentsAndRollBack) {
   EXPECT_EQ(zorv::test::RawMode(dir_ / "m/n"), mode);
 }
 
-std::function<bool(const TempDir&)> Call(bool (*function)(const SafeString&, const SafeString&),
-                                         const std::string& from, const std::string& to) {
-  return [=](const TempDir& b) { return function(At(b, from), At(b, to)); };
-}
-
-std::function<bool(const TempDir&)> Remove(const std::string& path) {
-  return [=](const TempDir& b) { return FileUtils::RemoveFile(At(b, path)); };
+// One call over paths below the test folder: 'r' RemoveFile(from),
+// 'f' RenameFile, 'd' RenameFolder, 'c' CopyFile.
+std::function<bool(const TempDir&)> Op(char op, const std::string& from, const std::string& to = "") {
+  return [=](const TempDir& b) {
+    if (op == 'r') return FileUtils::RemoveFile(At(b, from));
+    if (op == 'f') return FileUtils::RenameFile(At(b, from), At(b, to));
+    if (op == 'd') return FileUtils::RenameFolder(At(b, from), At(b, to));
+    return FileUtils::CopyFile(At(b, from), At(b, to));
+  };
 }
 
 TEST_F(FileContentsTest, RemoveRenameAndCopy) {
-  const auto file = &FileUtils::RenameFile;
-  const auto folder = &FileUtils::RenameFolder;
-  const auto copy = &FileUtils::CopyFile;
   std::string big;
   for (int i = 0; i < 3 * 4096 + 17; ++i) big += static_cast<char>(i * 7);
   const std::string s5(5 * 4096, 's');
-  const std::vector<std::string> pair = {"a=A", "b=B", "d/"};
-  const std::vector<std::string> src = {"s=data", "d/"};
   const std::vector<std::string> sub = {"s/", "s/m=M", "t/", "t/k=K", "l->t"};
   const std::vector<std::string> moved = {"l/", "l/m=M", "t/", "t/k=K"};
   // clang-format off
   std::vector<FileCase> cases = {
-      {"remove a file", {"f=x"}, Remove("f"), true, {}}, {"remove a missing file", {}, Remove("f"), false, {}},
-      {"remove a folder", {"d/"}, Remove("d"), false, {"d/"}}, {"remove nothing", {}, Remove(""), false, {}},
-      {"rename onto itself", pair, Call(file, "a", "a"), false, pair},
-      {"rename to nothing", pair, Call(file, "a", ""), false, pair},
-      {"rename from nothing", pair, Call(file, "", "a"), false, pair},
-      {"rename a missing file", pair, Call(file, "missing", "c"), false, pair},
-      {"rename a folder as a file", pair, Call(file, "d", "e"), false, pair},
-      {"rename onto a folder", pair, Call(file, "a", "d"), false, pair},
-      {"rename into a missing folder", pair, Call(file, "a", "no/a"), false, pair},
-      {"rename replaces a file", pair, Call(file, "a", "b"), true, {"b=A", "d/"}},
-      {"rename into a folder", pair, Call(file, "a", "d/m"), true, {"b=B", "d/", "d/m=A"}},
-      {"rename a file as a folder", pair, Call(folder, "a", "e"), false, pair},
-      {"rename a folder onto itself", {"f/"}, Call(folder, "f", "f"), false, {"f/"}},
-      {"rename a folder replaces a tree", {"f/", "f/x=F", "t/", "t/o/", "t/o/x=X"}, Call(folder, "f", "t"),
+      {"remove a file", {"f=x"}, Op('r', "f"), true, {}},
+      {"rename replaces a file", {"a=A", "b=B"}, Op('f', "a", "b"), true, {"b=A"}},
+      {"rename into a folder", {"a=A", "d/"}, Op('f', "a", "d/m"), true, {"d/", "d/m=A"}},
+      {"rename a folder replaces a tree", {"f/", "f/x=F", "t/", "t/o/", "t/o/x=X"}, Op('d', "f", "t"),
        true, {"t/", "t/x=F"}},
-      {"rename a folder onto a link", sub, Call(folder, "s", "l"), true, moved},
-      {"rename a folder onto a link spelled l/", sub, Call(folder, "s", "l/"), true, moved},
-      {"rename a file onto a link", {"s=M", "t=T", "l->t"}, Call(file, "s", "l"), true, {"l=M", "t=T"}},
-      {"copy in chunks", {"s=" + big}, Call(copy, "s", "n"), true, {"n=" + big, "s=" + big}},
-      {"copy replaces", {"s=" + big, "d=old"}, Call(copy, "s", "d"), true, {"d=" + big, "s=" + big}},
-      {"copy of nothing", {"s=", "d=old"}, Call(copy, "s", "d"), true, {"d=", "s="}},
-      {"copy onto itself", src, Call(copy, "s", "s"), false, src},
-      {"copy onto another spelling", src, Call(copy, "s", "d/../s"), false, src},
-      {"copy onto a folder", src, Call(copy, "s", "d"), false, src},
-      {"copy into a missing folder", src, Call(copy, "s", "no/x"), false, src},
-      {"copy a missing file", {}, Call(copy, "s", "x"), false, {}},
-      {"copy a folder", {"d/"}, Call(copy, "d", "x"), false, {"d/"}},
-      {"copy from nothing", {}, Call(copy, "", "x"), false, {}},
-      {"copy to nothing", src, Call(copy, "s", ""), false, src},
-      {"failed copy removes the partial target", {"s=" + s5}, Call(copy, "s", "d"), false, {"s=" + s5},
-       2 * 4096 + 100},
-      {"copy of /dev/null", {}, Call(copy, "/dev/null", "n"), true, {"n="}}};
+      {"rename a folder onto a link", sub, Op('d', "s", "l"), true, moved},
+      {"rename a folder onto a link spelled l/", sub, Op('d', "s", "l/"), true, moved},
+      {"rename a file onto a link", {"s=M", "t=T", "l->t"}, Op('f', "s", "l"), true, {"l=M", "t=T"}},
+      {"copy in chunks", {"s=" + big}, Op('c', "s", "n"), true, {"n=" + big, "s=" + big}},
+      {"copy replaces", {"s=" + big, "d=old"}, Op('c', "s", "d"), true, {"d=" + big, "s=" + big}},
+      {"copy of nothing", {"s=", "d=old"}, Op('c', "s", "d"), true, {"d=", "s="}},
+      {"copy of /dev/null", {}, Op('c', "/dev/null", "n"), true, {"n="}},
+      {"failed copy removes the partial target", {"s=" + s5}, Op('c', "s", "d"), false, {"s=" + s5},
+       2 * 4096 + 100}};
+  // Refused calls, which change nothing: missing or empty paths, the same
+  // path or another spelling of it, a folder where a file is wanted (or the
+  // other way round), a missing target folder.
+  const struct {
+    char op;
+    const char* from;
+    const char* to;
+  } refused[] = {
+      {'r', "missing", ""}, {'r', "d", ""}, {'r', "", ""}, {'f', "a", "a"}, {'f', "a", ""}, {'f', "", "a"},
+      {'f', "missing", "c"}, {'f', "d", "e"}, {'f', "a", "d"}, {'f', "a", "no/a"}, {'d', "a", "e"},
+      {'d', "d", "d"}, {'c', "a", "a"}, {'c', "a", "d/../a"}, {'c', "a", "d"}, {'c', "a", "no/x"},
+      {'c', "missing", "x"}, {'c', "d", "x"}, {'c', "", "x"}, {'c', "a", ""}};
   // Another spelling of the same object, a link onto what it leads to, or a
   // folder holding the other: nothing may be removed.
   const struct {
-    bool folder;
+    char op;
     const char* from;
     const char* to;
     bool ok;
   } aliases[] = {
-      {false, "a.txt", "./a.txt", true}, {false, "a.txt", "p/../a.txt", true}, {false, "a.txt", "hard", true},
-      {true, "p", "p/", true}, {true, "p/q", "./p/q", true}, {false, "la", "a.txt", false},
-      {true, "lp", "p", false}, {true, "lp", "lp/", true}, {true, "p/q", "p", false},
-      {true, "p/q/", "p/", false}, {true, "p/q", "lp/..", false}, {true, "p", "p/q", false}};
+      {'f', "a.txt", "./a.txt", true}, {'f', "a.txt", "p/../a.txt", true}, {'f', "a.txt", "hard", true},
+      {'d', "p", "p/", true}, {'d', "p/q", "./p/q", true}, {'f', "la", "a.txt", false},
+      {'d', "lp", "p", false}, {'d', "lp", "lp/", true}, {'d', "p/q", "p", false},
+      {'d', "p/q/", "p/", false}, {'d', "p/q", "lp/..", false}, {'d', "p", "p/q", false}};
   // clang-format on
+  const std::vector<std::string> plain = {"a=A", "d/"};
+  for (const auto& r : refused) cases.push_back({r.from, plain, Op(r.op, r.from, r.to), false, plain});
   const std::vector<std::string> tree = {"a.txt=A", "hard=>a.txt", "la->a.txt", "lp->p", "p/", "p/q/", "p/q/f=F"};
   std::vector<std::string> after = tree;
   after[1] = "hard=A";
-  for (const auto& a : aliases) {
-    cases.push_back({a.from, tree, Call(a.folder ? folder : file, a.from, a.to), a.ok, after});
-  }
+  for (const auto& a : aliases) cases.push_back({a.from, tree, Op(a.op, a.from, a.to), a.ok, after});
   RunFileCases(cases);
   // A FIFO counts as a file but cannot be sized: no partial copy remains.
   ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0644), 0);
