@@ -279,7 +279,9 @@ bool LockTemporary(int folder, const char* name, Descriptor& out) {
     Descriptor fd(OpenAt(folder, name, kFlags | O_EXCL, 0666));
     const bool created = fd.valid();
     if (!created && errno == EEXIST) {
-      Descriptor existing(OpenAt(folder, name, kFlags, 0666));
+      Descriptor existing(OpenAt(folder, name, kFlags & ~O_CREAT));
+      // Gone between the two opens: made anew on the next round.
+      if (!existing.valid() && errno == ENOENT) continue;
       fd.swap(existing);
     }
     if (!fd.valid()) return false;
