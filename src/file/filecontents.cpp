@@ -295,8 +295,8 @@ bool LockTemporary(int folder, const char* name, Descriptor& out) {
       return false;
     }
     struct stat named;
-    if (::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) != 0 ||
-        named.st_dev != held.st_dev || named.st_ino != held.st_ino) {
+    if (::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) != 0 || named.st_dev != held.st_dev ||
+        named.st_ino != held.st_ino) {
       continue;
     }
     if (!created) {

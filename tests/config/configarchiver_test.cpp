@@ -61,6 +61,7 @@ TEST_F(ArchiverTest, ParsesTextAndFiles) {
     bool fileDiffers = false;  // a byte-order mark or NUL reads differently in a file
     Table fileExpected = {};
   };
+  // clang-format off
   const std::vector<Case> cases = {
       {"preamble = lost\nstray words\n[first]\nplain=value\n  spaced\t=\t  padded value \t\n"
        "bare word line\n; semi = colon\n# hash = mark\neq = a=b=c\nbrackets = [x] ]y[\n"
@@ -87,6 +88,7 @@ TEST_F(ArchiverTest, ParsesTextAndFiles) {
       // A NUL ends a text, and a line of a file.
       {std::string("[s]\0k=v\0\0j=w", 12), {{"s", {}}}, true, {{"s", {{"k", "v"}, {"j", "w"}}}}},
       {std::string("[s]\nk=v\0tail=t\n", 16), sk, true, {{"s", {{"k", "v"}, {"tail", "t"}}}}}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE("text '" + c.text + "'");
     Archiver fromText;
@@ -126,6 +128,7 @@ TEST_F(ArchiverTest, RepeatedNamesAndMissingFilesThrow) {
     std::string message;
     Table kept;
   };
+  // clang-format off
   const std::vector<Case> cases = {
       {"[a]\nk = 1\n[b]\nj = 2\n[ a ]\nlost = 3\n", kArchiver, "config error, repeated section [a]",
        {{"a", {{"k", "1"}}}, {"b", {{"j", "2"}}}}},
@@ -139,6 +142,7 @@ TEST_F(ArchiverTest, RepeatedNamesAndMissingFilesThrow) {
       {"@" + dir_ / "missing.ini", kReader, "open config file [" + dir_ / "missing.ini" + "] failed", {}},
       {"@" + dir_ / "plain/below.ini", kReader,
        "open config file [" + dir_ / "plain/below.ini" + "] failed", {}}};
+  // clang-format on
   ASSERT_TRUE(WriteRawFile(dir_ / "plain", "[s]\n"));
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
@@ -164,12 +168,14 @@ TEST_F(ArchiverTest, ReadersSplitLines) {
     std::string content;
     std::vector<std::string> lines;
   };
+  // clang-format off
   const std::vector<Case> cases = {
       {false, "a\r\nb\n\nc", {"a", "", "b", "", "c"}}, {false, "", {}}, {false, "\n", {""}},
       {true, std::string("\xEF\xBB\xBF" "a\r\nb\0c\n\nd", 13), {"a", "", "b", "c", "", "d"}},
       // A file of only a mark has no line, whatever its length.
       {true, "\xEF\xBB\xBF", {}}, {true, "\xFF\xFE", {}}, {true, "\xEF\xBB", {"\xEF\xBB"}},
       {true, "", {}}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.file ? "file '" : "text '") + c.content + "'");
     ASSERT_TRUE(WriteRawFile(dir_ / "r", c.content));
@@ -208,8 +214,10 @@ TEST_F(ArchiverTest, AccessAndEditing) {
   EXPECT_EQ(S(out), "");
   EXPECT_TRUE(archiver.allKeys("bare").empty());
   EXPECT_TRUE(archiver.allKeys("missing").empty());
+  // clang-format off
   const char* const refused[][2] = {{"", "k"},   {"a", ""},    {"a[1]", "k"}, {"a]", "k"}, {"a=b", "k"},
                                     {"a", "x=y"}, {"a", "[k"}, {"a", "k]"},   {"", ""}};
+  // clang-format on
   for (const auto& names : refused) {
     SCOPED_TRACE(std::string("setValue('") + names[0] + "', '" + names[1] + "')");
     EXPECT_FALSE(archiver.setValue(names[0], names[1], "v"));
@@ -235,10 +243,12 @@ TEST_F(ArchiverTest, SaveAsWritesTheExactText) {
     std::string path;
     std::string saved;
   };
+  // clang-format off
   const std::vector<Case> cases = {{"[s]\nport = 80\n", "one.ini", "[s]\nport = 80\n\n"},
                                    {"[e]\n", "bare.ini", "[e]\n\n"},
                                    {"", "old.ini", ""},
                                    {"[s]\nk=v", "new/folder/two.ini", "[s]\nk = v\n\n"}};
+  // clang-format on
   ASSERT_TRUE(WriteRawFile(dir_ / "old.ini", "old"));
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
@@ -296,14 +306,17 @@ TEST_F(ArchiverTest, SaveAsWritesOnlyWhatReadsBackTheSame) {
   const std::string nul(1, '\0');
   // The random tables below cover the other names and values; these rows
   // hold what they reach too rarely.
+  // clang-format off
   const std::vector<Case> cases = {
       {"[a=b]\n[a = 1]\nx = [y]\n" + others, {}, true}, {"[a=b]\n", {}, true},
       {"[[x]]\n[a=b]\n= v\n[]\n[y]]\n]k[ = ]v[\n" + others, {}, true},
       {"[p=q]\nk = v\n", {"s", "k", "v"}, true}, {others, {"s", "k", "a = b [c]"}, true},
       {others, {"s1", "k2", "v\n[s1]"}, false}, {others, {"s", "k", "v" + nul + "x = y"}, false}};
+  // clang-format on
   int n = 0;
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.text + (c.set.empty() ? "" : " + " + c.set[0] + "." + c.set[1] + "=" + c.set[2]));
+    SCOPED_TRACE(c.text +
+                 (c.set.empty() ? "" : " + " + c.set[0] + "." + c.set[1] + "=" + c.set[2]));
     Archiver archiver;
     ASSERT_TRUE(archiver.parseText(c.text.c_str()));
     if (!c.set.empty()) {

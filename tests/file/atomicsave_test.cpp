@@ -48,7 +48,9 @@ const char* const kSaverNames[] = {"WriteTextAtomic", "WriteBinaryAtomic", "save
 bool Save(int saver, const SafeString& path) {
   if (saver == 0) return FileUtils::WriteTextAtomic(path, Safe(kText));
   const unsigned int size = static_cast<unsigned int>(kText.size());
-  if (saver == 1) return FileUtils::WriteBinaryAtomic(path, reinterpret_cast<const unsigned char*>(kText.data()), size);
+  if (saver == 1)
+    return FileUtils::WriteBinaryAtomic(path, reinterpret_cast<const unsigned char*>(kText.data()),
+                                        size);
   Archiver archiver;
   return archiver.setValue("s", "port", "80") && archiver.saveAsAtomic(path);
 }
@@ -68,6 +70,7 @@ TEST_F(AtomicSaveTest, Cases) {
     std::vector<std::string> after;
     rlim_t sizeLimit = 0;
   };
+  // clang-format off
   const std::vector<Case> cases = {
       {"new file", {}, "new", true, "new", newMode, {}},
       {"existing mode kept", {"old=o"}, "old", true, "old", 0640, {}},
@@ -83,6 +86,7 @@ TEST_F(AtomicSaveTest, Cases) {
       {"read-only folder", {"ro/"}, "ro/t", false, "ro", 0555, {"ro/"}},
       {"write fails", {"t=o"}, "t", false, "t", 0600, {"t=o"}, 4},
       {"empty path", {}, "", false, "", 0, {}}};
+  // clang-format on
   for (int saver = 0; saver < 3; ++saver) {
     for (const Case& c : cases) {
       SCOPED_TRACE(std::string(kSaverNames[saver]) + ": " + c.what);
@@ -96,7 +100,8 @@ TEST_F(AtomicSaveTest, Cases) {
         }
       }
       ASSERT_TRUE(zorv::test::Build(base.path(), before));
-      if (!c.written.empty()) (void)::chmod((base / c.written).c_str(), static_cast<mode_t>(c.mode));
+      if (!c.written.empty())
+        (void)::chmod((base / c.written).c_str(), static_cast<mode_t>(c.mode));
       const SafeString path = c.path.empty() ? SafeString() : Safe(base / c.path);
       {
         zorv::test::FileSizeLimit limit(c.sizeLimit != 0 ? c.sizeLimit : RLIM_INFINITY);

@@ -152,7 +152,8 @@ class SmallBuffer : public zorv::foundation::memory::IBuffer {
 // that the buffer took.
 TEST_F(FileContentsTest, ReadBinaryIntoBuffers) {
   const std::string bytes("\xEF\xBB\xBF\0\x01\x02", 6);
-  ASSERT_TRUE(zorv::test::Build(dir_.path(), {"b=" + bytes, "empty=", "h=" + std::string(100, 'h')}));
+  ASSERT_TRUE(
+      zorv::test::Build(dir_.path(), {"b=" + bytes, "empty=", "h=" + std::string(100, 'h')}));
   MemoryBuffer buffer;
   for (const char* name : {"b", "empty", "b"}) ASSERT_TRUE(FileUtils::ReadBinary(P(name), &buffer));
   ASSERT_EQ(buffer.length(), 12u);
@@ -165,8 +166,11 @@ TEST_F(FileContentsTest, ReadBinaryIntoBuffers) {
   };
   // The buffer takes fewer bytes than the file holds; the end would lie
   // beyond any object in memory, or wrap.
-  const std::vector<Case> cases = {{1000, 0, true, 1}, {1000, 900, true, 1}, {8, 0, false, 1},
-                                   {99, 0, false, 1}, {1000, PTRDIFF_MAX - 50ull, false, 0},
+  const std::vector<Case> cases = {{1000, 0, true, 1},
+                                   {1000, 900, true, 1},
+                                   {8, 0, false, 1},
+                                   {99, 0, false, 1},
+                                   {1000, PTRDIFF_MAX - 50ull, false, 0},
                                    {1000, ULLONG_MAX - 50, false, 0}};
   for (const Case& c : cases) {
     SCOPED_TRACE("room " + std::to_string(c.most) + " at " + std::to_string(c.at));
@@ -176,7 +180,8 @@ TEST_F(FileContentsTest, ReadBinaryIntoBuffers) {
     EXPECT_TRUE(c.calls == 0 || small.tellWrite() == small.length());
     if (!c.ok) continue;
     EXPECT_EQ(small.length(), c.at + 100);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(small.data()) + c.at, 100), std::string(100, 'h'));
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(small.data()) + c.at, 100),
+              std::string(100, 'h'));
   }
 }
 
@@ -214,7 +219,8 @@ TEST_F(FileContentsTest, FilesLongerThanMemoryHoldsFailCleanly) {
 // Files under /proc say they hold 0 bytes, yet are read to their end; a
 // file read as text takes the room of its size only.
 TEST_F(FileContentsTest, ReadersSizeTheirRoom) {
-  for (const std::string& content : {std::string(100000, 'r'), "\xEF\xBB\xBF" + std::string(70000, 'm')}) {
+  for (const std::string& content :
+       {std::string(100000, 'r'), "\xEF\xBB\xBF" + std::string(70000, 'm')}) {
     ASSERT_TRUE(WriteRawFile(dir_ / "t", content));
     SafeString text;
     ASSERT_TRUE(FileUtils::ReadText(P("t"), text));
@@ -243,11 +249,12 @@ TEST(ReadRoomTest, SumsAndGrowthNeverWrap) {
   struct Case {
     unsigned long long a, b, limit, expected;  // for SumWithin: 1 when it fits
   };
-  const std::vector<Case> sums = {{1, 2, 3, 1},        {1, 3, 3, 0},         {k32, 1, k32, 0},
-                                  {0, k32, k32, 1},    {k32 + 1, 0, k32, 0}, {kMax, 1, kMax, 0},
+  const std::vector<Case> sums = {{1, 2, 3, 1},      {1, 3, 3, 0},         {k32, 1, k32, 0},
+                                  {0, k32, k32, 1},  {k32 + 1, 0, k32, 0}, {kMax, 1, kMax, 0},
                                   {1, kMax, kMax, 0}};
   for (const Case& c : sums) {
-    SCOPED_TRACE(std::to_string(c.a) + " + " + std::to_string(c.b) + " within " + std::to_string(c.limit));
+    SCOPED_TRACE(std::to_string(c.a) + " + " + std::to_string(c.b) + " within " +
+                 std::to_string(c.limit));
     unsigned long long sum = 7;
     EXPECT_EQ(detail::SumWithin(c.a, c.b, c.limit, sum), c.expected == 1);
     EXPECT_EQ(sum, c.expected == 1 ? c.a + c.b : 7u);
@@ -255,12 +262,13 @@ TEST(ReadRoomTest, SumsAndGrowthNeverWrap) {
   // Used, more, limit and the room grown to: near the limit the room stops
   // there, and fails (0) beyond it.
   const std::vector<Case> growths = {
-      {0, 1, k31, 4096},          {0, 10000, k31, 10000},   {4096, 1, k31, 6144},
-      {100, 4096, k31, 4196},     {0x60000000, 1, k31, k31}, {0x7FFFFFF0, 15, k31, k31},
-      {0x7FFFFFF0, 16, k31, 0},   {0, 1, 100, 100},          {0xC0000000, 4096, k32, k32},
-      {k32, 1, k32, 0},           {kMax - 10, 5, kMax, kMax}, {kMax - 10, 11, kMax, 0}};
+      {0, 1, k31, 4096},        {0, 10000, k31, 10000},     {4096, 1, k31, 6144},
+      {100, 4096, k31, 4196},   {0x60000000, 1, k31, k31},  {0x7FFFFFF0, 15, k31, k31},
+      {0x7FFFFFF0, 16, k31, 0}, {0, 1, 100, 100},           {0xC0000000, 4096, k32, k32},
+      {k32, 1, k32, 0},         {kMax - 10, 5, kMax, kMax}, {kMax - 10, 11, kMax, 0}};
   for (const Case& c : growths) {
-    SCOPED_TRACE(std::to_string(c.a) + " used, " + std::to_string(c.b) + " more, limit " + std::to_string(c.limit));
+    SCOPED_TRACE(std::to_string(c.a) + " used, " + std::to_string(c.b) + " more, limit " +
+                 std::to_string(c.limit));
     EXPECT_EQ(detail::GrownRoom(c.a, c.b, c.limit), c.expected);
   }
 }
@@ -279,10 +287,13 @@ TEST(DescriptorTest, OnlyAnOpenDescriptorClosesWithSuccess) {
 }
 
 std::function<bool(const TempDir&)> Text(const std::string& path, const std::string& text) {
-  return [=](const TempDir& b) { return FileUtils::WriteText(At(b, path), SafeString(text.data(), text.size())); };
+  return [=](const TempDir& b) {
+    return FileUtils::WriteText(At(b, path), SafeString(text.data(), text.size()));
+  };
 }
 
-std::function<bool(const TempDir&)> Binary(const std::string& path, const char* data, unsigned int size) {
+std::function<bool(const TempDir&)> Binary(const std::string& path, const char* data,
+                                           unsigned int size) {
   return [=](const TempDir& b) {
     return FileUtils::WriteBinary(At(b, path), reinterpret_cast<const unsigned char*>(data), size);
   };
@@ -320,7 +331,8 @@ TEST_F(FileContentsTest, WritesMakeParentsAndRollBack) {
 
 // One call over paths below the test folder: 'r' RemoveFile(from),
 // 'f' RenameFile, 'd' RenameFolder, 'c' CopyFile.
-std::function<bool(const TempDir&)> Op(char op, const std::string& from, const std::string& to = "") {
+std::function<bool(const TempDir&)> Op(char op, const std::string& from,
+                                       const std::string& to = "") {
   return [=](const TempDir& b) {
     if (op == 'r') return FileUtils::RemoveFile(At(b, from));
     if (op == 'f') return FileUtils::RenameFile(At(b, from), At(b, to));
@@ -377,11 +389,14 @@ TEST_F(FileContentsTest, RemoveRenameAndCopy) {
       {'d', "p/q/", "p/", false}, {'d', "p/q", "lp/..", false}, {'d', "p", "p/q", false}};
   // clang-format on
   const std::vector<std::string> plain = {"a=A", "d/"};
-  for (const auto& r : refused) cases.push_back({r.from, plain, Op(r.op, r.from, r.to), false, plain});
-  const std::vector<std::string> tree = {"a.txt=A", "hard=>a.txt", "la->a.txt", "lp->p", "p/", "p/q/", "p/q/f=F"};
+  for (const auto& r : refused)
+    cases.push_back({r.from, plain, Op(r.op, r.from, r.to), false, plain});
+  const std::vector<std::string> tree = {"a.txt=A", "hard=>a.txt", "la->a.txt", "lp->p",
+                                         "p/",      "p/q/",        "p/q/f=F"};
   std::vector<std::string> after = tree;
   after[1] = "hard=A";
-  for (const auto& a : aliases) cases.push_back({a.from, tree, Op(a.op, a.from, a.to), a.ok, after});
+  for (const auto& a : aliases)
+    cases.push_back({a.from, tree, Op(a.op, a.from, a.to), a.ok, after});
   RunFileCases(cases);
   // A FIFO counts as a file but cannot be sized: no partial copy remains.
   ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0644), 0);

@@ -71,13 +71,18 @@ class FoldersTest : public zorv::test::LeakCheckedTest {
 
 // One folder operation over paths below the test folder: 'm' CreateFolder,
 // 'r' RemoveFolder, 'c' CopyFolder(path, to), 'w' WriteText(path, "text").
-std::function<bool(const TempDir&)> Op(char op, const std::string& path, const std::string& to = "") {
+std::function<bool(const TempDir&)> Op(char op, const std::string& path,
+                                       const std::string& to = "") {
   return [=](const TempDir& b) {
     switch (op) {
-      case 'm': return FileUtils::CreateFolder(At(b, path));
-      case 'r': return FileUtils::RemoveFolder(At(b, path));
-      case 'c': return FileUtils::CopyFolder(At(b, path), At(b, to));
-      default: return FileUtils::WriteText(At(b, path), "text");
+      case 'm':
+        return FileUtils::CreateFolder(At(b, path));
+      case 'r':
+        return FileUtils::RemoveFolder(At(b, path));
+      case 'c':
+        return FileUtils::CopyFolder(At(b, path), At(b, to));
+      default:
+        return FileUtils::WriteText(At(b, path), "text");
     }
   };
 }
@@ -124,12 +129,14 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
     char op;
     const char* path;
     const char* to;
-  } refused[] = {{'m', "", ""},       {'m', "root", ""},   {'m', "f", ""},        {'m', "f/sub/deeper", ""},
-                 {'r', "", ""},       {'r', "f", ""},      {'r', "missing", ""},  {'c', "root", "root"},
-                 {'c', "root", "x/y"}, {'c', "f", "c"},    {'c', "missing", "c"}, {'c', "", "c"},
-                 {'c', "root", ""},   {'c', "root", "f"}};
+  } refused[] = {
+      {'m', "", ""},        {'m', "root", ""}, {'m', "f", ""},        {'m', "f/sub/deeper", ""},
+      {'r', "", ""},        {'r', "f", ""},    {'r', "missing", ""},  {'c', "root", "root"},
+      {'c', "root", "x/y"}, {'c', "f", "c"},   {'c', "missing", "c"}, {'c', "", "c"},
+      {'c', "root", ""},    {'c', "root", "f"}};
   const std::vector<std::string> plain = Plus(Tree(), file);
-  for (const auto& r : refused) cases.push_back({r.path, plain, Op(r.op, r.path, r.to), false, plain});
+  for (const auto& r : refused)
+    cases.push_back({r.path, plain, Op(r.op, r.path, r.to), false, plain});
   zorv::test::RunFileCases(cases);
   const int mode = 0755 & ~zorv::test::CurrentUmask();
   ASSERT_TRUE(FileUtils::CreateFolder(P("m/n")));
@@ -141,7 +148,8 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
 // target is neither waited on nor removed, and a socket (which cannot be
 // copied) fails a copy.
 TEST_F(FoldersTest, SocketsAndFifos) {
-  ASSERT_TRUE(Build(dir_.path(), {"d/", "d/s/", "tree/", "tree/pipe=f", "existing/", "s/", "s/sub/"}));
+  ASSERT_TRUE(
+      Build(dir_.path(), {"d/", "d/s/", "tree/", "tree/pipe=f", "existing/", "s/", "s/sub/"}));
   int sockets[2] = {-1, -1};
   ASSERT_TRUE(zorv::test::MakeSocket(dir_ / "d/s/sock", &sockets[0]));
   ASSERT_TRUE(zorv::test::MakeSocket(dir_ / "s/sub/sock", &sockets[1]));
@@ -242,8 +250,8 @@ TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
   }
   const std::string link = dir_ / "rootlink";
   const std::vector<std::string> spellings = {
-      "/", "//", "///", "\\", "/.", "/./", "/..", "/../.", "/.//..", up, up + "/", up + "/.",
-      upFromSentinel, link, link + "/", link + "/."};
+      "/",      "//", "///",    "\\",      "/.",           "/./", "/..",      "/../.",
+      "/.//..", up,   up + "/", up + "/.", upFromSentinel, link,  link + "/", link + "/."};
   struct stat root;
   ASSERT_EQ(::stat("/", &root), 0);
   for (const std::string& spelling : spellings) {
@@ -272,8 +280,9 @@ TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status));
   const size_t code = static_cast<size_t>(WEXITSTATUS(status));
-  EXPECT_EQ(code, 0u) << (code >= 10 && code < 10 + spellings.size() ? "accepted: " + spellings[code - 10]
-                                                                      : std::string("child failed"));
+  EXPECT_EQ(code, 0u) << (code >= 10 && code < 10 + spellings.size()
+                              ? "accepted: " + spellings[code - 10]
+                              : std::string("child failed"));
   EXPECT_EQ(ReadRawFile(dir_ / "sentinel/keep"), "x");
   EXPECT_TRUE(RawExists(link));
 }
@@ -284,13 +293,15 @@ TEST_F(FoldersTest, MadeFolderSwappedForALinkBeforeItsRollBack) {
   ZorvTestSwapBeforeOpen("victim", (dir_ / "outside").c_str(), 0);
   EXPECT_FALSE(FileUtils::WriteText(P("victim/" + std::string(300, 'n')), "text"));
   ZorvTestSwapBeforeOpen("", "", 0);
-  EXPECT_EQ(Snapshot(dir_.path()), (std::vector<std::string>{"outside/", "outside/keep=x", "victim.moved/"}));
+  EXPECT_EQ(Snapshot(dir_.path()),
+            (std::vector<std::string>{"outside/", "outside/keep=x", "victim.moved/"}));
 }
 
 TEST_F(FoldersTest, Searches) {
-  ASSERT_TRUE(Build(dir_.path(), Plus(Tree(), {"hollow/", "file=x", "kinds/", "kinds/self->" + dir_ / "kinds",
-                                               "loop/", "loop/sub/", "loop/sub/f=x", "loop/sub/up->..",
-                                               "loop/out->" + dir_ / "root"})));
+  ASSERT_TRUE(Build(dir_.path(),
+                    Plus(Tree(), {"hollow/", "file=x", "kinds/", "kinds/self->" + dir_ / "kinds",
+                                  "loop/", "loop/sub/", "loop/sub/f=x", "loop/sub/up->..",
+                                  "loop/out->" + dir_ / "root"})));
   int socketFd = -1;
   ASSERT_TRUE(zorv::test::MakeSocket(dir_ / "kinds/sock", &socketFd));
   ASSERT_EQ(::mkfifo((dir_ / "kinds/fifo").c_str(), 0644), 0);
@@ -329,7 +340,8 @@ TEST_F(FoldersTest, Searches) {
       {false, dir_ / "file", 4, {}, {}}, {true, dir_ / "file", 4, {}, {}}, {false, dir_ / "hollow", 4, {}, {}}};
   // clang-format on
   for (const Case& c : cases) {
-    SCOPED_TRACE((c.folders ? "folders of '" : "files of '") + c.path + "', " + std::to_string(c.flags));
+    SCOPED_TRACE((c.folders ? "folders of '" : "files of '") + c.path + "', " +
+                 std::to_string(c.flags));
     EXPECT_EQ(Sorted(c.folders ? FileUtils::SearchFolders(c.path.c_str(), c.flags)
                                : FileUtils::SearchFiles(c.path.c_str(), c.flags, c.suffixes)),
               c.expected);
@@ -346,7 +358,8 @@ TEST_F(FoldersTest, Searches) {
   }
   const std::string fds = "/proc/" + std::to_string(::getpid()) + "/fd";
   const std::vector<std::string> names = Sorted(FileUtils::SearchFiles(fds.c_str(), 2, {}));
-  EXPECT_TRUE(!zorv::test::RawIsDir(fds) || std::find(names.begin(), names.end(), "0") != names.end());
+  EXPECT_TRUE(!zorv::test::RawIsDir(fds) ||
+              std::find(names.begin(), names.end(), "0") != names.end());
 }
 
 // Each call runs with its n-th allocation failing, for n = 1, 2, ... until
@@ -387,7 +400,8 @@ TEST_F(FoldersTest, AllocationFailuresLeaveNothingHalfMade) {
         EXPECT_EQ(RawExists(dir_ / "made"), written);
         EXPECT_EQ(RawExists(dir_ / "two"), written);
       }
-      (void)failing([&] { EXPECT_EQ(FileUtils::SearchFiles(root, 4, Suffixes({".txt"})).size(), 4u); });
+      (void)failing(
+          [&] { EXPECT_EQ(FileUtils::SearchFiles(root, 4, Suffixes({".txt"})).size(), 4u); });
     }
     EXPECT_TRUE(copied && written);
     EXPECT_EQ(ReadRawFile(dir_ / "two/three/file.txt"), "text");
