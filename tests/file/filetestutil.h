@@ -31,11 +31,6 @@ inline bool RawExists(const std::string& path) {
   return ::lstat(path.c_str(), &info) == 0;
 }
 
-inline bool RawIsDir(const std::string& path) {
-  struct stat info;
-  return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 // The permission bits of `path`, or -1.
 inline int RawMode(const std::string& path) {
   struct stat info;

@@ -23,21 +23,12 @@ SafeString Safe(const std::string& s) { return SafeString(s.data(), s.size()); }
 // Every function over one path, or LinkPath(path, second) when `second` is
 // set.
 std::string Apply(char function, const std::string& path, const char* second) {
-  const SafeString p = Safe(path);
-  switch (function) {
-    case 'n':
-      return S(FileUtils::GetFileName(p));
-    case 'e':
-      return S(FileUtils::GetFileExt(p));
-    case 's':
-      return S(FileUtils::GetNoExtFileName(p));
-    case 'f':
-      return S(FileUtils::GetFolderPath(p));
-    case 'x':
-      return S(FileUtils::GetNoExtPath(p));
-    default:
-      return S(FileUtils::LinkPath(p, second));
-  }
+  using Function = SafeString (*)(const SafeString&);
+  static const Function kFunctions[] = {&FileUtils::GetFileName, &FileUtils::GetFileExt,
+                                        &FileUtils::GetNoExtFileName, &FileUtils::GetFolderPath,
+                                        &FileUtils::GetNoExtPath};
+  if (function == 'l') return S(FileUtils::LinkPath(Safe(path), second));
+  return S(kFunctions[std::string("nesfx").find(function)](Safe(path)));
 }
 
 TEST_F(PathUtilsTest, Table) {
