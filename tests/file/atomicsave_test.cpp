@@ -47,10 +47,8 @@ const char* const kSaverNames[] = {"WriteTextAtomic", "WriteBinaryAtomic", "save
 
 bool Save(int saver, const SafeString& path) {
   if (saver == 0) return FileUtils::WriteTextAtomic(path, Safe(kText));
-  const unsigned int size = static_cast<unsigned int>(kText.size());
-  if (saver == 1)
-    return FileUtils::WriteBinaryAtomic(path, reinterpret_cast<const unsigned char*>(kText.data()),
-                                        size);
+  const unsigned char* bytes = reinterpret_cast<const unsigned char*>(kText.data());
+  if (saver == 1) return FileUtils::WriteBinaryAtomic(path, bytes, 15);
   Archiver archiver;
   return archiver.setValue("s", "port", "80") && archiver.saveAsAtomic(path);
 }
@@ -74,7 +72,7 @@ TEST_F(AtomicSaveTest, Cases) {
   const std::vector<Case> cases = {
       {"new file", {}, "new", true, "new", newMode, {}},
       {"existing mode kept", {"old=o"}, "old", true, "old", 0640, {}},
-      {"stale temporary reused", {"t=o", ".t.tmp=stale"}, "t", true, "t", 0600, {}},
+      {"stale temporary replaced", {"t=o", ".t.tmp=stale"}, "t", true, "t", 0600, {}},
       {"relative link from a subfolder", {"real/", "sub/", "real/t=o", "sub/l->../real/t"}, "sub/l",
        true, "real/t", 0604, {"real/", "sub/", "sub/l->../real/t"}},
       {"absolute link to a relative link", {"t=o", "rel->t", "abs->$/rel"}, "abs", true, "t", 0600,
