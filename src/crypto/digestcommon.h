@@ -92,13 +92,13 @@ inline SafeString HexText(const collection::Vector<unsigned char>& bytes) {
   return text;
 }
 
-// Digests the file at `path` with a fresh Digest object: reads it from the
+// Digests the open file `fd` with a fresh Digest object: reads it from the
 // start, in order, through one fixed buffer, and hashes what each read
 // delivered. A regular file is read to its end, whatever size it says it
 // has (files under /proc say 0 bytes); any other file (a device) up to the
 // size that a seek to its end gives, so that /dev/zero ends at once.
-// Returns false, leaving `digest` untouched, when the file cannot be opened,
-// is a folder, or a read fails.
+// Returns false, leaving `digest` untouched, when the file is a folder or a
+// read fails.
 //
 // The buffer holds kFileBuffer bytes, so that a large file costs one system
 // call per kFileBuffer bytes instead of one per 4096, which on a fast
@@ -147,7 +147,9 @@ bool DigestDescriptor(int fd, collection::Vector<unsigned char>& digest) {
   return true;
 }
 
-// DigestDescriptor over the file at `path`, opened and closed here.
+// DigestDescriptor over the file at `path`, opened here (retrying when a
+// signal interrupts the open) and closed again; false as well when it cannot
+// be opened.
 template <class Digest>
 bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
   if (path == nullptr) return false;
