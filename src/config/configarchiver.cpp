@@ -305,8 +305,11 @@ bool Archiver::remove(const SafeString& section, const SafeString& key) {
   return true;
 }
 
-bool Archiver::saveAs(const SafeString& path) {
-  const detail::SectionTable& sections = d_->sections;
+namespace {
+
+// The text that saveAs writes for `sections`; false, with `text` unchanged,
+// when the table holds what would not read back the same.
+bool SavedText(const detail::SectionTable& sections, SafeString& out) {
   // Only the first header may hold '=': later on such a line reads as a key.
   auto first = sections.end();
   size_t total = 0;
@@ -343,7 +346,20 @@ bool Archiver::saveAs(const SafeString& path) {
   for (auto section = sections.begin(); section != sections.end(); ++section) {
     if (section != first) append(*section);
   }
-  return file::FileUtils::WriteText(path, text);
+  out.swap(text);
+  return true;
+}
+
+}  // namespace
+
+bool Archiver::saveAs(const SafeString& path) {
+  SafeString text;
+  return SavedText(d_->sections, text) && file::FileUtils::WriteText(path, text);
+}
+
+bool Archiver::saveAsAtomic(const SafeString& path) {
+  SafeString text;
+  return SavedText(d_->sections, text) && file::FileUtils::WriteTextAtomic(path, text);
 }
 
 }  // namespace config

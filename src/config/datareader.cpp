@@ -5,10 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "foundation/lang/exception.h"
+#include "system/posixio.h"
 
 namespace zorv {
 namespace foundation {
@@ -33,23 +33,17 @@ FileReader::~FileReader() { close(); }
 
 void FileReader::open() {
   close();
-  int fd;
-  do {
-    fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-  } while (fd < 0 && errno == EINTR);
+  system::posixio::Descriptor fd(system::posixio::Open(path_.c_str(), O_RDONLY));
   struct stat info;
-  if (fd >= 0 && (::fstat(fd, &info) != 0 || S_ISDIR(info.st_mode))) {
-    ::close(fd);
-    fd = -1;
-  }
-  if (fd < 0) {
+  if (fd.valid() && (::fstat(fd.get(), &info) != 0 || S_ISDIR(info.st_mode))) fd.close();
+  if (!fd.valid()) {
     SafeString text("open config file [");
     text += path_;
     text += "] failed";
     throw lang::Exception(kReaderSource, text.c_str());
   }
-  fd_ = fd;
   buffer_.resize(kChunk);
+  fd_ = fd.release();
   begin_ = 0;
   end_ = 0;
   // A byte-order mark: FF FE or FE FF (UTF-16, either order) or EF BB BF
@@ -73,10 +67,7 @@ bool FileReader::fill() {
     end_ = 0;
   }
   if (end_ == buffer_.size()) return false;
-  ssize_t got;
-  do {
-    got = ::read(fd_, &buffer_[end_], buffer_.size() - end_);
-  } while (got < 0 && errno == EINTR);
+  const ssize_t got = system::posixio::ReadSome(fd_, &buffer_[end_], buffer_.size() - end_);
   if (got <= 0) return false;
   end_ += static_cast<unsigned int>(got);
   return true;

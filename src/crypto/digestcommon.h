@@ -15,6 +15,7 @@
 #include "foundation/collection/vector.h"
 #include "foundation/debug/memorymonitor.h"
 #include "foundation/text/safestring.h"
+#include "system/posixio.h"
 
 namespace zorv {
 namespace foundation {
@@ -91,13 +92,13 @@ inline SafeString HexText(const collection::Vector<unsigned char>& bytes) {
   return text;
 }
 
-// Digests the file at `path` with a fresh Digest object: reads it from the
+// Digests the open file `fd` with a fresh Digest object: reads it from the
 // start, in order, through one fixed buffer, and hashes what each read
 // delivered. A regular file is read to its end, whatever size it says it
 // has (files under /proc say 0 bytes); any other file (a device) up to the
 // size that a seek to its end gives, so that /dev/zero ends at once.
-// Returns false, leaving `digest` untouched, when the file cannot be opened,
-// is a folder, or a read fails.
+// Returns false, leaving `digest` untouched, when the file is a folder or a
+// read fails.
 //
 // The buffer holds kFileBuffer bytes, so that a large file costs one system
 // call per kFileBuffer bytes instead of one per 4096, which on a fast
@@ -105,21 +106,9 @@ inline SafeString HexText(const collection::Vector<unsigned char>& bytes) {
 // cannot be had, it falls back to kFileChunk bytes on the stack. The digest
 // is the same either way: only the sizes of the reads differ.
 template <class Digest>
-bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
-  if (path == nullptr) return false;
-  // errno stays the caller's: failures are reported by the result only.
-  const int savedErrno = errno;
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    errno = savedErrno;
-    return false;
-  }
+bool DigestDescriptor(int fd, collection::Vector<unsigned char>& digest) {
   struct stat info;
-  if (fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
-    close(fd);
-    errno = savedErrno;
-    return false;
-  }
+  if (fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) return false;
   const bool toEnd = S_ISREG(info.st_mode);
   // The file is read once from start to end: let the kernel read ahead.
   (void)posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -136,33 +125,43 @@ bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
   // gets a buffer of its size in whole chunks, up to kFileBuffer.
   unsigned int bigSize = 0;
   if (remaining > kFileChunk) {
-    bigSize = remaining >= kFileBuffer
-                  ? kFileBuffer
-                  : static_cast<unsigned int>((remaining + kFileChunk - 1) / kFileChunk * kFileChunk);
+    bigSize =
+        remaining >= kFileBuffer
+            ? kFileBuffer
+            : static_cast<unsigned int>((remaining + kFileChunk - 1) / kFileChunk * kFileChunk);
   }
   FileBuffer big(bigSize);
   unsigned char* const buffer = big.data != nullptr ? big.data : small;
   const size_t room = big.data != nullptr ? bigSize : kFileChunk;
   Digest digester;
-  bool ok = true;
   while (toEnd || remaining > 0) {
     const size_t wanted = toEnd || remaining >= room ? room : static_cast<size_t>(remaining);
-    const ssize_t got = read(fd, buffer, wanted);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      ok = false;
-      break;
-    }
+    const ssize_t got = system::posixio::ReadSome(fd, buffer, wanted);
+    if (got < 0) return false;
     // The end, or a device that ends before its measured size.
     if (got == 0) break;
     digester.addData(buffer, static_cast<unsigned int>(got));
     if (!toEnd) remaining -= static_cast<unsigned long long>(got);
   }
-  close(fd);
-  errno = savedErrno;
-  if (!ok) return false;
   digest = digester.result();
   return true;
+}
+
+// DigestDescriptor over the file at `path`, opened here (retrying when a
+// signal interrupts the open) and closed again; false as well when it cannot
+// be opened.
+template <class Digest>
+bool DigestFile(const char* path, collection::Vector<unsigned char>& digest) {
+  if (path == nullptr) return false;
+  // errno stays the caller's: failures are reported by the result only.
+  const int savedErrno = errno;
+  bool ok = false;
+  {
+    system::posixio::Descriptor fd(system::posixio::Open(path, O_RDONLY));
+    ok = fd.valid() && DigestDescriptor<Digest>(fd.get(), digest);
+  }
+  errno = savedErrno;
+  return ok;
 }
 
 }  // namespace internal

@@ -1,6 +1,8 @@
 // FileUtils: kind tests, sizes, whole-file reading and writing, removal,
 // renaming and copying of single files.
 #include <fcntl.h>
+#include <limits.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -30,40 +32,12 @@ constexpr size_t kStreamBuffer = 64 * 1024;
 // The read past a file's measured size that finds out whether more follows.
 constexpr size_t kProbe = 4096;
 
-int OpenRetry(const char* path, int flags, mode_t mode = 0) {
-  int fd;
-  do {
-    fd = ::open(path, flags | O_CLOEXEC, mode);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
-}
-
-// Reads up to `count` bytes, retrying on interruption; -1 on error.
-ssize_t ReadSome(int fd, void* data, size_t count) {
-  ssize_t got;
-  do {
-    got = ::read(fd, data, count);
-  } while (got < 0 && errno == EINTR);
-  return got;
-}
-
-// The most one read asks for.
-constexpr unsigned long long kMostPerRead = 1ull << 30;
-
-// Reads exactly `count` bytes unless the file ends first; -1 on error,
-// otherwise the number of bytes read.
-long long ReadFully(int fd, unsigned char* data, unsigned long long count) {
-  unsigned long long done = 0;
-  while (done < count) {
-    unsigned long long want = count - done;
-    if (want > kMostPerRead) want = kMostPerRead;
-    ssize_t got = ReadSome(fd, data + done, static_cast<size_t>(want));
-    if (got < 0) return -1;
-    if (got == 0) break;
-    done += static_cast<unsigned long long>(got);
-  }
-  return static_cast<long long>(done);
-}
+using system::posixio::kMostPerRead;
+using system::posixio::Open;
+using system::posixio::OpenAt;
+using system::posixio::ReadFully;
+using system::posixio::ReadSome;
+using system::posixio::WriteFully;
 
 // Reads `fd` to its end into the room that `store` keeps. The room starts at
 // the size the file said it has; once that is full, a small read past it
@@ -120,8 +94,7 @@ class StringStore {
 // buffer whose length does not become what was asked refuses the room.
 class BufferStore {
  public:
-  BufferStore(memory::IBuffer* buffer, unsigned long long start)
-      : buffer_(buffer), start_(start) {}
+  BufferStore(memory::IBuffer* buffer, unsigned long long start) : buffer_(buffer), start_(start) {}
   unsigned long long room() const { return buffer_->length() - start_; }
   unsigned char* at(unsigned long long offset) {
     return buffer_->data() + static_cast<size_t>(start_ + offset);
@@ -138,20 +111,6 @@ class BufferStore {
   memory::IBuffer* buffer_;
   unsigned long long start_;
 };
-
-bool WriteFully(int fd, const char* data, size_t count) {
-  size_t done = 0;
-  while (done < count) {
-    ssize_t put = ::write(fd, data + done, count - done);
-    if (put < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    if (put == 0) return false;
-    done += static_cast<size_t>(put);
-  }
-  return true;
-}
 
 // Copies `in` to `out` in chunks of at most 4096 bytes: to the end of `in`
 // when `toEnd`, otherwise exactly `size` bytes, counted down. Both sides are
@@ -199,7 +158,7 @@ bool CopyChunks(int in, int out, bool toEnd, unsigned long long size) {
 // (three). False, with `out` untouched, when opening or reading fails or
 // the file holds more bytes than a string can (SafeString::max_size()).
 bool ReadAfterMark(const SafeString& path, SafeString& out) {
-  Descriptor fd(OpenRetry(path.c_str(), O_RDONLY));
+  Descriptor fd(Open(path.c_str(), O_RDONLY));
   if (!fd.valid()) return false;
   struct stat info;
   unsigned long long said = 0;
@@ -240,12 +199,153 @@ bool WriteWhole(const SafeString& path, const char* data, size_t size) {
   if (!parents.make()) return false;
   bool written = false;
   {
-    Descriptor fd(OpenRetry(parents.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
+    Descriptor fd(Open(parents.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
     if (fd.valid()) {
       written = WriteFully(fd.get(), data, size);
       fd.close();
     }
   }
+  if (!written) parents.rollBack();
+  return written;
+}
+
+// The most symbolic links followed to a save's target, as the system does.
+constexpr int kMostLinks = 40;
+// The longest name of an entry.
+constexpr size_t kLongestName = 255;
+
+// Follows `path` through symbolic links to the entry a save replaces: a
+// relative link is read from the folder of the link. `path` itself when it
+// is no link or does not exist. False after kMostLinks links or when a link
+// cannot be read.
+bool FinalTarget(const SafeString& path, SafeString& target) {
+  SafeString current = path;
+  for (int links = 0; links <= kMostLinks; ++links) {
+    struct stat info;
+    if (::lstat(current.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) {
+      target.swap(current);
+      return true;
+    }
+    char text[PATH_MAX];
+    const ssize_t length = ::readlink(current.c_str(), text, sizeof text);
+    if (length <= 0 || static_cast<size_t>(length) >= sizeof text) return false;
+    SafeString next(text, static_cast<size_t>(length));
+    const size_t slash = current.rfind('/');
+    if (next[0] != '/' && slash != SafeString::npos) next.insert(0, current, 0, slash + 1);
+    current.swap(next);
+  }
+  return false;
+}
+
+// Where a crash-safe save goes: the target's folder and name, and the
+// temporary beside it. Everything is allocated before the first folder of
+// the save is made, so that nothing allocates afterwards.
+struct AtomicPlan {
+  SafeString folder;
+  SafeString name;
+  SafeString temporary;
+};
+
+bool PlanAtomic(const SafeString& path, AtomicPlan& plan) {
+  SafeString target;
+  if (!FinalTarget(path, target)) return false;
+  const size_t slash = target.rfind('/');
+  if (slash == SafeString::npos) {
+    plan.folder = ".";
+    plan.name = target;
+  } else {
+    plan.folder = slash == 0 ? SafeString("/") : target.substr(0, slash);
+    plan.name = target.substr(slash + 1);
+  }
+  if (plan.name.empty() || plan.name == "." || plan.name == "..") return false;
+  // One name per target, cut to stay a valid name; targets that share the
+  // cut name take turns on it like any two savers.
+  plan.temporary = ".";
+  plan.temporary.append(plan.name, 0, kLongestName - 5);
+  plan.temporary += ".tmp";
+  return true;
+}
+
+// Creates the temporary `name` in the folder `folder` and locks it against
+// other savers of the same target. A temporary that is there already (left
+// by a killed save, or another saver's) is locked, removed and made anew, so
+// that a new file always gets a fresh mode. The lock must be on the file the
+// name leads to once it is held: another saver may have renamed the locked
+// file over the target meanwhile, which is then let go and the name opened
+// anew.
+bool LockTemporary(int folder, const char* name, Descriptor& out) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK;
+  for (int attempt = 0; attempt < 1000; ++attempt) {
+    Descriptor fd(OpenAt(folder, name, kFlags | O_EXCL, 0666));
+    const bool created = fd.valid();
+    if (!created && errno == EEXIST) {
+      Descriptor existing(OpenAt(folder, name, kFlags & ~O_CREAT));
+      // Gone between the two opens: made anew on the next round.
+      if (!existing.valid() && errno == ENOENT) continue;
+      fd.swap(existing);
+    }
+    if (!fd.valid()) return false;
+    int locked;
+    do {
+      locked = ::flock(fd.get(), LOCK_EX);
+    } while (locked != 0 && errno == EINTR);
+    struct stat held;
+    if (locked != 0 || ::fstat(fd.get(), &held) != 0 || !S_ISREG(held.st_mode)) {
+      if (created) (void)::unlinkat(folder, name, 0);
+      return false;
+    }
+    struct stat named;
+    if (::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) != 0 || named.st_dev != held.st_dev ||
+        named.st_ino != held.st_ino) {
+      continue;
+    }
+    if (!created) {
+      (void)::unlinkat(folder, name, 0);
+      continue;
+    }
+    out.swap(fd);
+    return true;
+  }
+  return false;
+}
+
+// Writes the temporary of `plan`, syncs it, renames it over the target and
+// syncs the folder. On failure before the rename the temporary is removed
+// and the target untouched. Allocates nothing.
+bool SaveAtomic(const AtomicPlan& plan, const char* data, size_t size) {
+  Descriptor folder(Open(plan.folder.c_str(), O_RDONLY | O_DIRECTORY));
+  if (!folder.valid()) return false;
+  struct stat old;
+  const bool replacing = ::fstatat(folder.get(), plan.name.c_str(), &old, 0) == 0;
+  if (replacing && !S_ISREG(old.st_mode)) return false;
+  Descriptor temporary;
+  if (!LockTemporary(folder.get(), plan.temporary.c_str(), temporary)) return false;
+  bool ok = WriteFully(temporary.get(), data, size);
+  if (ok && replacing) {
+    // The owner where the system allows it (it clears set-id bits, which
+    // the mode then restores), the permission bits always.
+    (void)::fchown(temporary.get(), old.st_uid, old.st_gid);
+    ok = ::fchmod(temporary.get(), old.st_mode & 07777) == 0;
+  }
+  ok = ok && system::posixio::Sync(temporary.get()) &&
+       ::renameat(folder.get(), plan.temporary.c_str(), folder.get(), plan.name.c_str()) == 0;
+  if (!ok) {
+    (void)::unlinkat(folder.get(), plan.temporary.c_str(), 0);
+    return false;
+  }
+  // A file system that cannot sync folders says EINVAL.
+  return system::posixio::Sync(folder.get()) || errno == EINVAL;
+}
+
+// The shared procedure of WriteTextAtomic and WriteBinaryAtomic.
+bool WriteWholeAtomic(const SafeString& path, const char* data, size_t size) {
+  if (path.empty() || FileUtils::IsFolder(path)) return false;
+  detail::ParentFolders parents;
+  parents.plan(path);
+  AtomicPlan plan;
+  if (!PlanAtomic(parents.path(), plan)) return false;
+  if (!parents.make()) return false;
+  const bool written = SaveAtomic(plan, data, size);
   if (!written) parents.rollBack();
   return written;
 }
@@ -303,18 +403,14 @@ SafeString EntryFolder(const SafeString& path) {
 // used to refuse a removal.
 bool AtOrBelow(const SafeString& folder, const Identity& outer) {
   constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  Descriptor current(OpenRetry(folder.c_str(), kFlags));
+  Descriptor current(Open(folder.c_str(), kFlags));
   if (!current.valid()) return true;
   struct stat here;
   if (::fstat(current.get(), &here) != 0) return true;
   // Far deeper than any path that the system accepts.
   for (int depth = 0; depth < 65536; ++depth) {
     if (here.st_dev == outer.device && here.st_ino == outer.inode) return true;
-    int parentFd;
-    do {
-      parentFd = ::openat(current.get(), "..", kFlags);
-    } while (parentFd < 0 && errno == EINTR);
-    Descriptor parent(parentFd);
+    Descriptor parent(OpenAt(current.get(), "..", kFlags));
     struct stat above;
     if (!parent.valid() || ::fstat(parent.get(), &above) != 0) return true;
     // The root is its own parent.
@@ -395,7 +491,7 @@ bool FileUtils::IsFile(const SafeString& path) {
 unsigned long long FileUtils::GetFileSize(const SafeString& path) {
   if (!IsFile(path)) return 0;
   // Non-blocking, so that a FIFO without a writer cannot hold the call.
-  Descriptor fd(OpenRetry(path.c_str(), O_RDONLY | O_NONBLOCK));
+  Descriptor fd(Open(path.c_str(), O_RDONLY | O_NONBLOCK));
   if (!fd.valid()) return 0;
   off_t end = ::lseek(fd.get(), 0, SEEK_END);
   if (end < 0) return 0;
@@ -428,8 +524,8 @@ bool FileUtils::ReadText(const SafeString& path, collection::Vector<SafeString>&
   size_t start = 0;
   while (start < length) {
     const void* found = std::memchr(begin + start, '\n', length - start);
-    size_t end = found == nullptr ? length
-                                  : static_cast<size_t>(static_cast<const char*>(found) - begin);
+    size_t end =
+        found == nullptr ? length : static_cast<size_t>(static_cast<const char*>(found) - begin);
     lines.emplace_back(begin + start, end - start);
     start = end + 1;
   }
@@ -438,7 +534,7 @@ bool FileUtils::ReadText(const SafeString& path, collection::Vector<SafeString>&
 
 bool FileUtils::ReadBinary(const SafeString& path, memory::IBuffer* buffer) {
   if (path.empty()) return false;
-  Descriptor fd(OpenRetry(path.c_str(), O_RDONLY | O_NONBLOCK));
+  Descriptor fd(Open(path.c_str(), O_RDONLY | O_NONBLOCK));
   if (!fd.valid()) return false;
   struct stat info;
   if (::fstat(fd.get(), &info) != 0 || S_ISDIR(info.st_mode)) return false;
@@ -479,10 +575,19 @@ bool FileUtils::WriteText(const SafeString& path, const SafeString& text) {
   return WriteWhole(path, text.data(), text.size());
 }
 
-bool FileUtils::WriteBinary(const SafeString& path, const unsigned char* data,
-                            unsigned int size) {
+bool FileUtils::WriteBinary(const SafeString& path, const unsigned char* data, unsigned int size) {
   if (data == nullptr && size != 0) return false;
   return WriteWhole(path, reinterpret_cast<const char*>(data), size);
+}
+
+bool FileUtils::WriteTextAtomic(const SafeString& path, const SafeString& text) {
+  return WriteWholeAtomic(path, text.data(), text.size());
+}
+
+bool FileUtils::WriteBinaryAtomic(const SafeString& path, const unsigned char* data,
+                                  unsigned int size) {
+  if (data == nullptr && size != 0) return false;
+  return WriteWholeAtomic(path, reinterpret_cast<const char*>(data), size);
 }
 
 bool FileUtils::RemoveFile(const SafeString& path) {
@@ -507,9 +612,9 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
   // Two spellings of one file (or two hard links) would truncate the source.
   if (SameFile(from, to)) return false;
 
-  Descriptor in(OpenRetry(from.c_str(), O_RDONLY | O_NONBLOCK));
+  Descriptor in(Open(from.c_str(), O_RDONLY | O_NONBLOCK));
   if (!in.valid()) return false;
-  Descriptor out(OpenRetry(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
+  Descriptor out(Open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
   if (!out.valid()) return false;
 
   // A regular file is copied to its end, whatever size it says it has

@@ -4,39 +4,17 @@
 #ifndef ZORV_SRC_FILE_FILEINTERNAL_H_
 #define ZORV_SRC_FILE_FILEINTERNAL_H_
 
-#include <unistd.h>
-
-#include <utility>
-
 #include "foundation/collection/vector.h"
 #include "foundation/text/safestring.h"
+#include "system/posixio.h"
 
 namespace zorv {
 namespace foundation {
 namespace file {
 namespace detail {
 
-// Closes a descriptor when it leaves its scope.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() { close(); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-  bool valid() const { return fd_ >= 0; }
-  void swap(Descriptor& other) { std::swap(fd_, other.fd_); }
-  // Closes now; true when the descriptor was open and closing succeeded.
-  bool close() {
-    if (fd_ < 0) return false;
-    int result = ::close(fd_);
-    fd_ = -1;
-    return result == 0;
-  }
-
- private:
-  int fd_;
-};
+// The descriptor holder of the library's POSIX calls.
+using system::posixio::Descriptor;
 
 // Walker flag bits.
 constexpr unsigned int kWalkFolders = 0x80000000u;

@@ -36,14 +36,7 @@ constexpr size_t kCopyChunk = 4096;
 // found; a folder that keeps filling up fails after these many.
 constexpr int kEmptyPasses = 8;
 
-// Opens relative to a folder descriptor, retrying on interruption.
-int OpenAt(int folder, const char* name, int flags, mode_t mode = 0) {
-  int fd;
-  do {
-    fd = ::openat(folder, name, flags | O_CLOEXEC, mode);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
-}
+using system::posixio::OpenAt;
 
 // Opens a folder for listing. `follow` false refuses a link in the last
 // component.
@@ -220,18 +213,6 @@ bool RemoveEntryAt(int parent, const char* name, const FolderId& root) {
   return ::unlinkat(parent, name, AT_REMOVEDIR) == 0;
 }
 
-// Writes all `count` bytes, retrying on interruption.
-bool WriteAll(int fd, const char* data, size_t count) {
-  while (count > 0) {
-    ssize_t put = ::write(fd, data, count);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    data += put;
-    count -= static_cast<size_t>(put);
-  }
-  return true;
-}
-
 // Copies the file `name` of the folder `from` (following a link) to the
 // entry `name` of the folder `to`, which must not be a link or folder. The
 // rules of CopyFile hold: the source must be seekable and is copied up to
@@ -259,9 +240,8 @@ bool CopyFileAt(int from, int to, const char* name) {
   char chunk[kCopyChunk];
   while (ok && remaining > 0) {
     size_t want = remaining < kCopyChunk ? static_cast<size_t>(remaining) : kCopyChunk;
-    ssize_t got = ::read(in.get(), chunk, want);
-    if (got < 0 && errno == EINTR) continue;
-    ok = got > 0 && WriteAll(out.get(), chunk, static_cast<size_t>(got));
+    const ssize_t got = system::posixio::ReadSome(in.get(), chunk, want);
+    ok = got > 0 && system::posixio::WriteFully(out.get(), chunk, static_cast<size_t>(got));
     if (ok) remaining -= static_cast<unsigned long long>(got);
   }
   if (!out.close()) ok = false;

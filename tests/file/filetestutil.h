@@ -1,8 +1,10 @@
-// Small helpers shared by the file-system tests: raw POSIX probes that do
-// not go through the library under test.
+// Small helpers shared by the file-system tests: raw POSIX probes and
+// builders that do not go through the library under test, and the runner
+// of tables of file operations.
 #ifndef ZORV_TESTS_FILE_FILETESTUTIL_H_
 #define ZORV_TESTS_FILE_FILETESTUTIL_H_
 
+#include <dirent.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -10,8 +12,16 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "foundation/text/safestring.h"
+#include "support/tempdir.h"
 
 namespace zorv {
 namespace test {
@@ -19,11 +29,6 @@ namespace test {
 inline bool RawExists(const std::string& path) {
   struct stat info;
   return ::lstat(path.c_str(), &info) == 0;
-}
-
-inline bool RawIsDir(const std::string& path) {
-  struct stat info;
-  return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 // The permission bits of `path`, or -1.
@@ -38,6 +43,62 @@ inline int CurrentUmask() {
   mode_t mask = ::umask(022);
   ::umask(mask);
   return static_cast<int>(mask);
+}
+
+// Makes entries below `base` in order: "name/" a folder, "name->target" a
+// symbolic link, "name=>target" a hard link, "name=text" a file. False at
+// the first that fails.
+inline bool Build(const std::string& base, const std::vector<std::string>& items) {
+  for (const std::string& item : items) {
+    const size_t arrow = item.find("->");
+    const size_t equals = item.find('=');
+    const std::string at = base + "/" + item.substr(0, std::min(arrow, equals));
+    bool ok = false;
+    if (arrow < equals) {
+      ok = ::symlink(item.substr(arrow + 2).c_str(), at.c_str()) == 0;
+    } else if (equals != std::string::npos && item.compare(equals, 2, "=>") == 0) {
+      ok = ::link((base + "/" + item.substr(equals + 2)).c_str(), at.c_str()) == 0;
+    } else if (equals != std::string::npos) {
+      ok = WriteRawFile(at, item.substr(equals + 1));
+    } else if (!item.empty() && item.back() == '/') {
+      ok = ::mkdir(at.c_str(), 0755) == 0;
+    }
+    if (!ok) return false;
+  }
+  return true;
+}
+
+// Everything below `base` in the notation of Build, sorted; links are not
+// followed, and other kinds show as "name?".
+inline std::vector<std::string> Snapshot(const std::string& base, const std::string& prefix = "") {
+  std::vector<std::string> items;
+  DIR* dir = ::opendir((base + "/" + prefix).c_str());
+  if (dir == nullptr) return items;
+  while (struct dirent* entry = ::readdir(dir)) {
+    const std::string name = prefix + entry->d_name;
+    const std::string path = base + "/" + name;
+    struct stat info;
+    if (entry->d_name[0] == '.' &&
+        (entry->d_name[1] == '\0' || std::strcmp(entry->d_name, "..") == 0))
+      continue;
+    if (::lstat(path.c_str(), &info) != 0) continue;
+    if (S_ISDIR(info.st_mode)) {
+      items.push_back(name + "/");
+      for (const std::string& below : Snapshot(base, name + "/")) items.push_back(below);
+    } else if (S_ISLNK(info.st_mode)) {
+      char target[4096];
+      const ssize_t length = ::readlink(path.c_str(), target, sizeof target);
+      items.push_back(name + "->" +
+                      std::string(target, length > 0 ? static_cast<size_t>(length) : 0));
+    } else if (S_ISREG(info.st_mode)) {
+      items.push_back(name + "=" + ReadRawFile(path));
+    } else {
+      items.push_back(name + "?");
+    }
+  }
+  ::closedir(dir);
+  std::sort(items.begin(), items.end());
+  return items;
 }
 
 // Binds a Unix socket at `path`; the descriptor stays open in `fd`.
@@ -76,6 +137,37 @@ class FileSizeLimit {
   void (*oldHandler_)(int);
   bool ok_ = false;
 };
+
+// One call on a fresh folder built from `before` (see Build): its result and
+// the whole folder afterwards.
+struct FileCase {
+  const char* what;
+  std::vector<std::string> before;
+  std::function<bool(const TempDir& base)> call;
+  bool ok;
+  std::vector<std::string> after;
+  rlim_t sizeLimit = 0;
+};
+
+inline void RunFileCases(const std::vector<FileCase>& cases) {
+  for (const FileCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir base;
+    ASSERT_TRUE(zorv::test::Build(base.path(), c.before));
+    {
+      FileSizeLimit limit(c.sizeLimit != 0 ? c.sizeLimit : RLIM_INFINITY);
+      EXPECT_EQ(c.call(base), c.ok);
+    }
+    std::vector<std::string> after = c.after;
+    std::sort(after.begin(), after.end());
+    EXPECT_EQ(Snapshot(base.path()), after);
+  }
+}
+
+// `relative` below `base`; an absolute or empty path as it is.
+inline zorv::foundation::SafeString At(const TempDir& base, const std::string& relative) {
+  return (relative.empty() || relative[0] == '/' ? relative : base / relative).c_str();
+}
 
 }  // namespace test
 }  // namespace zorv

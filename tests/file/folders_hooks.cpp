@@ -3,7 +3,9 @@
 // - openat: swaps a named entry for a link just before it is opened, the
 //   race a tree walk has to survive;
 // - MemoryMonitor::Alloc: once fault injection has failed one allocation,
-//   fails every later one too, so that clean-up which needs memory shows.
+//   fails every later one too, so that clean-up which needs memory shows;
+// - write, fsync and renameat: logged in order while a log is set, so that
+//   a test sees the order of a save's system calls.
 // This file includes no <fcntl.h>, whose declarations of openat may be
 // renamed (64-bit offsets) or wrapped (fortified builds).
 #include <dlfcn.h>
@@ -51,6 +53,16 @@ int OpenAtHooked(int folder, const char* path, int flags, va_list args) {
   return static_cast<int>(::syscall(SYS_openat, folder, path, flags | kLargeFile, mode));
 }
 
+char* g_log = nullptr;
+int g_logRoom = 0;
+int g_logUsed = 0;
+
+void LogCall(char c) {
+  if (g_log == nullptr || g_logUsed + 1 >= g_logRoom) return;
+  g_log[g_logUsed++] = c;
+  g_log[g_logUsed] = '\0';
+}
+
 std::atomic<bool> g_sticky{false};
 std::atomic<bool> g_failing{false};
 
@@ -74,6 +86,35 @@ extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int
 extern "C" void ZorvTestStickyAllocFailure(bool on) {
   g_failing.store(false);
   g_sticky.store(on);
+}
+
+// While `log` is not null, each write appends 'w', each fsync 'f' (of a
+// file) or 'd' (of a folder) and each renameat 'r' to it, kept
+// NUL-terminated within `room` bytes.
+extern "C" void ZorvTestLogCalls(char* log, int room) {
+  g_logUsed = 0;
+  g_logRoom = room;
+  if (log != nullptr && room > 0) log[0] = '\0';
+  g_log = log;
+}
+
+extern "C" ssize_t write(int fd, const void* data, size_t count) {
+  LogCall('w');
+  return ::syscall(SYS_write, fd, data, count);
+}
+
+extern "C" int fsync(int fd) {
+  struct stat info;
+  if (g_log != nullptr) LogCall(::fstat(fd, &info) == 0 && S_ISDIR(info.st_mode) ? 'd' : 'f');
+  return static_cast<int>(::syscall(SYS_fsync, fd));
+}
+
+extern "C" int renameat(int fromFolder, const char* from, int toFolder, const char* to) {
+  using RenameAtFunction = int (*)(int, const char*, int, const char*);
+  static const RenameAtFunction real =
+      reinterpret_cast<RenameAtFunction>(::dlsym(RTLD_NEXT, "renameat"));
+  LogCall('r');
+  return real(fromFolder, from, toFolder, to);
 }
 
 extern "C" int openat(int folder, const char* path, int flags, ...) {

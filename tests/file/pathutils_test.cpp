@@ -1,5 +1,6 @@
-// Tests of the pure path functions of FileUtils: tables of edge cases and
-// property tests over random paths.
+// Tests of the pure path functions of FileUtils: one table of edge cases and
+// a property test over random paths against a reference splitter.
+
 #include <random>
 #include <string>
 #include <vector>
@@ -14,157 +15,81 @@ namespace {
 using zorv::foundation::SafeString;
 using zorv::foundation::file::FileUtils;
 
-class PathUtilsTest : public zorv::test::LeakCheckedTest {};
-
-struct OneArgCase {
-  const char* input;
-  const char* expected;
-};
+using PathUtilsTest = zorv::test::LeakCheckedTest;
 
 std::string S(const SafeString& s) { return std::string(s.data(), s.size()); }
+SafeString Safe(const std::string& s) { return SafeString(s.data(), s.size()); }
 
-void CheckTable(const char* what, SafeString (*function)(const SafeString&),
-                const std::vector<OneArgCase>& cases) {
-  for (const OneArgCase& c : cases) {
-    SCOPED_TRACE(std::string(what) + "('" + c.input + "')");
-    EXPECT_EQ(S(function(c.input)), c.expected);
-  }
+// Every function over one path, or LinkPath(path, second) when `second` is
+// set.
+std::string Apply(char function, const std::string& path, const char* second) {
+  using Function = SafeString (*)(const SafeString&);
+  static const Function kFunctions[] = {&FileUtils::GetFileName, &FileUtils::GetFileExt,
+                                        &FileUtils::GetNoExtFileName, &FileUtils::GetFolderPath,
+                                        &FileUtils::GetNoExtPath};
+  if (function == 'l') return S(FileUtils::LinkPath(Safe(path), second));
+  return S(kFunctions[std::string("nesfx").find(function)](Safe(path)));
 }
 
-TEST_F(PathUtilsTest, GetFileName) {
-  CheckTable("GetFileName", &FileUtils::GetFileName,
-             {{"", ""},
-              {"dir/file.txt", "file.txt"},
-              {"dir/sub/", "sub"},
-              {"/", "/"},
-              {"///", "/"},
-              {"C:\\data\\x.bin", "x.bin"},
-              {"name", "name"},
-              {"a\\b/c", "c"},
-              {"./x/../y", "y"},
-              {"..", ".."},
-              {"//server\\share\\f", "f"}});
-}
-
-TEST_F(PathUtilsTest, GetFileExt) {
-  CheckTable("GetFileExt", &FileUtils::GetFileExt,
-             {{"", ""},
-              {".profile", "profile"},
-              {".bashrc", "bashrc"},
-              {"archive.tar.gz", "gz"},
-              {"name.", ""},
-              {"name", ""},
-              {"dir.d/file", ""},
-              {"/a/b.TXT", "TXT"},
-              {"a.b\\c.d", "d"},
-              {"/", ""}});
-}
-
-TEST_F(PathUtilsTest, GetNoExtFileName) {
-  CheckTable("GetNoExtFileName", &FileUtils::GetNoExtFileName,
-             {{"", ""},
-              {".profile", ""},
-              {".bashrc", ""},
-              {"archive.tar.gz", "archive.tar"},
-              {"name.", "name"},
-              {"name", "name"},
-              {"dir.d/file", "file"},
-              {"/x/y.z/", "y"},
-              {"/", "/"}});
-}
-
-TEST_F(PathUtilsTest, GetFolderPath) {
-  CheckTable("GetFolderPath", &FileUtils::GetFolderPath,
-             {{"", ""},
-              {"/a/b/c", "/a/b"},
-              {"a\\b\\", "a"},
-              {"/a", "/"},
-              {"a", ""},
-              {"/", ""},
-              {"a\\b/c", "a/b"},
-              {"//server\\share\\f", "/server/share"},
-              {"/usr//lib/", "/usr"},
-              {"./x/../y", "./x/.."}});
-}
-
-TEST_F(PathUtilsTest, GetNoExtPath) {
-  CheckTable("GetNoExtPath", &FileUtils::GetNoExtPath,
-             {{"", ""},
-              {"/a/b.txt", "/a/b"},
-              {"a\\b\\c.d.e", "a/b/c.d"},
-              {"/a/.rc", "/a/"},
-              {"/", "/"},
-              {"name", "name"},
-              {"x.y/z", "x.y/z"},
-              {"//a//b.c//", "/a/b"}});
-}
-
-TEST_F(PathUtilsTest, LinkPath) {
+TEST_F(PathUtilsTest, Table) {
+  const std::string zeroInName = std::string("dir/fi\0le.txt/next", 18);
+  const std::string zeroInLast = std::string("dir/na\0me.ext", 13);
   struct Case {
-    const char* first;
-    const char* second;
+    char function;  // n name, e ext, s stem, f folder, x no-ext path, l LinkPath
+    std::string path;
     const char* expected;
+    const char* second = nullptr;
   };
-  const Case cases[] = {
-      {"/opt/app", "conf/x.ini", "/opt/app/conf/x.ini"},
-      {"a/", "b", "a/b"},
-      {"/a", "/b", "/a//b"},
-      {"", "", ""},
-      {"", "b", "b"},
-      {"a", "", "a"},
-      {"", "/b", "/b"},
-      {"a\\b", "c\\\\d", "a/b/c/d"},
-      {"/", "/", "//"},
-      {"a/..", "../b", "a/../../b"},
-  };
+  // clang-format off
+  const std::vector<Case> cases = {
+      {'n', "", ""}, {'n', "dir/file.txt", "file.txt"}, {'n', "dir/sub/", "sub"}, {'n', "/", "/"},
+      {'n', "///", "/"}, {'n', "C:\\data\\x.bin", "x.bin"}, {'n', "a\\b/c", "c"}, {'n', "..", ".."},
+      {'n', "./x/../y", "y"}, {'n', "//server\\share\\f", "f"}, {'n', zeroInName, "next"},
+      {'n', zeroInLast, "na"}, {'e', "", ""}, {'e', ".profile", "profile"}, {'e', "name.", ""},
+      {'e', "archive.tar.gz", "gz"}, {'e', "name", ""}, {'e', "dir.d/file", ""}, {'e', "/", ""},
+      {'e', "/a/b.TXT", "TXT"}, {'e', "a.b\\c.d", "d"}, {'e', zeroInLast, ""}, {'s', "", ""},
+      {'s', ".profile", ""}, {'s', "archive.tar.gz", "archive.tar"}, {'s', "name.", "name"},
+      {'s', "dir.d/file", "file"}, {'s', "/x/y.z/", "y"}, {'s', "/", "/"}, {'f', "", ""},
+      {'f', "/a/b/c", "/a/b"}, {'f', "a\\b\\", "a"}, {'f', "/a", "/"}, {'f', "a", ""}, {'f', "/", ""},
+      {'f', "//server\\share\\f", "/server/share"}, {'f', "/usr//lib/", "/usr"},
+      {'f', "./x/../y", "./x/.."}, {'f', zeroInName, "dir/fi"}, {'x', "", ""}, {'x', "/", "/"},
+      {'x', "/a/b.txt", "/a/b"}, {'x', "a\\b\\c.d.e", "a/b/c.d"}, {'x', "/a/.rc", "/a/"},
+      {'x', "x.y/z", "x.y/z"}, {'x', "//a//b.c//", "/a/b"}, {'l', "a/", "a/b", "b"},
+      {'l', "/opt/app", "/opt/app/conf/x.ini", "conf/x.ini"}, {'l', "/a", "/a//b", "/b"},
+      {'l', "", "", ""}, {'l', "", "b", "b"}, {'l', "a", "a", ""}, {'l', "", "/b", "/b"},
+      {'l', "a\\b", "a/b/c/d", "c\\\\d"}, {'l', "/", "//", "/"}, {'l', "a/..", "a/../../b", "../b"}};
+  // clang-format on
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::string("LinkPath('") + c.first + "', '" + c.second + "')");
-    EXPECT_EQ(S(FileUtils::LinkPath(c.first, c.second)), c.expected);
+    SCOPED_TRACE(std::string(1, c.function) + "('" + c.path + "'" +
+                 (c.second != nullptr ? std::string(", '") + c.second + "'" : "") + ")");
+    EXPECT_EQ(Apply(c.function, c.path, c.second), c.expected);
   }
 }
-
-TEST_F(PathUtilsTest, EmbeddedZeroEndsItsComponent) {
-  SafeString path("dir/fi", 6);
-  path.push_back('\0');
-  path += "le.txt/next";
-  EXPECT_EQ(S(FileUtils::GetFolderPath(path)), "dir/fi");
-  EXPECT_EQ(S(FileUtils::GetFileName(path)), "next");
-  SafeString tail("dir/na", 6);
-  tail.push_back('\0');
-  tail += "me.ext";
-  EXPECT_EQ(S(FileUtils::GetFileName(tail)), "na");
-  EXPECT_EQ(S(FileUtils::GetFileExt(tail)), "");
-}
-
-// ---- Property tests over random paths -------------------------------------
 
 // A random path of '/', '\', '.', '..' and short names.
 std::string RandomPath(std::mt19937& random) {
-  static const char* const kPieces[] = {"/", "\\", ".", "..", "a", "bc", "d.e", ".f", "g.",
-                                        "h.i.j", "//", "\\\\", "k"};
+  static const char* const kPieces[] = {"/",  "\\", ".",     "..", "a",    "bc", "d.e",
+                                        ".f", "g.", "h.i.j", "//", "\\\\", "k"};
   std::uniform_int_distribution<int> count(0, 8);
-  std::uniform_int_distribution<int> piece(0, static_cast<int>(sizeof(kPieces) / sizeof(kPieces[0])) - 1);
+  std::uniform_int_distribution<int> piece(0, 12);
   std::string path;
   for (int n = count(random); n > 0; --n) path += kPieces[piece(random)];
   return path;
 }
 
-// What the splitter should produce, written independently: components
-// between separators, with a root marker for a leading separator.
+// The components, written independently: the text between separators, and
+// a root "/" for a leading separator.
 std::vector<std::string> ReferenceSplit(const std::string& path) {
   std::vector<std::string> parts;
   std::string current;
-  for (size_t i = 0; i < path.size(); ++i) {
-    char c = path[i];
-    if (c == '/' || c == '\\') {
-      if (!current.empty()) {
-        parts.push_back(current);
-        current.clear();
-      } else if (parts.empty()) {
-        parts.push_back("/");
-      }
-    } else {
+  for (char c : path) {
+    if (c != '/' && c != '\\') {
       current += c;
+    } else if (!current.empty()) {
+      parts.push_back(current);
+      current.clear();
+    } else if (parts.empty()) {
+      parts.push_back("/");
     }
   }
   if (!current.empty()) parts.push_back(current);
@@ -180,65 +105,30 @@ std::string ReferenceJoin(const std::vector<std::string>& parts) {
   return result;
 }
 
-TEST_F(PathUtilsTest, RandomPathsKeepTheSplitAndJoinInvariants) {
+TEST_F(PathUtilsTest, RandomPathsMatchTheReferenceSplitAndJoin) {
   std::mt19937 random(20261122);
   for (int round = 0; round < 3000; ++round) {
     const std::string path = RandomPath(random);
-    SCOPED_TRACE("path '" + path + "'");
+    const std::string other = RandomPath(random);
+    SCOPED_TRACE("paths '" + path + "', '" + other + "'");
     const std::vector<std::string> parts = ReferenceSplit(path);
-    const std::string normal = ReferenceJoin(parts);
-
-    const std::string name = S(FileUtils::GetFileName(path.c_str()));
-    const std::string folder = S(FileUtils::GetFolderPath(path.c_str()));
-    const std::string ext = S(FileUtils::GetFileExt(path.c_str()));
-    const std::string stem = S(FileUtils::GetNoExtFileName(path.c_str()));
-    const std::string noExt = S(FileUtils::GetNoExtPath(path.c_str()));
-
-    // The name is the last component; the folder is the rest, joined.
-    EXPECT_EQ(name, parts.empty() ? "" : parts.back());
     std::vector<std::string> rest = parts;
     if (!rest.empty()) rest.pop_back();
-    EXPECT_EQ(folder, ReferenceJoin(rest));
-
-    // Output never holds a backslash, and only a leading root doubles up.
-    EXPECT_EQ(folder.find('\\'), std::string::npos);
-    EXPECT_EQ(noExt.find('\\'), std::string::npos);
-    EXPECT_EQ(folder.find("//"), std::string::npos);
-
-    // Normalisation is idempotent: linking a path to nothing normalises it,
-    // and normalising again changes nothing.
-    const std::string linked = S(FileUtils::LinkPath(path.c_str(), ""));
-    EXPECT_EQ(linked, normal);
-    EXPECT_EQ(S(FileUtils::LinkPath(linked.c_str(), "")), linked);
-
-    // Folder and name put back together give the normalised path (except
-    // where the folder is empty and the name is the whole path).
-    if (!parts.empty()) {
-      EXPECT_EQ(S(FileUtils::LinkPath(folder.c_str(), name.c_str())), normal);
-    }
-
-    // Stem and extension recompose the name.
-    if (name.find('.') != std::string::npos) {
-      EXPECT_EQ(stem + "." + ext, name);
-    } else {
-      EXPECT_EQ(stem, name);
-      EXPECT_EQ(ext, "");
-    }
+    const std::string name = Apply('n', path, nullptr);
+    const std::string ext = Apply('e', path, nullptr);
+    const std::string stem = Apply('s', path, nullptr);
+    EXPECT_EQ(name, parts.empty() ? "" : parts.back());
+    EXPECT_EQ(Apply('f', path, nullptr), ReferenceJoin(rest));
+    EXPECT_EQ(Apply('l', path, ""), ReferenceJoin(parts));
+    EXPECT_EQ(name.find('.') == std::string::npos ? stem : stem + "." + ext, name);
     EXPECT_EQ(ext.find('.'), std::string::npos);
-
-    // The extension-less path is the folder linked with the stem.
     if (!parts.empty()) {
-      std::vector<std::string> withStem = rest;
-      withStem.push_back(stem);
-      EXPECT_EQ(noExt, ReferenceJoin(withStem));
+      rest.push_back(stem);
+      EXPECT_EQ(Apply('x', path, nullptr), ReferenceJoin(rest));
     }
-
-    // Linking two random paths concatenates their components.
-    const std::string other = RandomPath(random);
     std::vector<std::string> both = parts;
     for (const std::string& part : ReferenceSplit(other)) both.push_back(part);
-    EXPECT_EQ(S(FileUtils::LinkPath(path.c_str(), other.c_str())), ReferenceJoin(both))
-        << "second '" << other << "'";
+    EXPECT_EQ(Apply('l', path, other.c_str()), ReferenceJoin(both));
   }
 }
 

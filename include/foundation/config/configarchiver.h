@@ -120,6 +120,12 @@ class ZORV_FOUNDATION_EXPORT Archiver {
   // std::bad_alloc). The table is unchanged either way.
   bool saveAs(const SafeString& path);
 
+  // As saveAs (the same text, the same refusals), written through
+  // FileUtils::WriteTextAtomic: a crash or power cut leaves the old file or
+  // the new one, never a mix; a link is followed and the file it leads to
+  // replaced, keeping its permission bits.
+  bool saveAsAtomic(const SafeString& path);
+
  private:
   void parse(detail::IDataReader& reader);
 

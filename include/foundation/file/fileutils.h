@@ -156,6 +156,31 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   [[nodiscard]] static bool WriteBinary(const SafeString& path, const unsigned char* data,
                                         unsigned int size);
 
+  // As WriteText (same path handling, parent folders made and removed again
+  // alike), but crash-safe: the text goes to a temporary file '.' + name +
+  // '.tmp' (the name cut to fit) in the target's folder, which is synced,
+  // renamed over the target and followed by a sync of the folder. Whenever
+  // the process or the system stops, the target holds either its old or its
+  // new contents, never a mix or nothing. The new file keeps the permission
+  // bits (and, where allowed, the owner) of the file it replaces; a new
+  // target gets the mode WriteText would give it (0666 less the umask). A
+  // symbolic link (also a chain, or a relative one) is followed to its final
+  // target, which is replaced; the link stays. Two callers saving the same
+  // target (in one process or two) take turns: a call waits while another
+  // saves it. False when WriteText would fail, when links loop, when the
+  // target is not a regular file (a device or FIFO cannot be replaced this
+  // way), or when the temporary cannot be made, written, synced or renamed;
+  // the target is then untouched and no temporary stays behind. False as well
+  // when the folder cannot be synced after the rename (the target holds the
+  // new contents, which a power cut may still undo). A temporary left by a
+  // process killed while saving is removed and made anew by the next save.
+  [[nodiscard]] static bool WriteTextAtomic(const SafeString& path, const SafeString& text);
+
+  // As WriteTextAtomic, with `size` bytes from `data` (which may be null
+  // when `size` is 0).
+  [[nodiscard]] static bool WriteBinaryAtomic(const SafeString& path, const unsigned char* data,
+                                              unsigned int size);
+
   // Deletes one file (never a folder). False when the path is not a file or
   // the removal fails.
   [[nodiscard]] static bool RemoveFile(const SafeString& path);

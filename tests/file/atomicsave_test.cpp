@@ -1,0 +1,188 @@
+// Tests of the crash-safe saves: FileUtils::WriteTextAtomic and
+// WriteBinaryAtomic, and Archiver::saveAsAtomic.
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "file/filetestutil.h"
+#include "foundation/config/configarchiver.h"
+#include "foundation/file/fileutils.h"
+#include "support/boundedwait.h"
+#include "support/leakcheck.h"
+#include "support/tempdir.h"
+
+extern "C" void ZorvTestLogCalls(char* log, int room);
+
+namespace {
+
+using zorv::foundation::SafeString;
+using zorv::foundation::config::Archiver;
+using zorv::foundation::file::FileUtils;
+using zorv::test::RawExists;
+using zorv::test::RawMode;
+using zorv::test::ReadRawFile;
+using zorv::test::Snapshot;
+using zorv::test::TempDir;
+
+using AtomicSaveTest = zorv::test::LeakCheckedTest;
+
+SafeString Safe(const std::string& s) { return SafeString(s.data(), s.size()); }
+
+// The three savers over `path`: 0 WriteTextAtomic, 1 WriteBinaryAtomic,
+// 2 saveAsAtomic; kSaved[saver] is what each writes.
+const std::string kText("text\0with zero\n", 15);
+const std::string kSaved[] = {kText, kText, "[s]\nport = 80\n\n"};
+const char* const kSaverNames[] = {"WriteTextAtomic", "WriteBinaryAtomic", "saveAsAtomic"};
+
+bool Save(int saver, const SafeString& path) {
+  if (saver == 0) return FileUtils::WriteTextAtomic(path, Safe(kText));
+  const unsigned char* bytes = reinterpret_cast<const unsigned char*>(kText.data());
+  if (saver == 1) return FileUtils::WriteBinaryAtomic(path, bytes, 15);
+  Archiver archiver;
+  return archiver.setValue("s", "port", "80") && archiver.saveAsAtomic(path);
+}
+
+TEST_F(AtomicSaveTest, Cases) {
+  const int newMode = 0666 & ~zorv::test::CurrentUmask();
+  struct Case {
+    const char* what;
+    std::vector<std::string> before;  // see Build; '$' stands for the folder
+    std::string path;
+    bool ok;
+    // The file the save replaces: its mode is set before the save when it
+    // exists, and expected afterwards, with the saved bytes, on success.
+    std::string written;
+    int mode;
+    // The folder afterwards but for `written` (see Snapshot).
+    std::vector<std::string> after;
+    rlim_t sizeLimit = 0;
+  };
+  // clang-format off
+  const std::vector<Case> cases = {
+      {"new file", {}, "new", true, "new", newMode, {}},
+      {"existing mode kept", {"old=o"}, "old", true, "old", 0640, {}},
+      {"stale temporary replaced", {"t=o", ".t.tmp=stale"}, "t", true, "t", 0600, {}},
+      {"relative link from a subfolder", {"real/", "sub/", "real/t=o", "sub/l->../real/t"}, "sub/l",
+       true, "real/t", 0604, {"real/", "sub/", "sub/l->../real/t"}},
+      {"absolute link to a relative link", {"t=o", "rel->t", "abs->$/rel"}, "abs", true, "t", 0600,
+       {"abs->$/rel", "rel->t"}},
+      {"missing parents made", {}, "x/y/z", true, "x/y/z", newMode, {"x/", "x/y/"}},
+      {"parent is a file", {"f=o"}, "f/z", false, "", 0, {"f=o"}},
+      {"target is a folder", {"d/"}, "d", false, "", 0, {"d/"}},
+      {"link loop", {"loop->loop"}, "loop", false, "", 0, {"loop->loop"}},
+      {"read-only folder", {"ro/"}, "ro/t", false, "ro", 0555, {"ro/"}},
+      {"write fails", {"t=o"}, "t", false, "t", 0600, {"t=o"}, 4},
+      {"empty path", {}, "", false, "", 0, {}}};
+  // clang-format on
+  for (int saver = 0; saver < 3; ++saver) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(std::string(kSaverNames[saver]) + ": " + c.what);
+      if (::geteuid() == 0 && c.written == "ro") continue;
+      TempDir base;
+      std::vector<std::string> before = c.before;
+      std::vector<std::string> after = c.after;
+      for (std::vector<std::string>* list : {&before, &after}) {
+        for (std::string& item : *list) {
+          if (item.find('$') != std::string::npos) item.replace(item.find('$'), 1, base.path());
+        }
+      }
+      ASSERT_TRUE(zorv::test::Build(base.path(), before));
+      if (!c.written.empty())
+        (void)::chmod((base / c.written).c_str(), static_cast<mode_t>(c.mode));
+      const SafeString path = c.path.empty() ? SafeString() : Safe(base / c.path);
+      {
+        zorv::test::FileSizeLimit limit(c.sizeLimit != 0 ? c.sizeLimit : RLIM_INFINITY);
+        EXPECT_EQ(Save(saver, path), c.ok);
+      }
+      if (c.ok) {
+        after.push_back(c.written + "=" + kSaved[saver]);
+        std::sort(after.begin(), after.end());
+        EXPECT_EQ(RawMode(base / c.written), c.mode);
+      }
+      EXPECT_EQ(Snapshot(base.path()), after);
+    }
+  }
+}
+
+// A FIFO as the target is refused without waiting on it.
+TEST_F(AtomicSaveTest, FifoTargetIsRefused) {
+  TempDir base;
+  ASSERT_EQ(::mkfifo((base / "p").c_str(), 0644), 0);
+  EXPECT_FALSE(FileUtils::WriteTextAtomic(Safe(base / "p"), "x"));
+  EXPECT_EQ(Snapshot(base.path()), std::vector<std::string>{"p?"});
+}
+
+TEST_F(AtomicSaveTest, SyncsTheFileThenRenamesThenSyncsTheFolder) {
+  TempDir base;
+  for (int saver = 0; saver < 3; ++saver) {
+    // A new target, then one that is replaced.
+    for (const char* round : {": new", ": existing"}) {
+      SCOPED_TRACE(std::string(kSaverNames[saver]) + round);
+      char log[64];
+      ZorvTestLogCalls(log, sizeof log);
+      const bool saved = Save(saver, Safe(base / kSaverNames[saver]));
+      ZorvTestLogCalls(nullptr, 0);
+      EXPECT_TRUE(saved);
+      std::string order(log);
+      order.erase(std::unique(order.begin(), order.end()), order.end());
+      EXPECT_EQ(order, "wfrd");
+    }
+  }
+}
+
+// A child saves two contents of 64 KiB and more in turn until it is killed
+// at a random moment: the target then holds one of them whole, and the next
+// save leaves the target alone in its folder.
+TEST_F(AtomicSaveTest, KilledSaveLeavesOneWholeVersion) {
+  TempDir base;
+  const std::string target = base / "data";
+  std::string first(64 * 1024 + 17, '\0');
+  std::string second(96 * 1024, '\0');
+  for (size_t i = 0; i < first.size(); ++i) first[i] = static_cast<char>('a' + i % 23);
+  for (size_t i = 0; i < second.size(); ++i) second[i] = static_cast<char>('A' + i % 19);
+  const SafeString firstText = Safe(first);
+  const SafeString secondText = Safe(second);
+  const SafeString path = Safe(target);
+  ASSERT_TRUE(FileUtils::WriteTextAtomic(path, firstText));
+  const bool slow = zorv::test::SlowTarget();
+  const int kills = slow ? 60 : 200;
+  const unsigned int spanMicros = slow ? 40000 : 3000;
+  std::mt19937 random(20261125);
+  int stale = 0;
+  for (int kill = 0; kill < kills; ++kill) {
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      for (unsigned int n = 0;; ++n)
+        (void)FileUtils::WriteTextAtomic(path, n % 2 ? firstText : secondText);
+    }
+    // The moment of the kill, not a wait for anything.
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % spanMicros));
+    ASSERT_EQ(::kill(child, SIGKILL), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    bool read = false;
+    const std::string now = ReadRawFile(target, &read);
+    ASSERT_TRUE(read) << "kill " << kill;
+    ASSERT_TRUE(now == first || now == second) << "kill " << kill << ": " << now.size() << " bytes";
+    if (RawExists(base / ".data.tmp")) ++stale;
+    ASSERT_TRUE(FileUtils::WriteTextAtomic(path, firstText));
+    ASSERT_EQ(Snapshot(base.path()), std::vector<std::string>{"data=" + first}) << "kill " << kill;
+  }
+  // Not a check: how many kills hit a save before its rename.
+  RecordProperty("stale_temporaries", stale);
+}
+
+}  // namespace
