@@ -2,7 +2,9 @@
 //
 // Statistics live in a fixed open-addressing table. A category/operation
 // pair is entered once under a mutex; after that, completing a scope finds
-// its entry and updates it with atomic operations only.
+// its entry and updates it with atomic operations only: the total, the
+// histogram bucket of its duration (the count is the sum of the buckets) and,
+// rarely, the maximum.
 //
 // Names are kept by pthread_t for as long as their thread lives: a thread
 // that names itself gets a value under a thread-specific key, whose
@@ -27,10 +29,16 @@ namespace {
 struct Stat {
   std::atomic<const char*> category;  // published last, with release
   const char* operation;
-  std::atomic<unsigned long long> count;
   std::atomic<unsigned long long> total;
   std::atomic<unsigned long long> max;
+  std::atomic<unsigned long long> buckets[internal::kTimingBuckets];
 };
+
+unsigned long long CountOf(const Stat& stat) {
+  unsigned long long count = 0;
+  for (const auto& bucket : stat.buckets) count += bucket.load(std::memory_order_relaxed);
+  return count;
+}
 
 constexpr unsigned int kStatCount = 1024;
 Stat g_stats[kStatCount];
@@ -182,7 +190,7 @@ ChronoMonitor::Chronometer::~Chronometer() {
   const unsigned long long elapsed = internal::MonotonicNanos() - start_;
   Stat* stat = FindCached(category_, operation_);
   if (stat == nullptr) return;
-  stat->count.fetch_add(1, std::memory_order_relaxed);
+  stat->buckets[internal::TimingBucket(elapsed)].fetch_add(1, std::memory_order_relaxed);
   stat->total.fetch_add(elapsed, std::memory_order_relaxed);
   unsigned long long seen = stat->max.load(std::memory_order_relaxed);
   while (elapsed > seen &&
@@ -192,7 +200,7 @@ ChronoMonitor::Chronometer::~Chronometer() {
 
 unsigned long long ChronoMonitor::Count(const char* category, const char* operation) {
   Stat* stat = Find(category, operation, false);
-  return stat == nullptr ? 0 : stat->count.load(std::memory_order_relaxed);
+  return stat == nullptr ? 0 : CountOf(*stat);
 }
 
 unsigned long long ChronoMonitor::TotalNanos(const char* category, const char* operation) {
@@ -261,8 +269,17 @@ void VisitChrono(ChronoVisitor visit, void* context) {
   for (Stat& stat : g_stats) {
     const char* c = stat.category.load(std::memory_order_acquire);
     if (c == nullptr) continue;
-    visit(context, c, stat.operation, stat.count.load(std::memory_order_relaxed),
-          stat.total.load(std::memory_order_relaxed), stat.max.load(std::memory_order_relaxed));
+    TimingStats stats;
+    stats.category = c;
+    stats.operation = stat.operation;
+    stats.count = 0;
+    for (unsigned int b = 0; b < kTimingBuckets; ++b) {
+      stats.buckets[b] = stat.buckets[b].load(std::memory_order_relaxed);
+      stats.count += stats.buckets[b];
+    }
+    stats.totalNanos = stat.total.load(std::memory_order_relaxed);
+    stats.maxNanos = stat.max.load(std::memory_order_relaxed);
+    visit(context, stats);
   }
 }
 

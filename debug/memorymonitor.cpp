@@ -1,6 +1,7 @@
 // Heap-block accounting without locks.
 //
-// Each thread counts its allocations in a slot of its own (plain relaxed
+// Each thread counts its allocations (blocks, bytes and blocks per size
+// class) in a slot of its own (plain relaxed
 // loads and stores, no read-modify-write), so that Alloc and Dealloc cost one
 // malloc or free and two uncontended stores. A slot outlives its thread: on
 // exit the thread gives the slot back and a later thread adopts it together
@@ -13,6 +14,8 @@
 
 #include <atomic>
 
+#include "internal.h"
+
 namespace zorv {
 namespace foundation {
 namespace debug {
@@ -22,6 +25,7 @@ struct alignas(64) Slot {
   std::atomic<long long> blocks;
   std::atomic<long long> bytes;
   std::atomic<int> taken;
+  std::atomic<long long> classes[internal::kSizeClasses];
 };
 
 constexpr int kSlotCount = 256;
@@ -75,14 +79,17 @@ Slot* AcquireSlot() {
   return &g_shared;
 }
 
-inline void Account(long long blocks, long long bytes) {
+inline void Account(long long blocks, long long bytes, unsigned int sizeClass) {
   Slot* slot = t_slot;
   if (slot == nullptr) slot = AcquireSlot();
   if (slot == nullptr || slot == &g_shared) {
     g_shared.blocks.fetch_add(blocks, std::memory_order_relaxed);
     g_shared.bytes.fetch_add(bytes, std::memory_order_relaxed);
+    g_shared.classes[sizeClass].fetch_add(blocks, std::memory_order_relaxed);
     return;
   }
+  std::atomic<long long>& perClass = slot->classes[sizeClass];
+  perClass.store(perClass.load(std::memory_order_relaxed) + blocks, std::memory_order_relaxed);
   slot->blocks.store(slot->blocks.load(std::memory_order_relaxed) + blocks,
                      std::memory_order_relaxed);
   slot->bytes.store(slot->bytes.load(std::memory_order_relaxed) + bytes,
@@ -113,14 +120,14 @@ unsigned char* MemoryMonitor::Alloc(unsigned int size) {
   }
   void* block = malloc(size != 0 ? size : 1);
   if (block == nullptr) return nullptr;
-  Account(1, static_cast<long long>(size));
+  Account(1, static_cast<long long>(size), internal::SizeClass(size));
   return static_cast<unsigned char*>(block);
 }
 
 void MemoryMonitor::Dealloc(unsigned char* block, unsigned int size) {
   if (block == nullptr) return;
   free(block);
-  Account(-1, -static_cast<long long>(size));
+  Account(-1, -static_cast<long long>(size), internal::SizeClass(size));
 }
 
 unsigned long long MemoryMonitor::LiveBlocks() {
@@ -135,6 +142,16 @@ void MemoryMonitor::FailAfter(unsigned int n) {
   g_failAfter.store(n, std::memory_order_relaxed);
 }
 
+namespace internal {
+
+void LiveBlocksBySize(long long counts[kSizeClasses]) {
+  for (unsigned int c = 0; c < kSizeClasses; ++c) {
+    counts[c] = g_shared.classes[c].load(std::memory_order_relaxed);
+    for (const Slot& slot : g_slots) counts[c] += slot.classes[c].load(std::memory_order_relaxed);
+  }
+}
+
+}  // namespace internal
 }  // namespace debug
 }  // namespace foundation
 }  // namespace zorv
