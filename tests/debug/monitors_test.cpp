@@ -308,13 +308,12 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
     ChronoMonitor::Chronometer scope("test.Report", "Print");
     if (i % 50 == 49) std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  fflush(stderr);
-  const int saved = dup(2);
-  dup2(open((dir_ / "printed").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+  const int saved = (fflush(stderr), dup(2));
+  const int printed = open((dir_ / "printed").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  dup2(printed, 2);
   zorv::foundation::debug::PrintReport();
-  fflush(stderr);
-  dup2(saved, 2);
-  close(saved);
+  dup2((fflush(stderr), saved), 2);
+  for (const int fd : {saved, printed}) close(fd);
   const std::string text = report(ReportFormat::kText);
   const std::string json = report(ReportFormat::kJson, "report.json");
   for (int& m : marker) ObjectMonitor::_DecLeakEx(&m, "../lang/report", 78, "~ReportedThing");
@@ -368,8 +367,7 @@ TEST_F(MonitorsTest, WriteReportFailsWhenTheDescriptorCannotBeWritten) {
     EXPECT_FALSE(zorv::foundation::debug::WriteReport(fd, ReportFormat::kJson));
   }
   sigset_t pending;
-  sigpending(&pending);
-  EXPECT_FALSE(sigismember(&pending, SIGPIPE));
+  EXPECT_TRUE(sigpending(&pending) == 0 && !sigismember(&pending, SIGPIPE));
   for (const int fd : {readOnly, ends[1], full}) close(fd);
 }
 
@@ -428,9 +426,8 @@ TEST_F(MonitorsTest, SignalWritesReportsThatTheDiffCompares) {
     ok = zorv::test::PollUntil([&] { return rename(path.c_str(), reports[i].c_str()) == 0; });
   }
   kill(child, SIGKILL);
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(ok) << "child status " << status;
+  waitpid(child, nullptr, 0);
+  ASSERT_TRUE(ok) << "no report from the child";
   const long long before = figures(zorv::test::ReadRawFile(reports[0])).objects["LeakedEveryTenMs"];
   const long long after = figures(zorv::test::ReadRawFile(reports[1])).objects["LeakedEveryTenMs"];
   EXPECT_GT(after, before);
