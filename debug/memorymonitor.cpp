@@ -1,7 +1,7 @@
 // Heap-block accounting without locks.
 //
-// Each thread counts its allocations (blocks, bytes and blocks per size
-// class) in a slot of its own (plain relaxed
+// Each thread counts its allocations (bytes, and blocks per size class: the
+// live blocks are their sum) in a slot of its own (plain relaxed
 // loads and stores, no read-modify-write), so that Alloc and Dealloc cost one
 // malloc or free and two uncontended stores. A slot outlives its thread: on
 // exit the thread gives the slot back and a later thread adopts it together
@@ -22,7 +22,6 @@ namespace debug {
 namespace {
 
 struct alignas(64) Slot {
-  std::atomic<long long> blocks;
   std::atomic<long long> bytes;
   std::atomic<int> taken;
   std::atomic<long long> classes[internal::kSizeClasses];
@@ -83,15 +82,12 @@ inline void Account(long long blocks, long long bytes, unsigned int sizeClass) {
   Slot* slot = t_slot;
   if (slot == nullptr) slot = AcquireSlot();
   if (slot == nullptr || slot == &g_shared) {
-    g_shared.blocks.fetch_add(blocks, std::memory_order_relaxed);
     g_shared.bytes.fetch_add(bytes, std::memory_order_relaxed);
     g_shared.classes[sizeClass].fetch_add(blocks, std::memory_order_relaxed);
     return;
   }
   std::atomic<long long>& perClass = slot->classes[sizeClass];
   perClass.store(perClass.load(std::memory_order_relaxed) + blocks, std::memory_order_relaxed);
-  slot->blocks.store(slot->blocks.load(std::memory_order_relaxed) + blocks,
-                     std::memory_order_relaxed);
   slot->bytes.store(slot->bytes.load(std::memory_order_relaxed) + bytes,
                     std::memory_order_relaxed);
 }
@@ -131,7 +127,11 @@ void MemoryMonitor::Dealloc(unsigned char* block, unsigned int size) {
 }
 
 unsigned long long MemoryMonitor::LiveBlocks() {
-  return static_cast<unsigned long long>(Sum(&Slot::blocks));
+  long long counts[internal::kSizeClasses];
+  internal::LiveBlocksBySize(counts);
+  long long total = 0;
+  for (const long long count : counts) total += count;
+  return static_cast<unsigned long long>(total);
 }
 
 unsigned long long MemoryMonitor::LiveBytes() {
