@@ -4,7 +4,8 @@
 // pair is entered once under a mutex; after that, completing a scope finds
 // its entry and updates it with atomic operations only: the total, the
 // histogram bucket of its duration (the count is the sum of the buckets) and,
-// rarely, the maximum.
+// rarely, the maximum. The copies of the texts live in a fixed pool, so that
+// recording a scope never allocates memory.
 //
 // Names are kept by pthread_t for as long as their thread lives: a thread
 // that names itself gets a value under a thread-specific key, whose
@@ -78,10 +79,14 @@ unsigned int HashPair(const char* category, const char* operation) {
   return h;
 }
 
-char* CopyText(const char* text) {
-  const size_t n = strlen(text) + 1;
-  char* copy = static_cast<char*>(malloc(n));
-  if (copy != nullptr) memcpy(copy, text, n);
+// The copies of the texts of the pairs; taken from under g_statMutex.
+char g_textPool[64 * 1024];
+size_t g_textUsed = 0;
+
+char* CopyText(const char* text, size_t size) {
+  char* copy = g_textPool + g_textUsed;
+  memcpy(copy, text, size);
+  g_textUsed += size;
   return copy;
 }
 
@@ -103,15 +108,11 @@ Stat* Find(const char* category, const char* operation, bool create) {
     Stat& stat = g_stats[(start + i) & (kStatCount - 1)];
     const char* c = stat.category.load(std::memory_order_acquire);
     if (c == nullptr) {
-      char* cat = CopyText(category);
-      char* op = CopyText(operation);
-      if (cat == nullptr || op == nullptr) {
-        free(cat);
-        free(op);
-        return nullptr;
-      }
-      stat.operation = op;
-      stat.category.store(cat, std::memory_order_release);
+      const size_t categorySize = strlen(category) + 1;
+      const size_t operationSize = strlen(operation) + 1;
+      if (categorySize + operationSize > sizeof g_textPool - g_textUsed) return nullptr;
+      stat.operation = CopyText(operation, operationSize);
+      stat.category.store(CopyText(category, categorySize), std::memory_order_release);
       return &stat;
     }
     if (strcmp(c, category) == 0 && strcmp(stat.operation, operation) == 0) return &stat;
