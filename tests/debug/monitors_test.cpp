@@ -299,7 +299,7 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
 }
 
 TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
-  const char* const oddName = "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xed\xa0\x80";
+  const char* const oddName = "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xed\xa0\x80 \xf4\x8f\xbf\xbf\xf4\x90";
   int marker[3] = {};
   ObjectMonitor::_IncLeak(&marker[0], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[1], "../lang/report", 77, "ReportedThing", 4);
@@ -332,7 +332,8 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   EXPECT_EQ(parsed.version, 1);
   EXPECT_EQ(parsed.objects["ReportedThing"], 2);
   // Bytes that are not UTF-8 come back as the code points of their values.
-  EXPECT_EQ(parsed.objects["Odd \"name\" \\ \x01\n\xc3\xbf caf\xc3\xa9 \xc3\xad\xc2\xa0\xc2\x80"], 1);
+  EXPECT_EQ(parsed.objects["Odd \"name\" \\ \x01\n\xc3\xbf caf\xc3\xa9 \xc3\xad\xc2\xa0\xc2\x80 \xf4\x8f\xbf\xbf"
+                           "\xc3\xb4\xc2\x90"], 1);
   EXPECT_EQ(parsed.blocks, static_cast<long long>(MemoryMonitor::LiveBlocks()));
   EXPECT_EQ(parsed.bytes, static_cast<long long>(MemoryMonitor::LiveBytes()));
   EXPECT_EQ(parsed.handles, SystemMonitor::LiveHandles());
@@ -380,20 +381,20 @@ TEST_F(MonitorsTest, DiffListsGrowthLargestFirstAndRejectsBadReports) {
            R"(, "total_ns": 9, "max_ns": 9, "p50_ns": 9, "p99_ns": 9}]})";
   };
   // The same name spelled raw and escaped.
-  const std::string base = json(R"({"name": "A", "count": 2}, {"name": "B\u00e9", "count": 1})", 5, 3, 7);
+  const std::string base = json(R"({"name": "A", "count": 2}, {"name": "B\u00e9\ud83d\ude00", "count": 1})", 5, 3, 7);
   const std::string grown = json(
-      R"({"name": "A", "count": 3}, {"name": "B)" "\xc3\xa9" R"(", "count": 4}, {"name": "A", "count": 1})", 4, 5, 7);
+      R"({"name": "A", "count": 3}, {"name": "B)" "\xc3\xa9\xf0\x9f\x98\x80" R"(", "count": 4}, {"name": "A", "count": 1})", 4, 5, 7);
   const struct {
     std::string older, newer;
     int status;
     std::string out;
   } rows[] = {
       {base, base, 0, "no change\n"},
-      {base, grown, 1, "grew:\n  +3 objects B\xc3\xa9 (1 -> 4)\n  +2 objects A (2 -> 4)\n  +2 handles (3 -> 5)\n"
+      {base, grown, 1, "grew:\n  +3 objects B\xc3\xa9\xf0\x9f\x98\x80 (1 -> 4)\n  +2 objects A (2 -> 4)\n  +2 handles (3 -> 5)\n"
                        "shrank:\n  -1 blocks (5 -> 4)\n"},
       {base, json("", 5, 3, 9), 1, "grew:\n  +2 timing count c/o (7 -> 9)\n"
-                                   "shrank:\n  -2 objects A (2 -> 0)\n  -1 objects B\xc3\xa9 (1 -> 0)\n"},
-      {base, "", 2, ""}, {base, "{", 2, ""}, {base, std::string(100000, '['), 2, ""},
+                                   "shrank:\n  -2 objects A (2 -> 0)\n  -1 objects B\xc3\xa9\xf0\x9f\x98\x80 (1 -> 0)\n"},
+      {base, "", 2, ""}, {base, "{\"a", 2, ""}, {base, std::string(100000, '['), 2, ""},
       {base, R"({"version": 1})", 2, ""}, {base, R"(["\u12"])", 2, ""}, {base, base + "x", 2, ""},
       {std::string("\xff\0{}", 4), base, 2, ""}};
   for (const auto& row : rows) {
