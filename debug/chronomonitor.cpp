@@ -2,7 +2,10 @@
 //
 // Statistics live in a fixed open-addressing table. A category/operation
 // pair is entered once under a mutex; after that, completing a scope finds
-// its entry and updates it with atomic operations only.
+// its entry and updates it with atomic operations only: the total, the
+// histogram bucket of its duration (the count is the sum of the buckets) and,
+// rarely, the maximum. The copies of the texts live in a fixed pool, so that
+// recording a scope never allocates memory.
 //
 // Names are kept by pthread_t for as long as their thread lives: a thread
 // that names itself gets a value under a thread-specific key, whose
@@ -27,10 +30,16 @@ namespace {
 struct Stat {
   std::atomic<const char*> category;  // published last, with release
   const char* operation;
-  std::atomic<unsigned long long> count;
   std::atomic<unsigned long long> total;
   std::atomic<unsigned long long> max;
+  std::atomic<unsigned long long> buckets[internal::kTimingBuckets];
 };
+
+unsigned long long CountOf(const Stat& stat) {
+  unsigned long long count = 0;
+  for (const auto& bucket : stat.buckets) count += bucket.load(std::memory_order_relaxed);
+  return count;
+}
 
 constexpr unsigned int kStatCount = 1024;
 Stat g_stats[kStatCount];
@@ -70,10 +79,14 @@ unsigned int HashPair(const char* category, const char* operation) {
   return h;
 }
 
-char* CopyText(const char* text) {
-  const size_t n = strlen(text) + 1;
-  char* copy = static_cast<char*>(malloc(n));
-  if (copy != nullptr) memcpy(copy, text, n);
+// The copies of the texts of the pairs; taken from under g_statMutex.
+char g_textPool[64 * 1024];
+size_t g_textUsed = 0;
+
+char* CopyText(const char* text, size_t size) {
+  char* copy = g_textPool + g_textUsed;
+  memcpy(copy, text, size);
+  g_textUsed += size;
   return copy;
 }
 
@@ -95,15 +108,11 @@ Stat* Find(const char* category, const char* operation, bool create) {
     Stat& stat = g_stats[(start + i) & (kStatCount - 1)];
     const char* c = stat.category.load(std::memory_order_acquire);
     if (c == nullptr) {
-      char* cat = CopyText(category);
-      char* op = CopyText(operation);
-      if (cat == nullptr || op == nullptr) {
-        free(cat);
-        free(op);
-        return nullptr;
-      }
-      stat.operation = op;
-      stat.category.store(cat, std::memory_order_release);
+      const size_t categorySize = strlen(category) + 1;
+      const size_t operationSize = strlen(operation) + 1;
+      if (categorySize + operationSize > sizeof g_textPool - g_textUsed) return nullptr;
+      stat.operation = CopyText(operation, operationSize);
+      stat.category.store(CopyText(category, categorySize), std::memory_order_release);
       return &stat;
     }
     if (strcmp(c, category) == 0 && strcmp(stat.operation, operation) == 0) return &stat;
@@ -182,7 +191,7 @@ ChronoMonitor::Chronometer::~Chronometer() {
   const unsigned long long elapsed = internal::MonotonicNanos() - start_;
   Stat* stat = FindCached(category_, operation_);
   if (stat == nullptr) return;
-  stat->count.fetch_add(1, std::memory_order_relaxed);
+  stat->buckets[internal::TimingBucket(elapsed)].fetch_add(1, std::memory_order_relaxed);
   stat->total.fetch_add(elapsed, std::memory_order_relaxed);
   unsigned long long seen = stat->max.load(std::memory_order_relaxed);
   while (elapsed > seen &&
@@ -192,7 +201,7 @@ ChronoMonitor::Chronometer::~Chronometer() {
 
 unsigned long long ChronoMonitor::Count(const char* category, const char* operation) {
   Stat* stat = Find(category, operation, false);
-  return stat == nullptr ? 0 : stat->count.load(std::memory_order_relaxed);
+  return stat == nullptr ? 0 : CountOf(*stat);
 }
 
 unsigned long long ChronoMonitor::TotalNanos(const char* category, const char* operation) {
@@ -261,8 +270,17 @@ void VisitChrono(ChronoVisitor visit, void* context) {
   for (Stat& stat : g_stats) {
     const char* c = stat.category.load(std::memory_order_acquire);
     if (c == nullptr) continue;
-    visit(context, c, stat.operation, stat.count.load(std::memory_order_relaxed),
-          stat.total.load(std::memory_order_relaxed), stat.max.load(std::memory_order_relaxed));
+    TimingStats stats;
+    stats.category = c;
+    stats.operation = stat.operation;
+    stats.count = 0;
+    for (unsigned int b = 0; b < kTimingBuckets; ++b) {
+      stats.buckets[b] = stat.buckets[b].load(std::memory_order_relaxed);
+      stats.count += stats.buckets[b];
+    }
+    stats.totalNanos = stat.total.load(std::memory_order_relaxed);
+    stats.maxNanos = stat.max.load(std::memory_order_relaxed);
+    visit(context, stats);
   }
 }
 

@@ -51,12 +51,55 @@ using ObjectVisitor = void (*)(void* context, const char* name,
                                const char* source, int line, unsigned int size);
 void VisitObjects(ObjectVisitor visit, void* context);
 
+// Durations of timing scopes are counted in a fixed log-scale histogram:
+// bucket 0 holds [0, 32) ns; above that each power of two [2^e, 2^(e+1)) is
+// split into two buckets at 1.5 * 2^e, so a bucket is at most 1.5 times as
+// wide at its end as at its start. The last bucket also holds every longer
+// duration (from 2^36 ns, about 69 s).
+constexpr unsigned int kTimingBuckets = 64;
+
+inline unsigned int TimingBucket(unsigned long long nanos) {
+  if (nanos < 32) return 0;
+  const unsigned int e = 63u - static_cast<unsigned int>(__builtin_clzll(nanos));
+  const unsigned int b = 1u + 2u * (e - 5u) + static_cast<unsigned int>((nanos >> (e - 1u)) & 1u);
+  return b < kTimingBuckets ? b : kTimingBuckets - 1;
+}
+
+// The first duration beyond bucket b (b < kTimingBuckets - 1).
+inline unsigned long long TimingBucketEnd(unsigned int b) {
+  if (b == 0) return 32;
+  const unsigned int e = (b - 1u) / 2u + 5u;
+  return (1ull << e) + (((b - 1u) & 1u) + 1ull) * (1ull << (e - 1u));
+}
+
+// A snapshot of the statistics of one category/operation pair; count is the
+// sum of the buckets.
+struct TimingStats {
+  const char* category;
+  const char* operation;
+  unsigned long long count;
+  unsigned long long totalNanos;
+  unsigned long long maxNanos;
+  unsigned long long buckets[kTimingBuckets];
+};
+
 // Walks the timing statistics for the report.
-using ChronoVisitor = void (*)(void* context, const char* category,
-                               const char* operation, unsigned long long count,
-                               unsigned long long totalNanos,
-                               unsigned long long maxNanos);
+using ChronoVisitor = void (*)(void* context, const TimingStats& stats);
 void VisitChrono(ChronoVisitor visit, void* context);
+
+// Live blocks by size class: class 0 holds blocks of up to 16 bytes, class c
+// (1 <= c < kSizeClasses - 1) those of 2^(c+3)+1 to 2^(c+4) bytes, and the
+// last class every block above 64 KiB.
+constexpr unsigned int kSizeClasses = 14;
+
+inline unsigned int SizeClass(unsigned int size) {
+  if (size <= 16) return 0;
+  const unsigned int c = 28u - static_cast<unsigned int>(__builtin_clz(size - 1u));
+  return c < kSizeClasses ? c : kSizeClasses - 1;
+}
+
+// Fills counts[c] with the live blocks of class c.
+void LiveBlocksBySize(long long counts[kSizeClasses]);
 
 }  // namespace internal
 }  // namespace debug

@@ -1,6 +1,7 @@
 // Heap-block accounting without locks.
 //
-// Each thread counts its allocations in a slot of its own (plain relaxed
+// Each thread counts its allocations (bytes, and blocks per size class: the
+// live blocks are their sum) in a slot of its own (plain relaxed
 // loads and stores, no read-modify-write), so that Alloc and Dealloc cost one
 // malloc or free and two uncontended stores. A slot outlives its thread: on
 // exit the thread gives the slot back and a later thread adopts it together
@@ -13,15 +14,17 @@
 
 #include <atomic>
 
+#include "internal.h"
+
 namespace zorv {
 namespace foundation {
 namespace debug {
 namespace {
 
 struct alignas(64) Slot {
-  std::atomic<long long> blocks;
   std::atomic<long long> bytes;
   std::atomic<int> taken;
+  std::atomic<long long> classes[internal::kSizeClasses];
 };
 
 constexpr int kSlotCount = 256;
@@ -75,16 +78,16 @@ Slot* AcquireSlot() {
   return &g_shared;
 }
 
-inline void Account(long long blocks, long long bytes) {
+inline void Account(long long blocks, long long bytes, unsigned int sizeClass) {
   Slot* slot = t_slot;
   if (slot == nullptr) slot = AcquireSlot();
   if (slot == nullptr || slot == &g_shared) {
-    g_shared.blocks.fetch_add(blocks, std::memory_order_relaxed);
     g_shared.bytes.fetch_add(bytes, std::memory_order_relaxed);
+    g_shared.classes[sizeClass].fetch_add(blocks, std::memory_order_relaxed);
     return;
   }
-  slot->blocks.store(slot->blocks.load(std::memory_order_relaxed) + blocks,
-                     std::memory_order_relaxed);
+  std::atomic<long long>& perClass = slot->classes[sizeClass];
+  perClass.store(perClass.load(std::memory_order_relaxed) + blocks, std::memory_order_relaxed);
   slot->bytes.store(slot->bytes.load(std::memory_order_relaxed) + bytes,
                     std::memory_order_relaxed);
 }
@@ -113,18 +116,22 @@ unsigned char* MemoryMonitor::Alloc(unsigned int size) {
   }
   void* block = malloc(size != 0 ? size : 1);
   if (block == nullptr) return nullptr;
-  Account(1, static_cast<long long>(size));
+  Account(1, static_cast<long long>(size), internal::SizeClass(size));
   return static_cast<unsigned char*>(block);
 }
 
 void MemoryMonitor::Dealloc(unsigned char* block, unsigned int size) {
   if (block == nullptr) return;
   free(block);
-  Account(-1, -static_cast<long long>(size));
+  Account(-1, -static_cast<long long>(size), internal::SizeClass(size));
 }
 
 unsigned long long MemoryMonitor::LiveBlocks() {
-  return static_cast<unsigned long long>(Sum(&Slot::blocks));
+  long long counts[internal::kSizeClasses];
+  internal::LiveBlocksBySize(counts);
+  long long total = 0;
+  for (const long long count : counts) total += count;
+  return static_cast<unsigned long long>(total);
 }
 
 unsigned long long MemoryMonitor::LiveBytes() {
@@ -135,6 +142,16 @@ void MemoryMonitor::FailAfter(unsigned int n) {
   g_failAfter.store(n, std::memory_order_relaxed);
 }
 
+namespace internal {
+
+void LiveBlocksBySize(long long counts[kSizeClasses]) {
+  for (unsigned int c = 0; c < kSizeClasses; ++c) {
+    counts[c] = g_shared.classes[c].load(std::memory_order_relaxed);
+    for (const Slot& slot : g_slots) counts[c] += slot.classes[c].load(std::memory_order_relaxed);
+  }
+}
+
+}  // namespace internal
 }  // namespace debug
 }  // namespace foundation
 }  // namespace zorv

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <new>
+#include <type_traits>
 
 #include "foundation/debug/memorymonitor.h"
 

@@ -9,11 +9,14 @@ namespace zorv {
 namespace foundation {
 namespace debug {
 
-// Collects per category/operation timing statistics (count, total, maximum)
-// and the names of threads.
+// Collects per category/operation timing statistics (count, total, maximum,
+// and a log-scale histogram of durations that the JSON report reads its
+// percentiles from) and the names of threads.
 //
 // Thread safety: every operation may be called from any thread. Completing a
-// timing scope takes no lock once its category/operation pair has been seen.
+// timing scope takes no lock once its category/operation pair has been seen,
+// and never allocates memory. Up to 1024 pairs with 64 KiB of text in all are
+// kept; the scopes of pairs beyond that are not counted.
 class ZORV_DEBUG_EXPORT ChronoMonitor {
  public:
   // A scope that times an operation: the time from construction to
