@@ -164,6 +164,42 @@ class StringThread : public zf::threading::Thread {
 // More tasks than a new pool queue has room for, so that adding them grows it.
 constexpr int kQueuedTasks = 100;
 
+// A scratch path as the library's string.
+SafeString At(const TempDir& dir, const char* relative) {
+  return SafeString((dir / relative).c_str());
+}
+
+// An executor disposes a task it could not queue: its only worker is held at
+// a gate, so that only addTask allocates (when the queue grows).
+template <class Pool>
+void AddTasks(OomAttempt& a) {
+  zorv::test::Tally tally;
+  zorv::test::Gate gate;
+  zorv::test::GateOpener opener(gate);
+  std::atomic<bool> started{false};
+  Pool pool(1);
+  zorv::test::ProbeTask* blocker = zorv::test::NewTask(&tally, 0);
+  blocker->gate = &gate;
+  blocker->started = &started;
+  pool.addTask(blocker);
+  ASSERT_TRUE(zorv::test::PollUntil([&] { return started.load(); }));
+  int created = 0, added = 0;
+  a.run([&] {
+    for (int i = 1; i <= kQueuedTasks; ++i, ++added) {
+      zorv::test::ProbeTask* task = zorv::test::NewTask(&tally, i);
+      ++created;
+      pool.addTask(task);
+    }
+  });
+  gate.open();
+  pool.stop();
+  EXPECT_EQ(tally.runs.load(), 1 + added);
+  EXPECT_EQ(tally.disposals.load(), 1 + created) << "a task that was not queued is disposed";
+  if (!a.threw()) {
+    EXPECT_EQ(added, kQueuedTasks);
+  }
+}
+
 struct Row {
   const char* name;
   void (*attempt)(OomAttempt& a);
@@ -179,8 +215,7 @@ const Row kRows[] = {
        SafeString what;
        a.run([&] {
          const zf::lang::Exception original(func.c_str(), Filler(40).c_str());
-         const zf::lang::Exception copy(original);
-         what = copy.what();
+         what = zf::lang::Exception(original).what();
        });
        if (!a.threw()) {
          EXPECT_EQ(Str(what), func + " : " + Filler(40));
@@ -196,24 +231,21 @@ const Row kRows[] = {
        Vector<SafeString> pieces(1, SafeString("kept piece of an earlier call"));
        bool found = false;
        a.run([&] { found = StringUtils::Split(text.c_str(), ',', pieces); });
-       if (a.threw()) {  // pieces appended before the failure stay
-         const std::vector<std::string> whole = Strs(expected);
-         ASSERT_LE(pieces.size(), whole.size());
-         EXPECT_EQ(Strs(pieces),
-                   std::vector<std::string>(whole.begin(), whole.begin() + pieces.size()));
-       } else {
-         EXPECT_TRUE(found);
-         EXPECT_EQ(Strs(pieces), Strs(expected));
+       const std::vector<std::string> whole = Strs(expected);
+       ASSERT_LE(pieces.size(), whole.size());  // pieces appended before a failure stay
+       EXPECT_EQ(Strs(pieces),
+                 std::vector<std::string>(whole.begin(), whole.begin() + pieces.size()));
+       if (!a.threw()) {
+         EXPECT_TRUE(found && pieces.size() == whole.size());
        }
      }},
     {"StringUtils_TrimAndCase",
      [](OomAttempt& a) {
        const SafeString text((" \t" + Filler(40) + "\t ").c_str());
-       SafeString trimmed, upper, lower;
+       SafeString lower;
        a.run([&] {
-         trimmed = StringUtils::Trim(text);
-         upper = StringUtils::ToUpper(trimmed.c_str());
-         lower = StringUtils::ToLower(upper.c_str());
+         lower =
+             StringUtils::ToLower(StringUtils::ToUpper(StringUtils::Trim(text).c_str()).c_str());
        });
        if (!a.threw()) {
          EXPECT_EQ(Str(lower), Filler(40));
@@ -239,9 +271,9 @@ const Row kRows[] = {
                 StringUtils::FloatToString(-0.1234567890123456);
        });
        if (!a.threw()) {
-         EXPECT_EQ(Str(text),
-                   "-9223372036854775808 18446744073709551615 0xFFFFFFFFFFFFFFFF "
-                   "-0.1234567890123456");
+         EXPECT_EQ(
+             Str(text),
+             "-9223372036854775808 18446744073709551615 0xFFFFFFFFFFFFFFFF -0.1234567890123456");
        }
      }},
     {"StringUtils_TextToNumbersNeverThrow",
@@ -261,11 +293,8 @@ const Row kRows[] = {
          format = StringUtils::GetNumberFormat(classified);
        });
        EXPECT_FALSE(a.threw()) << "the parsers never throw";
-       EXPECT_EQ(l, LLONG_MIN);
-       EXPECT_EQ(u, ULLONG_MAX);
-       EXPECT_EQ(h, ULLONG_MAX);
+       EXPECT_TRUE(l == LLONG_MIN && u == ULLONG_MAX && h == ULLONG_MAX && format == 2);
        EXPECT_EQ(d, -12.345678);
-       EXPECT_EQ(format, 2);
      }},
     {"StringUtils_StringToFloatLongMantissa",
      [](OomAttempt& a) {
@@ -280,13 +309,13 @@ const Row kRows[] = {
      [](OomAttempt& a) {
        const std::string bytes = Filler(Count(300));
        const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
-       const SafeString expected =
-           CodecUtils::EncodeBase64(data, static_cast<unsigned int>(bytes.size()));
+       const auto size = static_cast<unsigned int>(bytes.size());
+       const SafeString expected = CodecUtils::EncodeBase64(data, size);
        SafeString text;
        Vector<unsigned char> decoded(3, 7);
        bool ok = false;
        a.run([&] {
-         text = CodecUtils::EncodeBase64(data, static_cast<unsigned int>(bytes.size()));
+         text = CodecUtils::EncodeBase64(data, size);
          ok =
              CodecUtils::DecodeBase64(text.data(), static_cast<unsigned int>(text.size()), decoded);
        });
@@ -301,11 +330,8 @@ const Row kRows[] = {
     {"CodecUtils_Uri",
      [](OomAttempt& a) {
        const std::string text = "path with blanks/" + Filler(Count(200)) + "/\xC3\xA9~";
-       SafeString encoded, decoded;
-       a.run([&] {
-         encoded = CodecUtils::EncodeUri(text.c_str());
-         decoded = CodecUtils::DecodeUri(encoded.c_str());
-       });
+       SafeString decoded;
+       a.run([&] { decoded = CodecUtils::DecodeUri(CodecUtils::EncodeUri(text.c_str()).c_str()); });
        if (!a.threw()) {
          EXPECT_EQ(Str(decoded), text);
        }
@@ -322,8 +348,8 @@ const Row kRows[] = {
                         std::min<size_t>(50, bytes.size() - at));
          }
        });
-       const std::string all = "earlier text of the target string" + bytes;
-       EXPECT_EQ(Str(target), all.substr(0, 33 + writer.tellWrite()));
+       EXPECT_EQ(Str(target),
+                 ("earlier text of the target string" + bytes).substr(0, 33 + writer.tellWrite()));
        if (!a.threw()) {
          EXPECT_EQ(writer.tellWrite(), bytes.size());
        }
@@ -342,9 +368,8 @@ const Row kRows[] = {
        buffer.write(reinterpret_cast<const unsigned char*>(target.data()), target.size());
        SafeString value;
        int whole = 0;
-       while (zf::io::Deserialize(&buffer, value)) {
+       for (; zf::io::Deserialize(&buffer, value); ++whole) {
          EXPECT_EQ(Str(value), Str(whole == 0 ? first : second));
-         ++whole;
        }
        if (!a.threw()) {
          EXPECT_EQ(whole, 2);
@@ -357,31 +382,22 @@ const Row kRows[] = {
        SafeString value("earlier value of the string");
        bool ok = false;
        a.run([&] { ok = zf::io::Deserialize(&buffer, value); });
-       if (!a.threw() && ok) {
-         EXPECT_EQ(Str(value), Filler(Count(200)));
-         EXPECT_EQ(buffer.tellRead(), buffer.length());
-       } else {
-         EXPECT_EQ(Str(value), "earlier value of the string");
-         EXPECT_EQ(buffer.tellRead(), 0u) << "a failed read must not consume the prefix";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
+       const bool whole = Completed(a, ok);
+       EXPECT_EQ(Str(value), whole ? Filler(Count(200)) : "earlier value of the string");
+       EXPECT_EQ(buffer.tellRead(), whole ? buffer.length() : 0u)
+           << "a failed read consumes nothing";
      }},
     // Configuration.
     {"Archiver_parseText",
      [](OomAttempt& a) {
        const std::string text = ConfigText(Count(6));
-       Archiver expected;
+       Archiver expected, archiver;
        ASSERT_TRUE(expected.parseText(text.c_str()));
-       Archiver archiver;
        bool ok = false;
        a.run([&] { ok = archiver.parseText(text.c_str()); });
-       if (a.threw()) {
-         ExpectSubset(Table(archiver), Table(expected));
-       } else {
-         EXPECT_TRUE(ok);
-         EXPECT_EQ(Table(archiver), Table(expected));
+       ExpectSubset(Table(archiver), Table(expected));
+       if (!a.threw()) {
+         EXPECT_TRUE(ok && Table(archiver) == Table(expected));
        }
      }},
     {"Archiver_setValue",
@@ -405,22 +421,18 @@ const Row kRows[] = {
     {"Archiver_saveAs",
      [](OomAttempt& a) {
        TempDir dir;
-       Archiver archiver;
+       Archiver archiver, reread;
        ASSERT_TRUE(archiver.parseText(ConfigText(Count(4)).c_str()));
        const auto table = Table(archiver);
        const auto before = Tree(dir.path());
        bool ok = false;
-       a.run([&] { ok = archiver.saveAs(SafeString((dir / "conf/sub/app.ini").c_str())); });
+       a.run([&] { ok = archiver.saveAs(At(dir, "conf/sub/app.ini")); });
        EXPECT_EQ(Table(archiver), table);
-       if (!a.threw() && ok) {
-         Archiver reread;
-         ASSERT_TRUE(reread.parseFile(SafeString((dir / "conf/sub/app.ini").c_str())));
+       if (Completed(a, ok)) {
+         ASSERT_TRUE(reread.parseFile(At(dir, "conf/sub/app.ini")));
          EXPECT_EQ(Table(reread), table);
        } else {
          EXPECT_EQ(Tree(dir.path()), before);
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
        }
      }},
     {"Archiver_parseFile",
@@ -428,16 +440,13 @@ const Row kRows[] = {
        TempDir dir;
        const std::string text = ConfigText(Count(6));
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "app.ini", "\xEF\xBB\xBF" + text));
-       Archiver expected;
+       Archiver expected, archiver;
        ASSERT_TRUE(expected.parseText(text.c_str()));
-       Archiver archiver;
        bool ok = false;
-       a.run([&] { ok = archiver.parseFile(SafeString((dir / "app.ini").c_str())); });
-       if (a.threw()) {
-         ExpectSubset(Table(archiver), Table(expected));
-       } else {
-         EXPECT_TRUE(ok);
-         EXPECT_EQ(Table(archiver), Table(expected));
+       a.run([&] { ok = archiver.parseFile(At(dir, "app.ini")); });
+       ExpectSubset(Table(archiver), Table(expected));
+       if (!a.threw()) {
+         EXPECT_TRUE(ok && Table(archiver) == Table(expected));
        }
      }},
     // Files: a failed call leaves the scratch folder as it was, except where
@@ -449,16 +458,12 @@ const Row kRows[] = {
        const auto before = Tree(dir.path());
        bool ok = false;
        a.run([&] {
-         ok = FileUtils::WriteText(SafeString((dir / "made/one/two/file.txt").c_str()),
-                                   SafeString(text.c_str()));
+         ok = FileUtils::WriteText(At(dir, "made/one/two/file.txt"), SafeString(text.c_str()));
        });
-       if (!a.threw() && ok) {
+       if (Completed(a, ok)) {
          EXPECT_EQ(zorv::test::ReadRawFile(dir / "made/one/two/file.txt"), text);
        } else {
          EXPECT_EQ(Tree(dir.path()), before) << "the folders made must be removed again";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
        }
      }},
     {"FileUtils_PathUtilities",
@@ -479,15 +484,11 @@ const Row kRows[] = {
        TempDir dir;
        const auto before = Tree(dir.path());
        bool ok = false;
-       a.run(
-           [&] { ok = FileUtils::CreateFolder(SafeString((dir / "made/one/two/three").c_str())); });
-       if (!a.threw() && ok) {
+       a.run([&] { ok = FileUtils::CreateFolder(At(dir, "made/one/two/three")); });
+       if (Completed(a, ok)) {
          EXPECT_EQ(Tree(dir.path()).count("/made/one/two/three"), 1u);
        } else {
          EXPECT_EQ(Tree(dir.path()), before) << "the folders made must be removed again";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
        }
      }},
     {"FileUtils_ReadText",
@@ -497,11 +498,8 @@ const Row kRows[] = {
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.txt", "\xEF\xBB\xBF" + text));
        SafeString read("earlier contents of the string");
        bool ok = false;
-       a.run([&] { ok = FileUtils::ReadText(SafeString((dir / "file.txt").c_str()), read); });
-       EXPECT_EQ(Str(read), ok ? text : "earlier contents of the string");
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
+       a.run([&] { ok = FileUtils::ReadText(At(dir, "file.txt"), read); });
+       EXPECT_EQ(Str(read), Completed(a, ok) ? text : "earlier contents of the string");
      }},
     {"FileUtils_ReadTextLines",
      [](OomAttempt& a) {
@@ -515,17 +513,15 @@ const Row kRows[] = {
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "lines.txt", text));
        Vector<SafeString> read(1, SafeString("earlier line of the vector"));
        bool ok = false;
-       a.run([&] { ok = FileUtils::ReadText(SafeString((dir / "lines.txt").c_str()), read); });
-       if (!a.threw()) {
-         EXPECT_TRUE(ok);
+       a.run([&] { ok = FileUtils::ReadText(At(dir, "lines.txt"), read); });
+       if (Completed(a, ok)) {
          EXPECT_EQ(Strs(read), lines);
        } else if (!read.empty() && Str(read[0]) != "earlier line of the vector") {
-         // Cleared, then filled up to the failure.
-         ASSERT_LE(read.size(), lines.size());
+         ASSERT_LE(read.size(), lines.size());  // cleared, then filled up to the failure
          EXPECT_EQ(Strs(read),
                    std::vector<std::string>(lines.begin(), lines.begin() + read.size()));
        }
-       if (!a.injected()) {
+       if (!a.threw()) {
          EXPECT_TRUE(ok);
        }
      }},
@@ -536,13 +532,10 @@ const Row kRows[] = {
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.bin", bytes));
        zf::memory::MemoryBuffer buffer;
        bool ok = false;
-       a.run([&] { ok = FileUtils::ReadBinary(SafeString((dir / "file.bin").c_str()), &buffer); });
-       if (!a.threw() && ok) {
+       a.run([&] { ok = FileUtils::ReadBinary(At(dir, "file.bin"), &buffer); });
+       if (Completed(a, ok)) {
          ASSERT_EQ(buffer.length(), bytes.size());
          EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), bytes.size()), bytes);
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
        }
      }},
     {"FileUtils_CopyFile",
@@ -552,17 +545,11 @@ const Row kRows[] = {
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "from.bin", bytes));
        const auto before = Tree(dir.path());
        bool ok = false;
-       a.run([&] {
-         ok = FileUtils::CopyFile(SafeString((dir / "from.bin").c_str()),
-                                  SafeString((dir / "to.bin").c_str()));
-       });
-       if (!a.threw() && ok) {
+       a.run([&] { ok = FileUtils::CopyFile(At(dir, "from.bin"), At(dir, "to.bin")); });
+       if (Completed(a, ok)) {
          EXPECT_EQ(zorv::test::ReadRawFile(dir / "to.bin"), bytes);
        } else {
          EXPECT_EQ(Tree(dir.path()), before) << "a partial copy must be deleted";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
        }
      }},
     {"FileUtils_CopyFolder",
@@ -571,17 +558,11 @@ const Row kRows[] = {
        MakeTree(dir / "from", Count(3));
        const auto before = Tree(dir.path());
        bool ok = false;
-       a.run([&] {
-         ok = FileUtils::CopyFolder(SafeString((dir / "from").c_str()),
-                                    SafeString((dir / "to").c_str()));
-       });
-       if (!a.threw() && ok) {
+       a.run([&] { ok = FileUtils::CopyFolder(At(dir, "from"), At(dir, "to")); });
+       if (Completed(a, ok)) {
          EXPECT_EQ(Tree(dir / "to"), Tree(dir / "from"));
        } else {
          EXPECT_EQ(Tree(dir.path()), before) << "a destination the call made must be removed";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
        }
      }},
     {"FileUtils_RemoveFolder",
@@ -590,28 +571,22 @@ const Row kRows[] = {
        MakeTree(dir / "doomed", Count(9));
        const auto before = Tree(dir.path());
        bool ok = false;
-       a.run([&] { ok = FileUtils::RemoveFolder(SafeString((dir / "doomed").c_str())); });
-       if (!a.threw() && ok) {
+       a.run([&] { ok = FileUtils::RemoveFolder(At(dir, "doomed")); });
+       if (Completed(a, ok)) {
          EXPECT_TRUE(Tree(dir.path()).empty());
        } else {
          ExpectSubset(Tree(dir.path()), before);  // what was removed stays removed
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
        }
      }},
     {"FileUtils_SearchFiles",
      [](OomAttempt& a) {
        TempDir dir;
        MakeTree(dir / "tree", Count(9));
-       Vector<SafeString> suffixes(1, SafeString(".TXT"));
-       std::vector<std::string> expected =
-           Strs(FileUtils::SearchFiles(SafeString((dir / "tree").c_str()), 0x5, suffixes));
+       Vector<SafeString> suffixes(1, SafeString(".TXT")), found;
+       const std::vector<std::string> expected =
+           Strs(FileUtils::SearchFiles(At(dir, "tree"), 0x5, suffixes));
        ASSERT_EQ(expected.size(), Count(9));
-       Vector<SafeString> found;
-       a.run([&] {
-         found = FileUtils::SearchFiles(SafeString((dir / "tree").c_str()), 0x5, suffixes);
-       });
+       a.run([&] { found = FileUtils::SearchFiles(At(dir, "tree"), 0x5, suffixes); });
        if (!a.threw()) {
          EXPECT_EQ(Strs(found), expected) << "a search returns all or throws";
        }
@@ -633,21 +608,18 @@ const Row kRows[] = {
              zf::crypto::MD5::EncodeBinary(data, size) + zf::crypto::SHA1::EncodeBinary(data, size);
        });
        if (!a.threw()) {
-         EXPECT_EQ(Bytes(md5Read), md5);
-         EXPECT_EQ(Bytes(sha1Read), sha1);
-         EXPECT_EQ(text.size(), 32u + 40u);
+         EXPECT_TRUE(Bytes(md5Read) == md5 && Bytes(sha1Read) == sha1 && text.size() == 72);
        }
      }},
     {"MD5_SHA1_ComputeFile",
      [](OomAttempt& a) {
        TempDir dir;
-       const std::string bytes = Filler(Count(9000));
-       ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.bin", bytes));
+       const std::string bytes = Filler(Count(9000)), path = dir / "file.bin";
+       ASSERT_TRUE(zorv::test::WriteRawFile(path, bytes));
        const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
        const auto size = static_cast<unsigned int>(bytes.size());
        const std::vector<unsigned char> md5 = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
        const std::string sha1 = Str(zf::crypto::SHA1::EncodeBinary(data, size));
-       const std::string path = dir / "file.bin";
        Vector<unsigned char> digest(1, 9);
        SafeString text("earlier text");
        bool md5Ok = false, sha1Ok = false;
@@ -657,82 +629,21 @@ const Row kRows[] = {
        });
        EXPECT_EQ(Bytes(digest), md5Ok ? md5 : std::vector<unsigned char>(1, 9));
        EXPECT_EQ(Str(text), sha1Ok ? sha1 : "earlier text");
-       if (!a.injected()) {
-         EXPECT_TRUE(md5Ok && sha1Ok);
-       }
+       Completed(a, md5Ok && sha1Ok);
      }},
     // Time.
     {"DateTime_toString",
      [](OomAttempt& a) {
-       const zf::time::DateTime value(2024, 3, 1, 12, 34, 56, 0, 0);
        SafeString text;
-       a.run([&] { text = value.toString(); });
+       a.run([&] { text = zf::time::DateTime(2024, 3, 1, 12, 34, 56, 0, 0).toString(); });
        EXPECT_FALSE(a.threw()) << "toString never throws";
        if (!text.empty() || !a.injected()) {
          EXPECT_EQ(Str(text), "2024-03-01 12:34:56");
        }
      }},
     // Threading: an executor disposes a task it could not queue.
-    {"ThreadPool_addTask",
-     [](OomAttempt& a) {
-       zorv::test::Tally tally;
-       zorv::test::Gate gate;
-       zorv::test::GateOpener opener(gate);
-       std::atomic<bool> started{false};
-       zf::threading::ThreadPool pool(1);
-       zorv::test::ProbeTask* blocker = zorv::test::NewTask(&tally, 0);
-       blocker->gate = &gate;
-       blocker->started = &started;
-       pool.addTask(blocker);
-       ASSERT_TRUE(zorv::test::PollUntil([&] { return started.load(); }));
-       // The worker is held, so only addTask allocates: when the queue grows.
-       int created = 0, added = 0;
-       a.run([&] {
-         for (int i = 1; i <= kQueuedTasks; ++i) {
-           zorv::test::ProbeTask* task = zorv::test::NewTask(&tally, i);
-           ++created;
-           pool.addTask(task);
-           ++added;
-         }
-       });
-       gate.open();
-       pool.stop();
-       EXPECT_EQ(tally.runs.load(), 1 + added);
-       EXPECT_EQ(tally.disposals.load(), 1 + created) << "a task that was not queued is disposed";
-       if (!a.threw()) {
-         EXPECT_EQ(added, kQueuedTasks);
-       }
-     }},
-    {"AffinityThreadPool_addTask",
-     [](OomAttempt& a) {
-       zorv::test::Tally tally;
-       zorv::test::Gate gate;
-       zorv::test::GateOpener opener(gate);
-       std::atomic<bool> started{false};
-       zf::threading::AffinityThreadPool pool(1);
-       zorv::test::ProbeTask* blocker = zorv::test::NewTask(&tally, 0);
-       blocker->gate = &gate;
-       blocker->started = &started;
-       pool.addTask(blocker);
-       ASSERT_TRUE(zorv::test::PollUntil([&] { return started.load(); }));
-       // The worker is held, so only addTask allocates: when the queue grows.
-       int created = 0, added = 0;
-       a.run([&] {
-         for (int i = 1; i <= kQueuedTasks; ++i) {
-           zorv::test::ProbeTask* task = zorv::test::NewTask(&tally, i);
-           ++created;
-           pool.addTask(task);
-           ++added;
-         }
-       });
-       gate.open();
-       pool.stop();
-       EXPECT_EQ(tally.runs.load(), 1 + added);
-       EXPECT_EQ(tally.disposals.load(), 1 + created) << "a task that was not queued is disposed";
-       if (!a.threw()) {
-         EXPECT_EQ(added, kQueuedTasks);
-       }
-     }},
+    {"ThreadPool_addTask", AddTasks<zf::threading::ThreadPool>},
+    {"AffinityThreadPool_addTask", AddTasks<zf::threading::AffinityThreadPool>},
     {"TimerScheduler_addTimer",
      [](OomAttempt& a) {
        zorv::test::Tally tally;

@@ -90,6 +90,15 @@ class OomAttempt {
   bool injected_ = false;
 };
 
+// True when the attempt completed: the operation returned `ok` without
+// throwing. An attempt in which no failure fired must have returned ok.
+inline bool Completed(const OomAttempt& a, bool ok = true) {
+  if (!a.injected()) {
+    EXPECT_TRUE(ok) << "failed without an allocation failure";
+  }
+  return !a.threw() && ok;
+}
+
 // A fixture that sweeps operations: the counter baseline of LeakCheckedTest
 // is taken again before every attempt and checked after it.
 class OomSweepTest : public LeakCheckedTest {
