@@ -212,14 +212,10 @@ const Row kRows[] = {
     {"Exception_copyAndWhat",
      [](OomAttempt& a) {
        const std::string func = "zorv.foundation.area.Class.operationWithALongName";
-       SafeString what;
-       a.run([&] {
+       a.wholeOrThrown(func + " : " + Filler(40), [&] {
          const zf::lang::Exception original(func.c_str(), Filler(40).c_str());
-         what = zf::lang::Exception(original).what();
+         return Str(zf::lang::Exception(original).what());
        });
-       if (!a.threw()) {
-         EXPECT_EQ(Str(what), func + " : " + Filler(40));
-       }
      }},
     // Text: results are built whole or not at all.
     {"StringUtils_Split",
@@ -242,14 +238,10 @@ const Row kRows[] = {
     {"StringUtils_TrimAndCase",
      [](OomAttempt& a) {
        const SafeString text((" \t" + Filler(40) + "\t ").c_str());
-       SafeString lower;
-       a.run([&] {
-         lower =
-             StringUtils::ToLower(StringUtils::ToUpper(StringUtils::Trim(text).c_str()).c_str());
+       a.wholeOrThrown(Filler(40), [&] {
+         return Str(
+             StringUtils::ToLower(StringUtils::ToUpper(StringUtils::Trim(text).c_str()).c_str()));
        });
-       if (!a.threw()) {
-         EXPECT_EQ(Str(lower), Filler(40));
-       }
      }},
     {"StringUtils_Format",
      [](OomAttempt& a) {
@@ -263,18 +255,14 @@ const Row kRows[] = {
      }},
     {"StringUtils_NumbersToText",
      [](OomAttempt& a) {
-       SafeString text;
-       a.run([&] {
-         text = StringUtils::LongToString(LLONG_MIN) + " " +
-                StringUtils::ULongToString(ULLONG_MAX) + " " +
-                StringUtils::ULongToHexString(ULLONG_MAX, true) + " " +
-                StringUtils::FloatToString(-0.1234567890123456);
-       });
-       if (!a.threw()) {
-         EXPECT_EQ(
-             Str(text),
-             "-9223372036854775808 18446744073709551615 0xFFFFFFFFFFFFFFFF -0.1234567890123456");
-       }
+       a.wholeOrThrown(std::string("-9223372036854775808 18446744073709551615 0xFFFFFFFFFFFFFFFF "
+                                   "-0.1234567890123456"),
+                       [] {
+                         return Str(StringUtils::LongToString(LLONG_MIN) + " " +
+                                    StringUtils::ULongToString(ULLONG_MAX) + " " +
+                                    StringUtils::ULongToHexString(ULLONG_MAX, true) + " " +
+                                    StringUtils::FloatToString(-0.1234567890123456));
+                       });
      }},
     {"StringUtils_TextToNumbersNeverThrow",
      [](OomAttempt& a) {
@@ -330,11 +318,9 @@ const Row kRows[] = {
     {"CodecUtils_Uri",
      [](OomAttempt& a) {
        const std::string text = "path with blanks/" + Filler(Count(200)) + "/\xC3\xA9~";
-       SafeString decoded;
-       a.run([&] { decoded = CodecUtils::DecodeUri(CodecUtils::EncodeUri(text.c_str()).c_str()); });
-       if (!a.threw()) {
-         EXPECT_EQ(Str(decoded), text);
-       }
+       a.wholeOrThrown(text, [&] {
+         return Str(CodecUtils::DecodeUri(CodecUtils::EncodeUri(text.c_str()).c_str()));
+       });
      }},
     // Streams: a failed write leaves the stream as it was.
     {"StringWriter_write",
@@ -469,15 +455,11 @@ const Row kRows[] = {
     {"FileUtils_PathUtilities",
      [](OomAttempt& a) {
        const SafeString path("\\root\\folder-with-a-long-name//sub-folder/file.name.ext");
-       SafeString joined;
-       a.run([&] {
-         joined = FileUtils::LinkPath(FileUtils::GetFolderPath(path),
-                                      FileUtils::GetNoExtFileName(path)) +
-                  "." + FileUtils::GetFileExt(path);
+       a.wholeOrThrown(std::string("/root/folder-with-a-long-name/sub-folder/file.name.ext"), [&] {
+         return Str(FileUtils::LinkPath(FileUtils::GetFolderPath(path),
+                                        FileUtils::GetNoExtFileName(path)) +
+                    "." + FileUtils::GetFileExt(path));
        });
-       if (!a.threw()) {
-         EXPECT_EQ(Str(joined), "/root/folder-with-a-long-name/sub-folder/file.name.ext");
-       }
      }},
     {"FileUtils_CreateFolder",
      [](OomAttempt& a) {
@@ -582,14 +564,13 @@ const Row kRows[] = {
      [](OomAttempt& a) {
        TempDir dir;
        MakeTree(dir / "tree", Count(9));
-       Vector<SafeString> suffixes(1, SafeString(".TXT")), found;
-       const std::vector<std::string> expected =
-           Strs(FileUtils::SearchFiles(At(dir, "tree"), 0x5, suffixes));
+       const Vector<SafeString> suffixes(1, SafeString(".TXT"));
+       const auto search = [&] {
+         return Strs(FileUtils::SearchFiles(At(dir, "tree"), 0x5, suffixes));
+       };
+       const std::vector<std::string> expected = search();
        ASSERT_EQ(expected.size(), Count(9));
-       a.run([&] { found = FileUtils::SearchFiles(At(dir, "tree"), 0x5, suffixes); });
-       if (!a.threw()) {
-         EXPECT_EQ(Strs(found), expected) << "a search returns all or throws";
-       }
+       a.wholeOrThrown(expected, search);  // all or nothing
      }},
     // Digests.
     {"MD5_SHA1_ComputeBinary",
@@ -597,19 +578,18 @@ const Row kRows[] = {
        const std::string bytes = Filler(Count(3000));
        const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
        const auto size = static_cast<unsigned int>(bytes.size());
-       const std::vector<unsigned char> md5 = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
-       const std::vector<unsigned char> sha1 = Bytes(zf::crypto::SHA1::ComputeBinary(data, size));
-       Vector<unsigned char> md5Read, sha1Read;
-       SafeString text;
-       a.run([&] {
-         md5Read = zf::crypto::MD5::ComputeBinary(data, size);
-         sha1Read = zf::crypto::SHA1::ComputeBinary(data, size);
-         text =
-             zf::crypto::MD5::EncodeBinary(data, size) + zf::crypto::SHA1::EncodeBinary(data, size);
-       });
-       if (!a.threw()) {
-         EXPECT_TRUE(Bytes(md5Read) == md5 && Bytes(sha1Read) == sha1 && text.size() == 72);
-       }
+       const auto digests = [&] {  // both digests as bytes, then both as text
+         std::vector<unsigned char> all = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
+         const std::vector<unsigned char> sha1 = Bytes(zf::crypto::SHA1::ComputeBinary(data, size));
+         const std::string text = Str(zf::crypto::MD5::EncodeBinary(data, size) +
+                                      zf::crypto::SHA1::EncodeBinary(data, size));
+         all.insert(all.end(), sha1.begin(), sha1.end());
+         all.insert(all.end(), text.begin(), text.end());
+         return all;
+       };
+       const std::vector<unsigned char> expected = digests();
+       ASSERT_EQ(expected.size(), 16u + 20u + 72u);
+       a.wholeOrThrown(expected, digests);
      }},
     {"MD5_SHA1_ComputeFile",
      [](OomAttempt& a) {

@@ -144,7 +144,11 @@ TEST_F(MemoryBufferTest, CallsMoveLengthPositionsAndStorage) {
       {"read", 1, "", 0, 12, 12, 12, 20, "abc34567XYZW"},
       {"seekRead", 13, "", 12, 12, 12, 12, 20, "abc34567XYZW"},  // beyond: unchanged
       {"seekRead", 0, "", 12, 12, 0, 12, 20, "abc34567XYZW"},
+      {"seekRead", 12, "", 0, 12, 12, 12, 20, "abc34567XYZW"},  // exactly the length
+      {"seekRead", 0, "", 12, 12, 0, 12, 20, "abc34567XYZW"},
       {"seekWrite", 100, "", 12, 12, 0, 12, 20, "abc34567XYZW"},
+      {"seekWrite", 4, "", 12, 12, 0, 4, 20, "abc34567XYZW"},
+      {"seekWrite", 12, "", 4, 12, 0, 12, 20, "abc34567XYZW"},
       {"seekWrite", 4, "", 12, 12, 0, 4, 20, "abc34567XYZW"},
       {"read", ~0ULL, "", 0, 12, 0, 4, 20, "abc34567XYZW"},
       {"read", 2, "ab", 1, 12, 2, 4, 20, "abc34567XYZW"},

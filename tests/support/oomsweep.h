@@ -51,6 +51,17 @@ class OomAttempt {
     if (other) Report(other);
   }
 
+  // Runs `op`, an operation that returns its whole result or throws, and
+  // expects the result unless it threw.
+  template <class T, class Op>
+  void wholeOrThrown(const T& expected, Op&& op) {
+    T got{};
+    run([&] { got = op(); });
+    if (!threw_) {
+      EXPECT_EQ(got, expected);
+    }
+  }
+
   unsigned int n() const { return n_; }
   bool ran() const { return ran_; }
   // The operation ended by std::bad_alloc.
