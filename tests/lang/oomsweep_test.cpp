@@ -195,9 +195,7 @@ void AddTasks(OomAttempt& a) {
   pool.stop();
   EXPECT_EQ(tally.runs.load(), 1 + added);
   EXPECT_EQ(tally.disposals.load(), 1 + created) << "a task that was not queued is disposed";
-  if (!a.threw()) {
-    EXPECT_EQ(added, kQueuedTasks);
-  }
+  UNLESS_THREW(a, EXPECT_EQ(added, kQueuedTasks));
 }
 
 struct Row {
@@ -231,9 +229,7 @@ const Row kRows[] = {
        ASSERT_LE(pieces.size(), whole.size());  // pieces appended before a failure stay
        EXPECT_EQ(Strs(pieces),
                  std::vector<std::string>(whole.begin(), whole.begin() + pieces.size()));
-       if (!a.threw()) {
-         EXPECT_TRUE(found && pieces.size() == whole.size());
-       }
+       UNLESS_THREW(a, EXPECT_TRUE(found && pieces.size() == whole.size()));
      }},
     {"StringUtils_TrimAndCase",
      [](OomAttempt& a) {
@@ -336,9 +332,7 @@ const Row kRows[] = {
        });
        EXPECT_EQ(Str(target),
                  ("earlier text of the target string" + bytes).substr(0, 33 + writer.tellWrite()));
-       if (!a.threw()) {
-         EXPECT_EQ(writer.tellWrite(), bytes.size());
-       }
+       UNLESS_THREW(a, EXPECT_EQ(writer.tellWrite(), bytes.size()));
      }},
     {"Serialize_StringWriter",
      [](OomAttempt& a) {
@@ -357,9 +351,7 @@ const Row kRows[] = {
        for (; zf::io::Deserialize(&buffer, value); ++whole) {
          EXPECT_EQ(Str(value), Str(whole == 0 ? first : second));
        }
-       if (!a.threw()) {
-         EXPECT_EQ(whole, 2);
-       }
+       UNLESS_THREW(a, EXPECT_EQ(whole, 2));
      }},
     {"Deserialize_MemoryBuffer",
      [](OomAttempt& a) {
@@ -382,9 +374,7 @@ const Row kRows[] = {
        bool ok = false;
        a.run([&] { ok = archiver.parseText(text.c_str()); });
        ExpectSubset(Table(archiver), Table(expected));
-       if (!a.threw()) {
-         EXPECT_TRUE(ok && Table(archiver) == Table(expected));
-       }
+       UNLESS_THREW(a, EXPECT_TRUE(ok && Table(archiver) == Table(expected)));
      }},
     {"Archiver_setValue",
      [](OomAttempt& a) {
@@ -400,9 +390,7 @@ const Row kRows[] = {
        expected["new-section-with-a-long-name."];
        expected["new-section-with-a-long-name.new-key-with-a-long-name"] = Filler(60);
        EXPECT_EQ(Table(archiver), a.threw() ? before : expected);
-       if (!a.threw()) {
-         EXPECT_TRUE(ok);
-       }
+       UNLESS_THREW(a, EXPECT_TRUE(ok));
      }},
     {"Archiver_saveAs",
      [](OomAttempt& a) {
@@ -431,9 +419,7 @@ const Row kRows[] = {
        bool ok = false;
        a.run([&] { ok = archiver.parseFile(At(dir, "app.ini")); });
        ExpectSubset(Table(archiver), Table(expected));
-       if (!a.threw()) {
-         EXPECT_TRUE(ok && Table(archiver) == Table(expected));
-       }
+       UNLESS_THREW(a, EXPECT_TRUE(ok && Table(archiver) == Table(expected)));
      }},
     // Files: a failed call leaves the scratch folder as it was, except where
     // the operation says otherwise.
@@ -503,9 +489,7 @@ const Row kRows[] = {
          EXPECT_EQ(Strs(read),
                    std::vector<std::string>(lines.begin(), lines.begin() + read.size()));
        }
-       if (!a.threw()) {
-         EXPECT_TRUE(ok);
-       }
+       UNLESS_THREW(a, EXPECT_TRUE(ok));
      }},
     {"FileUtils_ReadBinary",
      [](OomAttempt& a) {
@@ -670,9 +654,7 @@ const Row kRows[] = {
        if (started) {
          EXPECT_NE(built, failed) << "run() completed, or interrupted() was called";
        }
-       if (!a.threw()) {
-         EXPECT_TRUE(started);
-       }
+       UNLESS_THREW(a, EXPECT_TRUE(started));
      }},
     {"Lock_ReadWriteLock_LockCondition",
      [](OomAttempt& a) {
@@ -684,9 +666,7 @@ const Row kRows[] = {
          zf::threading::Locker locker(lock, false);
          woken = condition.tryWait(locker, 0);
        });
-       if (!a.threw()) {
-         EXPECT_FALSE(woken);
-       }
+       UNLESS_THREW(a, EXPECT_FALSE(woken));
      }},
 };
 

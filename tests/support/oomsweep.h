@@ -137,4 +137,12 @@ class OomSweepTest : public LeakCheckedTest {
 }  // namespace test
 }  // namespace zorv
 
+// Makes `check` (an EXPECT_...) unless the attempt's operation threw.
+#define UNLESS_THREW(attempt, check) \
+  do {                               \
+    if (!(attempt).threw()) {        \
+      check;                         \
+    }                                \
+  } while (0)
+
 #endif  // ZORV_TESTS_SUPPORT_OOMSWEEP_H_
