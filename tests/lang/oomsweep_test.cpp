@@ -198,6 +198,20 @@ void AddTasks(OomAttempt& a) {
   UNLESS_THREW(a, EXPECT_EQ(added, kQueuedTasks));
 }
 
+// A file operation that completes, after which `whole` checks its result, or
+// fails and leaves the scratch folder as it was (partial work removed).
+template <class Op, class Whole>
+void WholeOrUntouched(OomAttempt& a, const TempDir& dir, Op op, Whole whole) {
+  const auto before = Tree(dir.path());
+  bool ok = false;
+  a.run([&] { ok = op(); });
+  if (Completed(a, ok)) {
+    whole();
+  } else {
+    EXPECT_EQ(Tree(dir.path()), before) << "partial work was left behind";
+  }
+}
+
 struct Row {
   const char* name;
   void (*attempt)(OomAttempt& a);
@@ -398,16 +412,13 @@ const Row kRows[] = {
        Archiver archiver, reread;
        ASSERT_TRUE(archiver.parseText(ConfigText(Count(4)).c_str()));
        const auto table = Table(archiver);
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] { ok = archiver.saveAs(At(dir, "conf/sub/app.ini")); });
+       WholeOrUntouched(
+           a, dir, [&] { return archiver.saveAs(At(dir, "conf/sub/app.ini")); },
+           [&] {
+             ASSERT_TRUE(reread.parseFile(At(dir, "conf/sub/app.ini")));
+             EXPECT_EQ(Table(reread), table);
+           });
        EXPECT_EQ(Table(archiver), table);
-       if (Completed(a, ok)) {
-         ASSERT_TRUE(reread.parseFile(At(dir, "conf/sub/app.ini")));
-         EXPECT_EQ(Table(reread), table);
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before);
-       }
      }},
     {"Archiver_parseFile",
      [](OomAttempt& a) {
@@ -427,16 +438,13 @@ const Row kRows[] = {
      [](OomAttempt& a) {
        TempDir dir;
        const std::string text = Filler(Count(500));
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] {
-         ok = FileUtils::WriteText(At(dir, "made/one/two/file.txt"), SafeString(text.c_str()));
-       });
-       if (Completed(a, ok)) {
-         EXPECT_EQ(zorv::test::ReadRawFile(dir / "made/one/two/file.txt"), text);
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before) << "the folders made must be removed again";
-       }
+       WholeOrUntouched(
+           a, dir,
+           [&] {
+             return FileUtils::WriteText(At(dir, "made/one/two/file.txt"),
+                                         SafeString(text.c_str()));
+           },
+           [&] { EXPECT_EQ(zorv::test::ReadRawFile(dir / "made/one/two/file.txt"), text); });
      }},
     {"FileUtils_PathUtilities",
      [](OomAttempt& a) {
@@ -450,14 +458,9 @@ const Row kRows[] = {
     {"FileUtils_CreateFolder",
      [](OomAttempt& a) {
        TempDir dir;
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] { ok = FileUtils::CreateFolder(At(dir, "made/one/two/three")); });
-       if (Completed(a, ok)) {
-         EXPECT_EQ(Tree(dir.path()).count("/made/one/two/three"), 1u);
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before) << "the folders made must be removed again";
-       }
+       WholeOrUntouched(
+           a, dir, [&] { return FileUtils::CreateFolder(At(dir, "made/one/two/three")); },
+           [&] { EXPECT_EQ(Tree(dir.path()).count("/made/one/two/three"), 1u); });
      }},
     {"FileUtils_ReadText",
      [](OomAttempt& a) {
@@ -509,27 +512,17 @@ const Row kRows[] = {
        TempDir dir;
        const std::string bytes = Filler(Count(9000));
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "from.bin", bytes));
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] { ok = FileUtils::CopyFile(At(dir, "from.bin"), At(dir, "to.bin")); });
-       if (Completed(a, ok)) {
-         EXPECT_EQ(zorv::test::ReadRawFile(dir / "to.bin"), bytes);
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before) << "a partial copy must be deleted";
-       }
+       WholeOrUntouched(
+           a, dir, [&] { return FileUtils::CopyFile(At(dir, "from.bin"), At(dir, "to.bin")); },
+           [&] { EXPECT_EQ(zorv::test::ReadRawFile(dir / "to.bin"), bytes); });
      }},
     {"FileUtils_CopyFolder",
      [](OomAttempt& a) {
        TempDir dir;
        MakeTree(dir / "from", Count(3));
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] { ok = FileUtils::CopyFolder(At(dir, "from"), At(dir, "to")); });
-       if (Completed(a, ok)) {
-         EXPECT_EQ(Tree(dir / "to"), Tree(dir / "from"));
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before) << "a destination the call made must be removed";
-       }
+       WholeOrUntouched(
+           a, dir, [&] { return FileUtils::CopyFolder(At(dir, "from"), At(dir, "to")); },
+           [&] { EXPECT_EQ(Tree(dir / "to"), Tree(dir / "from")); });
      }},
     {"FileUtils_RemoveFolder",
      [](OomAttempt& a) {
