@@ -6,10 +6,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -145,10 +143,7 @@ TEST_F(ConsoleUtilsTest, WithoutWriterPrintsToStandardOutput) {
     ConsoleUtils::Print("%d%s\n");  // printed as text, not as a format
   }
   close(fd);
-  std::ifstream in(path);
-  std::stringstream content;
-  content << in.rdbuf();
-  EXPECT_EQ(content.str(), "one two\nthr%d%s\n");
+  EXPECT_EQ(zorv::test::ReadRawFile(path), "one two\nthr%d%s\n");
   EXPECT_TRUE(Pieces().empty()) << "the removed writer is not called";
 }
 
