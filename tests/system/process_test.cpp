@@ -257,6 +257,9 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
   int pipeFds[2] = {-1, -1};
   ASSERT_GE(file, 0);
   ASSERT_EQ(pipe(pipeFds), 0);
+  // Also at 90, whose name has the digits at either end of the range.
+  const int ninety = fcntl(90, F_GETFD) == -1 ? dup2(file, 90) : -1;
+  ASSERT_EQ(ninety, 90);
   sigset_t blocked, previous;
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGUSR2);
@@ -298,7 +301,7 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     EXPECT_TRUE(Ends(name));
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  for (int fd : {file, pipeFds[0], pipeFds[1]}) close(fd);
+  for (int fd : {file, pipeFds[0], pipeFds[1], ninety}) close(fd);
 }
 
 // The shell runs the whole line; the call returns while the child goes on,
