@@ -3,8 +3,9 @@
 
 #include <cstring>
 #include <new>
-#include <stdexcept>
 #include <random>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "foundation/memory/memorybuffer.h"
@@ -33,111 +34,95 @@ std::vector<unsigned char> Image(const MemoryBuffer& b) {
   return std::vector<unsigned char>(b.data(), b.data() + b.length());
 }
 
+// Bytes as a vector: a little-endian 64-bit length, then the characters.
+std::vector<unsigned char> Prefixed(unsigned long long length, const std::string& following) {
+  std::vector<unsigned char> bytes;
+  for (int i = 0; i < 8; ++i) bytes.push_back(static_cast<unsigned char>(length >> (8 * i)));
+  bytes.insert(bytes.end(), following.begin(), following.end());
+  return bytes;
+}
+
 TEST_F(SerializationTest, ExactByteImage) {
-  MemoryBuffer b;
-  Serialize(&b, "");
-  EXPECT_EQ(Image(b), (std::vector<unsigned char>{0, 0, 0, 0, 0, 0, 0, 0}));
-  b.clear();
-  Serialize(&b, "abc");
-  EXPECT_EQ(Image(b), (std::vector<unsigned char>{3, 0, 0, 0, 0, 0, 0, 0, 'a', 'b', 'c'}));
-  b.clear();
   const SafeString big(0x1234, '\0');
-  Serialize(&b, big);
-  ASSERT_EQ(b.length(), 8u + 0x1234u);
-  EXPECT_EQ(b.data()[0], 0x34);
-  EXPECT_EQ(b.data()[1], 0x12);
-  for (int i = 2; i < 8; ++i) EXPECT_EQ(b.data()[i], 0);
-}
-
-TEST_F(SerializationTest, StringsFollowOneAnotherAndReadBack) {
-  const SafeString values[] = {"", "abc", SafeString("a\0b\xff", 4), SafeString(300, 'x'), "end"};
-  MemoryBuffer b;
-  for (const SafeString& v : values) Serialize(&b, v);
-  for (const SafeString& v : values) {
-    SafeString out("junk");
-    ASSERT_TRUE(Deserialize(&b, out));
-    EXPECT_EQ(out, v);
-  }
-  SafeString out("kept");
-  EXPECT_FALSE(Deserialize(&b, out));
-  EXPECT_EQ(out, "kept");
-}
-
-TEST_F(SerializationTest, EmptyStringFromEightZeroBytes) {
-  MemoryBuffer b;
-  const unsigned char zeros[8] = {};
-  b.write(zeros, 8);
-  SafeString out("x");
-  EXPECT_TRUE(Deserialize(&b, out));
-  EXPECT_EQ(out, "");
-  EXPECT_EQ(b.tellRead(), 8u);
-}
-
-TEST_F(SerializationTest, PrefixAnnouncingMoreThanRemainsFails) {
-  struct Case {
-    unsigned long long prefix;
-    unsigned int following;
+  const struct {
+    SafeString value;
+    std::vector<unsigned char> image;
+  } cases[] = {
+      {"", Prefixed(0, "")},
+      {"abc", Prefixed(3, "abc")},
+      {SafeString("a\0b\xff", 4), Prefixed(4, std::string("a\0b\xff", 4))},
+      {big, Prefixed(0x1234, std::string(0x1234, '\0'))},
   };
-  const Case cases[] = {{10, 4}, {5, 4}, {~0ull, 3}, {0x100000002ull, 3}, {0x80000000ull, 0}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.prefix);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value.size());
     MemoryBuffer b;
-    b.write(reinterpret_cast<const unsigned char*>(&c.prefix), 8);
-    const unsigned char bytes[4] = {'w', 'x', 'y', 'z'};
-    b.write(bytes, c.following);
-    SafeString out("unchanged");
-    EXPECT_FALSE(Deserialize(&b, out));
-    EXPECT_EQ(out, "unchanged");
-    EXPECT_EQ(b.tellRead(), 8u);  // the prefix stays consumed
+    Serialize(&b, c.value);
+    EXPECT_EQ(Image(b), c.image);
   }
 }
 
-TEST_F(SerializationTest, ShortPrefixFails) {
-  for (unsigned int n = 0; n < 8; ++n) {
-    SCOPED_TRACE(n);
+// What a read makes of a buffer's bytes: the value, or false with the value
+// untouched and the read position where the failure left it.
+TEST_F(SerializationTest, DeserializeReadsOnePrefixedString) {
+  const struct {
+    const char* name;
+    std::vector<unsigned char> bytes;
+    bool ok;
+    const char* value;
+    unsigned long long readAfter;
+  } cases[] = {
+      {"empty string", Prefixed(0, ""), true, "", 8},
+      {"with more behind", Prefixed(2, "abc"), true, "ab", 10},
+      {"nothing", {}, false, "unchanged", 0},
+      {"short prefix", {3, 0, 0, 0, 0, 0, 0}, false, "unchanged", 0},
+      {"4 of 10", Prefixed(10, "wxyz"), false, "unchanged", 8},
+      {"4 of 5", Prefixed(5, "wxyz"), false, "unchanged", 8},
+      {"all bits", Prefixed(~0ull, "wxy"), false, "unchanged", 8},
+      {"beyond 32 bits", Prefixed(0x100000002ull, "wxy"), false, "unchanged", 8},
+      {"2 GiB", Prefixed(0x80000000ull, ""), false, "unchanged", 8},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     MemoryBuffer b;
-    const unsigned char bytes[8] = {};
-    b.write(bytes, n);
+    b.write(c.bytes.data(), c.bytes.size());
     SafeString out("unchanged");
-    EXPECT_FALSE(Deserialize(&b, out));
-    EXPECT_EQ(out, "unchanged");
-    EXPECT_EQ(b.tellRead(), 0u);
+    EXPECT_EQ(Deserialize(&b, out), c.ok);
+    EXPECT_EQ(out, c.value);
+    EXPECT_EQ(b.tellRead(), c.readAfter) << "a prefix read whole stays consumed";
   }
-}
-
-TEST_F(SerializationTest, WorksOverStringStreams) {
-  SafeString storage;
-  StringWriter writer(storage);
-  Serialize(&writer, "one");
-  Serialize(&writer, "two!");
-  EXPECT_EQ(storage.size(), 8u + 3u + 8u + 4u);
-  StringReader reader(storage);
-  SafeString out;
-  ASSERT_TRUE(Deserialize(&reader, out));
-  EXPECT_EQ(out, "one");
-  ASSERT_TRUE(Deserialize(&reader, out));
-  EXPECT_EQ(out, "two!");
-  EXPECT_FALSE(Deserialize(&reader, out));
-  Serialize(nullptr, "ignored");
   SafeString kept("kept");
   EXPECT_FALSE(Deserialize(nullptr, kept));
   EXPECT_EQ(kept, "kept");
+  Serialize(nullptr, "ignored");
 }
 
-TEST_F(SerializationTest, RandomStringsRoundTrip) {
+// Strings follow one another, over every kind of stream.
+TEST_F(SerializationTest, StringsRoundTrip) {
   std::mt19937 random(1234);
-  std::vector<SafeString> values;
-  MemoryBuffer b;
+  std::vector<SafeString> values = {"", "abc", SafeString("a\0b\xff", 4), SafeString(300, 'x')};
   for (int i = 0; i < 200; ++i) {
     SafeString v(random() % 200, '\0');
     for (char& c : v) c = static_cast<char>(random());
-    Serialize(&b, v);
     values.push_back(v);
   }
+  SafeString storage;
+  StringWriter writer(storage);
+  MemoryBuffer buffer;
   for (const SafeString& v : values) {
-    SafeString out;
-    ASSERT_TRUE(Deserialize(&b, out));
-    ASSERT_EQ(out, v);
+    Serialize(&buffer, v);
+    Serialize(&writer, v);
+  }
+  EXPECT_EQ(storage.size(), buffer.length());
+  StringReader reader(storage);
+  for (IStream* stream : {static_cast<IStream*>(&buffer), static_cast<IStream*>(&reader)}) {
+    for (const SafeString& v : values) {
+      SafeString out("junk");
+      ASSERT_TRUE(Deserialize(stream, out));
+      ASSERT_EQ(out, v);
+    }
+    SafeString out("kept");
+    EXPECT_FALSE(Deserialize(stream, out));
+    EXPECT_EQ(out, "kept");
   }
 }
 

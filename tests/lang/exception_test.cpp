@@ -13,21 +13,24 @@ using zorv::foundation::lang::Exception;
 using ExceptionTest = zorv::test::LeakCheckedTest;
 
 TEST_F(ExceptionTest, WhatJoinsSourceAndReason) {
-  const Exception e("zorv.foundation.memory.StringReader.write", "not supported operation");
-  EXPECT_EQ(e.what(), "zorv.foundation.memory.StringReader.write : not supported operation");
-  EXPECT_EQ(e.func(), "zorv.foundation.memory.StringReader.write");
-  EXPECT_EQ(e.info(), "not supported operation");
-  EXPECT_EQ(Exception("", "").what(), " : ");
-}
-
-TEST_F(ExceptionTest, AccessorsReturnCopies) {
-  const Exception e("zorv.foundation.threading.ThreadPool.addTask", "executor has stopped");
-  SafeString f = e.func();
-  f += " changed";
-  SafeString i = e.info();
-  i.clear();
-  EXPECT_EQ(e.func(), "zorv.foundation.threading.ThreadPool.addTask");
-  EXPECT_EQ(e.info(), "executor has stopped");
+  struct Case {
+    const char* func;
+    const char* info;
+    const char* what;
+  };
+  const Case cases[] = {
+      {"zorv.foundation.memory.StringReader.write", "not supported operation",
+       "zorv.foundation.memory.StringReader.write : not supported operation"},
+      {"", "", " : "},
+      {"a source longer than fifteen", "", "a source longer than fifteen : "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const Exception e(c.func, c.info);
+    EXPECT_EQ(e.what(), c.what);
+    EXPECT_EQ(e.func(), c.func);
+    EXPECT_EQ(e.info(), c.info);
+  }
 }
 
 TEST_F(ExceptionTest, CopiesAreIndependentAndThrowByValue) {

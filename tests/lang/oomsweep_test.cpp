@@ -164,6 +164,54 @@ class StringThread : public zf::threading::Thread {
 // More tasks than a new pool queue has room for, so that adding them grows it.
 constexpr int kQueuedTasks = 100;
 
+// A scratch path as the library's string.
+SafeString At(const TempDir& dir, const char* relative) {
+  return SafeString((dir / relative).c_str());
+}
+
+// An executor disposes a task it could not queue: its only worker is held at
+// a gate, so that only addTask allocates (when the queue grows).
+template <class Pool>
+void AddTasks(OomAttempt& a) {
+  zorv::test::Tally tally;
+  zorv::test::Gate gate;
+  zorv::test::GateOpener opener(gate);
+  std::atomic<bool> started{false};
+  Pool pool(1);
+  zorv::test::ProbeTask* blocker = zorv::test::NewTask(&tally, 0);
+  blocker->gate = &gate;
+  blocker->started = &started;
+  pool.addTask(blocker);
+  ASSERT_TRUE(zorv::test::PollUntil([&] { return started.load(); }));
+  int created = 0, added = 0;
+  a.run([&] {
+    for (int i = 1; i <= kQueuedTasks; ++i, ++added) {
+      zorv::test::ProbeTask* task = zorv::test::NewTask(&tally, i);
+      ++created;
+      pool.addTask(task);
+    }
+  });
+  gate.open();
+  pool.stop();
+  EXPECT_EQ(tally.runs.load(), 1 + added);
+  EXPECT_EQ(tally.disposals.load(), 1 + created) << "a task that was not queued is disposed";
+  UNLESS_THREW(a, EXPECT_EQ(added, kQueuedTasks));
+}
+
+// A file operation that completes, after which `whole` checks its result, or
+// fails and leaves the scratch folder as it was (partial work removed).
+template <class Op, class Whole>
+void WholeOrUntouched(OomAttempt& a, const TempDir& dir, Op op, Whole whole) {
+  const auto before = Tree(dir.path());
+  bool ok = false;
+  a.run([&] { ok = op(); });
+  if (Completed(a, ok)) {
+    whole();
+  } else {
+    EXPECT_EQ(Tree(dir.path()), before) << "partial work was left behind";
+  }
+}
+
 struct Row {
   const char* name;
   void (*attempt)(OomAttempt& a);
@@ -176,15 +224,10 @@ const Row kRows[] = {
     {"Exception_copyAndWhat",
      [](OomAttempt& a) {
        const std::string func = "zorv.foundation.area.Class.operationWithALongName";
-       SafeString what;
-       a.run([&] {
+       a.wholeOrThrown(func + " : " + Filler(40), [&] {
          const zf::lang::Exception original(func.c_str(), Filler(40).c_str());
-         const zf::lang::Exception copy(original);
-         what = copy.what();
+         return Str(zf::lang::Exception(original).what());
        });
-       if (!a.threw()) {
-         EXPECT_EQ(Str(what), func + " : " + Filler(40));
-       }
      }},
     // Text: results are built whole or not at all.
     {"StringUtils_Split",
@@ -196,28 +239,19 @@ const Row kRows[] = {
        Vector<SafeString> pieces(1, SafeString("kept piece of an earlier call"));
        bool found = false;
        a.run([&] { found = StringUtils::Split(text.c_str(), ',', pieces); });
-       if (a.threw()) {  // pieces appended before the failure stay
-         const std::vector<std::string> whole = Strs(expected);
-         ASSERT_LE(pieces.size(), whole.size());
-         EXPECT_EQ(Strs(pieces),
-                   std::vector<std::string>(whole.begin(), whole.begin() + pieces.size()));
-       } else {
-         EXPECT_TRUE(found);
-         EXPECT_EQ(Strs(pieces), Strs(expected));
-       }
+       const std::vector<std::string> whole = Strs(expected);
+       ASSERT_LE(pieces.size(), whole.size());  // pieces appended before a failure stay
+       EXPECT_EQ(Strs(pieces),
+                 std::vector<std::string>(whole.begin(), whole.begin() + pieces.size()));
+       UNLESS_THREW(a, EXPECT_TRUE(found && pieces.size() == whole.size()));
      }},
     {"StringUtils_TrimAndCase",
      [](OomAttempt& a) {
        const SafeString text((" \t" + Filler(40) + "\t ").c_str());
-       SafeString trimmed, upper, lower;
-       a.run([&] {
-         trimmed = StringUtils::Trim(text);
-         upper = StringUtils::ToUpper(trimmed.c_str());
-         lower = StringUtils::ToLower(upper.c_str());
+       a.wholeOrThrown(Filler(40), [&] {
+         return Str(
+             StringUtils::ToLower(StringUtils::ToUpper(StringUtils::Trim(text).c_str()).c_str()));
        });
-       if (!a.threw()) {
-         EXPECT_EQ(Str(lower), Filler(40));
-       }
      }},
     {"StringUtils_Format",
      [](OomAttempt& a) {
@@ -231,18 +265,14 @@ const Row kRows[] = {
      }},
     {"StringUtils_NumbersToText",
      [](OomAttempt& a) {
-       SafeString text;
-       a.run([&] {
-         text = StringUtils::LongToString(LLONG_MIN) + " " +
-                StringUtils::ULongToString(ULLONG_MAX) + " " +
-                StringUtils::ULongToHexString(ULLONG_MAX, true) + " " +
-                StringUtils::FloatToString(-0.1234567890123456);
-       });
-       if (!a.threw()) {
-         EXPECT_EQ(Str(text),
-                   "-9223372036854775808 18446744073709551615 0xFFFFFFFFFFFFFFFF "
-                   "-0.1234567890123456");
-       }
+       a.wholeOrThrown(std::string("-9223372036854775808 18446744073709551615 0xFFFFFFFFFFFFFFFF "
+                                   "-0.1234567890123456"),
+                       [] {
+                         return Str(StringUtils::LongToString(LLONG_MIN) + " " +
+                                    StringUtils::ULongToString(ULLONG_MAX) + " " +
+                                    StringUtils::ULongToHexString(ULLONG_MAX, true) + " " +
+                                    StringUtils::FloatToString(-0.1234567890123456));
+                       });
      }},
     {"StringUtils_TextToNumbersNeverThrow",
      [](OomAttempt& a) {
@@ -261,11 +291,8 @@ const Row kRows[] = {
          format = StringUtils::GetNumberFormat(classified);
        });
        EXPECT_FALSE(a.threw()) << "the parsers never throw";
-       EXPECT_EQ(l, LLONG_MIN);
-       EXPECT_EQ(u, ULLONG_MAX);
-       EXPECT_EQ(h, ULLONG_MAX);
+       EXPECT_TRUE(l == LLONG_MIN && u == ULLONG_MAX && h == ULLONG_MAX && format == 2);
        EXPECT_EQ(d, -12.345678);
-       EXPECT_EQ(format, 2);
      }},
     {"StringUtils_StringToFloatLongMantissa",
      [](OomAttempt& a) {
@@ -280,13 +307,13 @@ const Row kRows[] = {
      [](OomAttempt& a) {
        const std::string bytes = Filler(Count(300));
        const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
-       const SafeString expected =
-           CodecUtils::EncodeBase64(data, static_cast<unsigned int>(bytes.size()));
+       const auto size = static_cast<unsigned int>(bytes.size());
+       const SafeString expected = CodecUtils::EncodeBase64(data, size);
        SafeString text;
        Vector<unsigned char> decoded(3, 7);
        bool ok = false;
        a.run([&] {
-         text = CodecUtils::EncodeBase64(data, static_cast<unsigned int>(bytes.size()));
+         text = CodecUtils::EncodeBase64(data, size);
          ok =
              CodecUtils::DecodeBase64(text.data(), static_cast<unsigned int>(text.size()), decoded);
        });
@@ -301,14 +328,9 @@ const Row kRows[] = {
     {"CodecUtils_Uri",
      [](OomAttempt& a) {
        const std::string text = "path with blanks/" + Filler(Count(200)) + "/\xC3\xA9~";
-       SafeString encoded, decoded;
-       a.run([&] {
-         encoded = CodecUtils::EncodeUri(text.c_str());
-         decoded = CodecUtils::DecodeUri(encoded.c_str());
+       a.wholeOrThrown(text, [&] {
+         return Str(CodecUtils::DecodeUri(CodecUtils::EncodeUri(text.c_str()).c_str()));
        });
-       if (!a.threw()) {
-         EXPECT_EQ(Str(decoded), text);
-       }
      }},
     // Streams: a failed write leaves the stream as it was.
     {"StringWriter_write",
@@ -322,11 +344,9 @@ const Row kRows[] = {
                         std::min<size_t>(50, bytes.size() - at));
          }
        });
-       const std::string all = "earlier text of the target string" + bytes;
-       EXPECT_EQ(Str(target), all.substr(0, 33 + writer.tellWrite()));
-       if (!a.threw()) {
-         EXPECT_EQ(writer.tellWrite(), bytes.size());
-       }
+       EXPECT_EQ(Str(target),
+                 ("earlier text of the target string" + bytes).substr(0, 33 + writer.tellWrite()));
+       UNLESS_THREW(a, EXPECT_EQ(writer.tellWrite(), bytes.size()));
      }},
     {"Serialize_StringWriter",
      [](OomAttempt& a) {
@@ -342,13 +362,10 @@ const Row kRows[] = {
        buffer.write(reinterpret_cast<const unsigned char*>(target.data()), target.size());
        SafeString value;
        int whole = 0;
-       while (zf::io::Deserialize(&buffer, value)) {
+       for (; zf::io::Deserialize(&buffer, value); ++whole) {
          EXPECT_EQ(Str(value), Str(whole == 0 ? first : second));
-         ++whole;
        }
-       if (!a.threw()) {
-         EXPECT_EQ(whole, 2);
-       }
+       UNLESS_THREW(a, EXPECT_EQ(whole, 2));
      }},
     {"Deserialize_MemoryBuffer",
      [](OomAttempt& a) {
@@ -357,32 +374,21 @@ const Row kRows[] = {
        SafeString value("earlier value of the string");
        bool ok = false;
        a.run([&] { ok = zf::io::Deserialize(&buffer, value); });
-       if (!a.threw() && ok) {
-         EXPECT_EQ(Str(value), Filler(Count(200)));
-         EXPECT_EQ(buffer.tellRead(), buffer.length());
-       } else {
-         EXPECT_EQ(Str(value), "earlier value of the string");
-         EXPECT_EQ(buffer.tellRead(), 0u) << "a failed read must not consume the prefix";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
+       const bool whole = Completed(a, ok);
+       EXPECT_EQ(Str(value), whole ? Filler(Count(200)) : "earlier value of the string");
+       EXPECT_EQ(buffer.tellRead(), whole ? buffer.length() : 0u)
+           << "a failed read consumes nothing";
      }},
     // Configuration.
     {"Archiver_parseText",
      [](OomAttempt& a) {
        const std::string text = ConfigText(Count(6));
-       Archiver expected;
+       Archiver expected, archiver;
        ASSERT_TRUE(expected.parseText(text.c_str()));
-       Archiver archiver;
        bool ok = false;
        a.run([&] { ok = archiver.parseText(text.c_str()); });
-       if (a.threw()) {
-         ExpectSubset(Table(archiver), Table(expected));
-       } else {
-         EXPECT_TRUE(ok);
-         EXPECT_EQ(Table(archiver), Table(expected));
-       }
+       ExpectSubset(Table(archiver), Table(expected));
+       UNLESS_THREW(a, EXPECT_TRUE(ok && Table(archiver) == Table(expected)));
      }},
     {"Archiver_setValue",
      [](OomAttempt& a) {
@@ -398,47 +404,33 @@ const Row kRows[] = {
        expected["new-section-with-a-long-name."];
        expected["new-section-with-a-long-name.new-key-with-a-long-name"] = Filler(60);
        EXPECT_EQ(Table(archiver), a.threw() ? before : expected);
-       if (!a.threw()) {
-         EXPECT_TRUE(ok);
-       }
+       UNLESS_THREW(a, EXPECT_TRUE(ok));
      }},
     {"Archiver_saveAs",
      [](OomAttempt& a) {
        TempDir dir;
-       Archiver archiver;
+       Archiver archiver, reread;
        ASSERT_TRUE(archiver.parseText(ConfigText(Count(4)).c_str()));
        const auto table = Table(archiver);
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] { ok = archiver.saveAs(SafeString((dir / "conf/sub/app.ini").c_str())); });
+       WholeOrUntouched(
+           a, dir, [&] { return archiver.saveAs(At(dir, "conf/sub/app.ini")); },
+           [&] {
+             ASSERT_TRUE(reread.parseFile(At(dir, "conf/sub/app.ini")));
+             EXPECT_EQ(Table(reread), table);
+           });
        EXPECT_EQ(Table(archiver), table);
-       if (!a.threw() && ok) {
-         Archiver reread;
-         ASSERT_TRUE(reread.parseFile(SafeString((dir / "conf/sub/app.ini").c_str())));
-         EXPECT_EQ(Table(reread), table);
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before);
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
      }},
     {"Archiver_parseFile",
      [](OomAttempt& a) {
        TempDir dir;
        const std::string text = ConfigText(Count(6));
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "app.ini", "\xEF\xBB\xBF" + text));
-       Archiver expected;
+       Archiver expected, archiver;
        ASSERT_TRUE(expected.parseText(text.c_str()));
-       Archiver archiver;
        bool ok = false;
-       a.run([&] { ok = archiver.parseFile(SafeString((dir / "app.ini").c_str())); });
-       if (a.threw()) {
-         ExpectSubset(Table(archiver), Table(expected));
-       } else {
-         EXPECT_TRUE(ok);
-         EXPECT_EQ(Table(archiver), Table(expected));
-       }
+       a.run([&] { ok = archiver.parseFile(At(dir, "app.ini")); });
+       ExpectSubset(Table(archiver), Table(expected));
+       UNLESS_THREW(a, EXPECT_TRUE(ok && Table(archiver) == Table(expected)));
      }},
     // Files: a failed call leaves the scratch folder as it was, except where
     // the operation says otherwise.
@@ -446,49 +438,29 @@ const Row kRows[] = {
      [](OomAttempt& a) {
        TempDir dir;
        const std::string text = Filler(Count(500));
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] {
-         ok = FileUtils::WriteText(SafeString((dir / "made/one/two/file.txt").c_str()),
-                                   SafeString(text.c_str()));
-       });
-       if (!a.threw() && ok) {
-         EXPECT_EQ(zorv::test::ReadRawFile(dir / "made/one/two/file.txt"), text);
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before) << "the folders made must be removed again";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
+       WholeOrUntouched(
+           a, dir,
+           [&] {
+             return FileUtils::WriteText(At(dir, "made/one/two/file.txt"),
+                                         SafeString(text.c_str()));
+           },
+           [&] { EXPECT_EQ(zorv::test::ReadRawFile(dir / "made/one/two/file.txt"), text); });
      }},
     {"FileUtils_PathUtilities",
      [](OomAttempt& a) {
        const SafeString path("\\root\\folder-with-a-long-name//sub-folder/file.name.ext");
-       SafeString joined;
-       a.run([&] {
-         joined = FileUtils::LinkPath(FileUtils::GetFolderPath(path),
-                                      FileUtils::GetNoExtFileName(path)) +
-                  "." + FileUtils::GetFileExt(path);
+       a.wholeOrThrown(std::string("/root/folder-with-a-long-name/sub-folder/file.name.ext"), [&] {
+         return Str(FileUtils::LinkPath(FileUtils::GetFolderPath(path),
+                                        FileUtils::GetNoExtFileName(path)) +
+                    "." + FileUtils::GetFileExt(path));
        });
-       if (!a.threw()) {
-         EXPECT_EQ(Str(joined), "/root/folder-with-a-long-name/sub-folder/file.name.ext");
-       }
      }},
     {"FileUtils_CreateFolder",
      [](OomAttempt& a) {
        TempDir dir;
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run(
-           [&] { ok = FileUtils::CreateFolder(SafeString((dir / "made/one/two/three").c_str())); });
-       if (!a.threw() && ok) {
-         EXPECT_EQ(Tree(dir.path()).count("/made/one/two/three"), 1u);
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before) << "the folders made must be removed again";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
+       WholeOrUntouched(
+           a, dir, [&] { return FileUtils::CreateFolder(At(dir, "made/one/two/three")); },
+           [&] { EXPECT_EQ(Tree(dir.path()).count("/made/one/two/three"), 1u); });
      }},
     {"FileUtils_ReadText",
      [](OomAttempt& a) {
@@ -497,11 +469,8 @@ const Row kRows[] = {
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.txt", "\xEF\xBB\xBF" + text));
        SafeString read("earlier contents of the string");
        bool ok = false;
-       a.run([&] { ok = FileUtils::ReadText(SafeString((dir / "file.txt").c_str()), read); });
-       EXPECT_EQ(Str(read), ok ? text : "earlier contents of the string");
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
+       a.run([&] { ok = FileUtils::ReadText(At(dir, "file.txt"), read); });
+       EXPECT_EQ(Str(read), Completed(a, ok) ? text : "earlier contents of the string");
      }},
     {"FileUtils_ReadTextLines",
      [](OomAttempt& a) {
@@ -515,19 +484,15 @@ const Row kRows[] = {
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "lines.txt", text));
        Vector<SafeString> read(1, SafeString("earlier line of the vector"));
        bool ok = false;
-       a.run([&] { ok = FileUtils::ReadText(SafeString((dir / "lines.txt").c_str()), read); });
-       if (!a.threw()) {
-         EXPECT_TRUE(ok);
+       a.run([&] { ok = FileUtils::ReadText(At(dir, "lines.txt"), read); });
+       if (Completed(a, ok)) {
          EXPECT_EQ(Strs(read), lines);
        } else if (!read.empty() && Str(read[0]) != "earlier line of the vector") {
-         // Cleared, then filled up to the failure.
-         ASSERT_LE(read.size(), lines.size());
+         ASSERT_LE(read.size(), lines.size());  // cleared, then filled up to the failure
          EXPECT_EQ(Strs(read),
                    std::vector<std::string>(lines.begin(), lines.begin() + read.size()));
        }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
+       UNLESS_THREW(a, EXPECT_TRUE(ok));
      }},
     {"FileUtils_ReadBinary",
      [](OomAttempt& a) {
@@ -536,13 +501,10 @@ const Row kRows[] = {
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.bin", bytes));
        zf::memory::MemoryBuffer buffer;
        bool ok = false;
-       a.run([&] { ok = FileUtils::ReadBinary(SafeString((dir / "file.bin").c_str()), &buffer); });
-       if (!a.threw() && ok) {
+       a.run([&] { ok = FileUtils::ReadBinary(At(dir, "file.bin"), &buffer); });
+       if (Completed(a, ok)) {
          ASSERT_EQ(buffer.length(), bytes.size());
          EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), bytes.size()), bytes);
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
        }
      }},
     {"FileUtils_CopyFile",
@@ -550,39 +512,17 @@ const Row kRows[] = {
        TempDir dir;
        const std::string bytes = Filler(Count(9000));
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "from.bin", bytes));
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] {
-         ok = FileUtils::CopyFile(SafeString((dir / "from.bin").c_str()),
-                                  SafeString((dir / "to.bin").c_str()));
-       });
-       if (!a.threw() && ok) {
-         EXPECT_EQ(zorv::test::ReadRawFile(dir / "to.bin"), bytes);
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before) << "a partial copy must be deleted";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
+       WholeOrUntouched(
+           a, dir, [&] { return FileUtils::CopyFile(At(dir, "from.bin"), At(dir, "to.bin")); },
+           [&] { EXPECT_EQ(zorv::test::ReadRawFile(dir / "to.bin"), bytes); });
      }},
     {"FileUtils_CopyFolder",
      [](OomAttempt& a) {
        TempDir dir;
        MakeTree(dir / "from", Count(3));
-       const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] {
-         ok = FileUtils::CopyFolder(SafeString((dir / "from").c_str()),
-                                    SafeString((dir / "to").c_str()));
-       });
-       if (!a.threw() && ok) {
-         EXPECT_EQ(Tree(dir / "to"), Tree(dir / "from"));
-       } else {
-         EXPECT_EQ(Tree(dir.path()), before) << "a destination the call made must be removed";
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
-       }
+       WholeOrUntouched(
+           a, dir, [&] { return FileUtils::CopyFolder(At(dir, "from"), At(dir, "to")); },
+           [&] { EXPECT_EQ(Tree(dir / "to"), Tree(dir / "from")); });
      }},
     {"FileUtils_RemoveFolder",
      [](OomAttempt& a) {
@@ -590,31 +530,24 @@ const Row kRows[] = {
        MakeTree(dir / "doomed", Count(9));
        const auto before = Tree(dir.path());
        bool ok = false;
-       a.run([&] { ok = FileUtils::RemoveFolder(SafeString((dir / "doomed").c_str())); });
-       if (!a.threw() && ok) {
+       a.run([&] { ok = FileUtils::RemoveFolder(At(dir, "doomed")); });
+       if (Completed(a, ok)) {
          EXPECT_TRUE(Tree(dir.path()).empty());
        } else {
          ExpectSubset(Tree(dir.path()), before);  // what was removed stays removed
-       }
-       if (!a.injected()) {
-         EXPECT_TRUE(ok);
        }
      }},
     {"FileUtils_SearchFiles",
      [](OomAttempt& a) {
        TempDir dir;
        MakeTree(dir / "tree", Count(9));
-       Vector<SafeString> suffixes(1, SafeString(".TXT"));
-       std::vector<std::string> expected =
-           Strs(FileUtils::SearchFiles(SafeString((dir / "tree").c_str()), 0x5, suffixes));
+       const Vector<SafeString> suffixes(1, SafeString(".TXT"));
+       const auto search = [&] {
+         return Strs(FileUtils::SearchFiles(At(dir, "tree"), 0x5, suffixes));
+       };
+       const std::vector<std::string> expected = search();
        ASSERT_EQ(expected.size(), Count(9));
-       Vector<SafeString> found;
-       a.run([&] {
-         found = FileUtils::SearchFiles(SafeString((dir / "tree").c_str()), 0x5, suffixes);
-       });
-       if (!a.threw()) {
-         EXPECT_EQ(Strs(found), expected) << "a search returns all or throws";
-       }
+       a.wholeOrThrown(expected, search);  // all or nothing
      }},
     // Digests.
     {"MD5_SHA1_ComputeBinary",
@@ -622,32 +555,28 @@ const Row kRows[] = {
        const std::string bytes = Filler(Count(3000));
        const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
        const auto size = static_cast<unsigned int>(bytes.size());
-       const std::vector<unsigned char> md5 = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
-       const std::vector<unsigned char> sha1 = Bytes(zf::crypto::SHA1::ComputeBinary(data, size));
-       Vector<unsigned char> md5Read, sha1Read;
-       SafeString text;
-       a.run([&] {
-         md5Read = zf::crypto::MD5::ComputeBinary(data, size);
-         sha1Read = zf::crypto::SHA1::ComputeBinary(data, size);
-         text =
-             zf::crypto::MD5::EncodeBinary(data, size) + zf::crypto::SHA1::EncodeBinary(data, size);
-       });
-       if (!a.threw()) {
-         EXPECT_EQ(Bytes(md5Read), md5);
-         EXPECT_EQ(Bytes(sha1Read), sha1);
-         EXPECT_EQ(text.size(), 32u + 40u);
-       }
+       const auto digests = [&] {  // both digests as bytes, then both as text
+         std::vector<unsigned char> all = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
+         const std::vector<unsigned char> sha1 = Bytes(zf::crypto::SHA1::ComputeBinary(data, size));
+         const std::string text = Str(zf::crypto::MD5::EncodeBinary(data, size) +
+                                      zf::crypto::SHA1::EncodeBinary(data, size));
+         all.insert(all.end(), sha1.begin(), sha1.end());
+         all.insert(all.end(), text.begin(), text.end());
+         return all;
+       };
+       const std::vector<unsigned char> expected = digests();
+       ASSERT_EQ(expected.size(), 16u + 20u + 72u);
+       a.wholeOrThrown(expected, digests);
      }},
     {"MD5_SHA1_ComputeFile",
      [](OomAttempt& a) {
        TempDir dir;
-       const std::string bytes = Filler(Count(9000));
-       ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.bin", bytes));
+       const std::string bytes = Filler(Count(9000)), path = dir / "file.bin";
+       ASSERT_TRUE(zorv::test::WriteRawFile(path, bytes));
        const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
        const auto size = static_cast<unsigned int>(bytes.size());
        const std::vector<unsigned char> md5 = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
        const std::string sha1 = Str(zf::crypto::SHA1::EncodeBinary(data, size));
-       const std::string path = dir / "file.bin";
        Vector<unsigned char> digest(1, 9);
        SafeString text("earlier text");
        bool md5Ok = false, sha1Ok = false;
@@ -657,82 +586,21 @@ const Row kRows[] = {
        });
        EXPECT_EQ(Bytes(digest), md5Ok ? md5 : std::vector<unsigned char>(1, 9));
        EXPECT_EQ(Str(text), sha1Ok ? sha1 : "earlier text");
-       if (!a.injected()) {
-         EXPECT_TRUE(md5Ok && sha1Ok);
-       }
+       Completed(a, md5Ok && sha1Ok);
      }},
     // Time.
     {"DateTime_toString",
      [](OomAttempt& a) {
-       const zf::time::DateTime value(2024, 3, 1, 12, 34, 56, 0, 0);
        SafeString text;
-       a.run([&] { text = value.toString(); });
+       a.run([&] { text = zf::time::DateTime(2024, 3, 1, 12, 34, 56, 0, 0).toString(); });
        EXPECT_FALSE(a.threw()) << "toString never throws";
        if (!text.empty() || !a.injected()) {
          EXPECT_EQ(Str(text), "2024-03-01 12:34:56");
        }
      }},
     // Threading: an executor disposes a task it could not queue.
-    {"ThreadPool_addTask",
-     [](OomAttempt& a) {
-       zorv::test::Tally tally;
-       zorv::test::Gate gate;
-       zorv::test::GateOpener opener(gate);
-       std::atomic<bool> started{false};
-       zf::threading::ThreadPool pool(1);
-       zorv::test::ProbeTask* blocker = zorv::test::NewTask(&tally, 0);
-       blocker->gate = &gate;
-       blocker->started = &started;
-       pool.addTask(blocker);
-       ASSERT_TRUE(zorv::test::PollUntil([&] { return started.load(); }));
-       // The worker is held, so only addTask allocates: when the queue grows.
-       int created = 0, added = 0;
-       a.run([&] {
-         for (int i = 1; i <= kQueuedTasks; ++i) {
-           zorv::test::ProbeTask* task = zorv::test::NewTask(&tally, i);
-           ++created;
-           pool.addTask(task);
-           ++added;
-         }
-       });
-       gate.open();
-       pool.stop();
-       EXPECT_EQ(tally.runs.load(), 1 + added);
-       EXPECT_EQ(tally.disposals.load(), 1 + created) << "a task that was not queued is disposed";
-       if (!a.threw()) {
-         EXPECT_EQ(added, kQueuedTasks);
-       }
-     }},
-    {"AffinityThreadPool_addTask",
-     [](OomAttempt& a) {
-       zorv::test::Tally tally;
-       zorv::test::Gate gate;
-       zorv::test::GateOpener opener(gate);
-       std::atomic<bool> started{false};
-       zf::threading::AffinityThreadPool pool(1);
-       zorv::test::ProbeTask* blocker = zorv::test::NewTask(&tally, 0);
-       blocker->gate = &gate;
-       blocker->started = &started;
-       pool.addTask(blocker);
-       ASSERT_TRUE(zorv::test::PollUntil([&] { return started.load(); }));
-       // The worker is held, so only addTask allocates: when the queue grows.
-       int created = 0, added = 0;
-       a.run([&] {
-         for (int i = 1; i <= kQueuedTasks; ++i) {
-           zorv::test::ProbeTask* task = zorv::test::NewTask(&tally, i);
-           ++created;
-           pool.addTask(task);
-           ++added;
-         }
-       });
-       gate.open();
-       pool.stop();
-       EXPECT_EQ(tally.runs.load(), 1 + added);
-       EXPECT_EQ(tally.disposals.load(), 1 + created) << "a task that was not queued is disposed";
-       if (!a.threw()) {
-         EXPECT_EQ(added, kQueuedTasks);
-       }
-     }},
+    {"ThreadPool_addTask", AddTasks<zf::threading::ThreadPool>},
+    {"AffinityThreadPool_addTask", AddTasks<zf::threading::AffinityThreadPool>},
     {"TimerScheduler_addTimer",
      [](OomAttempt& a) {
        zorv::test::Tally tally;
@@ -779,9 +647,7 @@ const Row kRows[] = {
        if (started) {
          EXPECT_NE(built, failed) << "run() completed, or interrupted() was called";
        }
-       if (!a.threw()) {
-         EXPECT_TRUE(started);
-       }
+       UNLESS_THREW(a, EXPECT_TRUE(started));
      }},
     {"Lock_ReadWriteLock_LockCondition",
      [](OomAttempt& a) {
@@ -793,9 +659,7 @@ const Row kRows[] = {
          zf::threading::Locker locker(lock, false);
          woken = condition.tryWait(locker, 0);
        });
-       if (!a.threw()) {
-         EXPECT_FALSE(woken);
-       }
+       UNLESS_THREW(a, EXPECT_FALSE(woken));
      }},
 };
 

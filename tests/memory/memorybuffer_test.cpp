@@ -60,17 +60,6 @@ unsigned long long Allocated(const MemoryBuffer& b) {
   return fields.allocLength;
 }
 
-TEST_F(MemoryBufferTest, NewBufferIsEmpty) {
-  MemoryBuffer b;
-  ExpectFields(b, 0, 0, 0);
-  EXPECT_EQ(b.data(), nullptr);
-  unsigned char byte = 0;
-  EXPECT_TRUE(b.read(&byte, 0));
-  EXPECT_FALSE(b.read(&byte, 1));
-  b.clear();  // without storage nothing changes
-  ExpectFields(b, 0, 0, 0);
-}
-
 // The growth sequence: exactly the first write, then doubling when the
 // shortfall fits in the current size, else exactly the shortfall more.
 TEST_F(MemoryBufferTest, GrowthSequence) {
@@ -96,40 +85,6 @@ TEST_F(MemoryBufferTest, GrowthSequence) {
   }
 }
 
-TEST_F(MemoryBufferTest, AllocHelpersDoNotTouchLengthOrPositions) {
-  MemoryBuffer b;
-  b._addAllocLength(10);  // 0 < 10: exactly 10
-  EXPECT_EQ(Allocated(b), 10u);
-  ExpectFields(b, 0, 0, 0);
-  b._addAllocLength(4);  // 4 <= 10: doubles
-  EXPECT_EQ(Allocated(b), 20u);
-  b._addAllocLength(21);  // 20 < 21: exactly 41
-  EXPECT_EQ(Allocated(b), 41u);
-  b._setAllocLength(5);
-  EXPECT_EQ(Allocated(b), 5u);
-  ExpectFields(b, 0, 0, 0);
-  const std::vector<unsigned char> bytes = Pattern(5);
-  b.write(bytes.data(), 5);  // fits exactly: no growth
-  EXPECT_EQ(Allocated(b), 5u);
-  ExpectFields(b, 5, 0, 5);
-  b.clear();
-  EXPECT_EQ(Allocated(b), 0u);
-}
-
-TEST_F(MemoryBufferTest, WriteAfterSeekOverwritesWithoutExtending) {
-  MemoryBuffer b;
-  b.write(Bytes("0123456789"), 10);
-  EXPECT_EQ(b.seekWrite(0), 10u);
-  b.write(Bytes("abc"), 3);
-  ExpectFields(b, 10, 0, 3);
-  EXPECT_EQ(std::memcmp(b.data(), "abc3456789", 10), 0);
-  // Overwriting past the end extends the length.
-  EXPECT_EQ(b.seekWrite(8), 3u);
-  b.write(Bytes("XYZW"), 4);
-  ExpectFields(b, 12, 0, 12);
-  EXPECT_EQ(std::memcmp(b.data(), "abc34567XYZW", 12), 0);
-}
-
 TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
   struct Case {
     std::string text;
@@ -141,10 +96,10 @@ TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
   std::string large(1 << 20, '\0');
   for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 + i / 251);
   const Case cases[] = {
-      {"abcdef", 6, 0, 6, "abcdefabcdef"},   // grows: the block may move
-      {"abcdef", 6, 2, 3, "abcdefcde"},      // grows, from the middle
-      {"abcdef", 4, 0, 6, "abcdabcdef"},     // grows, overlapping the target
-      {"abcdef", 1, 0, 3, "aabcef"},         // fits, overlapping the target
+      {"abcdef", 6, 0, 6, "abcdefabcdef"},  // grows: the block may move
+      {"abcdef", 6, 2, 3, "abcdefcde"},     // grows, from the middle
+      {"abcdef", 4, 0, 6, "abcdabcdef"},    // grows, overlapping the target
+      {"abcdef", 1, 0, 3, "aabcef"},        // fits, overlapping the target
       {large, large.size(), 0, large.size(), large + large},
   };
   for (const Case& c : cases) {
@@ -158,65 +113,89 @@ TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
   }
 }
 
-TEST_F(MemoryBufferTest, ReadAndSeekRules) {
+// One buffer through a script of calls: each row is a call, what it
+// returns, and the fields, allocated size and bytes afterwards.
+TEST_F(MemoryBufferTest, CallsMoveLengthPositionsAndStorage) {
+  struct Step {
+    const char* op;
+    unsigned long long n;        // bytes to write or read, a position, a length
+    const char* bytes;           // bytes written, or expected from a read
+    unsigned long long returns;  // a read: 1 when it succeeds
+    unsigned long long length, read, write, allocated;
+    const char* content;
+  };
+  const Step steps[] = {
+      {"read", 0, "", 1, 0, 0, 0, 0, ""},  // an empty buffer, without storage
+      {"read", 1, "", 0, 0, 0, 0, 0, ""},
+      {"clear", 0, "", 0, 0, 0, 0, 0, ""},
+      {"addAlloc", 10, "", 0, 0, 0, 0, 10, ""},  // from nothing: exactly
+      {"addAlloc", 4, "", 0, 0, 0, 0, 20, ""},   // fits in the size: doubles
+      {"addAlloc", 21, "", 0, 0, 0, 0, 41, ""},  // else exactly the shortfall more
+      {"setAlloc", 10, "", 0, 0, 0, 0, 10, ""},
+      {"write", 10, "0123456789", 0, 10, 0, 10, 10, "0123456789"},  // fits exactly
+      {"seekWrite", 0, "", 10, 10, 0, 0, 10, "0123456789"},
+      {"write", 3, "abc", 0, 10, 0, 3, 10, "abc3456789"},  // overwrites, no longer
+      {"seekWrite", 8, "", 3, 10, 0, 8, 10, "abc3456789"},
+      {"write", 4, "XYZW", 0, 12, 0, 12, 20, "abc34567XYZW"},  // past the end: longer
+      {"read", 5, "abc34", 1, 12, 5, 12, 20, "abc34567XYZW"},
+      {"read", 8, "", 0, 12, 5, 12, 20, "abc34567XYZW"},  // 7 remain: nothing read
+      {"read", 7, "567XYZW", 1, 12, 12, 12, 20, "abc34567XYZW"},
+      {"read", 0, "", 1, 12, 12, 12, 20, "abc34567XYZW"},  // at the end, 0 bytes succeed
+      {"read", 1, "", 0, 12, 12, 12, 20, "abc34567XYZW"},
+      {"seekRead", 13, "", 12, 12, 12, 12, 20, "abc34567XYZW"},  // beyond: unchanged
+      {"seekRead", 0, "", 12, 12, 0, 12, 20, "abc34567XYZW"},
+      {"seekRead", 12, "", 0, 12, 12, 12, 20, "abc34567XYZW"},  // exactly the length
+      {"seekRead", 0, "", 12, 12, 0, 12, 20, "abc34567XYZW"},
+      {"seekWrite", 100, "", 12, 12, 0, 12, 20, "abc34567XYZW"},
+      {"seekWrite", 4, "", 12, 12, 0, 4, 20, "abc34567XYZW"},
+      {"seekWrite", 12, "", 4, 12, 0, 12, 20, "abc34567XYZW"},
+      {"seekWrite", 4, "", 12, 12, 0, 4, 20, "abc34567XYZW"},
+      {"read", ~0ULL, "", 0, 12, 0, 4, 20, "abc34567XYZW"},
+      {"read", 2, "ab", 1, 12, 2, 4, 20, "abc34567XYZW"},
+      {"setLength", 12, "", 12, 12, 0, 0, 12, "abc34567XYZW"},  // positions reset
+      {"setLength", 3, "", 12, 3, 0, 0, 3, "abc"},
+      {"setLength", 8, "", 3, 8, 0, 0, 8, "abc"},
+      {"write", 8, "12345678", 0, 8, 0, 8, 8, "12345678"},
+      {"setLength", 0, "", 8, 0, 0, 0, 0, ""},
+      {"write", 3, "xyz", 0, 3, 0, 3, 3, "xyz"},
+      {"read", 1, "x", 1, 3, 1, 3, 3, "xyz"},
+      {"clear", 0, "", 0, 0, 0, 0, 0, ""},
+      {"write", 2, "xy", 0, 2, 0, 2, 2, "xy"},
+  };
   MemoryBuffer b;
-  b.write(Bytes("hello world"), 11);
-  unsigned char out[16] = {};
-  EXPECT_TRUE(b.read(out, 5));
-  EXPECT_EQ(std::memcmp(out, "hello", 5), 0);
-  EXPECT_EQ(b.tellRead(), 5u);
-  EXPECT_TRUE(b.read(out, 0));
-  EXPECT_FALSE(b.read(out, 7));  // 6 remain
-  EXPECT_EQ(b.tellRead(), 5u);
-  EXPECT_TRUE(b.read(out, 6));
-  EXPECT_EQ(std::memcmp(out, " world", 6), 0);
-  EXPECT_TRUE(b.read(out, 0));  // at the end, 0 bytes still succeed
-  EXPECT_FALSE(b.read(out, 1));
-
-  EXPECT_EQ(b.seekRead(12), 11u);  // beyond the length: unchanged
-  EXPECT_EQ(b.tellRead(), 11u);
-  EXPECT_EQ(b.seekRead(11), 11u);
-  EXPECT_EQ(b.seekRead(0), 11u);
-  EXPECT_EQ(b.tellRead(), 0u);
-  EXPECT_EQ(b.seekWrite(100), 11u);
-  EXPECT_EQ(b.tellWrite(), 11u);
-  EXPECT_EQ(b.seekWrite(4), 11u);
-  EXPECT_EQ(b.tellWrite(), 4u);
-  EXPECT_FALSE(b.read(out, ~0ull));
-}
-
-TEST_F(MemoryBufferTest, SetLengthResizesAndResetsPositions) {
-  MemoryBuffer b;
-  b.write(Bytes("abcdef"), 6);
-  unsigned char out[8];
-  ASSERT_TRUE(b.read(out, 2));
-  EXPECT_EQ(b.setLength(6), 6u);  // same length, positions still reset
-  ExpectFields(b, 6, 0, 0);
-  EXPECT_EQ(std::memcmp(b.data(), "abcdef", 6), 0);
-  EXPECT_EQ(b.setLength(3), 6u);
-  ExpectFields(b, 3, 0, 0);
-  EXPECT_EQ(std::memcmp(b.data(), "abc", 3), 0);
-  EXPECT_EQ(b.setLength(8), 3u);
-  EXPECT_EQ(std::memcmp(b.data(), "abc", 3), 0);
-  EXPECT_EQ(Allocated(b), 8u);
-  b.write(Bytes("12345678"), 8);
-  EXPECT_EQ(Allocated(b), 8u);
-  EXPECT_EQ(b.setLength(0), 8u);
-  ExpectFields(b, 0, 0, 0);
-  EXPECT_EQ(b.data(), nullptr);
-  EXPECT_EQ(Allocated(b), 0u);
-}
-
-TEST_F(MemoryBufferTest, ClearFreesAndZeroes) {
-  MemoryBuffer b;
-  b.write(Bytes("abc"), 3);
-  unsigned char out[1];
-  ASSERT_TRUE(b.read(out, 1));
-  b.clear();
-  ExpectFields(b, 0, 0, 0);
-  EXPECT_EQ(b.data(), nullptr);
-  b.write(Bytes("xy"), 2);
-  ExpectFields(b, 2, 0, 2);
+  for (const Step& s : steps) {
+    SCOPED_TRACE(std::string(s.op) + " " + std::to_string(s.n) + " " + s.bytes);
+    const std::string op = s.op;
+    std::vector<unsigned char> out(s.n == ~0ULL ? 1 : s.n + 1);
+    unsigned long long returned = 0;
+    if (op == "read") {
+      returned = b.read(out.data(), s.n) ? 1 : 0;
+      if (returned == 1) {
+        EXPECT_EQ(std::string(out.begin(), out.begin() + s.n), s.bytes);
+      }
+    } else if (op == "write") {
+      b.write(Bytes(s.bytes), s.n);
+    } else if (op == "seekRead") {
+      returned = b.seekRead(s.n);
+    } else if (op == "seekWrite") {
+      returned = b.seekWrite(s.n);
+    } else if (op == "setLength") {
+      returned = b.setLength(s.n);
+    } else if (op == "addAlloc") {
+      b._addAllocLength(s.n);
+    } else if (op == "setAlloc") {
+      b._setAllocLength(s.n);
+    } else {
+      b.clear();
+    }
+    EXPECT_EQ(returned, s.returns);
+    ExpectFields(b, s.length, s.read, s.write);
+    EXPECT_EQ(Allocated(b), s.allocated);
+    EXPECT_EQ(b.data() == nullptr, s.allocated == 0);
+    if (b.data() != nullptr) {
+      EXPECT_EQ(std::memcmp(b.data(), s.content, strlen(s.content)), 0);
+    }
+  }
 }
 
 TEST_F(MemoryBufferTest, MovesTakeEverything) {
@@ -318,13 +297,6 @@ TEST_F(MemoryBufferTest, ImpossibleGrowthThrowsBadAllocAndChangesNothing) {
   ExpectFields(b, 3, 0, 3);
 }
 
-TEST_F(MemoryBufferTest, CopyCopiesBytes) {
-  unsigned char to[5] = {};
-  MemoryBuffer::Copy(to, Bytes("hello"), 5);
-  EXPECT_EQ(std::memcmp(to, "hello", 5), 0);
-  MemoryBuffer::Copy(nullptr, nullptr, 0);
-}
-
 TEST_F(MemoryBufferTest, ManySmallWritesReadBackInOrder) {
   MemoryBuffer b;
   const std::vector<unsigned char> bytes = Pattern(4096);
@@ -336,6 +308,10 @@ TEST_F(MemoryBufferTest, ManySmallWritesReadBackInOrder) {
     ASSERT_EQ(std::memcmp(out.data(), bytes.data(), n), 0);
   }
   EXPECT_EQ(b.tellRead(), b.length());
+  unsigned char to[5] = {};
+  MemoryBuffer::Copy(to, Bytes("hello"), 5);
+  EXPECT_EQ(std::memcmp(to, "hello", 5), 0);
+  MemoryBuffer::Copy(nullptr, nullptr, 0);
 }
 
 }  // namespace

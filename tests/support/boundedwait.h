@@ -31,6 +31,12 @@ inline bool SlowTarget() {
 #endif
 }
 
+// How long a check that something does NOT happen watches for it, and the
+// slack of a timing bound: `ms`, five times that on slow targets.
+inline std::chrono::milliseconds Margin(long ms) {
+  return std::chrono::milliseconds(SlowTarget() ? 5 * ms : ms);
+}
+
 // A one-way gate: threads wait until it is opened. Waits are bounded.
 class Gate {
  public:

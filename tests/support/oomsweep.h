@@ -51,6 +51,17 @@ class OomAttempt {
     if (other) Report(other);
   }
 
+  // Runs `op`, an operation that returns its whole result or throws, and
+  // expects the result unless it threw.
+  template <class T, class Op>
+  void wholeOrThrown(const T& expected, Op&& op) {
+    T got{};
+    run([&] { got = op(); });
+    if (!threw_) {
+      EXPECT_EQ(got, expected);
+    }
+  }
+
   unsigned int n() const { return n_; }
   bool ran() const { return ran_; }
   // The operation ended by std::bad_alloc.
@@ -90,6 +101,15 @@ class OomAttempt {
   bool injected_ = false;
 };
 
+// True when the attempt completed: the operation returned `ok` without
+// throwing. An attempt in which no failure fired must have returned ok.
+inline bool Completed(const OomAttempt& a, bool ok = true) {
+  if (!a.injected()) {
+    EXPECT_TRUE(ok) << "failed without an allocation failure";
+  }
+  return !a.threw() && ok;
+}
+
 // A fixture that sweeps operations: the counter baseline of LeakCheckedTest
 // is taken again before every attempt and checked after it.
 class OomSweepTest : public LeakCheckedTest {
@@ -116,5 +136,13 @@ class OomSweepTest : public LeakCheckedTest {
 
 }  // namespace test
 }  // namespace zorv
+
+// Makes `check` (an EXPECT_...) unless the attempt's operation threw.
+#define UNLESS_THREW(attempt, check) \
+  do {                               \
+    if (!(attempt).threw()) {        \
+      check;                         \
+    }                                \
+  } while (0)
 
 #endif  // ZORV_TESTS_SUPPORT_OOMSWEEP_H_

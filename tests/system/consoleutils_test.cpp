@@ -6,9 +6,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
+#include <functional>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -82,58 +81,51 @@ class Redirect {
   int saved_;
 };
 
-TEST_F(ConsoleUtilsTest, WriterReceivesTextWithoutLineBreak) {
-  ConsoleUtils::Print("a");
-  ConsoleUtils::Println("x");
-  ConsoleUtils::Println("");
-  const std::vector<std::string> expected = {"a", "x", ""};
-  EXPECT_EQ(Pieces(), expected);
-}
-
-TEST_F(ConsoleUtilsTest, RangeIsWrittenInPiecesOf1023Bytes) {
+// What the writer receives: the text without a line break; a range in
+// pieces of at most 1023 bytes, each cut short at a zero byte.
+TEST_F(ConsoleUtilsTest, WriterReceivesPieces) {
   struct Case {
-    size_t size;
+    const char* name;
+    std::function<void(const std::string&)> print;
+    std::string text;
     std::vector<size_t> pieces;
   };
+  const auto range = [](const std::string& t) {
+    ConsoleUtils::Print(t.data(), t.data() + t.size());
+  };
+  const auto reversed = [](const std::string& t) { ConsoleUtils::Print(t.data() + 5, t.data()); };
+  const auto print = [](const std::string& t) { ConsoleUtils::Print(t.c_str()); };
+  const auto println = [](const std::string& t) { ConsoleUtils::Println(t.c_str()); };
+  std::string zeroAt10(1100, 'q');
+  zeroAt10[10] = '\0';
   const Case cases[] = {
-      {0, {}},
-      {1, {1}},
-      {1023, {1023}},
-      {1024, {1023, 1}},
-      {2046, {1023, 1023}},
-      {3000, {1023, 1023, 954}},
+      {"Print", print, "a", {1}},
+      {"Println", println, "x", {1}},
+      {"Println, empty", println, "", {0}},
+      {"range 0", range, "", {}},
+      {"range 1", range, "a", {1}},
+      {"range 1023", range, std::string(1023, 'r'), {1023}},
+      {"range 1024", range, std::string(1024, 'r'), {1023, 1}},
+      {"range 2046", range, std::string(2046, 'r'), {1023, 1023}},
+      {"range 3000", range, std::string(3000, 'r'), {1023, 1023, 954}},
+      {"zero byte", range, zeroAt10, {10, 77}},
+      {"reversed range", reversed, std::string(10, 'r'), {}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.size);
+    SCOPED_TRACE(c.name);
     {
       std::lock_guard<std::mutex> hold(g_mutex);
       g_pieces.clear();
     }
-    std::string text;
-    for (size_t i = 0; i < c.size; ++i) text.push_back(static_cast<char>('a' + i % 26));
-    ConsoleUtils::Print(text.data(), text.data() + text.size());
+    c.print(c.text);
     const std::vector<std::string> pieces = Pieces();
     ASSERT_EQ(pieces.size(), c.pieces.size());
-    std::string joined;
+    size_t at = 0;
     for (size_t i = 0; i < pieces.size(); ++i) {
-      EXPECT_EQ(pieces[i].size(), c.pieces[i]);
-      joined += pieces[i];
+      EXPECT_EQ(pieces[i], c.text.substr(at, c.pieces[i]));
+      at += i == 0 && c.pieces[0] == 10 ? 1023 : c.pieces[i];  // a cut piece still spends 1023
     }
-    EXPECT_EQ(joined, text);
   }
-}
-
-TEST_F(ConsoleUtilsTest, ZeroByteCutsItsPieceShort) {
-  std::string text(1100, 'q');
-  text[10] = '\0';
-  ConsoleUtils::Print(text.data(), text.data() + text.size());
-  const std::vector<std::string> pieces = Pieces();
-  ASSERT_EQ(pieces.size(), 2u);
-  EXPECT_EQ(pieces[0], std::string(10, 'q'));
-  EXPECT_EQ(pieces[1], std::string(77, 'q'));
-  // A reversed range writes nothing.
-  ConsoleUtils::Print(text.data() + 5, text.data());
-  EXPECT_EQ(Pieces().size(), 2u);
 }
 
 TEST_F(ConsoleUtilsTest, WithoutWriterPrintsToStandardOutput) {
@@ -151,10 +143,7 @@ TEST_F(ConsoleUtilsTest, WithoutWriterPrintsToStandardOutput) {
     ConsoleUtils::Print("%d%s\n");  // printed as text, not as a format
   }
   close(fd);
-  std::ifstream in(path);
-  std::stringstream content;
-  content << in.rdbuf();
-  EXPECT_EQ(content.str(), "one two\nthr%d%s\n");
+  EXPECT_EQ(zorv::test::ReadRawFile(path), "one two\nthr%d%s\n");
   EXPECT_TRUE(Pieces().empty()) << "the removed writer is not called";
 }
 
@@ -188,7 +177,7 @@ TEST_F(ConsoleUtilsTest, HoldingTheConsoleLockKeepsOthersOut) {
       ConsoleUtils::Println("later");
       printed = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    std::this_thread::sleep_for(zorv::test::Margin(30));
     EXPECT_FALSE(printed.load()) << "the print waits for the lock";
   }
   other.join();

@@ -32,83 +32,67 @@ class CountingLock : public ILock {
   int unlocks = 0;
 };
 
-// Runs `body` on another thread and returns its result.
-bool OnOtherThread(const std::function<bool()>& body) {
-  bool result = false;
-  std::thread other([&] { result = body(); });
+// True when another thread can take `lock` now (it lets go at once).
+bool FreeForOthers(Lock& lock) {
+  bool taken = false;
+  std::thread other([&] {
+    taken = lock.tryLock();
+    if (taken) lock.unlock();
+  });
   other.join();
-  return result;
+  return taken;
 }
 
 TEST_F(LockTest, CountsOneHandleWhileItLives) {
   const long long before = SystemMonitor::LiveHandles();
   {
     Lock lock;
-    EXPECT_EQ(SystemMonitor::LiveHandles(), before + 1);
-    EXPECT_NE(lock.handle(), nullptr);
     Lock other;
     EXPECT_EQ(SystemMonitor::LiveHandles(), before + 2);
+    EXPECT_NE(lock.handle(), nullptr);
     EXPECT_NE(other.handle(), lock.handle());
   }
   EXPECT_EQ(SystemMonitor::LiveHandles(), before);
 }
 
-TEST_F(LockTest, IsRecursiveAndReleasedAfterMatchingUnlocks) {
-  Lock lock;
-  ILock& asLock = lock;
-  asLock.lock();
-  asLock.lock();  // the holder locks again without blocking
-  asLock.lock();
-  for (int held = 3; held > 0; --held) {
-    SCOPED_TRACE("holds left: " + std::to_string(held));
-    EXPECT_FALSE(OnOtherThread([&] {
-      const bool taken = lock.tryLock();
-      if (taken) lock.unlock();
-      return taken;
-    }));
-    asLock.unlock();
-  }
-  EXPECT_TRUE(OnOtherThread([&] {
-    const bool taken = lock.tryLock();
-    if (taken) lock.unlock();
-    return taken;
-  })) << "free after as many unlocks as locks";
-}
-
-TEST_F(LockTest, NestedLockersOnOneThreadDoNotBlock) {
-  Lock lock;
-  {
-    Locker outer(lock, false);
-    {
-      Locker inner(&lock, false);
-      EXPECT_TRUE(inner.isLocked());
-    }
-    EXPECT_FALSE(OnOtherThread([&] {
-      const bool taken = lock.tryLock();
-      if (taken) lock.unlock();
-      return taken;
-    })) << "the outer hold remains";
-  }
-  EXPECT_TRUE(OnOtherThread([&] {
-    const bool taken = lock.tryLock();
-    if (taken) lock.unlock();
-    return taken;
-  }));
-}
-
-TEST_F(LockTest, TryLockSucceedsForHolderAndFailsForOthers) {
+// Recursive for its holder through lock(), tryLock() and Lockers, free for
+// other threads only after as many unlocks as holds. Each step acts on the
+// lock from this thread, then checks whether another thread could take it.
+TEST_F(LockTest, IsRecursiveAndFreeAfterMatchingUnlocks) {
+  struct Step {
+    const char* op;  // lock, unlock, try, locker (scope of a nested Locker), adopt
+    bool freeAfter;
+  };
+  const Step steps[] = {
+      {"lock", false},   {"lock", false},  {"try", false},  {"unlock", false},
+      {"unlock", false}, {"unlock", true}, {"try", false},  {"locker", false},
+      {"unlock", true},  {"locker", true}, {"lock", false}, {"adopt", true},
+  };
   Lock lock;
   ITryLock& tryable = lock;
-  ASSERT_TRUE(tryable.tryLock());
-  EXPECT_TRUE(tryable.tryLock()) << "recursive for the holder";
-  EXPECT_FALSE(OnOtherThread([&] { return lock.tryLock(); }));
-  tryable.unlock();
-  EXPECT_FALSE(OnOtherThread([&] { return lock.tryLock(); }));
-  tryable.unlock();
-
+  for (const Step& s : steps) {
+    SCOPED_TRACE(s.op);
+    const std::string op = s.op;
+    if (op == "lock") {
+      tryable.lock();
+    } else if (op == "unlock") {
+      tryable.unlock();
+    } else if (op == "try") {
+      EXPECT_TRUE(tryable.tryLock()) << "the holder or a free lock";
+    } else if (op == "locker") {
+      Locker outer(lock, false);
+      {
+        Locker inner(&lock, false);
+        EXPECT_TRUE(inner.isLocked());
+      }
+      EXPECT_FALSE(FreeForOthers(lock)) << "the outer hold remains";
+    } else {
+      Locker adopting(lock, true);
+    }
+    EXPECT_EQ(FreeForOthers(lock), s.freeAfter);
+  }
   // Held by another thread: tryLock here fails until it lets go.
-  Gate held;
-  Gate release;
+  Gate held, release;
   GateOpener opener(release);
   std::thread holder([&] {
     Locker locker(lock, false);
@@ -197,17 +181,6 @@ TEST_F(LockerTest, LockAndUnlockAreIdempotentPerLocker) {
     locker.unlock();
   }
   EXPECT_EQ(released.unlocks, 1) << "a released Locker does not unlock again";
-}
-
-TEST_F(LockerTest, AdoptsARealLockTakenByHand) {
-  Lock lock;
-  lock.lock();
-  { Locker adopt(lock, true); }
-  EXPECT_TRUE(OnOtherThread([&] {
-    const bool taken = lock.tryLock();
-    if (taken) lock.unlock();
-    return taken;
-  })) << "the adopting Locker released the hand-taken hold";
 }
 
 }  // namespace

@@ -1,0 +1,115 @@
+// The accounting allocator and the containers built on it: SafeString and
+// Vector take their heap blocks through it, and they are counted; the
+// allocator throws std::bad_alloc on an injected failure or a request larger
+// than 32 bits.
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+
+#include "foundation/collection/vector.h"
+#include "foundation/debug/memorymonitor.h"
+#include "foundation/text/safestring.h"
+#include "support/leakcheck.h"
+
+namespace {
+
+using zorv::foundation::SafeString;
+using zorv::foundation::collection::Vector;
+using zorv::foundation::debug::Allocator;
+using zorv::foundation::debug::MemoryMonitor;
+
+using AllocationTest = zorv::test::LeakCheckedTest;
+
+// Blocks and bytes in use above those at construction.
+struct Usage {
+  unsigned long long blocks = MemoryMonitor::LiveBlocks(), bytes = MemoryMonitor::LiveBytes();
+  unsigned long long moreBlocks() const { return MemoryMonitor::LiveBlocks() - blocks; }
+  unsigned long long moreBytes() const { return MemoryMonitor::LiveBytes() - bytes; }
+};
+
+// Short strings live inside the object; a longer one takes one block of its
+// capacity and the terminating zero. Growth doubles the capacity when that
+// suffices, else takes exactly what is needed.
+TEST_F(AllocationTest, SafeStringBlocksAndGrowth) {
+  struct Case {
+    size_t size;
+    size_t append;
+    size_t capacity;
+    unsigned long long blocks;
+  };
+  const Case cases[] = {
+      {15, 0, 15, 0}, {15, 1, 30, 1}, {16, 0, 16, 1},    {20, 20, 40, 1},
+      {20, 0, 20, 1}, {20, 1, 40, 1}, {41, 100, 141, 1}, {20, 101, 121, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.size) + " + " + std::to_string(c.append));
+    const Usage before;
+    {
+      SafeString s(c.size, 'a');
+      s.append(c.append, 'b');
+      EXPECT_EQ(s.capacity(), c.capacity);
+      EXPECT_EQ(s, SafeString(std::string(c.size, 'a').append(c.append, 'b').c_str()));
+      EXPECT_EQ(before.moreBlocks(), c.blocks);
+      EXPECT_EQ(before.moreBytes(), c.blocks == 0 ? 0 : c.capacity + 1);
+    }
+    EXPECT_EQ(before.moreBlocks(), 0u);
+    EXPECT_EQ(before.moreBytes(), 0u);
+  }
+  SafeString s("abc");
+  EXPECT_EQ(s.max_size(), 0x7FFFFFFFu) << "the longest length is 31 bits";
+  EXPECT_THROW(s.resize(static_cast<size_t>(0x7FFFFFFFu) + 1u), std::length_error);
+  EXPECT_EQ(s, "abc");
+}
+
+TEST_F(AllocationTest, SafeStringConvertsFromStandardResultsAndHashes) {
+  SafeString a("hello");
+  SafeString b = a + " world";
+  EXPECT_EQ(b, "hello world");
+  EXPECT_EQ(b.substr(6), "world");
+  EXPECT_TRUE(a < b);
+  std::unordered_map<SafeString, int, std::hash<SafeString>, std::equal_to<SafeString>,
+                     Allocator<std::pair<const SafeString, int> > >
+      table;
+  table[a] = 1;
+  table[SafeString("a much longer key than fifteen characters")] = 2;
+  EXPECT_EQ(table.at(SafeString("hello")), 1);
+  EXPECT_EQ(std::hash<SafeString>()(a), std::hash<std::string>()(std::string("hello")));
+}
+
+TEST_F(AllocationTest, VectorBlocksAreAccounted) {
+  const Usage before;
+  {
+    Vector<int> v;
+    for (int i = 0; i < 1000; ++i) v.push_back(i);
+    EXPECT_EQ(before.moreBlocks(), 1u);
+    EXPECT_EQ(before.moreBytes(), v.capacity() * sizeof(int));
+    Vector<int> copy = v;
+    EXPECT_EQ(copy, v);
+    Vector<SafeString> strings{SafeString("a"), SafeString(40, 'b')};
+    EXPECT_EQ(strings[1].size(), 40u);
+  }
+  EXPECT_EQ(before.moreBlocks(), 0u);
+}
+
+TEST_F(AllocationTest, AllocatorThrowsBadAllocOnInjectedFailureAndOversizedRequests) {
+  {
+    zorv::test::FailAfterGuard guard(1);
+    EXPECT_THROW(SafeString(100, 'a'), std::bad_alloc);
+    EXPECT_EQ(SafeString(100, 'a').size(), 100u) << "an injected failure fires once";
+  }
+  {
+    zorv::test::FailAfterGuard guard(3);
+    Vector<int> v;
+    v.reserve(1);
+    v.reserve(2);
+    EXPECT_THROW(v.reserve(3), std::bad_alloc);
+    EXPECT_EQ(v.capacity(), 2u) << "the vector keeps what it had";
+  }
+  Allocator<int> ints;
+  EXPECT_EQ(ints.max_size(), 0xFFFFFFFFu / sizeof(int));
+  EXPECT_THROW(ints.allocate(0x40000000u), std::bad_alloc) << "4 GiB does not fit in 32 bits";
+  EXPECT_TRUE(Allocator<char>() == Allocator<long>());
+  EXPECT_FALSE(Allocator<char>() != Allocator<long>());
+}
+
+}  // namespace
