@@ -7,10 +7,11 @@
 //
 // Its settings come from a configuration file (examples/demo.ini, or the
 // file named as the first argument), and it reports the SHA-256 digest of
-// that file. Its checksum report is also saved, crash-safe, to the file
-// named as the second argument, if any.
+// that file. Its checksum report is saved crash-safe to the file named as
+// the second argument, or to zorv-demo-report.txt in $TMPDIR (else /tmp).
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 
 #include "foundation/foundation.h"
 
@@ -182,7 +183,15 @@ int main(int argc, char** argv) {
                   g_checksums[3].load());
     std::fputs(report, stdout);
     // A crash or power cut leaves the previous report or this one, never a mix.
-    if (argc > 2 && !zf::file::FileUtils::WriteTextAtomic(argv[2], report)) std::puts("not saved");
+    const char* tmp = std::getenv("TMPDIR");
+    const zf::SafeString saved = argc > 2 ? zf::SafeString(argv[2])
+                                          : zf::SafeString(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
+                                                "/zorv-demo-report.txt";
+    if (zf::file::FileUtils::WriteTextAtomic(saved, report)) {
+      std::printf("report saved to %s\n", saved.c_str());
+    } else {
+      std::printf("report not saved to %s\n", saved.c_str());
+    }
   }
 
   std::printf("live objects: %llu, live handles: %lld\n",
