@@ -12,7 +12,9 @@ namespace foundation {
 namespace crypto {
 namespace internal {
 
-const uint32_t kSha256RoundConstants[64] = {
+// Defined constexpr so that the unrolled first 16 rounds below take their
+// constants as immediate operands instead of loading them.
+constexpr uint32_t kSha256RoundConstants[64] = {
     0x428A2F98u, 0x71374491u, 0xB5C0FBCFu, 0xE9B5DBA5u, 0x3956C25Bu, 0x59F111F1u, 0x923F82A4u,
     0xAB1C5ED5u, 0xD807AA98u, 0x12835B01u, 0x243185BEu, 0x550C7DC3u, 0x72BE5D74u, 0x80DEB1FEu,
     0x9BDC06A7u, 0xC19BF174u, 0xE49B69C1u, 0xEFBE4786u, 0x0FC19DC6u, 0x240CA1CCu, 0x2DE92C6Fu,
@@ -51,8 +53,8 @@ inline __attribute__((always_inline)) void Round(uint32_t (&w)[16], const uint32
   }
   // Sigma1(e) and Sigma0(a) as nested rotations: one register copy each
   // instead of two.
-  h += RotateRight(RotateRight(RotateRight(e, 14) ^ e, 5) ^ e, 6) + (((f ^ g) & e) ^ g) + k[I] +
-       word;
+  h += RotateRight(RotateRight(RotateRight(e, 14) ^ e, 5) ^ e, 6) + (((f ^ g) & e) ^ g) +
+       (kExpand ? k[I] : kSha256RoundConstants[I]) + word;
   d += h;
   // Maj(a, b, c) = ((a ^ b) & (b ^ c)) ^ b, and this round's a ^ b is the
   // next round's b ^ c.
