@@ -44,8 +44,9 @@ class FileContentsTest : public zorv::test::LeakCheckedTest {
 std::string S(const SafeString& s) { return std::string(s.data(), s.size()); }
 
 TEST_F(FileContentsTest, KindsAndSizes) {
-  ASSERT_TRUE(zorv::test::Build(dir_.path(), {"file=12345", "empty=", "folder/", "linkdir->folder",
-                                              "linkfile->file", "dangling->gone", "fifo?", "sock@"}));
+  ASSERT_TRUE(
+      zorv::test::Build(dir_.path(), {"file=12345", "empty=", "folder/", "linkdir->folder",
+                                      "linkfile->file", "dangling->gone", "fifo?", "sock@"}));
   struct Case {
     std::string path;
     bool exists, folder, file;

@@ -253,10 +253,10 @@ TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
 }
 
 TEST_F(FoldersTest, Searches) {
-  ASSERT_TRUE(Build(dir_.path(),
-                    Plus(Tree(), {"hollow/", "file=x", "kinds/", "kinds/self->$/kinds", "kinds/sock@",
-                                  "kinds/fifo?", "loop/", "loop/sub/", "loop/sub/f=x",
-                                  "loop/sub/up->..", "loop/out->$/root"})));
+  ASSERT_TRUE(
+      Build(dir_.path(), Plus(Tree(), {"hollow/", "file=x", "kinds/", "kinds/self->$/kinds",
+                                       "kinds/sock@", "kinds/fifo?", "loop/", "loop/sub/",
+                                       "loop/sub/f=x", "loop/sub/up->..", "loop/out->$/root"})));
   const std::string r = dir_ / "root";
   const std::vector<std::string> top = {"a.txt", "atxt", "b.dat", "notes.txt"};
   struct Case {
@@ -309,8 +309,7 @@ TEST_F(FoldersTest, Searches) {
   }
   const std::string fds = "/proc/" + std::to_string(::getpid()) + "/fd";
   const std::vector<std::string> names = Sorted(FileUtils::SearchFiles(fds.c_str(), 2, {}));
-  EXPECT_TRUE(!RawExists(fds) ||
-              std::find(names.begin(), names.end(), "0") != names.end());
+  EXPECT_TRUE(!RawExists(fds) || std::find(names.begin(), names.end(), "0") != names.end());
 }
 
 // Each call runs with its n-th allocation failing, for n = 1, 2, ... until
