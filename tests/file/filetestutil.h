@@ -45,23 +45,44 @@ inline int CurrentUmask() {
   return static_cast<int>(mask);
 }
 
+// Binds a Unix socket at `path` and closes it; the socket stays behind.
+inline bool MakeSocket(const std::string& path) {
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  struct sockaddr_un address;
+  std::memset(&address, 0, sizeof(address));
+  address.sun_family = AF_UNIX;
+  bool ok = fd >= 0 && path.size() < sizeof(address.sun_path);
+  if (ok) std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  ok = ok && ::bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
+  if (fd >= 0) ::close(fd);
+  return ok;
+}
+
 // Makes entries below `base` in order: "name/" a folder, "name->target" a
-// symbolic link, "name=>target" a hard link, "name=text" a file. False at
-// the first that fails.
+// symbolic link ('$' at the start of the target stands for `base`),
+// "name=>target" a hard link, "name=text" a file, "name?" a FIFO, "name@" a
+// socket. False at the first that fails.
 inline bool Build(const std::string& base, const std::vector<std::string>& items) {
   for (const std::string& item : items) {
     const size_t arrow = item.find("->");
     const size_t equals = item.find('=');
     const std::string at = base + "/" + item.substr(0, std::min(arrow, equals));
+    const char last = item.empty() ? '\0' : item.back();
     bool ok = false;
     if (arrow < equals) {
-      ok = ::symlink(item.substr(arrow + 2).c_str(), at.c_str()) == 0;
+      std::string target = item.substr(arrow + 2);
+      if (target[0] == '$') target.replace(0, 1, base);
+      ok = ::symlink(target.c_str(), at.c_str()) == 0;
     } else if (equals != std::string::npos && item.compare(equals, 2, "=>") == 0) {
       ok = ::link((base + "/" + item.substr(equals + 2)).c_str(), at.c_str()) == 0;
     } else if (equals != std::string::npos) {
       ok = WriteRawFile(at, item.substr(equals + 1));
-    } else if (!item.empty() && item.back() == '/') {
+    } else if (last == '/') {
       ok = ::mkdir(at.c_str(), 0755) == 0;
+    } else if (last == '?') {
+      ok = ::mkfifo(at.substr(0, at.size() - 1).c_str(), 0644) == 0;
+    } else if (last == '@') {
+      ok = MakeSocket(at.substr(0, at.size() - 1));
     }
     if (!ok) return false;
   }
@@ -69,7 +90,8 @@ inline bool Build(const std::string& base, const std::vector<std::string>& items
 }
 
 // Everything below `base` in the notation of Build, sorted; links are not
-// followed, and other kinds show as "name?".
+// followed (`base` in their targets shows as '$'), and other kinds show as
+// "name?".
 inline std::vector<std::string> Snapshot(const std::string& base, const std::string& prefix = "") {
   std::vector<std::string> items;
   DIR* dir = ::opendir((base + "/" + prefix).c_str());
@@ -88,8 +110,9 @@ inline std::vector<std::string> Snapshot(const std::string& base, const std::str
     } else if (S_ISLNK(info.st_mode)) {
       char target[4096];
       const ssize_t length = ::readlink(path.c_str(), target, sizeof target);
-      items.push_back(name + "->" +
-                      std::string(target, length > 0 ? static_cast<size_t>(length) : 0));
+      std::string text(target, length > 0 ? static_cast<size_t>(length) : 0);
+      if (text.compare(0, base.size(), base) == 0) text.replace(0, base.size(), "$");
+      items.push_back(name + "->" + text);
     } else if (S_ISREG(info.st_mode)) {
       items.push_back(name + "=" + ReadRawFile(path));
     } else {
@@ -99,18 +122,6 @@ inline std::vector<std::string> Snapshot(const std::string& base, const std::str
   ::closedir(dir);
   std::sort(items.begin(), items.end());
   return items;
-}
-
-// Binds a Unix socket at `path`; the descriptor stays open in `fd`.
-inline bool MakeSocket(const std::string& path, int* fd) {
-  *fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  if (*fd < 0) return false;
-  struct sockaddr_un address;
-  std::memset(&address, 0, sizeof(address));
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(address.sun_path)) return false;
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  return ::bind(*fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
 }
 
 // Limits the size of files this process writes, so that writes beyond

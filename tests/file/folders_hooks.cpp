@@ -125,13 +125,9 @@ extern "C" int openat(int folder, const char* path, int flags, ...) {
   return fd;
 }
 
-extern "C" int openat64(int folder, const char* path, int flags, ...) {
-  va_list args;
-  va_start(args, flags);
-  int fd = OpenAtHooked(folder, path, flags, args);
-  va_end(args);
-  return fd;
-}
+// The same function under its 64-bit-offset name.
+extern "C" int openat64(int folder, const char* path, int flags, ...)
+    __attribute__((alias("openat")));
 
 namespace zorv {
 namespace foundation {

@@ -34,34 +34,27 @@ TEST_F(CodecTest, Base64EncodeAndDecode) {
     std::string bytes;
     bool encodes;  // EncodeBase64(bytes) gives the text back
   };
+  // clang-format off
   const Case cases[] = {
-      {"", 0, true, "", true},
-      {"Zg==", 4, true, "f", true},
-      {"Zm8=", 4, true, "fo", true},
-      {"Zm9v", 4, true, "foo", true},
-      {"Zm9vYg==", 8, true, "foob", true},
-      {"Zm9vYmE=", 8, true, "fooba", true},
-      {"Zm9vYmFy", 8, true, "foobar", true},
-      {"////", 4, true, "\xff\xff\xff", true},
-      {"+/8=", 4, true, "\xfb\xff", true},
+      {"", 0, true, "", true}, {"Zg==", 4, true, "f", true}, {"Zm8=", 4, true, "fo", true},
+      {"Zm9v", 4, true, "foo", true}, {"Zm9vYg==", 8, true, "foob", true},
+      {"Zm9vYmE=", 8, true, "fooba", true}, {"Zm9vYmFy", 8, true, "foobar", true},
+      {"////", 4, true, "\xff\xff\xff", true}, {"+/8=", 4, true, "\xfb\xff", true},
       {"AA==", 4, true, std::string(1, '\0'), true},
       {"AAECAwQF", 8, true, std::string("\0\1\2\3\4\5", 6), true},
       // Every character of the alphabet, in order.
       {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/", 64, true,
        std::string("\x00\x10\x83\x10\x51\x87\x20\x92\x8b\x30\xd3\x8f\x41\x14\x93\x51\x55\x97\x61\x96\x9b"
        "\x71\xd7\x9f\x82\x18\xa3\x92\x59\xa7\xa2\x9a\xab\xb2\xdb\xaf\xc3\x1c\xb3\xd3\x5d\xb7"
-       "\xe3\x9e\xbb\xf3\xdf\xbf", 48),
-       true},
-      {"Zm9", 3, false, "", false},
-      {"Zm9vYg", 6, false, "", false},  // missing padding is not tolerated
-      {"Zm=v", 4, true, "f", false},     // the third character alone drops two bytes
-      {"Zm9=", 4, true, "fo", false},
-      {"====", 4, true, std::string(1, '\0'), false},            // '=' decodes as zero bits
-      {"Zg==Zm9v", 8, true, std::string("f\0\0foo", 6), false},  // inner padding is not looked at
-      {"Zm 9", 4, true, "f`=", false},                           // a blank decodes as zero bits
-      {"Zm9v\n", 5, false, "", false},
-      {"\x80\x81\xff\xfe", 4, true, std::string(3, '\0'), false},
-  };
+       "\xe3\x9e\xbb\xf3\xdf\xbf", 48), true},
+      // Missing padding is not tolerated; the third character alone drops
+      // two bytes; '=' and a blank decode as zero bits; inner padding is not
+      // looked at.
+      {"Zm9", 3, false, "", false}, {"Zm9vYg", 6, false, "", false}, {"Zm=v", 4, true, "f", false},
+      {"Zm9=", 4, true, "fo", false}, {"====", 4, true, std::string(1, '\0'), false},
+      {"Zg==Zm9v", 8, true, std::string("f\0\0foo", 6), false}, {"Zm 9", 4, true, "f`=", false},
+      {"Zm9v\n", 5, false, "", false}, {"\x80\x81\xff\xfe", 4, true, std::string(3, '\0'), false}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     Vector<unsigned char> out(5, 'j');
@@ -130,28 +123,20 @@ TEST_F(CodecTest, UriEncodeAndDecode) {
     std::string encoded;  // EncodeUri(text)
     std::string decoded;  // DecodeUri(text)
   };
+  // clang-format off
   const Case cases[] = {
-      {"", "", ""},
-      {"a b~", "a%20b~", "a b~"},
-      {"\xc3\xa9", "%C3%A9", "\xc3\xa9"},
-      {"AZaz09-._~", "AZaz09-._~", "AZaz09-._~"},
-      {"+/?=&", "%2B%2F%3F%3D%26", "+/?=&"},
-      {"\x01\x7f\x80\xff", "%01%7F%80%FF", "\x01\x7f\x80\xff"},
-      {"100%", "100%25", "100%"},
-      {"%zz%41", "%25zz%2541", "%zzA"},
-      {"%00x", "%2500x", std::string("\0x", 2)},
-      {"%4", "%254", "%4"},
-      {"%%41", "%25%2541", "%A"},
-      {"%g1%1g%G0%0G", "%25g1%251g%25G0%250G", "%g1%1g%G0%0G"},
-      {"%2520", "%252520", "%20"},
-      {"\xff%ff", "%FF%25ff", "\xff\xff"},
+      {"", "", ""}, {"a b~", "a%20b~", "a b~"}, {"\xc3\xa9", "%C3%A9", "\xc3\xa9"},
+      {"AZaz09-._~", "AZaz09-._~", "AZaz09-._~"}, {"+/?=&", "%2B%2F%3F%3D%26", "+/?=&"},
+      {"\x01\x7f\x80\xff", "%01%7F%80%FF", "\x01\x7f\x80\xff"}, {"100%", "100%25", "100%"},
+      {"%zz%41", "%25zz%2541", "%zzA"}, {"%00x", "%2500x", std::string("\0x", 2)}, {"%4", "%254", "%4"},
+      {"%%41", "%25%2541", "%A"}, {"%g1%1g%G0%0G", "%25g1%251g%25G0%250G", "%g1%1g%G0%0G"},
+      {"%2520", "%252520", "%20"}, {"\xff%ff", "%FF%25ff", "\xff\xff"},
       // Escapes across and at the end of 4- and 8-byte words.
-      {"abcdef%41%4", "abcdef%2541%254", "abcdefA%4"},
-      {"abcdefg%41", "abcdefg%2541", "abcdefgA"},
+      {"abcdef%41%4", "abcdef%2541%254", "abcdefA%4"}, {"abcdefg%41", "abcdefg%2541", "abcdefgA"},
       {"abcdefgh%4", "abcdefgh%254", "abcdefgh%4"},
       {"abcdefghijklmn%", "abcdefghijklmn%25", "abcdefghijklmn%"},
-      {"%41%42%43%44%45%46", "%2541%2542%2543%2544%2545%2546", "ABCDEF"},
-  };
+      {"%41%42%43%44%45%46", "%2541%2542%2543%2544%2545%2546", "ABCDEF"}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     EXPECT_EQ(Str(CodecUtils::EncodeUri(c.text)), c.encoded);
@@ -194,19 +179,18 @@ TEST(CheckedSizeTest, ResultSizesThrowInsteadOfWrapping) {
     bool throws;
     std::uint32_t expected;
   };
+  // clang-format off
   const Case cases[] = {
       {"all escaped, wraps to 2", true, 0x55555556u, 0x55555556u, kMax, true, 0},
       {"all escaped, just fits", true, 0x55555555u, 0x55555555u, kMax, false, kMax},
       {"doubling wraps", true, 0x80000000u, 0x80000000u, kMax, true, 0},
-      {"sum wraps", true, 0xFFFFFFFFu, 1, kMax, true, 0},
-      {"at the limit", true, 10, 3, 16, false, 16},
+      {"sum wraps", true, 0xFFFFFFFFu, 1, kMax, true, 0}, {"at the limit", true, 10, 3, 16, false, 16},
       {"over the limit", true, 10, 4, 16, true, 0},
       {"largest that fits", false, 0xBFFFFFFDu, 0, kMax, false, 0xFFFFFFFCu},
       {"one group more wraps to 0", false, 0xBFFFFFFEu, 0, kMax, true, 0},
-      {"one byte", false, 1, 0, kMax, false, 4},
-      {"over the limit", false, 4, 0, 7, true, 0},
-      {"empty", false, 0, 0, 0, false, 0},
-  };
+      {"one byte", false, 1, 0, kMax, false, 4}, {"over the limit", false, 4, 0, 7, true, 0},
+      {"empty", false, 0, 0, 0, false, 0}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.uri ? "EncodedUriSize: " : "Base64Size: ") + c.what);
     try {

@@ -10,6 +10,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <utility>
 
 #include "foundation/text/stringutils.h"
 #include "support/leakcheck.h"
@@ -131,14 +132,15 @@ TEST_F(NumberTextTest, DecimalParseRules) {
     }
   }
   // Hexadecimal: "0x" and 1 to 16 digits.
-  for (const char* text :
-       {"0x00000000000000001", "1F", "0x", "0x1g", "-0x1", "0x-1", " 0x1", "00x1", "0xG"}) {
-    EXPECT_EQ(StringUtils::HexStringToULong(text), 0u) << text;
+  // clang-format off
+  const std::pair<SafeString, unsigned long long> hex[] = {
+      {"0x00000000000000001", 0}, {"1F", 0}, {"0x", 0}, {"0x1g", 0}, {"-0x1", 0}, {"0x-1", 0},
+      {" 0x1", 0}, {"00x1", 0}, {"0xG", 0}, {"0X1f", 31}, {"0xabcdef", 0xABCDEF},
+      {"0x0000000000000001", 1}, {SafeString("0x1\0f", 5), 1}};
+  // clang-format on
+  for (const auto& h : hex) {
+    EXPECT_EQ(StringUtils::HexStringToULong(h.first), h.second) << h.first.c_str();
   }
-  EXPECT_EQ(StringUtils::HexStringToULong("0X1f"), 31u);
-  EXPECT_EQ(StringUtils::HexStringToULong("0xabcdef"), 0xABCDEFu);
-  EXPECT_EQ(StringUtils::HexStringToULong("0x0000000000000001"), 1u);
-  EXPECT_EQ(StringUtils::HexStringToULong(SafeString("0x1\0f", 5)), 1u);
 }
 
 // Classification and the floating-point value of the same texts.

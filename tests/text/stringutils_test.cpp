@@ -214,7 +214,7 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
 }
 
 // A failed allocation gives "", quick and general formatting alike.
-TEST_F(StringUtilsTest, FormatFailsWithAnEmptyText) {
+TEST_F(StringUtilsTest, FormatFailuresGiveAnEmptyText) {
   EXPECT_EQ(StringUtils::_InternalFormat(nullptr), "");
   EXPECT_EQ(StringUtils::Format(nullptr), "");
   for (size_t n : {100u, 600u}) {
@@ -222,12 +222,10 @@ TEST_F(StringUtilsTest, FormatFailsWithAnEmptyText) {
     zorv::test::FailAfterGuard guard(1);
     EXPECT_EQ(StringUtils::Format("%s", text.c_str()), "") << n;
   }
-}
-
-// Each attempt takes one new work block; a failed block ends the formatting
-// with an empty result, so the number of attempts shows in where a fault
-// stops showing.
-TEST_F(StringUtilsTest, InternalFormatDoublesTheWorkSizeAndFailsQuietly) {
+  // Each attempt of the general formatter takes one new work block, twice
+  // the size of the one before; a failed block ends the formatting with an
+  // empty result, so the number of attempts shows in where a fault stops
+  // showing.
   struct Case {
     size_t length;
     unsigned int attempts;
