@@ -7,12 +7,18 @@
 #include <atomic>
 #include <mutex>
 #include <stdexcept>
+#include <string>
+#include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
 #include "foundation/threading/thread.h"
+#include "foundation/threading/threadpool/affinitythreadpool.h"
+#include "foundation/threading/threadpool/threadpool.h"
 #include "foundation/threading/timer/timer.h"
 #include "support/boundedwait.h"
 
@@ -23,6 +29,24 @@ namespace test {
 inline unsigned int Scaled(unsigned int n, unsigned int divisor = 10) {
   return SlowTarget() ? (n / divisor > 0 ? n / divisor : 1) : n;
 }
+
+// Typed tests over both pools, named after them; PoolName<Pool>(suffix) is
+// the pool's name, and with a suffix an exception source.
+template <class Pool>
+std::string PoolName(const char* suffix = "") {
+  return std::string(std::is_same<Pool, foundation::threading::ThreadPool>::value
+                         ? "zorv.foundation.threading.ThreadPool"
+                         : "zorv.foundation.threading.AffinityThreadPool") +
+         suffix;
+}
+using Executors =
+    ::testing::Types<foundation::threading::ThreadPool, foundation::threading::AffinityThreadPool>;
+struct ExecutorNames {
+  template <class T>
+  static std::string GetName(int) {
+    return PoolName<T>().substr(26);
+  }
+};
 
 inline unsigned long long Tick() { return foundation::system::SystemUtils::GetTick(); }
 
