@@ -82,19 +82,25 @@ class ExecutorTest : public zorv::test::LeakCheckedTest {};
 
 TYPED_TEST_SUITE(ExecutorTest, zorv::test::Executors, zorv::test::ExecutorNames);
 
+// stop() deletes the workers: they leave the object count then, so that
+// every stopped pool counts as many objects as one of one worker.
 TYPED_TEST(ExecutorTest, WorkerCountsAreCappedAndDefaultToProcessors) {
   const int processors = zf::system::SystemUtils::GetProcessorNum();
   const unsigned int perProcessor =
       processors <= 0 ? 1u : (processors > 300 ? 300u : static_cast<unsigned int>(processors));
-  const struct {
-    unsigned int requested;
-    unsigned int expected;
-  } cases[] = {{1, 1}, {3, 3}, {0, perProcessor}, {1000, 300}};
-  for (const auto& c : cases) {
+  struct Case { unsigned int requested, expected; };
+  const Case cases[] = {{1, 1}, {3, 3}, {0, perProcessor}, {1000, 300}};
+  const unsigned long long base = zf::debug::ObjectMonitor::LiveObjects();
+  unsigned long long stopped = 0;
+  for (const Case& c : cases) {
     SCOPED_TRACE(c.requested);
     TypeParam pool(c.requested);
     EXPECT_EQ(pool.threadNum(), c.expected);
     EXPECT_EQ(pool.name().c_str(), PoolName<TypeParam>());
+    pool.stop();
+    if (c.requested == 1) stopped = zf::debug::ObjectMonitor::LiveObjects() - base;
+    EXPECT_EQ(zf::debug::ObjectMonitor::LiveObjects() - base, stopped);
+    EXPECT_EQ(pool.threadNum(), 0u);
   }
 }
 
@@ -102,12 +108,12 @@ TYPED_TEST(ExecutorTest, WorkerCountsAreCappedAndDefaultToProcessors) {
 // workers, and after stop() it has none.
 TYPED_TEST(ExecutorTest, QueueBoundIsAtLeast100AndSharedAmongQueues) {
   const bool shared = !std::is_same<TypeParam, ThreadPool>::value;
-  const struct {
-    unsigned int n;
-    unsigned int single;  // ThreadPool
-    unsigned int each;    // AffinityThreadPool of 4 workers
-  } cases[] = {{0, 100, 100},       {5, 100, 100},     {100, 100, 100},
-               {300, 300, 100},     {1000, 1000, 250}, {4000000, 4000000, 1000000}};
+  // single: the ThreadPool's bound; each: that of every AffinityThreadPool worker of 4
+  struct Case { unsigned int n, single, each; };
+  // clang-format off
+  const Case cases[] = {{0, 100, 100},   {5, 100, 100},     {100, 100, 100},
+                        {300, 300, 100}, {1000, 1000, 250}, {4000000, 4000000, 1000000}};
+  // clang-format on
   TypeParam pool(4);
   EXPECT_EQ(Bound(pool, 0), 1000000u);
   for (const auto& c : cases) {
@@ -386,10 +392,8 @@ TEST_F(AffinityThreadPoolTest, TasksOfOneAffinityRunOnOneWorkerInOrder) {
   const unsigned long long worker0 = pool.workerThreadID(0);
   const unsigned long long worker1 = pool.workerThreadID(1);
   ASSERT_NE(worker0, 0u);
-  const struct {
-    int affinity;
-    unsigned long long thread;
-  } cases[] = {{0, worker0}, {4, worker0}, {8, worker0}, {5, worker1}, {1, worker1}};
+  struct Case { int affinity; unsigned long long thread; };
+  const Case cases[] = {{0, worker0}, {4, worker0}, {8, worker0}, {5, worker1}, {1, worker1}};
   for (int i = 0; i < 100; ++i) {
     ProbeTask* task = NewTask(&tally, i);
     task->affinity = cases[i % 5].affinity;
@@ -397,6 +401,7 @@ TEST_F(AffinityThreadPoolTest, TasksOfOneAffinityRunOnOneWorkerInOrder) {
   }
   for (int i = 0; i < 4; ++i) pool.addTask(NewTask(&tally, 1000 + i));
   pool.stop();
+  EXPECT_EQ(pool.workerThreadID(0), 0u) << "no workers after stop()";
   const std::vector<Tally::Run> log = tally.log();
   ASSERT_EQ(log.size(), 104u);
   int last[2] = {-1, -1};
@@ -457,22 +462,6 @@ TEST_F(AffinityThreadPoolTest, AFullQueueBlocksItsAffinityOnlyWithABudgetAfterGe
   h.pool.stop();
   EXPECT_EQ(h.tally.runs.load(), 102);
   EXPECT_EQ(h.tally.disposals.load(), 103);
-}
-
-// stop() deletes the workers: they leave the object count then, so that a
-// stopped pool of three workers counts no more objects than one of one.
-TEST_F(AffinityThreadPoolTest, StopDeletesTheWorkers) {
-  const unsigned long long base = zf::debug::ObjectMonitor::LiveObjects();
-  unsigned long long oneWorker = 0;
-  {
-    AffinityThreadPool pool(1);
-    pool.stop();
-    oneWorker = zf::debug::ObjectMonitor::LiveObjects() - base;
-  }
-  AffinityThreadPool pool(3);
-  pool.stop();
-  EXPECT_EQ(zf::debug::ObjectMonitor::LiveObjects() - base, oneWorker);
-  EXPECT_EQ(pool.workerThreadID(0), 0u);
 }
 
 }  // namespace
