@@ -352,14 +352,17 @@ TEST_F(TimerSchedulerFaultTest, ARefusedHandOverEndsTheTimerUnlessMemoryRanOut) 
   }
 }
 
+template <class Pool>
+class TimerOverPoolTest : public zorv::test::LeakCheckedTest {};
+TYPED_TEST_SUITE(TimerOverPoolTest, zorv::test::Executors, zorv::test::ExecutorNames);
+
 // A run that removes another timer whose next run was already handed to the
 // same single worker: the waiting run is cancelled instead of waited for.
 // The removal is made for the run by a helper thread, so that a wait for the
 // queued run fails the test instead of blocking the only worker for ever.
-template <class Pool>
-void RemoveATimerQueuedBehindTheCaller() {
+TYPED_TEST(TimerOverPoolTest, RemovingATimerQueuedBehindTheCallerOnOneWorkerReturns) {
   Tally tally;
-  Pool pool(1);
+  TypeParam pool(1);
   TimerScheduler scheduler(&pool);
   std::atomic<bool> handedOver{false}, removed{false};
   std::atomic<int> disposalsAtReturn{-1};
@@ -383,11 +386,6 @@ void RemoveATimerQueuedBehindTheCaller() {
   if (remover.joinable()) remover.join();
   EXPECT_EQ(disposalsAtReturn.load(), 1) << "the removed timer was disposed before the return";
   EXPECT_EQ(tally.runs.load(), 1) << "the cancelled run did not run";
-}
-
-TEST_F(TimerSchedulerFaultTest, RemovingATimerQueuedBehindTheCallerOnOneWorkerReturns) {
-  RemoveATimerQueuedBehindTheCaller<ThreadPool>();
-  RemoveATimerQueuedBehindTheCaller<zf::threading::AffinityThreadPool>();
 }
 
 }  // namespace
