@@ -39,11 +39,14 @@ long long MillisSince(Clock::time_point start) {
 }
 
 // A thread whose body is a function; records what happened on the thread.
+// Its destructor joins unless joinOnDestroy is cleared.
 class FunctionThread : public Thread {
  public:
   explicit FunctionThread(std::function<void()> body, const SafeString& name = SafeString())
       : Thread(name), body_(std::move(body)) {}
-  ~FunctionThread() override { wait(); }
+  ~FunctionThread() override {
+    if (joinOnDestroy) wait();
+  }
 
   void run() override {
     runThread = Thread::CurrentID();
@@ -60,16 +63,13 @@ class FunctionThread : public Thread {
   std::atomic<unsigned long long> interruptedThread{0};
   std::atomic<int> interruptions{0};
   bool throwFromInterrupted = false;
+  bool joinOnDestroy = true;
 
  private:
   std::function<void()> body_;
 };
 
-struct Flags {
-  bool started;
-  bool running;
-  bool stopped;
-};
+struct Flags { bool started, running, stopped; };
 
 void ExpectFlags(const Thread& thread, Flags expected) {
   EXPECT_EQ(thread.isStarted(), expected.started);
@@ -111,12 +111,8 @@ TEST_F(ThreadTest, FollowsTheStateTable) {
 }
 
 TEST_F(ThreadTest, ExceptionFromRunCallsInterruptedOnceOnTheThread) {
-  struct Case {
-    const char* name;
-    std::function<void()> body;
-    bool throwFromInterrupted;
-    int interruptions;
-  };
+  struct Case { const char* name; std::function<void()> body; bool throwFromInterrupted;
+                int interruptions; };
   const Case cases[] = {
       {"returns", [] {}, false, 0},
       {"throws an Exception",
@@ -131,9 +127,7 @@ TEST_F(ThreadTest, ExceptionFromRunCallsInterruptedOnceOnTheThread) {
     thread.start();
     thread.wait();
     EXPECT_EQ(thread.interruptions.load(), c.interruptions);
-    if (c.interruptions > 0) {
-      EXPECT_EQ(thread.interruptedThread.load(), thread.threadID());
-    }
+    EXPECT_EQ(thread.interruptedThread.load(), c.interruptions > 0 ? thread.threadID() : 0u);
     ExpectFlags(thread, {true, false, true});
   }
 }
@@ -206,17 +200,6 @@ std::vector<std::string> TakeLines() {
   return lines;
 }
 
-// A thread without a destructor of its own that joins; it names itself
-// with the debug-support library only when selfName is set.
-class BareThread : public Thread {
- public:
-  explicit BareThread(const SafeString& name = SafeString()) : Thread(name) {}
-  void run() override {
-    if (!selfName.empty()) ChronoMonitor::SetThreadName(SafeString(selfName.c_str()));
-  }
-  std::string selfName;
-};
-
 // The line is "zorv.foundation.threading.Thread: [<low 32 bits of the id>"
 // then "/<name>]destroyed while still running", or without a name
 // "] destroyed while still running". Each body has ended (and its thread may
@@ -233,8 +216,13 @@ TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
   // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.shown);
-    BareThread* thread = new BareThread(SafeString(c.constructionName));
-    thread->selfName = c.selfName;
+    const std::string selfName = c.selfName;
+    FunctionThread* thread = new FunctionThread(
+        [selfName] {
+          if (!selfName.empty()) ChronoMonitor::SetThreadName(SafeString(selfName.c_str()));
+        },
+        SafeString(c.constructionName));
+    thread->joinOnDestroy = false;
     thread->start();
     // Let the body finish, so that nothing uses the block after it is freed.
     ASSERT_TRUE(PollUntil([&] { return thread->isStopped(); }));
@@ -250,10 +238,12 @@ TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
     EXPECT_EQ(TakeLines(), expected);
   }
   {
-    BareThread joined;
+    FunctionThread joined([] {});
+    joined.joinOnDestroy = false;
     joined.start();
     joined.wait();
-    BareThread neverStarted;
+    FunctionThread neverStarted([] {});
+    neverStarted.joinOnDestroy = false;
   }
   ConsoleUtils::SetWriter(nullptr);
   EXPECT_TRUE(TakeLines().empty());
@@ -263,9 +253,9 @@ TEST_F(ThreadTest, ConstructionFailsCleanlyWhenMemoryRunsOut) {
   const SafeString longName("a thread name longer than fifteen bytes");
   {
     zorv::test::FailAfterGuard fail(1);  // the copy of the name
-    EXPECT_THROW(BareThread thread(longName), std::bad_alloc);
+    EXPECT_THROW(FunctionThread([] {}, longName), std::bad_alloc);
   }
-  BareThread thread(longName);  // the leak check proves nothing was left behind
+  FunctionThread thread([] {}, longName);  // the leak check proves nothing was left behind
   thread.start();
   thread.wait();
   EXPECT_EQ(std::string(thread.threadName().c_str()), longName.c_str());
