@@ -58,23 +58,17 @@ TEST_F(LockConditionTest, MisuseThrowsWithTheOperationsSources) {
   const std::string source = "zorv.foundation.threading.LockCondition.";
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::string unlockedSource = source + c.unlockedName;
-    {
-      Locker unlocked(lock, false);
-      unlocked.unlock();
-      EXPECT_ZORV_THROW(c.call(unlocked), unlockedSource, "locker is unlocked");
-      EXPECT_FALSE(unlocked.isLocked()) << "the locker is left alone";
-    }
-    {
-      Locker wrong(other, false);
-      EXPECT_ZORV_THROW(c.call(wrong), source + c.name, "lock is incorrect");
-      EXPECT_TRUE(wrong.isLocked());
-    }
-    {
-      // The unlocked check comes first, even for a Locker on another lock.
-      Locker wrongAndUnlocked(other, false);
-      wrongAndUnlocked.unlock();
-      EXPECT_ZORV_THROW(c.call(wrongAndUnlocked), unlockedSource, "locker is unlocked");
+    // A Locker on this lock or another, released or not; the unlocked check
+    // comes first, and the Locker is left alone.
+    for (Lock* on : {&lock, &other}) {
+      for (const bool release : {true, false}) {
+        if (on == &lock && !release) continue;  // the proper use
+        Locker locker(*on, false);
+        if (release) locker.unlock();
+        EXPECT_ZORV_THROW(c.call(locker), release ? source + c.unlockedName : source + c.name,
+                          release ? "locker is unlocked" : "lock is incorrect");
+        EXPECT_EQ(locker.isLocked(), !release);
+      }
     }
   }
 }
