@@ -16,7 +16,6 @@
 namespace {
 
 using zorv::foundation::debug::SystemMonitor;
-using zorv::foundation::threading::ILockCondition;
 using zorv::foundation::threading::Lock;
 using zorv::foundation::threading::LockCondition;
 using zorv::foundation::threading::LockConditionHelper;

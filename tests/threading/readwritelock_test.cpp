@@ -20,7 +20,6 @@
 namespace {
 
 using zorv::foundation::debug::SystemMonitor;
-using zorv::foundation::threading::ILock;
 using zorv::foundation::threading::Locker;
 using zorv::foundation::threading::ReadWriteLock;
 using zorv::test::Gate;

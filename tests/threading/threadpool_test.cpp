@@ -62,13 +62,6 @@ struct Held {
     pool.addTask(blocker);
     return PollUntil([&] { return started.load(); });
   }
-  // Holds the worker and queues `bound` tasks behind it: the queue is full.
-  bool fill(unsigned int bound) {
-    pool.setMaxTaskNum(bound);
-    if (!hold()) return false;
-    for (unsigned int i = 0; i < bound; ++i) pool.addTask(make(static_cast<int>(i)));
-    return true;
-  }
 
   Tally tally;
   Gate gate;
@@ -246,7 +239,9 @@ TYPED_TEST(ExecutorTest, AddingWhileStopWaitsIsRefusedNotStranded) {
 // without a worker taking anything), and the blocked tasks run last.
 TYPED_TEST(ExecutorTest, AFullQueueTimesOutOrBlocksUntilThereIsRoom) {
   Held<TypeParam> h(1);
-  ASSERT_TRUE(h.fill(100));
+  h.pool.setMaxTaskNum(100);
+  ASSERT_TRUE(h.hold());
+  for (int i = 0; i < 100; ++i) h.pool.addTask(h.make(i));  // the queue is full
   ProbeTask* late = h.make(1000);
   EXPECT_FALSE(h.pool.tryAddTask(late, 0));
   const unsigned long long begin = Tick();
