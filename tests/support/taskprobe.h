@@ -129,7 +129,8 @@ class ProbeTask : public foundation::threading::ITask, public ProbeBehaviour {
 };
 
 // A timer that reports like ProbeTask; it repeats `repeats` more times
-// (forever when negative).
+// (forever when negative). isRepeat() may throw, and so may interval() after
+// its first call; getAffinity() reports that a hand-over is being made.
 class ProbeTimer : public foundation::threading::ITimer, public ProbeBehaviour {
  public:
   ProbeTimer(Tally* t, int timerId, unsigned long long ms, int repeatCount) : delay(ms), repeats(repeatCount) {
@@ -146,13 +147,20 @@ class ProbeTimer : public foundation::threading::ITimer, public ProbeBehaviour {
     perform();
   }
   void interrupted() override { tally->interrupts.fetch_add(1); }
-  bool isRepeat() override { return repeats < 0 || ran <= repeats; }
-  unsigned long long interval() override { return delay; }
+  bool isRepeat() override { return repeatThrows ? throw 1 : repeats < 0 || ran <= repeats; }
+  unsigned long long interval() override { return asked++ > 0 && intervalThrows ? throw 1 : delay; }
+  unsigned int getAffinity() const override {
+    if (handedOver != nullptr) handedOver->store(true);
+    return ITimer::getAffinity();
+  }
 
   unsigned long long delay;
   int repeats;
   std::atomic<int> ran{0};
   unsigned int disposeDelayMs = 0;  // a slow disposal
+  bool repeatThrows = false, intervalThrows = false;
+  std::atomic<int> asked{0};  // calls of interval()
+  std::atomic<bool>* handedOver = nullptr;
 };
 
 inline ProbeTask* NewTask(Tally* tally, int id = 0) {

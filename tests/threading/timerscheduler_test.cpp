@@ -35,24 +35,6 @@ using zorv::test::Tick;
 constexpr char kAddTimer[] = "zorv.foundation.threading.TimerScheduler.addTimer";
 constexpr char kAddFixedRateTimer[] = "zorv.foundation.threading.TimerScheduler.addFixedRateTimer";
 
-// A probe timer whose isRepeat() or, after the first call, interval() may
-// throw, and whose getAffinity() reports that a hand-over is being made.
-class FaultyTimer : public ProbeTimer {
- public:
-  using ProbeTimer::ProbeTimer;
-  bool isRepeat() override { return repeatThrows ? throw 1 : ProbeTimer::isRepeat(); }
-  unsigned long long interval() override { return asked++ > 0 && intervalThrows ? throw 1 : delay; }
-  unsigned int getAffinity() const override { return handedOver ? *handedOver = true, 0 : 0; }
-
-  bool repeatThrows = false, intervalThrows = false;
-  int asked = 0;
-  std::atomic<bool>* handedOver = nullptr;
-};
-
-FaultyTimer* NewFaultyTimer(Tally* tally, int id, unsigned long long ms, int repeats) {
-  return zf::lang::MakeDisposable<FaultyTimer>("FaultyTimer", tally, id, ms, repeats);
-}
-
 // Opens a gate after `ms`, or at the end of the scope if that comes first.
 struct LateOpener {
   LateOpener(Gate& g, int ms)
@@ -131,7 +113,7 @@ TEST_P(TimerSchedulerTest, TimersRunOnceOrAgainWhereSentNeverTwiceAtOnce) {
     std::mutex mutex;
     std::string name;
     bool onPool = false;
-    FaultyTimer* timer = NewFaultyTimer(&tally, 1, c.ms, c.repeats);
+    ProbeTimer* timer = NewTimer(&tally, 1, c.ms, c.repeats);
     timer->fail = c.fault == kRun;
     timer->repeatThrows = c.fault == kRepeat;
     timer->intervalThrows = c.fault == kInterval;
@@ -366,7 +348,7 @@ TYPED_TEST(TimerOverPoolTest, RemovingATimerQueuedBehindTheCallerOnOneWorkerRetu
   TimerScheduler scheduler(&pool);
   std::atomic<bool> handedOver{false}, removed{false};
   std::atomic<int> disposalsAtReturn{-1};
-  FaultyTimer* victim = NewFaultyTimer(&tally, 2, 20, -1);
+  ProbeTimer* victim = NewTimer(&tally, 2, 20, -1);
   victim->handedOver = &handedOver;
   std::thread remover;
   ProbeTimer* caller = NewTimer(&tally, 1, 1);
