@@ -7,12 +7,18 @@
 #include <atomic>
 #include <mutex>
 #include <stdexcept>
+#include <string>
+#include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
 #include "foundation/system/systemutils.h"
 #include "foundation/threading/thread.h"
+#include "foundation/threading/threadpool/affinitythreadpool.h"
+#include "foundation/threading/threadpool/threadpool.h"
 #include "foundation/threading/timer/timer.h"
 #include "support/boundedwait.h"
 
@@ -23,6 +29,24 @@ namespace test {
 inline unsigned int Scaled(unsigned int n, unsigned int divisor = 10) {
   return SlowTarget() ? (n / divisor > 0 ? n / divisor : 1) : n;
 }
+
+// Typed tests over both pools, named after them; PoolName<Pool>(suffix) is
+// the pool's name, and with a suffix an exception source.
+template <class Pool>
+std::string PoolName(const char* suffix = "") {
+  return std::string(std::is_same<Pool, foundation::threading::ThreadPool>::value
+                         ? "zorv.foundation.threading.ThreadPool"
+                         : "zorv.foundation.threading.AffinityThreadPool") +
+         suffix;
+}
+using Executors =
+    ::testing::Types<foundation::threading::ThreadPool, foundation::threading::AffinityThreadPool>;
+struct ExecutorNames {
+  template <class T>
+  static std::string GetName(int) {
+    return PoolName<T>().substr(26);
+  }
+};
 
 inline unsigned long long Tick() { return foundation::system::SystemUtils::GetTick(); }
 
@@ -105,7 +129,8 @@ class ProbeTask : public foundation::threading::ITask, public ProbeBehaviour {
 };
 
 // A timer that reports like ProbeTask; it repeats `repeats` more times
-// (forever when negative).
+// (forever when negative). isRepeat() may throw, and so may interval() after
+// its first call; getAffinity() reports that a hand-over is being made.
 class ProbeTimer : public foundation::threading::ITimer, public ProbeBehaviour {
  public:
   ProbeTimer(Tally* t, int timerId, unsigned long long ms, int repeatCount) : delay(ms), repeats(repeatCount) {
@@ -122,13 +147,20 @@ class ProbeTimer : public foundation::threading::ITimer, public ProbeBehaviour {
     perform();
   }
   void interrupted() override { tally->interrupts.fetch_add(1); }
-  bool isRepeat() override { return repeats < 0 || ran <= repeats; }
-  unsigned long long interval() override { return delay; }
+  bool isRepeat() override { return repeatThrows ? throw 1 : repeats < 0 || ran <= repeats; }
+  unsigned long long interval() override { return asked++ > 0 && intervalThrows ? throw 1 : delay; }
+  unsigned int getAffinity() const override {
+    if (handedOver != nullptr) handedOver->store(true);
+    return ITimer::getAffinity();
+  }
 
   unsigned long long delay;
   int repeats;
   std::atomic<int> ran{0};
   unsigned int disposeDelayMs = 0;  // a slow disposal
+  bool repeatThrows = false, intervalThrows = false;
+  std::atomic<int> asked{0};  // calls of interval()
+  std::atomic<bool>* handedOver = nullptr;
 };
 
 inline ProbeTask* NewTask(Tally* tally, int id = 0) {

@@ -5,7 +5,6 @@
 
 #include "foundation/lang/accounted.h"
 #include "foundation/lang/injection/service.h"
-#include "foundation/system/systemutils.h"
 #include "foundation/threading/scheduler/globaltaskscheduler.h"
 #include "foundation/threading/scheduler/globaltimerscheduler.h"
 #include "support/leakcheck.h"
@@ -50,10 +49,8 @@ TEST_F(GlobalSchedulerTest, ServicesAreNamedSizeTheirPoolsAndMayBeDisposed) {
   tasks->dispose();
   EXPECT_EQ(tally.disposals.load(), 2);
   EXPECT_EQ(tally.runs.load(), 1);
-  GlobalTaskScheduler defaults;
-  const int processors = static_cast<int>(zf::system::SystemUtils::GetProcessorNum());
-  const unsigned int expected =
-      processors <= 0 ? 1u : (processors > 300 ? 300u : static_cast<unsigned int>(processors));
+  GlobalTaskScheduler defaults;  // as many workers as a pool asked for none
+  const unsigned int expected = zf::threading::ThreadPool(0).threadNum();
   EXPECT_EQ(defaults.getThreadPool().threadNum(), expected);
   EXPECT_EQ(defaults.getAffinityPool().threadNum(), expected);
 }

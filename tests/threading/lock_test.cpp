@@ -1,6 +1,7 @@
 #include "foundation/threading/lock.h"
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,32 +44,26 @@ bool FreeForOthers(Lock& lock) {
   return taken;
 }
 
-TEST_F(LockTest, CountsOneHandleWhileItLives) {
-  const long long before = SystemMonitor::LiveHandles();
-  {
-    Lock lock;
-    Lock other;
-    EXPECT_EQ(SystemMonitor::LiveHandles(), before + 2);
-    EXPECT_NE(lock.handle(), nullptr);
-    EXPECT_NE(other.handle(), lock.handle());
-  }
-  EXPECT_EQ(SystemMonitor::LiveHandles(), before);
-}
-
-// Recursive for its holder through lock(), tryLock() and Lockers, free for
-// other threads only after as many unlocks as holds. Each step acts on the
-// lock from this thread, then checks whether another thread could take it.
+// A lock is one counted handle. Recursive for its holder through lock(),
+// tryLock() and Lockers, free for other threads only after as many unlocks
+// as holds. Each step acts on the lock from this thread, then checks whether
+// another thread could take it.
 TEST_F(LockTest, IsRecursiveAndFreeAfterMatchingUnlocks) {
-  struct Step {
-    const char* op;  // lock, unlock, try, locker (scope of a nested Locker), adopt
-    bool freeAfter;
-  };
+  // op: lock, unlock, try, locker (scope of a nested Locker), adopt
+  struct Step { const char* op; bool freeAfter; };
   const Step steps[] = {
       {"lock", false},   {"lock", false},  {"try", false},  {"unlock", false},
       {"unlock", false}, {"unlock", true}, {"try", false},  {"locker", false},
       {"unlock", true},  {"locker", true}, {"lock", false}, {"adopt", true},
   };
+  const long long handles = SystemMonitor::LiveHandles();
+  std::unique_ptr<Lock> other(new Lock);
   Lock lock;
+  EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 2);
+  EXPECT_NE(lock.handle(), nullptr);
+  EXPECT_NE(other->handle(), lock.handle());
+  other.reset();
+  EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1);
   ITryLock& tryable = lock;
   for (const Step& s : steps) {
     SCOPED_TRACE(s.op);
@@ -130,57 +125,42 @@ TEST_F(LockTest, ExcludesOtherThreads) {
   EXPECT_EQ(counter, static_cast<long long>(threads) * rounds);
 }
 
-TEST_F(LockerTest, NullLockThrows) {
-  EXPECT_ZORV_THROW(Locker(static_cast<ILock*>(nullptr), false), "zorv.foundation.threading.Locker",
-                    "lock is nullptr");
-  EXPECT_ZORV_THROW(Locker(static_cast<ILock*>(nullptr), true), "zorv.foundation.threading.Locker",
-                    "lock is nullptr");
-}
-
+// Takes the lock or adopts a held one, and releases it at the end of its
+// scope; a null lock is refused either way.
 TEST_F(LockerTest, TakesOrAdoptsAndAlwaysReleases) {
-  struct Case {
-    bool alreadyLocked;
-    int locksAfterConstruction;
-  };
-  const Case cases[] = {{false, 1}, {true, 0}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.alreadyLocked ? "adopt" : "take");
+  for (const bool alreadyLocked : {false, true}) {
+    SCOPED_TRACE(alreadyLocked ? "adopt" : "take");
+    EXPECT_ZORV_THROW(Locker(static_cast<ILock*>(nullptr), alreadyLocked),
+                      "zorv.foundation.threading.Locker", "lock is nullptr");
     CountingLock counting;
     {
-      Locker locker(counting, c.alreadyLocked);
+      Locker locker(counting, alreadyLocked);
       EXPECT_TRUE(locker.isLocked());
-      EXPECT_EQ(counting.locks, c.locksAfterConstruction);
+      EXPECT_EQ(counting.locks, alreadyLocked ? 0 : 1);
       EXPECT_EQ(counting.unlocks, 0);
       EXPECT_EQ(locker.getLock(), &counting);
     }
-    EXPECT_EQ(counting.locks, c.locksAfterConstruction);
+    EXPECT_EQ(counting.locks, alreadyLocked ? 0 : 1);
     EXPECT_EQ(counting.unlocks, 1) << "released at the end of the scope";
   }
 }
 
+// Through one Locker, lock() and unlock() act only on a change of state; a
+// Locker released last does not unlock again at the end of its scope.
 TEST_F(LockerTest, LockAndUnlockAreIdempotentPerLocker) {
+  struct Step { bool lock; int locks, unlocks; };
+  const Step steps[] = {{true, 1, 0}, {false, 1, 1}, {false, 1, 1}, {true, 2, 1}, {false, 2, 2}};
   CountingLock counting;
   {
     Locker locker(&counting, false);
-    locker.lock();
-    locker.lock();
-    EXPECT_EQ(counting.locks, 1) << "never locks twice through one Locker";
-    locker.unlock();
-    EXPECT_FALSE(locker.isLocked());
-    locker.unlock();
-    EXPECT_EQ(counting.unlocks, 1) << "unlock of an unlocked Locker is a no-op";
-    locker.lock();
-    EXPECT_TRUE(locker.isLocked());
-    EXPECT_EQ(counting.locks, 2);
+    for (const Step& step : steps) {
+      step.lock ? locker.lock() : locker.unlock();
+      EXPECT_EQ(locker.isLocked(), step.lock);
+      EXPECT_EQ(counting.locks, step.locks);
+      EXPECT_EQ(counting.unlocks, step.unlocks);
+    }
   }
-  EXPECT_EQ(counting.unlocks, 2);
-
-  CountingLock released;
-  {
-    Locker locker(released, false);
-    locker.unlock();
-  }
-  EXPECT_EQ(released.unlocks, 1) << "a released Locker does not unlock again";
+  EXPECT_EQ(counting.unlocks, 2) << "a released Locker does not unlock again";
 }
 
 }  // namespace

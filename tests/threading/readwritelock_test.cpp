@@ -20,7 +20,6 @@
 namespace {
 
 using zorv::foundation::debug::SystemMonitor;
-using zorv::foundation::threading::ILock;
 using zorv::foundation::threading::Locker;
 using zorv::foundation::threading::ReadWriteLock;
 using zorv::test::Gate;
@@ -45,51 +44,6 @@ bool IsBlocked(long tid) {
   // The state follows the parenthesised command name.
   const char* close = strrchr(buffer, ')');
   return close != nullptr && close[1] == ' ' && close[2] == 'S';
-}
-
-// The order in which threads took a lock.
-class Journal {
- public:
-  void add(const std::string& entry) {
-    std::lock_guard<std::mutex> hold(mutex_);
-    entries_.push_back(entry);
-  }
-  std::vector<std::string> entries() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return entries_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> entries_;
-};
-
-// One handle, two views that stay the same; readers share the lock.
-TEST_F(ReadWriteLockTest, ReadersShareTheLock) {
-  const long long handles = SystemMonitor::LiveHandles();
-  ReadWriteLock rw;
-  EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1);
-  EXPECT_NE(&rw.readLock(), &rw.writeLock());
-  EXPECT_EQ(&rw.readLock(), &rw.readLock());
-  EXPECT_EQ(&rw.writeLock(), &rw.writeLock());
-  Gate firstIn;
-  Gate release;
-  GateOpener opener(release);
-  std::thread first([&] {
-    Locker locker(rw.readLock(), false);
-    firstIn.open();
-    release.wait();
-  });
-  ASSERT_TRUE(firstIn.wait());
-  Gate secondIn;
-  std::thread second([&] {
-    Locker locker(rw.readLock(), false);
-    secondIn.open();
-  });
-  EXPECT_TRUE(secondIn.wait()) << "a second reader enters while the first holds the lock";
-  release.open();
-  first.join();
-  second.join();
 }
 
 TEST_F(ReadWriteLockTest, WriterExcludesReadersAndWriters) {
@@ -128,26 +82,44 @@ TEST_F(ReadWriteLockTest, WriterExcludesReadersAndWriters) {
   EXPECT_EQ(value, expected);
 }
 
-TEST_F(ReadWriteLockTest, WaitingWriterGoesBeforeNewReaders) {
+// One handle, two views that stay the same. Readers share the lock, but a
+// waiting writer goes before new readers.
+TEST_F(ReadWriteLockTest, ReadersShareButAWaitingWriterGoesFirst) {
+  const long long handles = SystemMonitor::LiveHandles();
   ReadWriteLock rw;
-  Journal journal;
+  EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1);
+  EXPECT_NE(&rw.readLock(), &rw.writeLock());
+  EXPECT_EQ(&rw.readLock(), &rw.readLock());
+  EXPECT_EQ(&rw.writeLock(), &rw.writeLock());
+  std::mutex journalMutex;
+  std::vector<std::string> journal;  // the order in which threads took the lock
+  const auto note = [&](const char* entry) {
+    std::lock_guard<std::mutex> hold(journalMutex);
+    journal.push_back(entry);
+  };
   Gate readerIn;
   Gate releaseReader;
   GateOpener opener(releaseReader);
-
   std::thread firstReader([&] {
     Locker locker(rw.readLock(), false);
     readerIn.open();
     releaseReader.wait();
-    journal.add("first reader out");
+    note("first reader out");
   });
   ASSERT_TRUE(readerIn.wait());
+  Gate sharedIn;
+  std::thread sharing([&] {
+    Locker locker(rw.readLock(), false);
+    sharedIn.open();
+  });
+  EXPECT_TRUE(sharedIn.wait()) << "a second reader enters while the first holds the lock";
+  sharing.join();
 
   std::atomic<long> writerTid{0};
   std::thread writer([&] {
     writerTid = ThreadId();
     Locker locker(rw.writeLock(), false);
-    journal.add("writer");
+    note("writer");
   });
   ASSERT_TRUE(PollUntil([&] { return writerTid.load() != 0 && IsBlocked(writerTid.load()); }))
       << "the writer waits behind the reader";
@@ -158,7 +130,7 @@ TEST_F(ReadWriteLockTest, WaitingWriterGoesBeforeNewReaders) {
     readerTid = ThreadId();
     Locker locker(rw.readLock(), false);
     secondIn = true;
-    journal.add("second reader");
+    note("second reader");
   });
   ASSERT_TRUE(PollUntil([&] { return readerTid.load() != 0 && IsBlocked(readerTid.load()); }))
       << "a new reader blocks while a writer waits";
@@ -170,7 +142,8 @@ TEST_F(ReadWriteLockTest, WaitingWriterGoesBeforeNewReaders) {
   writer.join();
   secondReader.join();
   const std::vector<std::string> expected = {"first reader out", "writer", "second reader"};
-  EXPECT_EQ(journal.entries(), expected);
+  std::lock_guard<std::mutex> hold(journalMutex);
+  EXPECT_EQ(journal, expected);
 }
 
 }  // namespace

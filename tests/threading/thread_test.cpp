@@ -39,11 +39,14 @@ long long MillisSince(Clock::time_point start) {
 }
 
 // A thread whose body is a function; records what happened on the thread.
+// Its destructor joins unless joinOnDestroy is cleared.
 class FunctionThread : public Thread {
  public:
   explicit FunctionThread(std::function<void()> body, const SafeString& name = SafeString())
       : Thread(name), body_(std::move(body)) {}
-  ~FunctionThread() override { wait(); }
+  ~FunctionThread() override {
+    if (joinOnDestroy) wait();
+  }
 
   void run() override {
     runThread = Thread::CurrentID();
@@ -60,16 +63,13 @@ class FunctionThread : public Thread {
   std::atomic<unsigned long long> interruptedThread{0};
   std::atomic<int> interruptions{0};
   bool throwFromInterrupted = false;
+  bool joinOnDestroy = true;
 
  private:
   std::function<void()> body_;
 };
 
-struct Flags {
-  bool started;
-  bool running;
-  bool stopped;
-};
+struct Flags { bool started, running, stopped; };
 
 void ExpectFlags(const Thread& thread, Flags expected) {
   EXPECT_EQ(thread.isStarted(), expected.started);
@@ -77,60 +77,42 @@ void ExpectFlags(const Thread& thread, Flags expected) {
   EXPECT_EQ(thread.isStopped(), expected.stopped);
 }
 
+// Each stage: the flags, and the handles counted beyond `handles` (a started
+// thread is a handle until joined).
 TEST_F(ThreadTest, FollowsTheStateTable) {
   Gate release;
   GateOpener opener(release);
   const long long handles = SystemMonitor::LiveHandles();
   FunctionThread thread([&] { release.wait(); });
-  {
-    SCOPED_TRACE("constructed");
-    thread.wait();  // before start: returns at once
-    ExpectFlags(thread, {false, false, false});
-    EXPECT_EQ(thread.threadID(), 0ULL);
-    EXPECT_EQ(SystemMonitor::LiveHandles(), handles);
-  }
+  const auto expect = [&](const char* stage, Flags flags, long long extraHandles) {
+    SCOPED_TRACE(stage);
+    ExpectFlags(thread, flags);
+    EXPECT_EQ(SystemMonitor::LiveHandles(), handles + extraHandles);
+  };
+  thread.wait();  // before start: returns at once
+  expect("constructed", {false, false, false}, 0);
+  EXPECT_EQ(thread.threadID(), 0ULL);
   thread.start();
-  {
-    SCOPED_TRACE("started");
-    EXPECT_TRUE(thread.isStarted());
-    EXPECT_NE(thread.threadID(), 0ULL);
-    EXPECT_NE(thread.threadID(), Thread::CurrentID());
-    EXPECT_EQ(Thread::CurrentID(), static_cast<unsigned long long>(pthread_self()));
-    EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1) << "a started thread is a handle";
-    EXPECT_ZORV_THROW(thread.start(), "zorv.foundation.threading.Thread.start", "has been started");
-  }
-  {
-    SCOPED_TRACE("body executing");
-    ASSERT_TRUE(PollUntil([&] { return thread.isRunning(); }));
-    ExpectFlags(thread, {true, true, false});
-  }
-  release.open();
-  {
-    SCOPED_TRACE("body returned");
-    ASSERT_TRUE(PollUntil([&] { return thread.isStopped(); }));
-    ExpectFlags(thread, {true, false, true});
-    EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1) << "counted until joined";
-  }
-  thread.wait();
-  {
-    SCOPED_TRACE("joined");
-    ExpectFlags(thread, {true, false, true});
-    EXPECT_EQ(SystemMonitor::LiveHandles(), handles);
-    EXPECT_EQ(thread.runThread.load(), thread.threadID()) << "run() ran on the new thread";
-  }
-  thread.wait();  // a second wait returns at once
-  EXPECT_EQ(SystemMonitor::LiveHandles(), handles);
+  EXPECT_NE(thread.threadID(), 0ULL);
+  EXPECT_NE(thread.threadID(), Thread::CurrentID());
+  EXPECT_EQ(Thread::CurrentID(), static_cast<unsigned long long>(pthread_self()));
   EXPECT_ZORV_THROW(thread.start(), "zorv.foundation.threading.Thread.start", "has been started");
-  ExpectFlags(thread, {true, false, true});
+  ASSERT_TRUE(PollUntil([&] { return thread.isRunning(); }));
+  expect("body executing", {true, true, false}, 1);
+  release.open();
+  ASSERT_TRUE(PollUntil([&] { return thread.isStopped(); }));
+  expect("body returned", {true, false, true}, 1);
+  thread.wait();
+  expect("joined", {true, false, true}, 0);
+  EXPECT_EQ(thread.runThread.load(), thread.threadID()) << "run() ran on the new thread";
+  thread.wait();  // a second wait returns at once
+  EXPECT_ZORV_THROW(thread.start(), "zorv.foundation.threading.Thread.start", "has been started");
+  expect("joined, started again", {true, false, true}, 0);
 }
 
 TEST_F(ThreadTest, ExceptionFromRunCallsInterruptedOnceOnTheThread) {
-  struct Case {
-    const char* name;
-    std::function<void()> body;
-    bool throwFromInterrupted;
-    int interruptions;
-  };
+  struct Case { const char* name; std::function<void()> body; bool throwFromInterrupted;
+                int interruptions; };
   const Case cases[] = {
       {"returns", [] {}, false, 0},
       {"throws an Exception",
@@ -145,65 +127,43 @@ TEST_F(ThreadTest, ExceptionFromRunCallsInterruptedOnceOnTheThread) {
     thread.start();
     thread.wait();
     EXPECT_EQ(thread.interruptions.load(), c.interruptions);
-    if (c.interruptions > 0) {
-      EXPECT_EQ(thread.interruptedThread.load(), thread.threadID());
-    }
+    EXPECT_EQ(thread.interruptedThread.load(), c.interruptions > 0 ? thread.threadID() : 0u);
     ExpectFlags(thread, {true, false, true});
   }
 }
 
-TEST_F(ThreadTest, NamesTheThreadWithTheDebugSupportLibrary) {
-  std::atomic<unsigned long long> seenId{0};
-  SafeString seenName;
-  std::mutex seenMutex;
-  FunctionThread named(
-      [&] {
-        std::lock_guard<std::mutex> hold(seenMutex);
-        seenName = ChronoMonitor::GetThreadName(Thread::CurrentID());
-      },
-      SafeString("zorv-worker-1"));
-  EXPECT_EQ(std::string(named.threadName().c_str()), "zorv-worker-1") << "before start too";
-  named.start();
-  named.wait();
-  {
-    std::lock_guard<std::mutex> hold(seenMutex);
-    EXPECT_EQ(std::string(seenName.c_str()), "zorv-worker-1");
-  }
-  EXPECT_EQ(std::string(named.threadName().c_str()), "zorv-worker-1");
-
-  // An unnamed thread reports what the debug-support library knows of it.
-  FunctionThread unnamed([&] {
-    seenId = Thread::CurrentID();
-    ChronoMonitor::SetThreadName(SafeString("self-named"));
-  });
-  EXPECT_TRUE(unnamed.threadName().empty()) << "no id before start";
-  unnamed.start();
-  unnamed.wait();
-  EXPECT_EQ(seenId.load(), unnamed.threadID());
-  EXPECT_EQ(std::string(unnamed.threadName().c_str()), "self-named");
-}
-
 // The body may ask for its own id and name from its first instruction on,
-// while start() may not have returned yet. Many short threads, so that some
-// bodies begin before pthread_create returns to start().
+// while start() may not have returned yet: many short threads, so that some
+// bodies begin before pthread_create returns to start(). A name given at
+// construction is the thread's name in the debug-support library; an
+// unnamed thread reports what that library knows of it.
 TEST_F(ThreadTest, RunKnowsItsOwnIdAndNameFromItsFirstInstruction) {
   const int rounds = zorv::test::SlowTarget() ? 20 : 100;
   for (int round = 0; round < rounds; ++round) {
+    SCOPED_TRACE(round);
+    const bool given = round % 2 == 0;
+    const std::string name = given ? "zorv-worker-1" : "own-name";
     Thread* self = nullptr;
     unsigned long long seenId = 0;
-    std::string seenName;
-    FunctionThread thread([&] {
-      seenId = self->threadID();
-      ChronoMonitor::SetThreadName(SafeString("own-name"));
-      seenName = self->threadName().c_str();
-    });
+    std::string seenName, recorded;
+    FunctionThread thread(
+        [&] {
+          seenId = self->threadID();
+          if (!given) ChronoMonitor::SetThreadName(SafeString("own-name"));
+          seenName = self->threadName().c_str();
+          recorded = ChronoMonitor::GetThreadName(Thread::CurrentID()).c_str();
+        },
+        SafeString(given ? name.c_str() : ""));
     self = &thread;
+    EXPECT_EQ(std::string(thread.threadName().c_str()), given ? name : "") << "before start";
     thread.start();
     thread.wait();
     // Read after wait(), which orders the body's writes before these reads.
-    ASSERT_EQ(seenId, thread.runThread.load()) << "round " << round;
-    ASSERT_EQ(seenId, thread.threadID()) << "round " << round;
-    ASSERT_EQ(seenName, "own-name") << "round " << round;
+    ASSERT_EQ(seenId, thread.runThread.load());
+    ASSERT_EQ(seenId, thread.threadID());
+    ASSERT_EQ(seenName, name);
+    ASSERT_EQ(recorded, name);
+    ASSERT_EQ(std::string(thread.threadName().c_str()), name);
   }
 }
 
@@ -226,55 +186,43 @@ TEST_F(ThreadTest, SleepAndYieldLetTimePass) {
 
 // Captures what the console writer receives.
 std::mutex g_linesMutex;
-std::vector<std::string>* g_lines = nullptr;
+std::vector<std::string> g_lines;
 
 void CaptureLine(const char* text) {
   std::lock_guard<std::mutex> hold(g_linesMutex);
-  if (g_lines != nullptr) g_lines->push_back(text);
+  g_lines.push_back(text);
 }
 
-// A thread without a destructor of its own that joins; it names itself
-// with the debug-support library only when selfName is set.
-class BareThread : public Thread {
- public:
-  explicit BareThread(const SafeString& name = SafeString()) : Thread(name) {}
-  void run() override {
-    if (!selfName.empty()) ChronoMonitor::SetThreadName(SafeString(selfName.c_str()));
-  }
-  std::string selfName;
-};
-
-TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
+std::vector<std::string> TakeLines() {
+  std::lock_guard<std::mutex> hold(g_linesMutex);
   std::vector<std::string> lines;
-  {
-    std::lock_guard<std::mutex> hold(g_linesMutex);
-    g_lines = &lines;
-  }
+  lines.swap(g_lines);
+  return lines;
+}
+
+// The line is "zorv.foundation.threading.Thread: [<low 32 bits of the id>"
+// then "/<name>]destroyed while still running", or without a name
+// "] destroyed while still running". Each body has ended (and its thread may
+// be gone) when the Thread is destroyed; a thread that follows one that
+// named itself usually gets the same pthread_t, and must not be given its
+// name. A joined or never-started thread prints nothing.
+TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
   ConsoleUtils::SetWriter(&CaptureLine);
-  struct Case {
-    const char* constructionName;
-    const char* selfName;
-    const char* expectedFormat;  // %u is the thread id's low 32 bits
-  };
-  // Each body has ended (and its thread may be gone) when the Thread is
-  // destroyed; a thread that follows one that named itself usually gets the
-  // same pthread_t, and must not be given its name.
-  const Case cases[] = {
-      {"", "", "zorv.foundation.threading.Thread: [%u] destroyed while still running"},
-      {"", "named-late",
-       "zorv.foundation.threading.Thread: [%u/named-late]destroyed while still running"},
-      {"", "", "zorv.foundation.threading.Thread: [%u] destroyed while still running"},
-      {"given", "", "zorv.foundation.threading.Thread: [%u/given]destroyed while still running"},
-      {"", "", "zorv.foundation.threading.Thread: [%u] destroyed while still running"},
-  };
+  (void)TakeLines();
+  struct Case { const char* constructionName; const char* selfName; const char* shown; };
+  // clang-format off
+  const Case cases[] = {{"", "", ""}, {"", "named-late", "named-late"}, {"", "", ""},
+                        {"given", "", "given"}, {"", "", ""}};
+  // clang-format on
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.expectedFormat);
-    {
-      std::lock_guard<std::mutex> hold(g_linesMutex);
-      lines.clear();
-    }
-    BareThread* thread = new BareThread(SafeString(c.constructionName));
-    thread->selfName = c.selfName;
+    SCOPED_TRACE(c.shown);
+    const std::string selfName = c.selfName;
+    FunctionThread* thread = new FunctionThread(
+        [selfName] {
+          if (!selfName.empty()) ChronoMonitor::SetThreadName(SafeString(selfName.c_str()));
+        },
+        SafeString(c.constructionName));
+    thread->joinOnDestroy = false;
     thread->start();
     // Let the body finish, so that nothing uses the block after it is freed.
     ASSERT_TRUE(PollUntil([&] { return thread->isStopped(); }));
@@ -283,89 +231,81 @@ TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
     // The library left the thread unjoined and its handle counted: clean up.
     pthread_join(static_cast<pthread_t>(id), nullptr);
     SystemMonitor::DecreaseHandle();
-    char expected[200];
-    // The expected lines come from the table, with the thread id left open.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    snprintf(expected, sizeof expected, c.expectedFormat, static_cast<unsigned int>(id));
-#pragma GCC diagnostic pop
-    std::lock_guard<std::mutex> hold(g_linesMutex);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], expected);
-  }
-  // A joined or never-started thread prints nothing.
-  {
-    std::lock_guard<std::mutex> hold(g_linesMutex);
-    lines.clear();
+    const std::string shown = *c.shown ? "/" + std::string(c.shown) + "]" : "] ";
+    const std::vector<std::string> expected = {"zorv.foundation.threading.Thread: [" +
+                                               std::to_string(static_cast<unsigned int>(id)) +
+                                               shown + "destroyed while still running"};
+    EXPECT_EQ(TakeLines(), expected);
   }
   {
-    BareThread joined;
+    FunctionThread joined([] {});
+    joined.joinOnDestroy = false;
     joined.start();
     joined.wait();
-    BareThread neverStarted;
+    FunctionThread neverStarted([] {});
+    neverStarted.joinOnDestroy = false;
   }
   ConsoleUtils::SetWriter(nullptr);
-  std::lock_guard<std::mutex> hold(g_linesMutex);
-  g_lines = nullptr;
-  EXPECT_TRUE(lines.empty());
+  EXPECT_TRUE(TakeLines().empty());
 }
 
 TEST_F(ThreadTest, ConstructionFailsCleanlyWhenMemoryRunsOut) {
   const SafeString longName("a thread name longer than fifteen bytes");
   {
     zorv::test::FailAfterGuard fail(1);  // the copy of the name
-    EXPECT_THROW(BareThread thread(longName), std::bad_alloc);
+    EXPECT_THROW(FunctionThread([] {}, longName), std::bad_alloc);
   }
-  BareThread thread(longName);  // the leak check proves nothing was left behind
+  FunctionThread thread([] {}, longName);  // the leak check proves nothing was left behind
   thread.start();
   thread.wait();
   EXPECT_EQ(std::string(thread.threadName().c_str()), longName.c_str());
 }
 
-// Tasks for the ITask tests.
-class PlainTask : public ITask {
+// A task whose interrupted() counts its calls and may throw, and whose
+// affinity may be fixed.
+class CountingTask : public ITask {
  public:
-  void run() override {}
-};
-
-class InterruptibleTask : public ITask {
- public:
-  explicit InterruptibleTask(int* calls, bool throws) : calls_(calls), throws_(throws) {}
+  CountingTask(int* calls, bool throws, int affinity = -1)
+      : calls_(calls), throws_(throws), affinity_(affinity) {}
   void run() override {}
   void interrupted() override {
     ++*calls_;
     if (throws_) throw zorv::foundation::lang::Exception("zorv.test", "interrupted");
   }
+  unsigned int getAffinity() const override {
+    return affinity_ < 0 ? ITask::getAffinity() : static_cast<unsigned int>(affinity_);
+  }
 
  private:
   int* calls_;
   bool throws_;
+  int affinity_;
 };
 
-class FixedAffinityTask : public ITask {
+// A task with every default.
+class PlainTask : public ITask {
  public:
   void run() override {}
-  unsigned int getAffinity() const override { return 7; }
 };
 
 TEST_F(TaskTest, AffinityInterruptionAndDisposal) {
   // The default affinity counts up process-wide, on every call.
-  PlainTask first, second;
-  FixedAffinityTask fixed;
+  int calls = 0;
+  PlainTask first;
+  CountingTask second(&calls, false), fixed(&calls, false, 7);
   const unsigned int a = first.getAffinity();
   EXPECT_EQ(second.getAffinity(), a + 1);
   EXPECT_EQ(first.getAffinity(), a + 2) << "a new number even for the same task";
   EXPECT_EQ(fixed.getAffinity(), 7u);
   EXPECT_EQ(second.getAffinity(), a + 3) << "overrides do not advance the counter";
   // notifyInterrupted calls the override and drops its exception.
-  int calls = 0;
-  InterruptibleTask quiet(&calls, false), throwing(&calls, true);
-  quiet.notifyInterrupted();
+  CountingTask throwing(&calls, true);
+  second.notifyInterrupted();
   throwing.notifyInterrupted();
   EXPECT_EQ(calls, 2);
   first.notifyInterrupted();  // the default does nothing
   // dispose() releases an accounted task (the leak check proves it).
-  ITask* task = zorv::foundation::lang::MakeDisposable<InterruptibleTask>("task", &calls, false);
+  ITask* task = zorv::foundation::lang::MakeDisposable<CountingTask>("task", &calls, false);
   task->run();
   task->notifyInterrupted();
   task->dispose();

@@ -32,18 +32,10 @@ using zorv::test::Gate;
 using zorv::test::GateOpener;
 using zorv::test::NewTask;
 using zorv::test::PollUntil;
+using zorv::test::PoolName;
 using zorv::test::ProbeTask;
 using zorv::test::Tally;
 using zorv::test::Tick;
-
-// The pool's name, and with a suffix an exception source, for typed tests.
-template <class Pool>
-std::string Source(const char* suffix = "") {
-  return std::string(std::is_same<Pool, ThreadPool>::value
-                         ? "zorv.foundation.threading.ThreadPool"
-                         : "zorv.foundation.threading.AffinityThreadPool") +
-         suffix;
-}
 
 // The queue bound: of the pool, or of worker `index`.
 unsigned int Bound(const ThreadPool& pool, unsigned int) { return pool.maxTaskNum(); }
@@ -70,13 +62,6 @@ struct Held {
     pool.addTask(blocker);
     return PollUntil([&] { return started.load(); });
   }
-  // Holds the worker and queues `bound` tasks behind it: the queue is full.
-  bool fill(unsigned int bound) {
-    pool.setMaxTaskNum(bound);
-    if (!hold()) return false;
-    for (unsigned int i = 0; i < bound; ++i) pool.addTask(make(static_cast<int>(i)));
-    return true;
-  }
 
   Tally tally;
   Gate gate;
@@ -88,28 +73,27 @@ struct Held {
 template <class Pool>
 class ExecutorTest : public zorv::test::LeakCheckedTest {};
 
-using Executors = ::testing::Types<ThreadPool, AffinityThreadPool>;
-struct ExecutorNames {
-  template <class T>
-  static std::string GetName(int) {
-    return std::is_same<T, ThreadPool>::value ? "ThreadPool" : "AffinityThreadPool";
-  }
-};
-TYPED_TEST_SUITE(ExecutorTest, Executors, ExecutorNames);
+TYPED_TEST_SUITE(ExecutorTest, zorv::test::Executors, zorv::test::ExecutorNames);
 
+// stop() deletes the workers: they leave the object count then, so that
+// every stopped pool counts as many objects as one of one worker.
 TYPED_TEST(ExecutorTest, WorkerCountsAreCappedAndDefaultToProcessors) {
   const int processors = zf::system::SystemUtils::GetProcessorNum();
   const unsigned int perProcessor =
       processors <= 0 ? 1u : (processors > 300 ? 300u : static_cast<unsigned int>(processors));
-  const struct {
-    unsigned int requested;
-    unsigned int expected;
-  } cases[] = {{1, 1}, {3, 3}, {0, perProcessor}, {1000, 300}};
-  for (const auto& c : cases) {
+  struct Case { unsigned int requested, expected; };
+  const Case cases[] = {{1, 1}, {3, 3}, {0, perProcessor}, {1000, 300}};
+  const unsigned long long base = zf::debug::ObjectMonitor::LiveObjects();
+  unsigned long long stopped = 0;
+  for (const Case& c : cases) {
     SCOPED_TRACE(c.requested);
     TypeParam pool(c.requested);
     EXPECT_EQ(pool.threadNum(), c.expected);
-    EXPECT_EQ(pool.name().c_str(), Source<TypeParam>());
+    EXPECT_EQ(pool.name().c_str(), PoolName<TypeParam>());
+    pool.stop();
+    if (c.requested == 1) stopped = zf::debug::ObjectMonitor::LiveObjects() - base;
+    EXPECT_EQ(zf::debug::ObjectMonitor::LiveObjects() - base, stopped);
+    EXPECT_EQ(pool.threadNum(), 0u);
   }
 }
 
@@ -117,12 +101,12 @@ TYPED_TEST(ExecutorTest, WorkerCountsAreCappedAndDefaultToProcessors) {
 // workers, and after stop() it has none.
 TYPED_TEST(ExecutorTest, QueueBoundIsAtLeast100AndSharedAmongQueues) {
   const bool shared = !std::is_same<TypeParam, ThreadPool>::value;
-  const struct {
-    unsigned int n;
-    unsigned int single;  // ThreadPool
-    unsigned int each;    // AffinityThreadPool of 4 workers
-  } cases[] = {{0, 100, 100},       {5, 100, 100},     {100, 100, 100},
-               {300, 300, 100},     {1000, 1000, 250}, {4000000, 4000000, 1000000}};
+  // single: the ThreadPool's bound; each: that of every AffinityThreadPool worker of 4
+  struct Case { unsigned int n, single, each; };
+  // clang-format off
+  const Case cases[] = {{0, 100, 100},   {5, 100, 100},     {100, 100, 100},
+                        {300, 300, 100}, {1000, 1000, 250}, {4000000, 4000000, 1000000}};
+  // clang-format on
   TypeParam pool(4);
   EXPECT_EQ(Bound(pool, 0), 1000000u);
   for (const auto& c : cases) {
@@ -139,11 +123,11 @@ TYPED_TEST(ExecutorTest, QueueBoundIsAtLeast100AndSharedAmongQueues) {
 
 // One worker, first held at a gate: tasks run in the order queued, each
 // timed under the pool's category and disposed once, a throwing one
-// interrupted, on a thread named after the pool. stop() and the destructor
+// interrupted, on a thread named after the pool, which may not stop it. stop() and the destructor
 // return only after every task ran; a stopped pool refuses new tasks.
 TYPED_TEST(ExecutorTest, RunsInOrderAndDrainsOnStopAndDestruction) {
-  const std::string category = Source<TypeParam>();
-  const std::string source = Source<TypeParam>(".addTask");
+  const std::string category = PoolName<TypeParam>();
+  const std::string source = PoolName<TypeParam>(".addTask");
   for (const bool destroy : {false, true}) {
     SCOPED_TRACE(destroy);
     const unsigned long long timed = ChronoMonitor::Count(category.c_str(), "Exec");
@@ -160,8 +144,12 @@ TYPED_TEST(ExecutorTest, RunsInOrderAndDrainsOnStopAndDestruction) {
       task->fail = i % 2 == 0;
       if (i < 0) {
         task->gate = &gate;
-        task->body = [&] {
+        task->body = [&, destroy] {
           mine = raw->isMyThread();
+          // stop() on a worker could only join itself: refused, the pool runs on.
+          if (!destroy) {
+            EXPECT_ZORV_THROW(raw->stop(), PoolName<TypeParam>(".stop"), "called from a worker");
+          }
           name = ChronoMonitor::GetThreadName(Thread::CurrentID()).c_str();
         };
       }
@@ -225,13 +213,13 @@ TYPED_TEST(ExecutorTest, AddingWhileStopWaitsIsRefusedNotStranded) {
       }
     } catch (const zf::lang::Exception& e) {
       refused = true;
-      EXPECT_EQ(e.func().c_str(), Source<TypeParam>(".addTask"));
+      EXPECT_EQ(e.func().c_str(), PoolName<TypeParam>(".addTask"));
       EXPECT_EQ(std::string(e.info().c_str()), "executor has stopped");
     }
     Thread::Yield();
   }
   EXPECT_TRUE(refused) << "tasks were still accepted behind the stop marker";
-  EXPECT_ZORV_THROW(h.pool.addTask(h.make(-1)), Source<TypeParam>(".addTask"),
+  EXPECT_ZORV_THROW(h.pool.addTask(h.make(-1)), PoolName<TypeParam>(".addTask"),
                     "executor has stopped");
   const bool perWorker = !std::is_same<TypeParam, ThreadPool>::value;
   if (perWorker) {
@@ -246,28 +234,14 @@ TYPED_TEST(ExecutorTest, AddingWhileStopWaitsIsRefusedNotStranded) {
   EXPECT_EQ(h.tally.disposals.load(), h.tally.runs.load() + 2);
 }
 
-// stop() on one of the pool's own workers could only join itself: it is
-// refused and the pool keeps running.
-TYPED_TEST(ExecutorTest, StopIsRefusedOnAWorker) {
-  Held<TypeParam> h(2);
-  ProbeTask* stopping = h.make(1);
-  stopping->body = [&] {
-    EXPECT_ZORV_THROW(h.pool.stop(), Source<TypeParam>(".stop"), "called from a worker");
-  };
-  h.pool.addTask(stopping);
-  ASSERT_TRUE(PollUntil([&] { return h.tally.disposals.load() == 1; }));
-  EXPECT_EQ(h.pool.threadNum(), 2u);
-  h.pool.addTask(h.make(2));
-  h.pool.stop();
-  EXPECT_EQ(h.tally.runs.load(), 2);
-}
-
 // With the queue full, tryAddTask gives up and leaves the task with the
 // caller, addTask blocks until there is room (a raised bound makes room
 // without a worker taking anything), and the blocked tasks run last.
 TYPED_TEST(ExecutorTest, AFullQueueTimesOutOrBlocksUntilThereIsRoom) {
   Held<TypeParam> h(1);
-  ASSERT_TRUE(h.fill(100));
+  h.pool.setMaxTaskNum(100);
+  ASSERT_TRUE(h.hold());
+  for (int i = 0; i < 100; ++i) h.pool.addTask(h.make(i));  // the queue is full
   ProbeTask* late = h.make(1000);
   EXPECT_FALSE(h.pool.tryAddTask(late, 0));
   const unsigned long long begin = Tick();
@@ -413,10 +387,8 @@ TEST_F(AffinityThreadPoolTest, TasksOfOneAffinityRunOnOneWorkerInOrder) {
   const unsigned long long worker0 = pool.workerThreadID(0);
   const unsigned long long worker1 = pool.workerThreadID(1);
   ASSERT_NE(worker0, 0u);
-  const struct {
-    int affinity;
-    unsigned long long thread;
-  } cases[] = {{0, worker0}, {4, worker0}, {8, worker0}, {5, worker1}, {1, worker1}};
+  struct Case { int affinity; unsigned long long thread; };
+  const Case cases[] = {{0, worker0}, {4, worker0}, {8, worker0}, {5, worker1}, {1, worker1}};
   for (int i = 0; i < 100; ++i) {
     ProbeTask* task = NewTask(&tally, i);
     task->affinity = cases[i % 5].affinity;
@@ -424,6 +396,7 @@ TEST_F(AffinityThreadPoolTest, TasksOfOneAffinityRunOnOneWorkerInOrder) {
   }
   for (int i = 0; i < 4; ++i) pool.addTask(NewTask(&tally, 1000 + i));
   pool.stop();
+  EXPECT_EQ(pool.workerThreadID(0), 0u) << "no workers after stop()";
   const std::vector<Tally::Run> log = tally.log();
   ASSERT_EQ(log.size(), 104u);
   int last[2] = {-1, -1};
@@ -484,22 +457,6 @@ TEST_F(AffinityThreadPoolTest, AFullQueueBlocksItsAffinityOnlyWithABudgetAfterGe
   h.pool.stop();
   EXPECT_EQ(h.tally.runs.load(), 102);
   EXPECT_EQ(h.tally.disposals.load(), 103);
-}
-
-// stop() deletes the workers: they leave the object count then, so that a
-// stopped pool of three workers counts no more objects than one of one.
-TEST_F(AffinityThreadPoolTest, StopDeletesTheWorkers) {
-  const unsigned long long base = zf::debug::ObjectMonitor::LiveObjects();
-  unsigned long long oneWorker = 0;
-  {
-    AffinityThreadPool pool(1);
-    pool.stop();
-    oneWorker = zf::debug::ObjectMonitor::LiveObjects() - base;
-  }
-  AffinityThreadPool pool(3);
-  pool.stop();
-  EXPECT_EQ(zf::debug::ObjectMonitor::LiveObjects() - base, oneWorker);
-  EXPECT_EQ(pool.workerThreadID(0), 0u);
 }
 
 }  // namespace

@@ -35,24 +35,6 @@ using zorv::test::Tick;
 constexpr char kAddTimer[] = "zorv.foundation.threading.TimerScheduler.addTimer";
 constexpr char kAddFixedRateTimer[] = "zorv.foundation.threading.TimerScheduler.addFixedRateTimer";
 
-// A probe timer whose isRepeat() or, after the first call, interval() may
-// throw, and whose getAffinity() reports that a hand-over is being made.
-class FaultyTimer : public ProbeTimer {
- public:
-  using ProbeTimer::ProbeTimer;
-  bool isRepeat() override { return repeatThrows ? throw 1 : ProbeTimer::isRepeat(); }
-  unsigned long long interval() override { return asked++ > 0 && intervalThrows ? throw 1 : delay; }
-  unsigned int getAffinity() const override { return handedOver ? *handedOver = true, 0 : 0; }
-
-  bool repeatThrows = false, intervalThrows = false;
-  int asked = 0;
-  std::atomic<bool>* handedOver = nullptr;
-};
-
-FaultyTimer* NewFaultyTimer(Tally* tally, int id, unsigned long long ms, int repeats) {
-  return zf::lang::MakeDisposable<FaultyTimer>("FaultyTimer", tally, id, ms, repeats);
-}
-
 // Opens a gate after `ms`, or at the end of the scope if that comes first.
 struct LateOpener {
   LateOpener(Gate& g, int ms)
@@ -131,7 +113,7 @@ TEST_P(TimerSchedulerTest, TimersRunOnceOrAgainWhereSentNeverTwiceAtOnce) {
     std::mutex mutex;
     std::string name;
     bool onPool = false;
-    FaultyTimer* timer = NewFaultyTimer(&tally, 1, c.ms, c.repeats);
+    ProbeTimer* timer = NewTimer(&tally, 1, c.ms, c.repeats);
     timer->fail = c.fault == kRun;
     timer->repeatThrows = c.fault == kRepeat;
     timer->intervalThrows = c.fault == kInterval;
@@ -352,18 +334,21 @@ TEST_F(TimerSchedulerFaultTest, ARefusedHandOverEndsTheTimerUnlessMemoryRanOut) 
   }
 }
 
+template <class Pool>
+class TimerOverPoolTest : public zorv::test::LeakCheckedTest {};
+TYPED_TEST_SUITE(TimerOverPoolTest, zorv::test::Executors, zorv::test::ExecutorNames);
+
 // A run that removes another timer whose next run was already handed to the
 // same single worker: the waiting run is cancelled instead of waited for.
 // The removal is made for the run by a helper thread, so that a wait for the
 // queued run fails the test instead of blocking the only worker for ever.
-template <class Pool>
-void RemoveATimerQueuedBehindTheCaller() {
+TYPED_TEST(TimerOverPoolTest, RemovingATimerQueuedBehindTheCallerOnOneWorkerReturns) {
   Tally tally;
-  Pool pool(1);
+  TypeParam pool(1);
   TimerScheduler scheduler(&pool);
   std::atomic<bool> handedOver{false}, removed{false};
   std::atomic<int> disposalsAtReturn{-1};
-  FaultyTimer* victim = NewFaultyTimer(&tally, 2, 20, -1);
+  ProbeTimer* victim = NewTimer(&tally, 2, 20, -1);
   victim->handedOver = &handedOver;
   std::thread remover;
   ProbeTimer* caller = NewTimer(&tally, 1, 1);
@@ -383,11 +368,6 @@ void RemoveATimerQueuedBehindTheCaller() {
   if (remover.joinable()) remover.join();
   EXPECT_EQ(disposalsAtReturn.load(), 1) << "the removed timer was disposed before the return";
   EXPECT_EQ(tally.runs.load(), 1) << "the cancelled run did not run";
-}
-
-TEST_F(TimerSchedulerFaultTest, RemovingATimerQueuedBehindTheCallerOnOneWorkerReturns) {
-  RemoveATimerQueuedBehindTheCaller<ThreadPool>();
-  RemoveATimerQueuedBehindTheCaller<zf::threading::AffinityThreadPool>();
 }
 
 }  // namespace
