@@ -397,7 +397,6 @@ TEST_F(ProcessTest, KillCommandLines) {
   const Case cases[] = {
       {"x", true, "-9 x\n"},
       {"x", false, "x\n"},
-      {"some-daemon", true, "-9 some-daemon\n"},
       {"a b", false, "a b\n"},                      // not quoted: two names
       {"x; touch '" + marker + "'", false, "x\n"},  // reaches the shell as it is
   };
