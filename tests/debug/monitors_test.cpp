@@ -14,6 +14,7 @@
 #include "foundation/debug/debug.h"
 #include "reportdiff.h"
 #include "support/boundedwait.h"
+#include "support/forked.h"
 #include "support/leakcheck.h"
 #include "support/tempdir.h"
 
@@ -245,15 +246,6 @@ TEST_F(MonitorsTest, ThreadNamesLastAsLongAsTheirThreadsAndAreGivenToTheSystem) 
   EXPECT_EQ(ChronoMonitor::GetThreadName(0x12345u), "");
 }
 
-// Waits a bounded time for the child; kills it and reports false if it does
-// not end in time.
-bool ChildExitedCleanly(pid_t child) {
-  int status = -1;
-  zorv::test::PollUntil([&] { return waitpid(child, &status, WNOHANG) == child; });
-  if (status == -1) kill(child, SIGKILL), waitpid(child, nullptr, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   // The sanitizers' own allocators may be locked by another thread at fork
@@ -277,9 +269,7 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
   }
   int failures = 0;
   for (int i = 0; i < 20; ++i) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const pid_t child = zorv::test::Fork([](int) {
       int object = 0;
       for (int k = 0; k < 100; ++k) {
         MemoryMonitor::Dealloc(MemoryMonitor::Alloc(64), 64);
@@ -289,9 +279,10 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
       }
       ChronoMonitor::SetThreadName(SafeString("child"));
       (void)ChronoMonitor::GetThreadName(0);
-      _exit(0);
-    }
-    if (!ChildExitedCleanly(child)) ++failures;
+      return 0;
+    });
+    ASSERT_GE(child, 0);
+    if (zorv::test::WaitChild(child) != 0) ++failures;
   }
   stop = true;
   for (std::thread& t : churners) t.join();

@@ -1,6 +1,5 @@
 #include "foundation/lang/exception.h"
 
-#include <new>
 #include <string>
 
 #include "support/leakcheck.h"
@@ -44,19 +43,6 @@ TEST_F(ExceptionTest, CopiesAreIndependentAndThrowByValue) {
   } catch (Exception caught) {
     EXPECT_EQ(caught.info(), "first reason");
   }
-}
-
-TEST_F(ExceptionTest, AllocationFailureReleasesWhatWasCopied) {
-  const std::string longFunc(40, 'f');
-  const std::string longInfo(40, 'i');
-  for (unsigned int n = 1; n <= 2; ++n) {
-    SCOPED_TRACE(n);
-    zorv::test::FailAfterGuard guard(n);
-    EXPECT_THROW(Exception(longFunc.c_str(), longInfo.c_str()), std::bad_alloc);
-  }
-  const Exception e(longFunc.c_str(), longInfo.c_str());
-  zorv::test::FailAfterGuard guard(1);
-  EXPECT_THROW(e.what(), std::bad_alloc);
 }
 
 }  // namespace

@@ -70,9 +70,7 @@ std::vector<std::string> Strs(const Vector<SafeString>& v) {
   return out;
 }
 
-std::vector<unsigned char> Bytes(const Vector<unsigned char>& v) {
-  return std::vector<unsigned char>(v.begin(), v.end());
-}
+std::string Bytes(const Vector<unsigned char>& v) { return std::string(v.begin(), v.end()); }
 
 // Every entry below `root`, by relative path, with the size of each file
 // (-1 for a folder): what a file-system operation left behind.
@@ -198,18 +196,47 @@ void AddTasks(OomAttempt& a) {
   UNLESS_THREW(a, EXPECT_EQ(added, kQueuedTasks));
 }
 
+// Runs `op`, which returns whether it succeeded: false also when it threw.
+template <class Op>
+bool Ok(OomAttempt& a, Op op) {
+  bool ok = false;
+  a.run([&] { ok = op(); });
+  return ok;
+}
+
 // A file operation that completes, after which `whole` checks its result, or
 // fails and leaves the scratch folder as it was (partial work removed).
 template <class Op, class Whole>
 void WholeOrUntouched(OomAttempt& a, const TempDir& dir, Op op, Whole whole) {
   const auto before = Tree(dir.path());
-  bool ok = false;
-  a.run([&] { ok = op(); });
-  if (Completed(a, ok)) {
+  if (Completed(a, Ok(a, op))) {
     whole();
   } else {
     EXPECT_EQ(Tree(dir.path()), before) << "partial work was left behind";
   }
+}
+
+// An operation that never throws and gives empty text when memory runs out,
+// else the whole text.
+template <class Op>
+void WholeOrEmpty(OomAttempt& a, const std::string& expected, Op op) {
+  SafeString text;
+  a.run([&] { text = op(); });
+  EXPECT_FALSE(a.threw()) << "it never throws";
+  if (!text.empty() || !a.injected()) {
+    EXPECT_EQ(Str(text), expected);
+  }
+}
+
+// A parse into an empty archiver of what `text` holds: the table is part of
+// the whole one, and all of it unless the parse threw.
+template <class Parse>
+void ParsesInto(OomAttempt& a, const std::string& text, Parse parse) {
+  Archiver expected, archiver;
+  ASSERT_TRUE(expected.parseText(text.c_str()));
+  const bool ok = Ok(a, [&] { return parse(archiver); });
+  ExpectSubset(Table(archiver), Table(expected));
+  UNLESS_THREW(a, EXPECT_TRUE(ok && Table(archiver) == Table(expected)));
 }
 
 struct Row {
@@ -237,8 +264,7 @@ const Row kRows[] = {
        Vector<SafeString> expected(1, SafeString("kept piece of an earlier call"));
        (void)StringUtils::Split(text.c_str(), ',', expected);
        Vector<SafeString> pieces(1, SafeString("kept piece of an earlier call"));
-       bool found = false;
-       a.run([&] { found = StringUtils::Split(text.c_str(), ',', pieces); });
+       const bool found = Ok(a, [&] { return StringUtils::Split(text.c_str(), ',', pieces); });
        const std::vector<std::string> whole = Strs(expected);
        ASSERT_LE(pieces.size(), whole.size());  // pieces appended before a failure stay
        EXPECT_EQ(Strs(pieces),
@@ -256,12 +282,8 @@ const Row kRows[] = {
     {"StringUtils_Format",
      [](OomAttempt& a) {
        const std::string text = Filler(Count(900));
-       SafeString result;
-       a.run([&] { result = StringUtils::Format("<%s|%d>", text.c_str(), 42); });
-       EXPECT_FALSE(a.threw()) << "formatting never throws";
-       if (!result.empty() || !a.injected()) {
-         EXPECT_EQ(Str(result), "<" + text + "|42>");
-       }
+       WholeOrEmpty(a, "<" + text + "|42>",
+                    [&] { return StringUtils::Format("<%s|%d>", text.c_str(), 42); });
      }},
     {"StringUtils_NumbersToText",
      [](OomAttempt& a) {
@@ -320,9 +342,9 @@ const Row kRows[] = {
        if (!a.threw()) {
          EXPECT_TRUE(ok);
          EXPECT_EQ(Str(text), Str(expected));
-         EXPECT_EQ(Bytes(decoded), std::vector<unsigned char>(bytes.begin(), bytes.end()));
+         EXPECT_EQ(Bytes(decoded), bytes);
        } else if (!text.empty()) {  // the decoder failed: nothing or nothing old
-         EXPECT_TRUE(decoded.empty() || Bytes(decoded) == std::vector<unsigned char>(3, 7));
+         EXPECT_TRUE(decoded.empty() || Bytes(decoded) == "\7\7\7");
        }
      }},
     {"CodecUtils_Uri",
@@ -372,9 +394,7 @@ const Row kRows[] = {
        zf::memory::MemoryBuffer buffer;
        zf::io::Serialize(&buffer, SafeString(Filler(Count(200)).c_str()));
        SafeString value("earlier value of the string");
-       bool ok = false;
-       a.run([&] { ok = zf::io::Deserialize(&buffer, value); });
-       const bool whole = Completed(a, ok);
+       const bool whole = Completed(a, Ok(a, [&] { return zf::io::Deserialize(&buffer, value); }));
        EXPECT_EQ(Str(value), whole ? Filler(Count(200)) : "earlier value of the string");
        EXPECT_EQ(buffer.tellRead(), whole ? buffer.length() : 0u)
            << "a failed read consumes nothing";
@@ -383,12 +403,7 @@ const Row kRows[] = {
     {"Archiver_parseText",
      [](OomAttempt& a) {
        const std::string text = ConfigText(Count(6));
-       Archiver expected, archiver;
-       ASSERT_TRUE(expected.parseText(text.c_str()));
-       bool ok = false;
-       a.run([&] { ok = archiver.parseText(text.c_str()); });
-       ExpectSubset(Table(archiver), Table(expected));
-       UNLESS_THREW(a, EXPECT_TRUE(ok && Table(archiver) == Table(expected)));
+       ParsesInto(a, text, [&](Archiver& archiver) { return archiver.parseText(text.c_str()); });
      }},
     {"Archiver_setValue",
      [](OomAttempt& a) {
@@ -396,10 +411,9 @@ const Row kRows[] = {
        ASSERT_TRUE(archiver.setValue("existing-section-name", "existing-key-name", "old value"));
        auto expected = Table(archiver);
        const auto before = expected;
-       bool ok = false;
-       a.run([&] {
-         ok = archiver.setValue("new-section-with-a-long-name", "new-key-with-a-long-name",
-                                Filler(60).c_str());
+       const bool ok = Ok(a, [&] {
+         return archiver.setValue("new-section-with-a-long-name", "new-key-with-a-long-name",
+                                  Filler(60).c_str());
        });
        expected["new-section-with-a-long-name."];
        expected["new-section-with-a-long-name.new-key-with-a-long-name"] = Filler(60);
@@ -425,12 +439,8 @@ const Row kRows[] = {
        TempDir dir;
        const std::string text = ConfigText(Count(6));
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "app.ini", "\xEF\xBB\xBF" + text));
-       Archiver expected, archiver;
-       ASSERT_TRUE(expected.parseText(text.c_str()));
-       bool ok = false;
-       a.run([&] { ok = archiver.parseFile(At(dir, "app.ini")); });
-       ExpectSubset(Table(archiver), Table(expected));
-       UNLESS_THREW(a, EXPECT_TRUE(ok && Table(archiver) == Table(expected)));
+       ParsesInto(a, text,
+                  [&](Archiver& archiver) { return archiver.parseFile(At(dir, "app.ini")); });
      }},
     // Files: a failed call leaves the scratch folder as it was, except where
     // the operation says otherwise.
@@ -468,8 +478,7 @@ const Row kRows[] = {
        const std::string text = Filler(Count(600));
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.txt", "\xEF\xBB\xBF" + text));
        SafeString read("earlier contents of the string");
-       bool ok = false;
-       a.run([&] { ok = FileUtils::ReadText(At(dir, "file.txt"), read); });
+       const bool ok = Ok(a, [&] { return FileUtils::ReadText(At(dir, "file.txt"), read); });
        EXPECT_EQ(Str(read), Completed(a, ok) ? text : "earlier contents of the string");
      }},
     {"FileUtils_ReadTextLines",
@@ -483,8 +492,7 @@ const Row kRows[] = {
        }
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "lines.txt", text));
        Vector<SafeString> read(1, SafeString("earlier line of the vector"));
-       bool ok = false;
-       a.run([&] { ok = FileUtils::ReadText(At(dir, "lines.txt"), read); });
+       const bool ok = Ok(a, [&] { return FileUtils::ReadText(At(dir, "lines.txt"), read); });
        if (Completed(a, ok)) {
          EXPECT_EQ(Strs(read), lines);
        } else if (!read.empty() && Str(read[0]) != "earlier line of the vector") {
@@ -500,8 +508,7 @@ const Row kRows[] = {
        const std::string bytes = Filler(Count(5000));
        ASSERT_TRUE(zorv::test::WriteRawFile(dir / "file.bin", bytes));
        zf::memory::MemoryBuffer buffer;
-       bool ok = false;
-       a.run([&] { ok = FileUtils::ReadBinary(At(dir, "file.bin"), &buffer); });
+       const bool ok = Ok(a, [&] { return FileUtils::ReadBinary(At(dir, "file.bin"), &buffer); });
        if (Completed(a, ok)) {
          ASSERT_EQ(buffer.length(), bytes.size());
          EXPECT_EQ(std::string(reinterpret_cast<const char*>(buffer.data()), bytes.size()), bytes);
@@ -529,9 +536,7 @@ const Row kRows[] = {
        TempDir dir;
        MakeTree(dir / "doomed", Count(9));
        const auto before = Tree(dir.path());
-       bool ok = false;
-       a.run([&] { ok = FileUtils::RemoveFolder(At(dir, "doomed")); });
-       if (Completed(a, ok)) {
+       if (Completed(a, Ok(a, [&] { return FileUtils::RemoveFolder(At(dir, "doomed")); }))) {
          EXPECT_TRUE(Tree(dir.path()).empty());
        } else {
          ExpectSubset(Tree(dir.path()), before);  // what was removed stays removed
@@ -556,15 +561,12 @@ const Row kRows[] = {
        const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
        const auto size = static_cast<unsigned int>(bytes.size());
        const auto digests = [&] {  // both digests as bytes, then both as text
-         std::vector<unsigned char> all = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
-         const std::vector<unsigned char> sha1 = Bytes(zf::crypto::SHA1::ComputeBinary(data, size));
-         const std::string text = Str(zf::crypto::MD5::EncodeBinary(data, size) +
-                                      zf::crypto::SHA1::EncodeBinary(data, size));
-         all.insert(all.end(), sha1.begin(), sha1.end());
-         all.insert(all.end(), text.begin(), text.end());
-         return all;
+         return Bytes(zf::crypto::MD5::ComputeBinary(data, size)) +
+                Bytes(zf::crypto::SHA1::ComputeBinary(data, size)) +
+                Str(zf::crypto::MD5::EncodeBinary(data, size) +
+                    zf::crypto::SHA1::EncodeBinary(data, size));
        };
-       const std::vector<unsigned char> expected = digests();
+       const std::string expected = digests();
        ASSERT_EQ(expected.size(), 16u + 20u + 72u);
        a.wholeOrThrown(expected, digests);
      }},
@@ -575,7 +577,7 @@ const Row kRows[] = {
        ASSERT_TRUE(zorv::test::WriteRawFile(path, bytes));
        const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
        const auto size = static_cast<unsigned int>(bytes.size());
-       const std::vector<unsigned char> md5 = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
+       const std::string md5 = Bytes(zf::crypto::MD5::ComputeBinary(data, size));
        const std::string sha1 = Str(zf::crypto::SHA1::EncodeBinary(data, size));
        Vector<unsigned char> digest(1, 9);
        SafeString text("earlier text");
@@ -584,19 +586,15 @@ const Row kRows[] = {
          md5Ok = zf::crypto::MD5::ComputeFile(path.c_str(), digest);
          sha1Ok = zf::crypto::SHA1::EncodeFile(path.c_str(), text);
        });
-       EXPECT_EQ(Bytes(digest), md5Ok ? md5 : std::vector<unsigned char>(1, 9));
+       EXPECT_EQ(Bytes(digest), md5Ok ? md5 : "\t");
        EXPECT_EQ(Str(text), sha1Ok ? sha1 : "earlier text");
        Completed(a, md5Ok && sha1Ok);
      }},
     // Time.
     {"DateTime_toString",
      [](OomAttempt& a) {
-       SafeString text;
-       a.run([&] { text = zf::time::DateTime(2024, 3, 1, 12, 34, 56, 0, 0).toString(); });
-       EXPECT_FALSE(a.threw()) << "toString never throws";
-       if (!text.empty() || !a.injected()) {
-         EXPECT_EQ(Str(text), "2024-03-01 12:34:56");
-       }
+       WholeOrEmpty(a, "2024-03-01 12:34:56",
+                    [] { return zf::time::DateTime(2024, 3, 1, 12, 34, 56, 0, 0).toString(); });
      }},
     // Threading: an executor disposes a task it could not queue.
     {"ThreadPool_addTask", AddTasks<zf::threading::ThreadPool>},

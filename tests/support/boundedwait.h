@@ -46,11 +46,6 @@ class Gate {
     cond_.notify_all();
   }
 
-  bool isOpen() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return open_;
-  }
-
   // True when the gate opened within `limit`.
   bool wait(std::chrono::milliseconds limit = kLongWait) {
     std::unique_lock<std::mutex> hold(mutex_);

@@ -62,7 +62,6 @@ class OomAttempt {
     }
   }
 
-  unsigned int n() const { return n_; }
   bool ran() const { return ran_; }
   // The operation ended by std::bad_alloc.
   bool threw() const { return threw_; }

@@ -39,19 +39,20 @@ void Capture(const char* text) {
   g_inside.fetch_sub(1);
 }
 
-std::vector<std::string> Pieces() {
+// The pieces received so far; with `clear`, forgets them as well.
+std::vector<std::string> Pieces(bool clear = false) {
   std::lock_guard<std::mutex> hold(g_mutex);
-  return g_pieces;
+  std::vector<std::string> pieces;
+  pieces.swap(g_pieces);
+  if (!clear) g_pieces = pieces;
+  return pieces;
 }
 
 class ConsoleUtilsTest : public zorv::test::LeakCheckedTest {
  protected:
   void SetUp() override {
     zorv::test::LeakCheckedTest::SetUp();
-    {
-      std::lock_guard<std::mutex> hold(g_mutex);
-      g_pieces.clear();
-    }
+    (void)Pieces(true);
     g_overlap = false;
     ConsoleUtils::SetWriter(&Capture);
   }
@@ -113,12 +114,8 @@ TEST_F(ConsoleUtilsTest, WriterReceivesPieces) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    {
-      std::lock_guard<std::mutex> hold(g_mutex);
-      g_pieces.clear();
-    }
     c.print(c.text);
-    const std::vector<std::string> pieces = Pieces();
+    const std::vector<std::string> pieces = Pieces(true);
     ASSERT_EQ(pieces.size(), c.pieces.size());
     size_t at = 0;
     for (size_t i = 0; i < pieces.size(); ++i) {

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <memory>
 #include <string>
 
 #include "support/leakcheck.h"
@@ -16,18 +17,8 @@ using zorv::foundation::time::DateTime;
 // needed) and restores the previous one.
 class DateTimeTest : public zorv::test::LeakCheckedTest {
  protected:
-  void SetUp() override {
-    zorv::test::LeakCheckedTest::SetUp();
-    const char* tz = getenv("TZ");
-    hadTz_ = tz != nullptr;
-    if (hadTz_) savedTz_ = tz;
-  }
   void TearDown() override {
-    if (hadTz_) {
-      setenv("TZ", savedTz_.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
+    saved_ != nullptr ? setenv("TZ", saved_->c_str(), 1) : unsetenv("TZ");
     tzset();
     zorv::test::LeakCheckedTest::TearDown();
   }
@@ -37,8 +28,8 @@ class DateTimeTest : public zorv::test::LeakCheckedTest {
   }
 
  private:
-  bool hadTz_ = false;
-  std::string savedTz_;
+  const char* const tz_ = getenv("TZ");
+  const std::unique_ptr<std::string> saved_{tz_ != nullptr ? new std::string(tz_) : nullptr};
 };
 
 // Exposes the protected initialiser.
@@ -129,8 +120,7 @@ TEST_F(DateTimeTest, InitClampsLikeItAlwaysHas) {
       {0ULL, -1, 5, "1970-01-01 00:00:00", 65535, 5},
       {0ULL, -70000, 0, "1970-01-01 00:00:00", static_cast<unsigned int>(-70000) & 0xFFFFu, 0},
       {86400ULL, 1, 2, "1970-01-02 00:00:00", 1, 2},
-      {0xFFFFFFFFULL, 0, 0, "1970-01-01 00:00:00", 0, 0},  // low 32 bits negative
-      {0x80000000ULL, 0, 0, "1970-01-01 00:00:00", 0, 0},
+      {0x80000000ULL, 0, 0, "1970-01-01 00:00:00", 0, 0},  // low 32 bits negative
       {0x7FFFFFFFULL, 0, 0, "2038-01-19 03:14:07", 0, 0},
       {0x100000000ULL + 86400ULL, 0, 0, "1970-01-02 00:00:00", 0, 0},  // high bits dropped
   };
@@ -138,29 +128,20 @@ TEST_F(DateTimeTest, InitClampsLikeItAlwaysHas) {
     SCOPED_TRACE(std::to_string(c.seconds) + " " + std::to_string(c.millisecond) + " " +
                  std::to_string(c.microsecond));
     const DateTime made(c.seconds, c.millisecond, c.microsecond);
-    EXPECT_EQ(Text(made), c.text);
-    EXPECT_EQ(made.millisecond(), c.expectMillisecond);
-    EXPECT_EQ(made.microsecond(), c.expectMicrosecond);
     OpenDateTime reused;
     reused.init(c.seconds, c.millisecond, c.microsecond);
-    EXPECT_EQ(Text(reused), c.text);
-    EXPECT_EQ(reused.millisecond(), c.expectMillisecond);
-    EXPECT_EQ(reused.microsecond(), c.expectMicrosecond);
+    for (const DateTime* value : {&made, static_cast<const DateTime*>(&reused)}) {
+      SCOPED_TRACE(value == &made ? "constructed" : "_init");
+      EXPECT_EQ(Text(*value), c.text);
+      EXPECT_EQ(value->millisecond(), c.expectMillisecond);
+      EXPECT_EQ(value->microsecond(), c.expectMicrosecond);
+    }
   }
 }
 
-TEST_F(DateTimeTest, ToStringGivesEmptyTextWhenMemoryRunsOut) {
-  Zone("UTC0");
-  const DateTime value(2024, 3, 1, 0, 0, 0, 0, 0);
-  {
-    zorv::test::FailAfterGuard fail(1);
-    EXPECT_EQ(Text(value), "");
-  }
-  EXPECT_EQ(Text(value), "2024-03-01 00:00:00");
-}
-
-// Now is the current time; ToGMT gives UTC fields with the current fraction.
-TEST_F(DateTimeTest, NowAndToGmt) {
+// Now is the current time; ToGMT gives UTC fields with the current fraction;
+// CurrentGMT is the UTC time in every zone.
+TEST_F(DateTimeTest, NowToGmtAndCurrentGmt) {
   for (const ZoneCase& zone : kZones) {
     SCOPED_TRACE(zone.tz);
     Zone(zone.tz);
@@ -187,22 +168,13 @@ TEST_F(DateTimeTest, NowAndToGmt) {
       EXPECT_LT(gmt.millisecond(), 1000);
       EXPECT_LT(gmt.microsecond(), 1000);
     }
-  }
-}
-
-TEST_F(DateTimeTest, CurrentGmtIsTheUtcTimeInEveryZone) {
-  for (const ZoneCase& zone : kZones) {
-    SCOPED_TRACE(zone.tz);
-    Zone(zone.tz);
-    // Retry across a second boundary.
-    bool matched = false;
+    bool matched = false;  // retried across a second boundary
     for (int attempt = 0; attempt < 5 && !matched; ++attempt) {
-      const time_t before = ::time(nullptr);
+      const time_t second = ::time(nullptr);
       const DateTime gmt = DateTime::CurrentGMT();
-      const time_t after = ::time(nullptr);
-      if (before != after) continue;
+      if (second != ::time(nullptr)) continue;
       struct tm fields;
-      gmtime_r(&before, &fields);
+      gmtime_r(&second, &fields);
       char expected[32];
       strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S", &fields);
       EXPECT_EQ(Text(gmt), expected);
