@@ -157,12 +157,12 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
   for (const char* flags : {"", "-", "0", "+", " ", "-0", "+0", " +", "#", "'"}) {
     for (const char* width : {"", "1", "12", "200"}) {
       for (const char* precision : {"", ".", ".3", ".12"}) {
-        const std::string spec = std::string("%") + flags + width + precision;
+        const std::string directive = std::string("%") + flags + width + precision;
         // One format per kind of conversion: the quick formatter takes all of
         // it or none.
-        const auto each = [&spec](std::initializer_list<std::string> conversions) {
+        const auto each = [&directive](std::initializer_list<std::string> conversions) {
           std::string format;
-          for (const std::string& c : conversions) format += spec + c + "|";
+          for (const std::string& c : conversions) format += directive + c + "|";
           return format;
         };
         for (long long v : ints) {
@@ -184,11 +184,11 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
           ExpectLikeTheCLibrary(each({"f", "F", "lf"}), v, v, v);
           ExpectLikeTheCLibrary(each({"e", "g"}), v, v);
         }
-        for (const char* s : strings) ExpectLikeTheCLibrary(spec + "s", s);
-        ExpectLikeTheCLibrary(spec + "c", 'z');
-        ExpectLikeTheCLibrary(spec + "c", 0);
-        ExpectLikeTheCLibrary(spec + "%");
-        ExpectLikeTheCLibrary(spec + "p", static_cast<void*>(nullptr));
+        for (const char* s : strings) ExpectLikeTheCLibrary(directive + "s", s);
+        ExpectLikeTheCLibrary(directive + "c", 'z');
+        ExpectLikeTheCLibrary(directive + "c", 0);
+        ExpectLikeTheCLibrary(directive + "%");
+        ExpectLikeTheCLibrary(directive + "p", static_cast<void*>(nullptr));
       }
     }
   }
