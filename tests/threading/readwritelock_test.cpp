@@ -49,8 +49,8 @@ bool IsBlocked(long tid) {
 TEST_F(ReadWriteLockTest, WriterExcludesReadersAndWriters) {
   ReadWriteLock rw;
   const int threads = 4;
-  const int rounds = zorv::test::SlowTarget() ? 500 : 5000;
-  long long value = 0;  // guarded by rw
+  const int rounds = zorv::test::SlowTarget() ? 600 : 6000;  // a multiple of 3
+  long long value = 0;                                       // guarded by rw
   std::atomic<int> writers{0};
   std::atomic<int> readers{0};
   std::atomic<bool> broken{false};
@@ -75,22 +75,15 @@ TEST_F(ReadWriteLockTest, WriterExcludesReadersAndWriters) {
   }
   for (std::thread& worker : workers) worker.join();
   EXPECT_FALSE(broken.load());
-  long long expected = 0;
-  for (int t = 0; t < threads; ++t) {
-    for (int i = 0; i < rounds; ++i) expected += ((i + t) % 3 == 0) ? 1 : 0;
-  }
-  EXPECT_EQ(value, expected);
+  EXPECT_EQ(value, threads * rounds / 3) << "a write was lost";
 }
 
-// One handle, two views that stay the same. Readers share the lock, but a
+// One handle. Readers share the lock, but a
 // waiting writer goes before new readers.
 TEST_F(ReadWriteLockTest, ReadersShareButAWaitingWriterGoesFirst) {
   const long long handles = SystemMonitor::LiveHandles();
   ReadWriteLock rw;
   EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1);
-  EXPECT_NE(&rw.readLock(), &rw.writeLock());
-  EXPECT_EQ(&rw.readLock(), &rw.readLock());
-  EXPECT_EQ(&rw.writeLock(), &rw.writeLock());
   std::mutex journalMutex;
   std::vector<std::string> journal;  // the order in which threads took the lock
   const auto note = [&](const char* entry) {
