@@ -4,14 +4,14 @@
 #ifndef ZORV_TESTS_SUPPORT_TASKPROBE_H_
 #define ZORV_TESTS_SUPPORT_TASKPROBE_H_
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "foundation/lang/accounted.h"
 #include "foundation/lang/exception.h"
@@ -52,17 +52,12 @@ inline unsigned long long Tick() { return foundation::system::SystemUtils::GetTi
 
 // What the probes report: counts, and for each run its id, thread and ticks.
 struct Tally {
-  std::atomic<int> runs{0};
-  std::atomic<int> disposals{0};
-  std::atomic<int> interrupts{0};
-  std::atomic<int> running{0};
-  std::atomic<int> maxRunning{0};
+  std::atomic<int> runs{0}, disposals{0}, interrupts{0};
+  std::atomic<int> running{0}, overlaps{0};  // overlaps: runs begun while another ran
 
   struct Run {
     int id;
-    unsigned long long thread;
-    unsigned long long start;
-    unsigned long long end;
+    unsigned long long thread, start, end;
   };
 
   std::vector<Run> log() {
@@ -71,10 +66,7 @@ struct Tally {
   }
 
   void begin() {
-    const int now = running.fetch_add(1) + 1;
-    int seen = maxRunning.load();
-    while (now > seen && !maxRunning.compare_exchange_weak(seen, now)) {
-    }
+    if (running.fetch_add(1) != 0) overlaps.fetch_add(1);
   }
 
   void end(int id, unsigned long long start) {
@@ -90,16 +82,19 @@ struct Tally {
   std::vector<Run> runLog;
 };
 
-// Common behaviour of the probe task and timer.
-struct ProbeBehaviour {
-  Tally* tally = nullptr;
-  int id = 0;
-  bool fail = false;                 // run() throws
-  Gate* gate = nullptr;              // run() waits at it first
-  std::atomic<bool>* started = nullptr;  // set when run() begins
-  std::function<void()> body;        // extra work inside run()
+// A task or timer that reports its runs, interruptions and disposal to a
+// tally. Its run() may wait at a gate, do extra work and throw.
+template <class Interface>
+class Probe : public Interface {
+ public:
+  Probe(Tally* t, int probeId) : tally(t), id(probeId) {}
+  ~Probe() override {
+    if (disposeDelayMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(disposeDelayMs));
+    tally->disposals.fetch_add(1);
+  }
 
-  void perform() {
+  void run() override {
+    ++ran;
     const unsigned long long start = Tick();
     tally->begin();
     if (started != nullptr) started->store(true);
@@ -108,59 +103,41 @@ struct ProbeBehaviour {
     tally->end(id, start);
     if (fail) throw std::runtime_error("probe failure");
   }
-};
-
-// A task that reports its run, interruption and disposal.
-class ProbeTask : public foundation::threading::ITask, public ProbeBehaviour {
- public:
-  ProbeTask(Tally* t, int taskId) {
-    tally = t;
-    id = taskId;
-  }
-  ~ProbeTask() override { tally->disposals.fetch_add(1); }
-
-  void run() override { perform(); }
   void interrupted() override { tally->interrupts.fetch_add(1); }
-  unsigned int getAffinity() const override {
-    return affinity < 0 ? ITask::getAffinity() : static_cast<unsigned int>(affinity);
-  }
-
-  int affinity = -1;  // -1: the default counter
-};
-
-// A timer that reports like ProbeTask; it repeats `repeats` more times
-// (forever when negative). isRepeat() may throw, and so may interval() after
-// its first call; getAffinity() reports that a hand-over is being made.
-class ProbeTimer : public foundation::threading::ITimer, public ProbeBehaviour {
- public:
-  ProbeTimer(Tally* t, int timerId, unsigned long long ms, int repeatCount) : delay(ms), repeats(repeatCount) {
-    tally = t;
-    id = timerId;
-  }
-  ~ProbeTimer() override {
-    if (disposeDelayMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(disposeDelayMs));
-    tally->disposals.fetch_add(1);
-  }
-
-  void run() override {
-    ++ran;
-    perform();
-  }
-  void interrupted() override { tally->interrupts.fetch_add(1); }
-  bool isRepeat() override { return repeatThrows ? throw 1 : repeats < 0 || ran <= repeats; }
-  unsigned long long interval() override { return asked++ > 0 && intervalThrows ? throw 1 : delay; }
+  // Reports that a hand-over is being made.
   unsigned int getAffinity() const override {
     if (handedOver != nullptr) handedOver->store(true);
-    return ITimer::getAffinity();
+    return affinity < 0 ? Interface::getAffinity() : static_cast<unsigned int>(affinity);
   }
+
+  Tally* tally;
+  int id;
+  bool fail = false;                     // run() throws
+  Gate* gate = nullptr;                  // run() waits at it first
+  std::atomic<bool>* started = nullptr;  // set when run() begins
+  std::function<void()> body;            // extra work inside run()
+  int affinity = -1;                     // -1: the default counter
+  std::atomic<int> ran{0};
+  unsigned int disposeDelayMs = 0;  // a slow disposal
+  std::atomic<bool>* handedOver = nullptr;
+};
+
+using ProbeTask = Probe<foundation::threading::ITask>;
+
+// A probe timer repeats `repeats` more times (forever when negative).
+// isRepeat() may throw, and so may interval() after its first call.
+class ProbeTimer : public Probe<foundation::threading::ITimer> {
+ public:
+  ProbeTimer(Tally* t, int timerId, unsigned long long ms, int repeatCount)
+      : Probe(t, timerId), delay(ms), repeats(repeatCount) {}
+
+  bool isRepeat() override { return repeatThrows ? throw 1 : repeats < 0 || ran <= repeats; }
+  unsigned long long interval() override { return asked++ > 0 && intervalThrows ? throw 1 : delay; }
 
   unsigned long long delay;
   int repeats;
-  std::atomic<int> ran{0};
-  unsigned int disposeDelayMs = 0;  // a slow disposal
   bool repeatThrows = false, intervalThrows = false;
   std::atomic<int> asked{0};  // calls of interval()
-  std::atomic<bool>* handedOver = nullptr;
 };
 
 inline ProbeTask* NewTask(Tally* tally, int id = 0) {
