@@ -46,13 +46,23 @@ struct LateOpener {
 
 TEST(TimerSlotTest, NextSlotIsTheFirstSlotNotYetPassed) {
   constexpr unsigned long long kEnd = ~0ULL;
-  struct Case { unsigned long long last, period, now, expected; };
+  struct Case {
+    unsigned long long last, period, now, expected;
+  };
   const Case cases[] = {
-      {100, 10, 100, 110},  {100, 10, 110, 110},  // a slot reached exactly is not missed
-      {100, 10, 111, 120},  {100, 10, 135, 140},  {100, 10, 140, 140},
-      {0, 7, 1000, 1001},   {100, 0, 250, 250},   {100, 0, 50, 100},  // period 0: at once
-      {kEnd - 5, 10, 0, kEnd},  {kEnd, 1, kEnd, kEnd},  {0, kEnd, 5, kEnd},  // held at the end
-      {0, kEnd - 1, kEnd - 1, kEnd - 1},  {10, kEnd - 20, kEnd - 5, kEnd},
+      {100, 10, 100, 110},
+      {100, 10, 110, 110},  // a slot reached exactly is not missed
+      {100, 10, 111, 120},
+      {100, 10, 135, 140},
+      {100, 10, 140, 140},
+      {0, 7, 1000, 1001},
+      {100, 0, 250, 250},
+      {100, 0, 50, 100},  // period 0: at once
+      {kEnd - 5, 10, 0, kEnd},
+      {kEnd, 1, kEnd, kEnd},
+      {0, kEnd, 5, kEnd},  // held at the end
+      {0, kEnd - 1, kEnd - 1, kEnd - 1},
+      {10, kEnd - 20, kEnd - 5, kEnd},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << c.last << " + " << c.period << " at " << c.now);
@@ -94,19 +104,23 @@ enum Fault { kNone, kRun, kRepeat, kInterval };  // what throws
 // A failure reaches interrupted() and ends only a timer that cannot repeat.
 TEST_P(TimerSchedulerTest, TimersRunOnceOrAgainWhereSentNeverTwiceAtOnce) {
   // gap: the least time from the end of a run to the next start.
-  struct Case { const char* name; bool fixedRate; unsigned long long ms; int repeats;
-                unsigned int runMs; unsigned long long gap; Fault fault; int runs; };
-  const Case cases[] = {{"one-shot", false, 100, 0, 0, 0, kNone, 1},
-                        {"one-shot at a fixed rate", true, 100, 0, 0, 0, kNone, 1},
-                        {"re-armed from the end of each run", false, 10, 3, 15, 10, kNone, 4},
-                        {"interval 0: back to back", false, 0, 49, 0, 0, kNone, 50},
-                        {"interval 0 at a fixed rate", true, 0, 49, 0, 0, kNone, 50},
-                        {"run throws, repeating", false, 1, 2, 0, 0, kRun, 3},
-                        {"run throws, at a fixed rate", true, 1, 2, 0, 0, kRun, 3},
-                        {"run throws, once", false, 1, 0, 0, 0, kRun, 1},
-                        {"isRepeat throws", false, 1, -1, 0, 0, kRepeat, 1},
-                        {"interval throws", false, 1, -1, 0, 0, kInterval, 1},
-                        {"interval throws, at a fixed rate", true, 1, -1, 0, 0, kInterval, 1}};
+  struct Case {
+    const char* name;
+    bool fixedRate;
+    unsigned long long ms, gap;
+    int repeats, runMs, runs;
+    Fault fault;
+  };
+  // A one-shot timer added at a fixed rate ends like any other, and a
+  // failure ends or repeats a timer alike in both modes.
+  const Case cases[] = {{"one-shot", false, 100, 0, 0, 0, 1, kNone},
+                        {"re-armed from the end of each run", false, 10, 10, 3, 15, 4, kNone},
+                        {"interval 0: back to back", false, 0, 0, 49, 0, 50, kNone},
+                        {"interval 0 at a fixed rate", true, 0, 0, 49, 0, 50, kNone},
+                        {"run throws, repeating", false, 1, 0, 2, 0, 3, kRun},
+                        {"run throws, once", false, 1, 0, 0, 0, 1, kRun},
+                        {"isRepeat throws", false, 1, 0, -1, 0, 1, kRepeat},
+                        {"interval throws", true, 1, 0, -1, 0, 1, kInterval}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Tally tally;
@@ -149,8 +163,12 @@ TEST_P(TimerSchedulerTest, FixedRateRunsStartOnTheirGridAndSkipMissedSlots) {
   const unsigned long long period = zorv::test::SlowTarget() ? 300 : 150;
   // The first run lasts until t0 + overrunHalves * period / 2, and may double
   // interval().
-  struct Case { const char* name; unsigned long long overrunHalves; bool doubleInterval;
-                std::vector<unsigned long long> slots; };
+  struct Case {
+    const char* name;
+    unsigned long long overrunHalves;
+    bool doubleInterval;
+    std::vector<unsigned long long> slots;
+  };
   const Case cases[] = {{"on time", 0, false, {1, 2, 3}},
                         {"a first run until slot 3.5 skips slots 2 and 3", 7, false, {1, 4, 5}},
                         {"a new interval applies after the next slot", 0, true, {1, 2, 4}}};
@@ -202,7 +220,9 @@ TEST_P(TimerSchedulerTest, TimersRunInDueOrderThenInTheOrderAddedAndMayAddAndRem
 }
 
 TEST_P(TimerSchedulerTest, RemovedTimersAreDisposedOnceAndNeverRunAgain) {
-  struct Case { bool inRun, wait, fixedRate; };
+  struct Case {
+    bool inRun, wait, fixedRate;
+  };
   const Case cases[] = {{false, false, false}, {false, true, true}, {true, false, false},
                         {true, true, false},   {true, false, true}, {true, true, true}};
   for (const Case& c : cases) {
@@ -298,16 +318,17 @@ struct RefusingExecutor : zf::threading::IExecutor {
     if (outOfMemory) throw std::bad_alloc();
     throw zf::lang::Exception("test.RefusingExecutor.addTask", "executor has stopped");
   }
-  bool tryAddTask(zf::threading::ITask* task, unsigned int) override {
-    return addTask(task), true;
-  }
+  bool tryAddTask(zf::threading::ITask* task, unsigned int) override { return addTask(task), true; }
   bool discardFirst, outOfMemory;
 };
 
 using TimerSchedulerFaultTest = zorv::test::LeakCheckedTest;
 
 TEST_F(TimerSchedulerFaultTest, ARefusedHandOverEndsTheTimerUnlessMemoryRanOut) {
-  struct Case { const char* name; bool stoppedPool, discardFirst, outOfMemory, ends; };
+  struct Case {
+    const char* name;
+    bool stoppedPool, discardFirst, outOfMemory, ends;
+  };
   const Case cases[] = {{"a stopped pool", true, false, false, true},
                         {"stopped", false, false, false, true},
                         {"discarded, then stopped", false, true, false, true},
@@ -322,9 +343,8 @@ TEST_F(TimerSchedulerFaultTest, ARefusedHandOverEndsTheTimerUnlessMemoryRanOut) 
     TimerScheduler scheduler(c.stoppedPool ? &pool : executor);
     scheduler.addTimer(NewTimer(&tally, 1, 1, -1));
     scheduler.addFixedRateTimer(NewTimer(&tally, 2, 2, -1));
-    ASSERT_TRUE(PollUntil([&] {
-      return c.ends ? tally.disposals.load() == 2 : tally.interrupts.load() >= 6;
-    }));
+    ASSERT_TRUE(PollUntil(
+        [&] { return c.ends ? tally.disposals.load() == 2 : tally.interrupts.load() >= 6; }));
     EXPECT_EQ(tally.disposals.load(), c.ends ? 2 : 0);
     EXPECT_EQ(scheduler.timerNum(), c.ends ? 0u : 2u);
     scheduler.stop();
