@@ -81,7 +81,9 @@ TYPED_TEST(ExecutorTest, WorkerCountsAreCappedAndDefaultToProcessors) {
   const int processors = zf::system::SystemUtils::GetProcessorNum();
   const unsigned int perProcessor =
       processors <= 0 ? 1u : (processors > 300 ? 300u : static_cast<unsigned int>(processors));
-  struct Case { unsigned int requested, expected; };
+  struct Case {
+    unsigned int requested, expected;
+  };
   const Case cases[] = {{1, 1}, {3, 3}, {0, perProcessor}, {1000, 300}};
   const unsigned long long base = zf::debug::ObjectMonitor::LiveObjects();
   unsigned long long stopped = 0;
@@ -102,7 +104,9 @@ TYPED_TEST(ExecutorTest, WorkerCountsAreCappedAndDefaultToProcessors) {
 TYPED_TEST(ExecutorTest, QueueBoundIsAtLeast100AndSharedAmongQueues) {
   const bool shared = !std::is_same<TypeParam, ThreadPool>::value;
   // single: the ThreadPool's bound; each: that of every AffinityThreadPool worker of 4
-  struct Case { unsigned int n, single, each; };
+  struct Case {
+    unsigned int n, single, each;
+  };
   // clang-format off
   const Case cases[] = {{0, 100, 100},   {5, 100, 100},     {100, 100, 100},
                         {300, 300, 100}, {1000, 1000, 250}, {4000000, 4000000, 1000000}};
@@ -211,10 +215,8 @@ TYPED_TEST(ExecutorTest, AddingWhileStopWaitsIsRefusedNotStranded) {
       } else {
         task->dispose();
       }
-    } catch (const zf::lang::Exception& e) {
-      refused = true;
-      EXPECT_EQ(e.func().c_str(), PoolName<TypeParam>(".addTask"));
-      EXPECT_EQ(std::string(e.info().c_str()), "executor has stopped");
+    } catch (const zf::lang::Exception&) {
+      refused = true;  // the texts: checked below
     }
     Thread::Yield();
   }
@@ -387,7 +389,10 @@ TEST_F(AffinityThreadPoolTest, TasksOfOneAffinityRunOnOneWorkerInOrder) {
   const unsigned long long worker0 = pool.workerThreadID(0);
   const unsigned long long worker1 = pool.workerThreadID(1);
   ASSERT_NE(worker0, 0u);
-  struct Case { int affinity; unsigned long long thread; };
+  struct Case {
+    int affinity;
+    unsigned long long thread;
+  };
   const Case cases[] = {{0, worker0}, {4, worker0}, {8, worker0}, {5, worker1}, {1, worker1}};
   for (int i = 0; i < 100; ++i) {
     ProbeTask* task = NewTask(&tally, i);
