@@ -49,16 +49,16 @@ TEST_F(GlobalSchedulerTest, ServicesAreNamedSizeTheirPoolsAndMayBeDisposed) {
   tasks->dispose();
   EXPECT_EQ(tally.disposals.load(), 2);
   EXPECT_EQ(tally.runs.load(), 1);
-  GlobalTaskScheduler defaults;  // as many workers as a pool asked for none
+}
+
+// Default pool sizes are those of a pool asked for none. Finalizing stops
+// the timers first, then drains the pools; both may be finalized again.
+TEST_F(GlobalSchedulerTest, TimersOverThePoolThenFinalizeDrainsAndStops) {
+  Tally tally;
+  GlobalTaskScheduler defaults;
   const unsigned int expected = zf::threading::ThreadPool(0).threadNum();
   EXPECT_EQ(defaults.getThreadPool().threadNum(), expected);
   EXPECT_EQ(defaults.getAffinityPool().threadNum(), expected);
-}
-
-// Finalizing stops the timers first, then drains the pools; both may be
-// finalized again.
-TEST_F(GlobalSchedulerTest, TimersOverThePoolThenFinalizeDrainsAndStops) {
-  Tally tally;
   std::atomic<int> onPool{0};
   GlobalTaskScheduler tasks(2, 1);
   GlobalTimerScheduler timers(&tasks.getThreadPool());
@@ -89,8 +89,7 @@ TEST_F(GlobalSchedulerTest, TimersOverThePoolThenFinalizeDrainsAndStops) {
   EXPECT_ZORV_THROW(tasks.getThreadPool().addTask(NewTask(&tally)),
                     "zorv.foundation.threading.ThreadPool.addTask", "executor has stopped");
   EXPECT_ZORV_THROW(tasks.getAffinityPool().addTask(NewTask(&tally)),
-                    "zorv.foundation.threading.AffinityThreadPool.addTask",
-                    "executor has stopped");
+                    "zorv.foundation.threading.AffinityThreadPool.addTask", "executor has stopped");
   EXPECT_EQ(tally.disposals.load(), 206);
 }
 
