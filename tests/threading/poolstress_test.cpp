@@ -71,7 +71,9 @@ TYPED_TEST_SUITE(PoolStressTest, zorv::test::Executors, zorv::test::ExecutorName
 TYPED_TEST(PoolStressTest, ProducersLoseNoTaskAlsoWhenStopRaces) {
   const std::string source = zorv::test::PoolName<TypeParam>(".addTask");
   const unsigned int stopRounds = zorv::test::SlowTarget() ? 3 : 10;
-  struct Case { unsigned int workers, producers, perProducer, bound, stoppers, rounds; };
+  struct Case {
+    unsigned int workers, producers, perProducer, bound, stoppers, rounds;
+  };
   // clang-format off
   const Case cases[] = {{4, 8, Scaled(100000, 20), 100, 0, 1},
                         {8, 3, Scaled(50000, 20), 0, 0, 1},
@@ -183,7 +185,8 @@ TYPED_TEST(PoolStressTest, TimersAddedAndRemovedWhileThePoolStops) {
             i % 4 < 2 ? scheduler.addFixedRateTimer(mine.back()) : scheduler.addTimer(mine.back());
             // A removed timer may have ended and been disposed already: its
             // pointer is only a key, and an unknown key is ignored.
-            if (random() % 3 == 0) scheduler.removeTimer(mine[random() % mine.size()], random() % 2 == 0);
+            if (random() % 3 == 0)
+              scheduler.removeTimer(mine[random() % mine.size()], random() % 2 == 0);
           }
           adding.fetch_sub(1);
         });
