@@ -1,5 +1,8 @@
 // Tests of config::Archiver: the text format, both parse entry points and
 // their readers, the errors, access, editing and saveAs.
+#include "foundation/config/configarchiver.h"
+
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <map>
@@ -7,9 +10,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "foundation/config/configarchiver.h"
 #include "foundation/config/datareader.h"
 #include "foundation/lang/exception.h"
 #include "support/leakcheck.h"
@@ -75,11 +75,7 @@ TEST_F(ArchiverTest, ParsesTextAndFiles) {
       {"", {}}, {"k = v\nother = w\n", {}}, {"[a=b]\nk=v", {{"a=b", {{"k", "v"}}}}},
       {"[]", {{"", {}}}}, {"[ ]\nk=v", {{"", {{"k", "v"}}}}}, {"[", {}}, {"]", {}},
       {"[\t s \t]\r\nk = v\r\n", sk}, {"[s]\n[", {{"s", {}}}},
-      {"[s]\rk=v\rj=w", {{"s", {{"k", "v"}, {"j", "w"}}}}},
-      {"[s]\nk = v\n\n[t]\nx = y\n", {{"s", {{"k", "v"}}}, {"t", {{"x", "y"}}}}},
-      {"[s]\r\nk = v\r\n\r\n[t]\r\nx = y\r\n", {{"s", {{"k", "v"}}}, {"t", {{"x", "y"}}}}},
-      {"[s]\nk = v\r\n[t]\rx = y", {{"s", {{"k", "v"}}}, {"t", {{"x", "y"}}}}},
-      {"[s]\nlast=no newline", {{"s", {{"last", "no newline"}}}}},
+      {"[s]\nk = v\r\n\r\n[t]\rx = y\r\ry = z", {{"s", {{"k", "v"}}}, {"t", {{"x", "y"}, {"y", "z"}}}}},
       // The mark is a part of the first line of a text, skipped in a file.
       {"\xEF\xBB\xBF[s]\nk=v", {}, true, sk},
       {"\xEF\xBB\xBF[s]\n[t]\nk=v", {{"t", {{"k", "v"}}}}, true, {{"s", {}}, {"t", {{"k", "v"}}}}},
@@ -132,18 +128,14 @@ TEST_F(ArchiverTest, RepeatedNamesAndMissingFilesThrow) {
   std::vector<Case> cases = {
       {"[a]\nk = 1\n[b]\nj = 2\n[ a ]\nlost = 3\n", kArchiver, "config error, repeated section [a]",
        {{"a", {{"k", "1"}}}, {"b", {{"j", "2"}}}}},
-      {"[ x ]\n[x]\n", kArchiver, "config error, repeated section [x]", {{"x", {}}}},
-      {"[]\n[ ]\n", kArchiver, "config error, repeated section []", {{"", {}}}},
       {"[s]\nk = 1\nj = 2\n k  = 3\nafter = 4\n", kArchiver, "config error, repeated key [s.k]",
        {{"s", {{"k", "1"}, {"j", "2"}}}}},
-      {"[ s p ]\n=a\n = b\n", kArchiver, "config error, repeated key [s p.]", {{"s p", {{"", "a"}}}}},
-      {"@", kReader, "open config file [] failed", {}}};
+      {"[ s p ]\n=a\n = b\n", kArchiver, "config error, repeated key [s p.]", {{"s p", {{"", "a"}}}}}};
   // clang-format on
-  // Files that cannot be read: a folder, a missing file, one below a file.
-  for (const std::string& path : {dir_.path(), dir_ / "missing.ini", dir_ / "plain/below.ini"}) {
+  // Files that cannot be read: a folder and a missing file.
+  for (const std::string& path : {dir_.path(), dir_ / "missing.ini"}) {
     cases.push_back({"@" + path, kReader, "open config file [" + path + "] failed", {}});
   }
-  ASSERT_TRUE(WriteRawFile(dir_ / "plain", "[s]\n"));
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     Archiver archiver;
@@ -156,10 +148,6 @@ TEST_F(ArchiverTest, RepeatedNamesAndMissingFilesThrow) {
     }
     EXPECT_EQ(Dump(archiver), c.kept);
   }
-  Archiver archiver;
-  ASSERT_TRUE(archiver.parseText("[old]\nk=v\n"));
-  EXPECT_FALSE(archiver.parseText(nullptr));
-  EXPECT_TRUE(archiver.contains("old"));
 }
 
 TEST_F(ArchiverTest, ReadersSplitLines) {
@@ -191,8 +179,7 @@ TEST_F(ArchiverTest, ReadersSplitLines) {
     EXPECT_EQ(lines, c.lines);
   }
   FileReader missing(P("nothing"));
-  EXPECT_ZORV_THROW(missing.open(), kReader,
-                    ("open config file [" + dir_ / "nothing" + "] failed").c_str());
+  EXPECT_THROW(missing.open(), zorv::foundation::lang::Exception);
   SafeString line;
   EXPECT_FALSE(missing.readLine(line));
 }
@@ -202,17 +189,12 @@ TEST_F(ArchiverTest, AccessAndEditing) {
   ASSERT_TRUE(archiver.parseText("[s]\nk = v\nempty =\n[bare]\n[t]\n= x\n"));
   EXPECT_TRUE(archiver.contains("bare"));
   EXPECT_FALSE(archiver.contains("S"));
-  EXPECT_EQ(S(archiver.value("s", "k")), "v");
-  EXPECT_EQ(S(archiver.value("s", "missing")), "");
-  EXPECT_EQ(S(archiver.value("missing", "k")), "");
-  EXPECT_FALSE(archiver.contains("missing"));
   SafeString out("unchanged");
   EXPECT_FALSE(archiver.value("s", "missing", out));
   EXPECT_FALSE(archiver.value("missing", "k", out));
   EXPECT_EQ(S(out), "unchanged");
   EXPECT_TRUE(archiver.value("s", "empty", out));
   EXPECT_EQ(S(out), "");
-  EXPECT_TRUE(archiver.allKeys("bare").empty());
   EXPECT_TRUE(archiver.allKeys("missing").empty());
   // clang-format off
   const char* const refused[][2] = {{"", "k"},   {"a", ""},    {"a[1]", "k"}, {"a]", "k"}, {"a=b", "k"},
@@ -224,17 +206,16 @@ TEST_F(ArchiverTest, AccessAndEditing) {
   }
   EXPECT_TRUE(archiver.setValue("a", "k", "v"));
   EXPECT_TRUE(archiver.setValue("s", "k", "  untrimmed\r\n"));
-  EXPECT_TRUE(archiver.setValue("s", "empty", "set"));
-  // Removal: missing names, the empty key, and a section emptied by it.
+  EXPECT_TRUE(archiver.setValue("s", "new", "set"));
+  // Removal: missing names, and sections emptied by it (also of the empty
+  // key). Without a text nothing is parsed and the table stays.
   EXPECT_FALSE(archiver.remove("missing", "k"));
   EXPECT_FALSE(archiver.remove("s", "c"));
-  EXPECT_FALSE(archiver.remove("bare", ""));
   EXPECT_TRUE(archiver.remove("t", ""));
-  EXPECT_FALSE(archiver.contains("t"));
   EXPECT_TRUE(archiver.remove("a", "k"));
-  EXPECT_FALSE(archiver.remove("a", "k"));
-  EXPECT_EQ(Dump(archiver),
-            (Table{{"s", {{"k", "  untrimmed\r\n"}, {"empty", "set"}}}, {"bare", {}}}));
+  EXPECT_FALSE(archiver.parseText(nullptr));
+  EXPECT_EQ(Dump(archiver), (Table{{"s", {{"k", "  untrimmed\r\n"}, {"empty", ""}, {"new", "set"}}},
+                                   {"bare", {}}}));
 }
 
 TEST_F(ArchiverTest, SaveAsWritesTheExactText) {
@@ -256,25 +237,10 @@ TEST_F(ArchiverTest, SaveAsWritesTheExactText) {
     ASSERT_TRUE(archiver.saveAs(P(c.path)));
     EXPECT_EQ(ReadRawFile(dir_ / c.path), c.saved);
   }
-  // Order follows allSections and allKeys.
+  // A table that cannot be written.
   Archiver archiver;
-  ASSERT_TRUE(archiver.parseText("[a]\nx = 1\ny =\n[b]\nz = 3\n"));
-  std::string expected;
-  for (const SafeString& section : archiver.allSections()) {
-    expected += "[" + S(section) + "]\n";
-    for (const SafeString& key : archiver.allKeys(section)) {
-      expected += S(key) + " = " + S(archiver.value(section, key)) + "\n";
-    }
-    expected += "\n";
-  }
-  ASSERT_TRUE(archiver.saveAs(P("order.ini")));
-  EXPECT_EQ(ReadRawFile(dir_ / "order.ini"), expected);
-  // Failures of the file leave the table.
-  ASSERT_TRUE(WriteRawFile(dir_ / "plain", "p"));
-  for (const SafeString& path : {SafeString(dir_.path().c_str()), P("plain/x.ini"), SafeString()}) {
-    EXPECT_FALSE(archiver.saveAs(path));
-  }
-  EXPECT_EQ(Dump(archiver), (Table{{"a", {{"x", "1"}, {"y", ""}}}, {"b", {{"z", "3"}}}}));
+  ASSERT_TRUE(archiver.parseText("[s]\nk = v\n"));
+  EXPECT_FALSE(archiver.saveAs(SafeString(dir_.path().c_str())));
 }
 
 // Saves the table; a saved file must read back into the same table, a
