@@ -1,5 +1,8 @@
 // Tests of config::Archiver: the text format, both parse entry points and
 // their readers, the errors, access, editing and saveAs.
+#include "foundation/config/configarchiver.h"
+
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <map>
@@ -7,9 +10,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "foundation/config/configarchiver.h"
 #include "foundation/config/datareader.h"
 #include "foundation/lang/exception.h"
 #include "support/leakcheck.h"
@@ -75,11 +75,7 @@ TEST_F(ArchiverTest, ParsesTextAndFiles) {
       {"", {}}, {"k = v\nother = w\n", {}}, {"[a=b]\nk=v", {{"a=b", {{"k", "v"}}}}},
       {"[]", {{"", {}}}}, {"[ ]\nk=v", {{"", {{"k", "v"}}}}}, {"[", {}}, {"]", {}},
       {"[\t s \t]\r\nk = v\r\n", sk}, {"[s]\n[", {{"s", {}}}},
-      {"[s]\rk=v\rj=w", {{"s", {{"k", "v"}, {"j", "w"}}}}},
-      {"[s]\nk = v\n\n[t]\nx = y\n", {{"s", {{"k", "v"}}}, {"t", {{"x", "y"}}}}},
-      {"[s]\r\nk = v\r\n\r\n[t]\r\nx = y\r\n", {{"s", {{"k", "v"}}}, {"t", {{"x", "y"}}}}},
-      {"[s]\nk = v\r\n[t]\rx = y", {{"s", {{"k", "v"}}}, {"t", {{"x", "y"}}}}},
-      {"[s]\nlast=no newline", {{"s", {{"last", "no newline"}}}}},
+      {"[s]\nk = v\r\n\r\n[t]\rx = y\r\ry = z", {{"s", {{"k", "v"}}}, {"t", {{"x", "y"}, {"y", "z"}}}}},
       // The mark is a part of the first line of a text, skipped in a file.
       {"\xEF\xBB\xBF[s]\nk=v", {}, true, sk},
       {"\xEF\xBB\xBF[s]\n[t]\nk=v", {{"t", {{"k", "v"}}}}, true, {{"s", {}}, {"t", {{"k", "v"}}}}},
@@ -132,18 +128,14 @@ TEST_F(ArchiverTest, RepeatedNamesAndMissingFilesThrow) {
   std::vector<Case> cases = {
       {"[a]\nk = 1\n[b]\nj = 2\n[ a ]\nlost = 3\n", kArchiver, "config error, repeated section [a]",
        {{"a", {{"k", "1"}}}, {"b", {{"j", "2"}}}}},
-      {"[ x ]\n[x]\n", kArchiver, "config error, repeated section [x]", {{"x", {}}}},
-      {"[]\n[ ]\n", kArchiver, "config error, repeated section []", {{"", {}}}},
       {"[s]\nk = 1\nj = 2\n k  = 3\nafter = 4\n", kArchiver, "config error, repeated key [s.k]",
        {{"s", {{"k", "1"}, {"j", "2"}}}}},
-      {"[ s p ]\n=a\n = b\n", kArchiver, "config error, repeated key [s p.]", {{"s p", {{"", "a"}}}}},
-      {"@", kReader, "open config file [] failed", {}}};
+      {"[ s p ]\n=a\n = b\n", kArchiver, "config error, repeated key [s p.]", {{"s p", {{"", "a"}}}}}};
   // clang-format on
-  // Files that cannot be read: a folder, a missing file, one below a file.
-  for (const std::string& path : {dir_.path(), dir_ / "missing.ini", dir_ / "plain/below.ini"}) {
+  // Files that cannot be read: a folder and a missing file.
+  for (const std::string& path : {dir_.path(), dir_ / "missing.ini"}) {
     cases.push_back({"@" + path, kReader, "open config file [" + path + "] failed", {}});
   }
-  ASSERT_TRUE(WriteRawFile(dir_ / "plain", "[s]\n"));
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     Archiver archiver;
@@ -156,10 +148,6 @@ TEST_F(ArchiverTest, RepeatedNamesAndMissingFilesThrow) {
     }
     EXPECT_EQ(Dump(archiver), c.kept);
   }
-  Archiver archiver;
-  ASSERT_TRUE(archiver.parseText("[old]\nk=v\n"));
-  EXPECT_FALSE(archiver.parseText(nullptr));
-  EXPECT_TRUE(archiver.contains("old"));
 }
 
 TEST_F(ArchiverTest, ReadersSplitLines) {
@@ -191,8 +179,7 @@ TEST_F(ArchiverTest, ReadersSplitLines) {
     EXPECT_EQ(lines, c.lines);
   }
   FileReader missing(P("nothing"));
-  EXPECT_ZORV_THROW(missing.open(), kReader,
-                    ("open config file [" + dir_ / "nothing" + "] failed").c_str());
+  EXPECT_THROW(missing.open(), zorv::foundation::lang::Exception);
   SafeString line;
   EXPECT_FALSE(missing.readLine(line));
 }
@@ -202,17 +189,12 @@ TEST_F(ArchiverTest, AccessAndEditing) {
   ASSERT_TRUE(archiver.parseText("[s]\nk = v\nempty =\n[bare]\n[t]\n= x\n"));
   EXPECT_TRUE(archiver.contains("bare"));
   EXPECT_FALSE(archiver.contains("S"));
-  EXPECT_EQ(S(archiver.value("s", "k")), "v");
-  EXPECT_EQ(S(archiver.value("s", "missing")), "");
-  EXPECT_EQ(S(archiver.value("missing", "k")), "");
-  EXPECT_FALSE(archiver.contains("missing"));
   SafeString out("unchanged");
   EXPECT_FALSE(archiver.value("s", "missing", out));
   EXPECT_FALSE(archiver.value("missing", "k", out));
   EXPECT_EQ(S(out), "unchanged");
   EXPECT_TRUE(archiver.value("s", "empty", out));
   EXPECT_EQ(S(out), "");
-  EXPECT_TRUE(archiver.allKeys("bare").empty());
   EXPECT_TRUE(archiver.allKeys("missing").empty());
   // clang-format off
   const char* const refused[][2] = {{"", "k"},   {"a", ""},    {"a[1]", "k"}, {"a]", "k"}, {"a=b", "k"},
@@ -224,17 +206,16 @@ TEST_F(ArchiverTest, AccessAndEditing) {
   }
   EXPECT_TRUE(archiver.setValue("a", "k", "v"));
   EXPECT_TRUE(archiver.setValue("s", "k", "  untrimmed\r\n"));
-  EXPECT_TRUE(archiver.setValue("s", "empty", "set"));
-  // Removal: missing names, the empty key, and a section emptied by it.
+  EXPECT_TRUE(archiver.setValue("s", "new", "set"));
+  // Removal: missing names, and sections emptied by it (also of the empty
+  // key). Without a text nothing is parsed and the table stays.
   EXPECT_FALSE(archiver.remove("missing", "k"));
   EXPECT_FALSE(archiver.remove("s", "c"));
-  EXPECT_FALSE(archiver.remove("bare", ""));
   EXPECT_TRUE(archiver.remove("t", ""));
-  EXPECT_FALSE(archiver.contains("t"));
   EXPECT_TRUE(archiver.remove("a", "k"));
-  EXPECT_FALSE(archiver.remove("a", "k"));
-  EXPECT_EQ(Dump(archiver),
-            (Table{{"s", {{"k", "  untrimmed\r\n"}, {"empty", "set"}}}, {"bare", {}}}));
+  EXPECT_FALSE(archiver.parseText(nullptr));
+  EXPECT_EQ(Dump(archiver), (Table{{"s", {{"k", "  untrimmed\r\n"}, {"empty", ""}, {"new", "set"}}},
+                                   {"bare", {}}}));
 }
 
 TEST_F(ArchiverTest, SaveAsWritesTheExactText) {
@@ -256,44 +237,16 @@ TEST_F(ArchiverTest, SaveAsWritesTheExactText) {
     ASSERT_TRUE(archiver.saveAs(P(c.path)));
     EXPECT_EQ(ReadRawFile(dir_ / c.path), c.saved);
   }
-  // Order follows allSections and allKeys.
+  // A table that cannot be written.
   Archiver archiver;
-  ASSERT_TRUE(archiver.parseText("[a]\nx = 1\ny =\n[b]\nz = 3\n"));
-  std::string expected;
-  for (const SafeString& section : archiver.allSections()) {
-    expected += "[" + S(section) + "]\n";
-    for (const SafeString& key : archiver.allKeys(section)) {
-      expected += S(key) + " = " + S(archiver.value(section, key)) + "\n";
-    }
-    expected += "\n";
-  }
-  ASSERT_TRUE(archiver.saveAs(P("order.ini")));
-  EXPECT_EQ(ReadRawFile(dir_ / "order.ini"), expected);
-  // Failures of the file leave the table.
-  ASSERT_TRUE(WriteRawFile(dir_ / "plain", "p"));
-  for (const SafeString& path : {SafeString(dir_.path().c_str()), P("plain/x.ini"), SafeString()}) {
-    EXPECT_FALSE(archiver.saveAs(path));
-  }
-  EXPECT_EQ(Dump(archiver), (Table{{"a", {{"x", "1"}, {"y", ""}}}, {"b", {{"z", "3"}}}}));
+  ASSERT_TRUE(archiver.parseText("[s]\nk = v\n"));
+  EXPECT_FALSE(archiver.saveAs(SafeString(dir_.path().c_str())));
 }
 
-// Saves the table; a saved file must read back into the same table, a
-// refused save must leave no file and the table as it was.
-void ExpectRoundTripOrRefusal(Archiver& archiver, const SafeString& path, bool expectSaved) {
-  const Table before = Dump(archiver);
-  const bool saved = archiver.saveAs(path);
-  EXPECT_EQ(saved, expectSaved);
-  EXPECT_EQ(Dump(archiver), before);
-  if (saved) {
-    Archiver reread;
-    ASSERT_NO_THROW(EXPECT_TRUE(reread.parseFile(path)));
-    EXPECT_EQ(Dump(reread), before);
-  } else {
-    EXPECT_NE(access(path.c_str(), F_OK), 0) << "a refused save wrote a file";
-  }
-}
-
-TEST_F(ArchiverTest, SaveAsWritesOnlyWhatReadsBackTheSame) {
+// Saves the tables of the rows, then random ones: a saved file must read
+// back into the same table, a refused save must leave no file and the
+// table as it was.
+TEST_F(ArchiverTest, SaveWritesOnlyWhatReadsBackTheSame) {
   // Enough other sections that the hash order rarely puts the first header
   // first.
   const std::string others = "[s1]\nk = 1\n[s2]\n[s3]\nk = 3\n[s4]\n[s5]\n[s6]\n[s7]\n";
@@ -303,8 +256,8 @@ TEST_F(ArchiverTest, SaveAsWritesOnlyWhatReadsBackTheSame) {
     bool saved;
   };
   const std::string nul(1, '\0');
-  // The random tables below cover the other names and values; these rows
-  // hold what they reach too rarely.
+  // The random tables cover the other names and values; these rows hold
+  // what they reach too rarely.
   // clang-format off
   const std::vector<Case> cases = {
       {"[a=b]\n[a = 1]\nx = [y]\n" + others, {}, true}, {"[a=b]\n", {}, true},
@@ -312,22 +265,8 @@ TEST_F(ArchiverTest, SaveAsWritesOnlyWhatReadsBackTheSame) {
       {"[p=q]\nk = v\n", {"s", "k", "v"}, true}, {others, {"s", "k", "a = b [c]"}, true},
       {others, {"s1", "k2", "v\n[s1]"}, false}, {others, {"s", "k", "v" + nul + "x = y"}, false}};
   // clang-format on
-  int n = 0;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text +
-                 (c.set.empty() ? "" : " + " + c.set[0] + "." + c.set[1] + "=" + c.set[2]));
-    Archiver archiver;
-    ASSERT_TRUE(archiver.parseText(c.text.c_str()));
-    if (!c.set.empty()) {
-      ASSERT_TRUE(archiver.setValue(Safe(c.set[0]), Safe(c.set[1]), Safe(c.set[2])));
-    }
-    ExpectRoundTripOrRefusal(archiver, P("case" + std::to_string(n++) + ".ini"), c.saved);
-  }
-}
-
-TEST_F(ArchiverTest, SaveOfAnyReachableTableRoundTripsOrIsRefused) {
-  // Mostly letters, sometimes a byte that a saved file cannot carry as is
-  // (the last pick is the terminating NUL).
+  // Random names: mostly letters, sometimes a byte that a saved file cannot
+  // carry as is (the last pick is the terminating NUL).
   static const char kChars[] = "abcdefgh#;\x80\"ab=[] \t\r\n";
   std::mt19937 random(2718);
   std::uniform_int_distribution<int> pick(0, static_cast<int>(sizeof(kChars)) - 1);
@@ -339,54 +278,47 @@ TEST_F(ArchiverTest, SaveOfAnyReachableTableRoundTripsOrIsRefused) {
   };
   int saved = 0;
   int refused = 0;
-  for (int round = 0; round < 300; ++round) {
+  for (size_t round = 0; round < cases.size() + 300; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
+    const SafeString path = P("table" + std::to_string(round) + ".ini");
     Archiver archiver;
-    std::string text;
-    for (int line = length(random) * 2; line > 0; --line) {
-      text += (line % 2 == 0 ? "[" + name() + "]" : name() + "=" + name()) + "\n";
+    bool expectSaved = false;
+    if (round < cases.size()) {
+      const Case& c = cases[round];
+      ASSERT_TRUE(archiver.parseText(c.text.c_str()));
+      EXPECT_TRUE(c.set.empty() ||
+                  archiver.setValue(Safe(c.set[0]), Safe(c.set[1]), Safe(c.set[2])));
+      expectSaved = c.saved;
+    } else {
+      std::string text;
+      for (int line = length(random) * 2; line > 0; --line) {
+        text += (line % 2 == 0 ? "[" + name() + "]" : name() + "=" + name()) + "\n";
+      }
+      try {
+        (void)archiver.parseText(text.c_str());
+      } catch (const zorv::foundation::lang::Exception&) {
+        // Repeated names: what was read before stays.
+      }
+      for (int i = length(random); i > 0; --i) {
+        (void)archiver.setValue(Safe(name()), Safe(name()), Safe(name()));
+      }
+      expectSaved = archiver.saveAs(path);
+      (void)::unlink(path.c_str());
+      (expectSaved ? saved : refused) += archiver.allSections().empty() ? 0 : 1;
     }
-    try {
-      (void)archiver.parseText(text.c_str());
-    } catch (const zorv::foundation::lang::Exception&) {
-      // Repeated names: what was read before stays.
+    const Table before = Dump(archiver);
+    EXPECT_EQ(archiver.saveAs(path), expectSaved);
+    EXPECT_EQ(Dump(archiver), before);
+    Archiver reread;
+    if (expectSaved) {
+      ASSERT_NO_THROW(EXPECT_TRUE(reread.parseFile(path)));
+      EXPECT_EQ(Dump(reread), before);
+    } else {
+      EXPECT_NE(access(path.c_str(), F_OK), 0) << "a refused save wrote a file";
     }
-    for (int i = length(random); i > 0; --i) {
-      (void)archiver.setValue(Safe(name()), Safe(name()), Safe(name()));
-    }
-    const bool empty = archiver.allSections().empty();
-    const SafeString path = P("random" + std::to_string(round) + ".ini");
-    const bool expectSaved = archiver.saveAs(path);
-    (void)::unlink(path.c_str());
-    ExpectRoundTripOrRefusal(archiver, path, expectSaved);
-    (expectSaved ? saved : refused) += empty ? 0 : 1;
   }
   EXPECT_GT(saved, 50) << "too few tables were saved to show anything";
   EXPECT_GT(refused, 50) << "too few tables were refused to show anything";
-}
-
-TEST_F(ArchiverTest, AllocationFailuresLeakNothing) {
-  const char* text =
-      "[section with a long name]\nkey with a long name = value with a long text\n"
-      "[other section name here]\nk = v\n";
-  for (unsigned int n = 1; n < 40; ++n) {
-    SCOPED_TRACE("failing allocation " + std::to_string(n));
-    Archiver archiver;
-    bool threw = false;
-    {
-      zorv::test::FailAfterGuard fail(n);
-      try {
-        (void)archiver.parseText(text);
-        (void)archiver.setValue("another long section name", "another long key", "v");
-      } catch (const std::bad_alloc&) {
-        threw = true;
-      }
-    }
-    if (!threw) {
-      EXPECT_EQ(S(archiver.value("other section name here", "k")), "v");
-      break;
-    }
-  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Tests of the crash-safe saves: FileUtils::WriteTextAtomic and
 // WriteBinaryAtomic, and Archiver::saveAsAtomic.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,8 +13,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "file/filetestutil.h"
 #include "foundation/config/configarchiver.h"
@@ -88,26 +87,22 @@ TEST_F(AtomicSaveTest, Cases) {
       {"FIFO target", {"p?"}, "p", false, "", 0, {"p?"}}};
   // clang-format on
   for (int saver = 0; saver < 3; ++saver) {
+    SCOPED_TRACE(kSaverNames[saver]);
+    std::vector<zorv::test::FileCase> runs;
     for (const Case& c : cases) {
-      SCOPED_TRACE(std::string(kSaverNames[saver]) + ": " + c.what);
       if (::geteuid() == 0 && c.written == "ro") continue;
-      TempDir base;
       std::vector<std::string> after = c.after;
-      ASSERT_TRUE(zorv::test::Build(base.path(), c.before));
-      if (!c.written.empty())
-        (void)::chmod((base / c.written).c_str(), static_cast<mode_t>(c.mode));
-      const SafeString path = c.path.empty() ? SafeString() : Safe(base / c.path);
-      {
-        zorv::test::FileSizeLimit limit(c.sizeLimit != 0 ? c.sizeLimit : RLIM_INFINITY);
-        EXPECT_EQ(Save(saver, path), c.ok);
-      }
-      if (c.ok) {
-        after.push_back(c.written + "=" + kSaved[saver]);
-        std::sort(after.begin(), after.end());
-        EXPECT_EQ(RawMode(base / c.written), c.mode);
-      }
-      EXPECT_EQ(Snapshot(base.path()), after);
+      if (c.ok) after.push_back(c.written + "=" + kSaved[saver]);
+      auto save = [saver, c](const TempDir& base) {
+        if (!c.written.empty())
+          (void)::chmod((base / c.written).c_str(), static_cast<mode_t>(c.mode));
+        const bool saved = Save(saver, c.path.empty() ? SafeString() : Safe(base / c.path));
+        EXPECT_TRUE(!saved || RawMode(base / c.written) == c.mode) << "mode of " << c.written;
+        return saved;
+      };
+      runs.push_back({c.what, c.before, save, c.ok, after, c.sizeLimit});
     }
+    zorv::test::RunFileCases(runs);
   }
 }
 
@@ -135,10 +130,9 @@ TEST_F(AtomicSaveTest, SyncsTheFileThenRenamesThenSyncsTheFolder) {
 TEST_F(AtomicSaveTest, KilledSaveLeavesOneWholeVersion) {
   TempDir base;
   const std::string target = base / "data";
-  std::string first(64 * 1024 + 17, '\0');
-  std::string second(96 * 1024, '\0');
-  for (size_t i = 0; i < first.size(); ++i) first[i] = static_cast<char>('a' + i % 23);
-  for (size_t i = 0; i < second.size(); ++i) second[i] = static_cast<char>('A' + i % 19);
+  // A mixed or cut file has the wrong bytes or length.
+  const std::string first(64 * 1024 + 17, 'a');
+  const std::string second(96 * 1024, 'B');
   const SafeString firstText = Safe(first);
   const SafeString secondText = Safe(second);
   const SafeString path = Safe(target);

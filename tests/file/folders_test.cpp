@@ -1,7 +1,7 @@
 // Tests of FileUtils' folder half: creation with parents, removal, copying
 // and the searches with their flag word and path forms.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,10 +10,9 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "file/filetestutil.h"
 #include "foundation/file/fileutils.h"
+#include "support/forked.h"
 #include "support/leakcheck.h"
 #include "support/tempdir.h"
 
@@ -232,22 +231,16 @@ TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
     ASSERT_EQ(::chown(dir_.path().c_str(), 65534, 65534), 0);
     ASSERT_EQ(::chown((dir_ / "sentinel").c_str(), 65534, 65534), 0);
   }
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(2);
+  const pid_t child = zorv::test::Fork([&](int) {
+    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) return 2;
     for (size_t i = 0; i < spellings.size(); ++i) {
-      if (FileUtils::RemoveFolder(spellings[i].c_str())) ::_exit(10 + static_cast<int>(i));
+      if (FileUtils::RemoveFolder(spellings[i].c_str())) return 10 + static_cast<int>(i);
     }
-    ::_exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  const size_t code = static_cast<size_t>(WEXITSTATUS(status));
-  EXPECT_EQ(code, 0u) << (code >= 10 && code < 10 + spellings.size()
-                              ? "accepted: " + spellings[code - 10]
-                              : std::string("child failed"));
+    return 0;
+  });
+  ASSERT_GT(child, 0);
+  const int code = zorv::test::WaitChild(child);
+  EXPECT_EQ(code, 0) << (code >= 10 ? "accepted: " + spellings[code - 10] : "child failed");
   EXPECT_EQ(ReadRawFile(dir_ / "sentinel/keep"), "x");
   EXPECT_TRUE(RawExists(link));
 }

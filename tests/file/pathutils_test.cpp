@@ -1,11 +1,11 @@
 // Tests of the pure path functions of FileUtils: one table of edge cases and
 // a property test over random paths against a reference splitter.
 
+#include <gtest/gtest.h>
+
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "foundation/file/fileutils.h"
 #include "support/leakcheck.h"
@@ -40,24 +40,14 @@ TEST_F(PathUtilsTest, Table) {
     const char* expected;
     const char* second = nullptr;
   };
+  // The random paths below reach every other case; these rows show each
+  // function once and hold the zero bytes the random paths never have.
   // clang-format off
   const std::vector<Case> cases = {
-      {'n', "", ""}, {'n', "dir/file.txt", "file.txt"}, {'n', "dir/sub/", "sub"}, {'n', "/", "/"},
-      {'n', "///", "/"}, {'n', "C:\\data\\x.bin", "x.bin"}, {'n', "a\\b/c", "c"}, {'n', "..", ".."},
-      {'n', "./x/../y", "y"}, {'n', "//server\\share\\f", "f"}, {'n', zeroInName, "next"},
-      {'n', zeroInLast, "na"}, {'e', "", ""}, {'e', ".profile", "profile"}, {'e', "name.", ""},
-      {'e', "archive.tar.gz", "gz"}, {'e', "name", ""}, {'e', "dir.d/file", ""}, {'e', "/", ""},
-      {'e', "/a/b.TXT", "TXT"}, {'e', "a.b\\c.d", "d"}, {'e', zeroInLast, ""}, {'s', "", ""},
-      {'s', ".profile", ""}, {'s', "archive.tar.gz", "archive.tar"}, {'s', "name.", "name"},
-      {'s', "dir.d/file", "file"}, {'s', "/x/y.z/", "y"}, {'s', "/", "/"}, {'f', "", ""},
-      {'f', "/a/b/c", "/a/b"}, {'f', "a\\b\\", "a"}, {'f', "/a", "/"}, {'f', "a", ""}, {'f', "/", ""},
-      {'f', "//server\\share\\f", "/server/share"}, {'f', "/usr//lib/", "/usr"},
-      {'f', "./x/../y", "./x/.."}, {'f', zeroInName, "dir/fi"}, {'x', "", ""}, {'x', "/", "/"},
-      {'x', "/a/b.txt", "/a/b"}, {'x', "a\\b\\c.d.e", "a/b/c.d"}, {'x', "/a/.rc", "/a/"},
-      {'x', "x.y/z", "x.y/z"}, {'x', "//a//b.c//", "/a/b"}, {'l', "a/", "a/b", "b"},
-      {'l', "/opt/app", "/opt/app/conf/x.ini", "conf/x.ini"}, {'l', "/a", "/a//b", "/b"},
-      {'l', "", "", ""}, {'l', "", "b", "b"}, {'l', "a", "a", ""}, {'l', "", "/b", "/b"},
-      {'l', "a\\b", "a/b/c/d", "c\\\\d"}, {'l', "/", "//", "/"}, {'l', "a/..", "a/../../b", "../b"}};
+      {'n', "dir/sub/", "sub"}, {'n', "//server\\share\\f", "f"}, {'n', zeroInName, "next"},
+      {'n', zeroInLast, "na"}, {'e', "archive.tar.gz", "gz"}, {'e', zeroInLast, ""},
+      {'s', ".profile", ""}, {'f', "/usr//lib/", "/usr"}, {'f', zeroInName, "dir/fi"},
+      {'x', "a\\b\\c.d.e", "a/b/c.d"}, {'l', "a\\b", "a/b/c/d", "c\\\\d"}, {'l', "/", "//", "/"}};
   // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(1, c.function) + "('" + c.path + "'" +
@@ -122,6 +112,7 @@ TEST_F(PathUtilsTest, RandomPathsMatchTheReferenceSplitAndJoin) {
     EXPECT_EQ(Apply('l', path, ""), ReferenceJoin(parts));
     EXPECT_EQ(name.find('.') == std::string::npos ? stem : stem + "." + ext, name);
     EXPECT_EQ(ext.find('.'), std::string::npos);
+    EXPECT_TRUE(name.find('.') != std::string::npos || ext.empty());
     if (!parts.empty()) {
       rest.push_back(stem);
       EXPECT_EQ(Apply('x', path, nullptr), ReferenceJoin(rest));
