@@ -213,10 +213,18 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
   std::fesetround(FE_TONEAREST);
 }
 
-// A failed allocation gives "", quick and general formatting alike.
+// A failed allocation gives "", quick and general formatting alike. The
+// quick formatter's one block is its result, and a short result needs none
+// (it lives in the string object); the general formatter always takes a work
+// block. So a short text formatted with the first allocation failing shows
+// that the quick formatter took every conversion in it.
 TEST_F(StringUtilsTest, FormatFailuresGiveAnEmptyText) {
   EXPECT_EQ(StringUtils::_InternalFormat(nullptr), "");
   EXPECT_EQ(StringUtils::Format(nullptr), "");
+  {
+    zorv::test::FailAfterGuard guard(1);
+    EXPECT_EQ(StringUtils::Format("%s|%c|%x|%d|%.1f%%", "ab", 'c', 10u, -7, 0.5), "ab|c|a|-7|0.5%");
+  }
   for (size_t n : {100u, 600u}) {
     const std::string text(n, 'x');
     zorv::test::FailAfterGuard guard(1);
