@@ -16,26 +16,90 @@ namespace text {
 
 namespace {
 
-using numberdigits::WriteDigits;
 using numberdigits::WriteDigits64;
 using numberscan::IsHexDigit;
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
-foundation::SafeString UnsignedText(unsigned int value, bool negative) {
-  char buffer[12];
-  char* end = buffer + sizeof(buffer);
-  char* begin = WriteDigits(value, end);
+// A string keeps up to 15 characters inside the object.
+constexpr size_t kInlineChars = 15;
+
+// The eight decimal digits of `value` (below 10^8, with leading zeros) as
+// digit values 0 to 9 in the bytes of a word, the first digit in the lowest
+// byte. The halves, quarters and single digits are split off in all lanes
+// of the word at once with multiplications by reciprocals, so that no
+// division waits on another: x / 100 is (x * 10486) >> 20 for x below
+// 10^4, and x / 10 is (x * 103) >> 10 for x below 100.
+inline unsigned long long EightDigitValues(unsigned int value) {
+  unsigned long long x = (value / 10000u) | static_cast<unsigned long long>(value % 10000u) << 32;
+  const unsigned long long hundreds = ((x * 10486u) >> 20) & 0x0000007F0000007Full;
+  x = hundreds | (x - hundreds * 100u) << 16;
+  const unsigned long long tens = ((x * 103u) >> 10) & 0x000F000F000F000Full;
+  return tens | (x - tens * 10u) << 8;
+}
+
+// Stores the eight bytes of `word` at `at`, the lowest byte first.
+inline void StoreEight(char* at, unsigned long long word) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  word = __builtin_bswap64(word);
+#endif
+  std::memcpy(at, &word, sizeof(word));
+}
+
+constexpr unsigned long long kZeroDigits = 0x3030303030303030ull;
+
+// Writes the digits of `value` (below 10^8) without leading zeros as one
+// word at `at`, and returns the number of digits; the bytes after them, up
+// to eight in all, are overwritten too.
+inline size_t WriteUpToEight(unsigned int value, char* at) {
+  const unsigned long long digits = EightDigitValues(value);
+  // Leading zero digits are the lowest zero bytes; "0" keeps its last one.
+  const unsigned int zeros = digits == 0 ? 7u : static_cast<unsigned int>(__builtin_ctzll(digits)) / 8u;
+  StoreEight(at, (digits + kZeroDigits) >> (8u * zeros));
+  return 8u - zeros;
+}
+
+// The decimal text of `value` (below 10^15), with a minus sign in front
+// when `negative`, in at most 15 characters: written straight into the
+// string's own room one word of digits at a time, without a copy through a
+// buffer or a call.
+template <class Unsigned>
+[[gnu::flatten]] inline foundation::SafeString ShortText(Unsigned value, bool negative) {
+  constexpr Unsigned kTenTo8 = 100000000u;
+  foundation::SafeString text(kInlineChars, '-');
+  char* const first = &text[0];
+  char* at = first + (negative ? 1 : 0);
+  if (value >= kTenTo8) {
+    // The leading digits, then eight more.
+    at += WriteUpToEight(static_cast<unsigned int>(value / kTenTo8), at);
+    StoreEight(at, EightDigitValues(static_cast<unsigned int>(value % kTenTo8)) + kZeroDigits);
+    at += 8;
+  } else {
+    at += WriteUpToEight(static_cast<unsigned int>(value), at);
+  }
+  text.erase(static_cast<size_t>(at - first));
+  return text;
+}
+
+// The same for a text of more than 15 characters: written back to front
+// and copied into the heap block it needs.
+foundation::SafeString LongText(unsigned long long value, bool negative) {
+  char buffer[24];
+  char* const end = buffer + sizeof(buffer);
+  char* begin = WriteDigits64(value, end);
   if (negative) *--begin = '-';
   return foundation::SafeString(begin, static_cast<size_t>(end - begin));
 }
 
-foundation::SafeString UnsignedText(unsigned long long value, bool negative) {
-  char buffer[24];
-  char* end = buffer + sizeof(buffer);
-  char* begin = WriteDigits64(value, end);
-  if (negative) *--begin = '-';
-  return foundation::SafeString(begin, static_cast<size_t>(end - begin));
+// 15 characters hold every value of 32 bits, and the 64-bit ones below
+// 10^15 (10^14 with a sign).
+inline foundation::SafeString UnsignedText(unsigned int value, bool negative) {
+  return ShortText(value, negative);
+}
+
+inline foundation::SafeString UnsignedText(unsigned long long value, bool negative) {
+  return value < (negative ? 100000000000000ull : 1000000000000000ull) ? ShortText(value, negative)
+                                                                       : LongText(value, negative);
 }
 
 // Eight (four) bytes as a little-endian word, whatever the processor's byte

@@ -32,7 +32,9 @@ TEST_F(NumberTextTest, IntegersToTextAndBack) {
   const unsigned long long edges[] = {0, 1, 9, 10, 99, 100, 999999999999999999ull, INT_MAX,
                                       0x80000000ull, UINT_MAX, 0xFFFFFFFFFull, LLONG_MAX,
                                       1ull << 63, ULLONG_MAX, 0ull - 10, 0ull - 100, 100000000ull,
-                                      100009999ull, 4294967296ull, 10000000000000000ull};
+                                      100009999ull, 4294967296ull, 10000000000000000ull,
+                                      999999999999999ull, 1000000000000000ull,
+                                      0ull - 99999999999999ull, 0ull - 100000000000000ull};
   // clang-format on
   char expected[32];
   for (size_t i = 0; i < 20000; ++i) {
