@@ -340,19 +340,16 @@ TEST_F(ProcessTest, FailedExecEndsTheChildWithoutTheCallersExitWork) {
   EXPECT_FALSE(Exists(missing)) << "chmod creates nothing";
 }
 
-// A stand-in killall first on PATH records its arguments, so that the exact
-// command lines of Kill can be read back.
+// A stand-in killall first on the caller's PATH records its arguments, so
+// that the exact command lines of Kill can be read back.
 TEST_F(ProcessTest, KillCommandLines) {
   TempDir dir;
   const std::string args = dir / "args";
   ASSERT_EQ(mkdir((dir / "bin").c_str(), 0755), 0);
-  ASSERT_TRUE(zorv::test::WriteRawFile(
-      dir / "bin/killall",
-      "#!/bin/sh\necho \"$*\" > '" + args + ".tmp'\nmv '" + args + ".tmp' '" + args + "'\n"));
+  ASSERT_TRUE(
+      zorv::test::WriteRawFile(dir / "bin/killall", "#!/bin/sh\necho \"$*\" > '" + args + "'\n"));
   ASSERT_EQ(chmod((dir / "bin/killall").c_str(), 0755), 0);
-  const char* path = getenv("PATH");
-  const std::string oldPath = path != nullptr ? path : "/usr/bin:/bin";
-  setenv("PATH", ((dir / "bin") + ":" + oldPath).c_str(), 1);
+  const std::string path = (dir / "bin") + ":/usr/bin:/bin";
   const std::string marker = dir / "second-command";
   struct Case {
     std::string name;
@@ -366,13 +363,14 @@ TEST_F(ProcessTest, KillCommandLines) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    ASSERT_TRUE(Call([&] { return SystemUtils::Kill(c.name.c_str(), c.force); }).started);
-    EXPECT_TRUE(PollUntil([&] { return Exists(args); }));
-    EXPECT_EQ(ReadRawFile(args), c.arguments);
+    ASSERT_TRUE(Call([&] {
+                  return setenv("PATH", path.c_str(), 1) == 0 &&
+                         SystemUtils::Kill(c.name.c_str(), c.force);
+                }).started);
+    EXPECT_TRUE(PollUntil([&] { return ReadRawFile(args) == c.arguments; })) << ReadRawFile(args);
     unlink(args.c_str());
   }
   EXPECT_TRUE(PollUntil([&] { return Exists(marker); }));
-  setenv("PATH", oldPath.c_str(), 1);
 }
 
 }  // namespace
