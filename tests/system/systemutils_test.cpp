@@ -52,9 +52,7 @@ TEST_F(SystemUtilsTest, TimeIsTheEpochSecondsAndProcessorsTheAvailableCount) {
   const long long now = SystemUtils::GetTime();
   EXPECT_LE(before, now);
   EXPECT_LE(now, static_cast<long long>(::time(nullptr)));
-  EXPECT_GT(now, 1600000000LL);
   EXPECT_EQ(SystemUtils::GetProcessorNum(), get_nprocs());
-  EXPECT_GE(SystemUtils::GetProcessorNum(), 1);
 }
 
 }  // namespace

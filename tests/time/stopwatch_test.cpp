@@ -20,7 +20,6 @@ TEST_F(StopwatchTest, MeasuresFreezesAndRestarts) {
   watch.stop();  // stopping a stopped watch changes nothing
   EXPECT_TRUE(watch.isStopped());
   EXPECT_EQ(watch.toTick(), 0ULL);
-  EXPECT_EQ(watch.toSeconds(), 0.0);
   watch.start();
   EXPECT_FALSE(watch.isStopped());
   const milliseconds slept = zorv::test::Margin(40);  // longer where calls are slow
@@ -42,9 +41,6 @@ TEST_F(StopwatchTest, MeasuresFreezesAndRestarts) {
   watch.stop();
   EXPECT_LT(watch.toTick(), static_cast<unsigned long long>(slept.count()) - 1)
       << "the restart dropped the earlier time";
-  const Stopwatch copy = watch;  // a plain value
-  EXPECT_EQ(copy.toTick(), watch.toTick());
-  EXPECT_TRUE(copy.isStopped());
 }
 
 }  // namespace
