@@ -214,10 +214,11 @@ TEST_F(MemoryBufferTest, FromTakesBytesOfAnotherBuffer) {
   ExpectFields(target, 5, 0, 0);
   EXPECT_EQ(source.tellRead(), 7u);
   EXPECT_FALSE(target.from(nullptr, 1));
-  EXPECT_TRUE(target.from(&source, 0));
+  EXPECT_TRUE(target.from(&source, 3));  // exactly what remains
+  EXPECT_TRUE(target.from(&source, 0));  // at the end
   ExpectFields(target, 0, 0, 0);
 
-  ASSERT_EQ(source.seekRead(1), 7u);
+  ASSERT_EQ(source.seekRead(1), 10u);
   EXPECT_TRUE(target.from(&source, 6, 3));
   EXPECT_EQ(std::memcmp(target.data(), "678", 3), 0);
   EXPECT_EQ(source.tellRead(), 1u);

@@ -49,6 +49,7 @@ TEST_F(StringReaderTest, ReadsTheStringFromItsPosition) {
   };
   const SafeString text("abc\0ef", 6);
   StringReader reader(text);
+  EXPECT_EQ(reader.tellWrite(), 0u);
   EXPECT_EQ(reader.data(), reinterpret_cast<const unsigned char*>(text.data()));
   for (const Step& s : steps) {
     SCOPED_TRACE(std::string(s.op) + " " + std::to_string(s.n));
