@@ -4,7 +4,6 @@
 // than 32 bits.
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
 
 #include "foundation/collection/vector.h"
 #include "foundation/debug/memorymonitor.h"
@@ -62,11 +61,6 @@ TEST_F(AllocationTest, SafeStringConvertsFromStandardResultsAndHashes) {
   SafeString b = a + " world";
   EXPECT_EQ(b, "hello world");
   EXPECT_EQ(b.substr(6), "world");
-  std::unordered_map<SafeString, int, std::hash<SafeString>, std::equal_to<SafeString>,
-                     Allocator<std::pair<const SafeString, int> > >
-      table;
-  table[a] = 1;
-  EXPECT_EQ(table.at(SafeString("hello")), 1);
   EXPECT_EQ(std::hash<SafeString>()(a), std::hash<std::string>()(std::string("hello")));
 }
 
