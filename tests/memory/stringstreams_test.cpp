@@ -44,8 +44,6 @@ TEST_F(StringReaderTest, ReadsTheStringFromItsPosition) {
       {"seekRead", 7, "", 6, 6},
       {"seekRead", 2, "", 6, 2},  // beyond: unchanged
       {"seekRead", 6, "", 2, 6},
-      {"seekRead", 5, "", 6, 5},
-      {"read", 1, "f", 1, 6},
   };
   const SafeString text("abc\0ef", 6);
   StringReader reader(text);
