@@ -8,7 +8,6 @@
 
 #include <exception>
 #include <new>
-#include <string>
 
 #include "foundation/debug/memorymonitor.h"
 #include "foundation/lang/exception.h"
