@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# The test command of a mutation run (../shared/tools/mutate.py --test-cmd):
+# run from the build folder of a scratch clone whose library holds one
+# mutant. Exits non-zero when any test fails (the mutant is killed), zero
+# when the whole suite passes (it survived).
+#
+# The tests of the mutated file's own area run first, so that most mutants
+# are killed within seconds; only a mutant they miss pays for the rest of
+# the suite. The installed-package test is left out (it checks packaging,
+# not behaviour). Every test run is bounded by --timeout.
+set -u
+source_dir=$(cd "$(dirname "$(readlink -f "$0")")/../.." && pwd)
+changed=$(git -C "$source_dir" diff --name-only | grep -E '^(src|debug)/' | head -n 1)
+area=debug
+case "$changed" in
+  src/*) area=$(echo "$changed" | cut -d/ -f2) ;;
+esac
+run() { ctest -j2 --timeout "${ZORV_MUTANT_TIMEOUT:-120}" --stop-on-failure -E install_consumer "$@" \
+          >/dev/null 2>&1; }
+run -L "^$area\$" || exit 1
+run -LE "^$area\$" || exit 1
+exit 0
