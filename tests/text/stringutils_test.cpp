@@ -220,8 +220,17 @@ TEST_F(StringUtilsTest, FormatFailuresGiveAnEmptyText) {
   EXPECT_EQ(StringUtils::Format(nullptr), "");
   {
     zorv::test::FailAfterGuard guard(1);
-    EXPECT_EQ(StringUtils::Format("%s|%c|%x|%d|%.1f%%", "ab", 'c', 10u, -7, 0.5), "ab|c|a|-7|0.5%");
+    EXPECT_EQ(StringUtils::Format("%s%.1000s|%c|%x|%d|%.1f%%", "a", "b", 'c', 10u, -7, 0.5),
+              "ab|c|a|-7|0.5%");
     EXPECT_EQ(StringUtils::Format("%s", std::string(100, 'x').c_str()), "");
+  }
+  {
+    // A '0' flag on a string is left to the C library.
+    zorv::test::FailAfterGuard guard(1);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+    EXPECT_EQ(StringUtils::Format("%05s", "ab"), "");
+#pragma GCC diagnostic pop
   }
   // Each attempt of the general formatter takes one new work block, twice
   // the size of the one before; a failed block ends the formatting with an
