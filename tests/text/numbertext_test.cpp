@@ -175,7 +175,8 @@ TEST_F(NumberTextTest, ClassificationAndFloatParse) {
 
 // Beyond the largest double, leading zeros after the point, halfway (to
 // even), just above halfway, before and after the point, dropped zeros only,
-// rounding up to 1, a subnormal, out of range below and above.
+// rounding up to 1, a subnormal, out of range below and above, zeros only
+// with an exponent beyond the range.
 TEST_F(NumberTextTest, LongMantissasRoundAsTheWholeTextAndNeverAllocate) {
   const std::string zeros(800, '0');
   // clang-format off
@@ -183,7 +184,8 @@ TEST_F(NumberTextTest, LongMantissasRoundAsTheWholeTextAndNeverAllocate) {
       std::string(60, '7'), "0." + std::string(59, '3'), "1" + zeros, "0." + zeros + "25e801",
       "9007199254740993", "9007199254740993" + zeros + "1", "9007199254740993." + zeros + "1",
       "9007199254740992" + zeros + "e-800", "-" + std::string(1000, '9') + "e-1000",
-      "1" + zeros + "e-1100", "0." + zeros + "1e-2147483647", "1" + zeros + "1e2147483647"};
+      "1" + zeros + "e-1100", "0." + zeros + "1e-2147483647", "1" + zeros + "1e2147483647",
+      zeros + "e400"};
   // clang-format on
   for (const std::string& text : cases) {
     SCOPED_TRACE(text.substr(0, 24) + "... (" + std::to_string(text.size()) + " bytes)");
