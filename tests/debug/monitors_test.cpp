@@ -1,6 +1,12 @@
+#include <errno.h>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stddef.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -275,7 +281,7 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
 
 TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const char* const oddName =
-      "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xed\xa0\x80 \xf4\x8f\xbf\xbf\xf4\x90";
+      "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xed\xa0\x80 \xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82";
   int marker[3] = {};
   ObjectMonitor::_IncLeak(&marker[0], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[1], "../lang/report", 77, "ReportedThing", 4);
@@ -304,12 +310,17 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
     at = text.find(line, at);
     ASSERT_NE(at, std::string::npos) << line << " not in order in:\n" << text;
   }
+  double totalMs = 0, meanUs = 0;
+  ASSERT_EQ(sscanf(strstr(text.c_str(), "\n  test.Report/Print:"),
+                   "\n  test.Report/Print: count 100, total %lf ms, mean %lf", &totalMs, &meanUs),
+            2);
+  EXPECT_NEAR(meanUs * 100, totalMs * 1000, 1.0);
   ReportFigures parsed = figures(json);
   EXPECT_EQ(parsed.version, 1);
   EXPECT_EQ(parsed.objects["ReportedThing"], 2);
   // Bytes that are not UTF-8 come back as the code points of their values.
   EXPECT_EQ(parsed.objects["Odd \"name\" \\ \x01\n\xc3\xbf caf\xc3\xa9 \xc3\xad\xc2\xa0\xc2\x80 "
-                           "\xf4\x8f\xbf\xbf\xc3\xb4\xc2\x90"],
+                           "\xf4\x8f\xbf\xbf\xc3\xb4\xc2\x90 \xc3\xa2\xc2\x82"],
             1);
   EXPECT_EQ(parsed.blocks, static_cast<long long>(MemoryMonitor::LiveBlocks()));
   EXPECT_EQ(parsed.bytes, static_cast<long long>(MemoryMonitor::LiveBytes()));
@@ -347,6 +358,30 @@ TEST_F(MonitorsTest, WriteReportFailsWhenTheDescriptorCannotBeWritten) {
   }
   sigset_t pending;
   EXPECT_TRUE(sigpending(&pending) == 0 && !sigismember(&pending, SIGPIPE));
+  // In a child: descriptor 0 is written like any other, and a write that
+  // returns 0 (made so by a seccomp filter where one can be installed) fails
+  // the report, also with a stale EINTR in errno.
+  int readEnd = -1;
+  const pid_t child = zorv::test::Fork(
+      [readOnly](int pipeEnd) {
+        if (dup2(pipeEnd, 0) != 0 || !WriteReport(0, ReportFormat::kText)) return 1;
+        sock_filter code[] = {
+            {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<unsigned int>(offsetof(seccomp_data, nr))},
+            {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_write},
+            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | 0},
+            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+        };
+        sock_fprog program = {static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
+        if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) {
+          (void)prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+        }
+        errno = EINTR;
+        return WriteReport(readOnly, ReportFormat::kText) ? 2 : 0;
+      },
+      &readEnd);
+  EXPECT_EQ(zorv::test::ReadFrom(readEnd).rfind("==== zorv debug report ====\n", 0), 0u);
+  EXPECT_EQ(zorv::test::WaitChild(child), 0);
+  close(readEnd);
   for (const int fd : {readOnly, ends[1], full}) close(fd);
 }
 
