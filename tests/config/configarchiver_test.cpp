@@ -12,6 +12,7 @@
 
 #include "foundation/config/datareader.h"
 #include "foundation/lang/exception.h"
+#include "support/forked.h"
 #include "support/leakcheck.h"
 #include "support/tempdir.h"
 
@@ -115,6 +116,20 @@ TEST_F(ArchiverTest, ParseFileOfALargeFile) {
   Archiver archiver;
   ASSERT_TRUE(archiver.parseFile(P("big.ini")));
   EXPECT_EQ(Dump(archiver), expected);
+}
+
+// A daemon with its standard input closed opens the file as descriptor 0,
+// which is read like any other.
+TEST_F(ArchiverTest, ParseFileOnDescriptorZero) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "zero.ini", "[s]\nk = v\n"));
+  const SafeString path = P("zero.ini");
+  const pid_t child = zorv::test::Fork([&](int) {
+    ::close(0);
+    Archiver archiver;
+    return archiver.parseFile(path) && Dump(archiver) == Table{{"s", {{"k", "v"}}}} ? 0 : 1;
+  });
+  ASSERT_NE(child, -1);
+  EXPECT_EQ(zorv::test::WaitChild(child), 0);
 }
 
 TEST_F(ArchiverTest, RepeatedNamesAndMissingFilesThrow) {

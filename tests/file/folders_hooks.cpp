@@ -2,18 +2,22 @@
 // library's calls reach them first:
 // - openat: swaps a named entry for a link just before it is opened, the
 //   race a tree walk has to survive;
+// - fdopendir: fails a chosen call as the C library does when it has no
+//   memory for the listing;
 // - MemoryMonitor::Alloc: once fault injection has failed one allocation,
 //   fails every later one too, so that clean-up which needs memory shows;
 // - write, fsync and renameat: logged in order while a log is set, so that
 //   a test sees the order of a save's system calls.
 // This file includes no <fcntl.h>, whose declarations of openat may be
 // renamed (64-bit offsets) or wrapped (fortified builds).
+#include <dirent.h>
 #include <dlfcn.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -63,6 +67,8 @@ void LogCall(char c) {
   g_log[g_logUsed] = '\0';
 }
 
+int g_listingSkip = -1;
+
 std::atomic<bool> g_sticky{false};
 std::atomic<bool> g_failing{false};
 
@@ -79,6 +85,20 @@ extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int
   std::snprintf(g_swapTarget, sizeof(g_swapTarget), "%s", target);
   g_swapSkip = skip;
   std::snprintf(g_swapName, sizeof(g_swapName), "%s", name);
+}
+
+// The `skip`+1-th fdopendir from now fails with ENOMEM; -1 disarms.
+extern "C" void ZorvTestFailListing(int skip) { g_listingSkip = skip; }
+
+extern "C" DIR* fdopendir(int fd) {
+  using FdOpenDirFunction = DIR* (*)(int);
+  static const FdOpenDirFunction real =
+      reinterpret_cast<FdOpenDirFunction>(::dlsym(RTLD_NEXT, "fdopendir"));
+  if (g_listingSkip >= 0 && g_listingSkip-- == 0) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return real(fd);
 }
 
 // With `on`, the first allocation that fault injection fails makes every

@@ -1,6 +1,8 @@
 // Tests of FileUtils' folder half: creation with parents, removal, copying
 // and the searches with their flag word and path forms.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +21,7 @@
 // Test hooks (folders_hooks.cpp).
 extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int skip);
 extern "C" void ZorvTestStickyAllocFailure(bool on);
+extern "C" void ZorvTestFailListing(int skip);
 
 namespace {
 
@@ -80,6 +83,27 @@ std::function<bool(const TempDir&)> Op(char op, const std::string& path,
   };
 }
 
+// `call` run in a child with exactly `free` descriptors left below its
+// limit; the child's result.
+std::function<bool(const TempDir&)> WithDescriptors(int free,
+                                                    std::function<bool(const TempDir&)> call) {
+  return [=](const TempDir& b) {
+    const pid_t child = zorv::test::Fork([&](int) {
+      struct rlimit limit;
+      ::getrlimit(RLIMIT_NOFILE, &limit);
+      limit.rlim_cur = 64;
+      if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
+      std::vector<int> opened;
+      for (int fd; (fd = ::open("/", O_RDONLY)) >= 0;) opened.push_back(fd);
+      for (int i = 0; i < free; ++i, opened.pop_back()) ::close(opened.back());
+      return call(b) ? 1 : 0;
+    });
+    const int code = zorv::test::WaitChild(child);
+    EXPECT_TRUE(code == 0 || code == 1) << "child failed: " << code;
+    return code == 1;
+  };
+}
+
 TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
   const std::string longName(300, 'n');
   const std::vector<std::string> abc = {"a/", "a/b/", "a/b/c/"};
@@ -95,11 +119,16 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"failed create keeps a parent", {"old/"}, Op('m', "old/chain/" + longName), false, {"old/"}},
       {"failed create through '..'", {"a/"}, Op('m', "a/new\\..\\..\\evil/" + longName), false, {"a/"}},
       {"remove a tree", Tree(), Op('r', "root"), true, {}},
+      // The folder and its parent open, no descriptor for the entry: nothing goes.
+      {"remove without descriptors", {"d/", "d/f=x"}, WithDescriptors(2, Op('r', "d")), false,
+       {"d/", "d/f=x"}},
       {"write through '\\..'", {"a/"}, Op('w', "a/new\\..\\..\\evil/" + longName), false, {"a/"}},
       {"write through '/..'", {"a/"}, Op('w', "a/new/../../evil/deeper/" + longName), false, {"a/"}},
       {"failed write removes a chain", {}, Op('w', "made/one/two/" + longName), false, {}},
       {"write splits at '\\'", {}, Op('w', "out/x\\y.txt"), true, {"out/", "out/x/", "out/x/y.txt=text"}},
       {"copy a tree", Tree(), Op('c', "root", "copy"), true, Plus(Tree(), Tree("copy/"))},
+      {"copy without memory to list the source", Tree(),
+       [](const TempDir& b) { ZorvTestFailListing(0); return Op('c', "root", "copy")(b); }, false, Tree()},
       {"copy into a folder", Plus(Tree(), ownT), Op('c', "root", "t"), true,
        Plus(Tree(), Plus(Tree("t/"), {"t/own=mine"}))},
       // A FIFO counts as a file but cannot be copied; an existing target stays.
