@@ -2,6 +2,7 @@
 // WriteBinaryAtomic, and Archiver::saveAsAtomic.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -66,6 +67,7 @@ TEST_F(AtomicSaveTest, Cases) {
     // The folder afterwards but for `written` (see Snapshot).
     std::vector<std::string> after;
     rlim_t sizeLimit = 0;
+    bool noDescriptors = false;  // no descriptor can be opened during the save
   };
   // clang-format off
   const std::vector<Case> cases = {
@@ -83,6 +85,7 @@ TEST_F(AtomicSaveTest, Cases) {
       {"read-only folder", {"ro/"}, "ro/t", false, "ro", 0555, {"ro/"}},
       {"write fails", {"t=o"}, "t", false, "t", 0600, {"t=o"}, 4},
       {"empty path", {}, "", false, "", 0, {}},
+      {"folder cannot be opened", {}, "t", false, "", 0, {}, 0, true},
       // A FIFO as the target is refused without waiting on it.
       {"FIFO target", {"p?"}, "p", false, "", 0, {"p?"}}};
   // clang-format on
@@ -96,7 +99,12 @@ TEST_F(AtomicSaveTest, Cases) {
       auto save = [saver, c](const TempDir& base) {
         if (!c.written.empty())
           (void)::chmod((base / c.written).c_str(), static_cast<mode_t>(c.mode));
+        struct rlimit files;
+        ::getrlimit(RLIMIT_NOFILE, &files);
+        struct rlimit none = {0, files.rlim_max};
+        if (c.noDescriptors) ::setrlimit(RLIMIT_NOFILE, &none);
         const bool saved = Save(saver, c.path.empty() ? SafeString() : Safe(base / c.path));
+        ::setrlimit(RLIMIT_NOFILE, &files);
         EXPECT_TRUE(!saved || RawMode(base / c.written) == c.mode) << "mode of " << c.written;
         return saved;
       };

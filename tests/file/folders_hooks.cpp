@@ -1,7 +1,8 @@
 // Test hooks of the folder tests, placed in the test executable so that the
 // library's calls reach them first:
 // - openat: swaps a named entry for a link just before it is opened, the
-//   race a tree walk has to survive;
+//   race a tree walk has to survive, or closes a descriptor then, as another
+//   thread of the program may;
 // - fdopendir: fails a chosen call as the C library does when it has no
 //   memory for the listing;
 // - MemoryMonitor::Alloc: once fault injection has failed one allocation,
@@ -41,6 +42,9 @@ constexpr int kLargeFile = 0;
 char g_swapName[256];
 char g_swapTarget[4096];
 int g_swapSkip = 0;
+char g_closeName[256];
+int g_closeFd = -1;
+int g_closeSkip = 0;
 
 int OpenAtHooked(int folder, const char* path, int flags, va_list args) {
   unsigned int mode = 0;
@@ -53,6 +57,10 @@ int OpenAtHooked(int folder, const char* path, int flags, va_list args) {
         ::symlinkat(g_swapTarget, folder, path) != 0) {
       std::fprintf(stderr, "swap of %s failed\n", path);
     }
+  }
+  if (g_closeName[0] != '\0' && std::strcmp(path, g_closeName) == 0 && g_closeSkip-- == 0) {
+    g_closeName[0] = '\0';
+    ::close(g_closeFd);
   }
   return static_cast<int>(::syscall(SYS_openat, folder, path, flags | kLargeFile, mode));
 }
@@ -99,6 +107,14 @@ extern "C" DIR* fdopendir(int fd) {
     return nullptr;
   }
   return real(fd);
+}
+
+// Before the `skip`+1-th opening of an entry named `name`, closes `fd`.
+// One close per arming.
+extern "C" void ZorvTestCloseBeforeOpen(const char* name, int fd, int skip) {
+  g_closeFd = fd;
+  g_closeSkip = skip;
+  std::snprintf(g_closeName, sizeof(g_closeName), "%s", name);
 }
 
 // With `on`, the first allocation that fault injection fails makes every

@@ -22,6 +22,7 @@
 extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int skip);
 extern "C" void ZorvTestStickyAllocFailure(bool on);
 extern "C" void ZorvTestFailListing(int skip);
+extern "C" void ZorvTestCloseBeforeOpen(const char* name, int fd, int skip);
 
 namespace {
 
@@ -238,6 +239,21 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
     for (const std::string& p : c.present) EXPECT_TRUE(RawExists(base + "/" + p)) << p;
     for (const std::string& p : c.absent) EXPECT_FALSE(RawExists(base + "/" + p)) << p;
   }
+}
+
+// A descriptor closed by another thread during a copy is reused: the copy of
+// a subfolder opened as descriptor 0 is a copy like any other. In a child,
+// where closing its descriptor 0 harms nothing.
+TEST_F(FoldersTest, CopyIntoAFolderOpenedAsDescriptorZero) {
+  ASSERT_TRUE(Build(dir_.path(), {"s/", "s/d/", "s/d/f=x"}));
+  const pid_t child = zorv::test::Fork([&](int pipeEnd) {
+    if (::dup2(pipeEnd, 0) != 0) return 2;
+    ZorvTestCloseBeforeOpen("d", 0, 1);  // after the source's "d", before the target's
+    return FileUtils::CopyFolder(P("s"), P("copy")) ? 0 : 1;
+  });
+  ASSERT_GT(child, 0);
+  EXPECT_EQ(zorv::test::WaitChild(child), 0);
+  EXPECT_EQ(ReadRawFile(dir_ / "copy/d/f"), "x");
 }
 
 TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
