@@ -221,7 +221,7 @@ TEST_F(StringUtilsTest, FormatFailuresGiveAnEmptyText) {
   EXPECT_EQ(StringUtils::Format(nullptr), "");
   {
     zorv::test::FailAfterGuard guard(1);
-    EXPECT_EQ(StringUtils::Format("%s%.1000s|%c|%x|%d|%.1f%%", "a", "b", 'c', 10u, -7, 0.5),
+    EXPECT_EQ(StringUtils::Format("%.9s%.1000s|%c|%x|%d|%.1f%%", "a", "b", 'c', 10u, -7, 0.5),
               "ab|c|a|-7|0.5%");
     EXPECT_EQ(StringUtils::Format("%s", std::string(100, 'x').c_str()), "");
   }

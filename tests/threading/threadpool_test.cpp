@@ -387,6 +387,28 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallAndPassesOnTheRo
   if (!added) late->dispose();  // still the caller's
 }
 
+// An emptied ring that grew past 4096 slots shrinks to the smallest one that
+// keeps the room for the stop markers: with 64 workers, 64 slots, all of them
+// that room, so the next task held back in the queue makes the ring grow.
+TEST_F(ThreadPoolTest, AnEmptiedRingShrinksToTheRoomOfTheMarkers) {
+  Held<ThreadPool> h(64);
+  Gate last;
+  GateOpener openLast(last);
+  for (int i = 0; i < 4096 + 128; ++i) {
+    ProbeTask* task = h.make(i);
+    if (i < 64 || i >= 4096 + 64) task->gate = i < 64 ? &h.gate : &last;
+    h.pool.addTask(task);
+  }
+  h.gate.open();
+  // Every worker holds one of the last 64 tasks, the last of them taken from
+  // the ring that then ran empty.
+  ASSERT_TRUE(
+      PollUntil([&] { return h.tally.runs.load() == 4096 + 64 && h.tally.running.load() == 64; }));
+  ProbeTask* task = h.make(-2);
+  zorv::test::FailAfterGuard fail(1);
+  EXPECT_THROW(h.pool.addTask(task), std::bad_alloc) << "the small ring has room to spare";
+}
+
 // ---- AffinityThreadPool ----
 
 using AffinityThreadPoolTest = zorv::test::LeakCheckedTest;
