@@ -2,6 +2,8 @@
 // formatting.
 #include "foundation/text/stringutils.h"
 
+#include <locale.h>
+
 #include <cfenv>
 #include <cfloat>
 #include <climits>
@@ -9,11 +11,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "support/leakcheck.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -209,6 +213,27 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
   std::fesetround(FE_UPWARD);
   ExpectLikeTheCLibrary("%.1f %.0f", 0.25, 2.5);
   std::fesetround(FE_TONEAREST);
+}
+
+// The decimal point is the locale's: here a comma, from a locale made with
+// localedef (only LC_NUMERIC; the warnings for the others make its status
+// nonzero) and loaded for this thread alone.
+TEST_F(StringUtilsTest, FormatWritesTheLocalesDecimalPoint) {
+  zorv::test::TempDir dir;
+  ASSERT_TRUE(zorv::test::WriteRawFile(dir / "comma.def",
+                                       "LC_NUMERIC\ndecimal_point \"<U002C>\"\nthousands_sep \"\"\n"
+                                       "grouping -1\nEND LC_NUMERIC\n"));
+  const std::string make = "localedef -c -f ANSI_X3.4-1968 -i " + (dir / "comma.def") + " " +
+                           (dir / "comma") + " >/dev/null 2>&1";
+  (void)std::system(make.c_str());
+  setenv("LOCPATH", dir.path().c_str(), 1);
+  const locale_t comma = newlocale(LC_NUMERIC_MASK, "comma", nullptr);
+  unsetenv("LOCPATH");
+  if (comma == nullptr) GTEST_SKIP() << "localedef made no locale";
+  const locale_t previous = uselocale(comma);
+  ExpectLikeTheCLibrary("%.1f|%f|%d", 0.25, 2.5, 7);
+  uselocale(previous);
+  freelocale(comma);
 }
 
 // A failed allocation gives "", quick and general formatting alike. The
