@@ -1,5 +1,6 @@
 // Tests of the crash-safe saves: FileUtils::WriteTextAtomic and
 // WriteBinaryAtomic, and Archiver::saveAsAtomic.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -86,8 +87,10 @@ TEST_F(AtomicSaveTest, Cases) {
       {"write fails", {"t=o"}, "t", false, "t", 0600, {"t=o"}, 4},
       {"empty path", {}, "", false, "", 0, {}},
       {"folder cannot be opened", {}, "t", false, "", 0, {}, 0, true},
-      // A FIFO as the target is refused without waiting on it.
-      {"FIFO target", {"p?"}, "p", false, "", 0, {"p?"}}};
+      // A FIFO as the target is refused without waiting on it; one at the
+      // temporary's name (held open by a reader) is neither used nor removed.
+      {"FIFO target", {"p?"}, "p", false, "", 0, {"p?"}},
+      {"FIFO temporary", {"t=o", ".t.tmp?"}, "t", false, "t", 0600, {"t=o", ".t.tmp?"}}};
   // clang-format on
   for (int saver = 0; saver < 3; ++saver) {
     SCOPED_TRACE(kSaverNames[saver]);
@@ -102,9 +105,11 @@ TEST_F(AtomicSaveTest, Cases) {
         struct rlimit files;
         ::getrlimit(RLIMIT_NOFILE, &files);
         struct rlimit none = {0, files.rlim_max};
+        const int reader = ::open((base / ".t.tmp").c_str(), O_RDONLY | O_NONBLOCK);
         if (c.noDescriptors) ::setrlimit(RLIMIT_NOFILE, &none);
         const bool saved = Save(saver, c.path.empty() ? SafeString() : Safe(base / c.path));
         ::setrlimit(RLIMIT_NOFILE, &files);
+        if (reader >= 0) ::close(reader);
         EXPECT_TRUE(!saved || RawMode(base / c.written) == c.mode) << "mode of " << c.written;
         return saved;
       };

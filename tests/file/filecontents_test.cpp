@@ -1,6 +1,9 @@
 // Tests of FileUtils' single-file half: kind tests, sizes, reading,
 // writing with parent creation and roll-back, removal, renaming, copying.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -139,6 +142,33 @@ class SmallBuffer : public zorv::foundation::memory::IBuffer {
   unsigned long long most_, at_;
   int calls_ = 0;
 };
+
+// A device is read from its start up to the size a seek to its end gives:
+// a loop device over a file of 1 KiB shows that file. Needs the rights to
+// set up a loop device.
+TEST_F(FileContentsTest, ReadBinaryOfABlockDevice) {
+  std::string bytes(1024, 'd');
+  bytes[0] = 'a';
+  ASSERT_TRUE(WriteRawFile(dir_ / "image", bytes));
+  const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+  const int number = control < 0 ? -1 : ::ioctl(control, LOOP_CTL_GET_FREE);
+  if (control >= 0) ::close(control);
+  const std::string device = "/dev/loop" + std::to_string(number);
+  const int loop = number < 0 ? -1 : ::open(device.c_str(), O_RDWR | O_CLOEXEC);
+  const int image = ::open((dir_ / "image").c_str(), O_RDWR | O_CLOEXEC);
+  if (loop < 0 || ::ioctl(loop, LOOP_SET_FD, image) != 0) {
+    if (loop >= 0) ::close(loop);
+    ::close(image);
+    GTEST_SKIP() << "no loop device";
+  }
+  MemoryBuffer buffer;
+  const bool read = FileUtils::ReadBinary(device.c_str(), &buffer);
+  ::ioctl(loop, LOOP_CLR_FD, 0);
+  ::close(loop);
+  ::close(image);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), buffer.length()), bytes);
+}
 
 // ReadBinary appends at the write position and never reads past the length
 // that the buffer took.

@@ -8,7 +8,8 @@
 // - MemoryMonitor::Alloc: once fault injection has failed one allocation,
 //   fails every later one too, so that clean-up which needs memory shows;
 // - write, fsync and renameat: logged in order while a log is set, so that
-//   a test sees the order of a save's system calls.
+//   a test sees the order of a save's system calls; close is logged when
+//   its descriptor was not open (closed twice).
 // This file includes no <fcntl.h>, whose declarations of openat may be
 // renamed (64-bit offsets) or wrapped (fortified builds).
 #include <dirent.h>
@@ -125,7 +126,8 @@ extern "C" void ZorvTestStickyAllocFailure(bool on) {
 }
 
 // While `log` is not null, each write appends 'w', each fsync 'f' (of a
-// file) or 'd' (of a folder) and each renameat 'r' to it, kept
+// file) or 'd' (of a folder), each renameat 'r' and each close that finds
+// no open descriptor 'b' to it, kept
 // NUL-terminated within `room` bytes.
 extern "C" void ZorvTestLogCalls(char* log, int room) {
   g_logUsed = 0;
@@ -143,6 +145,12 @@ extern "C" int fsync(int fd) {
   struct stat info;
   if (g_log != nullptr) LogCall(::fstat(fd, &info) == 0 && S_ISDIR(info.st_mode) ? 'd' : 'f');
   return static_cast<int>(::syscall(SYS_fsync, fd));
+}
+
+extern "C" int close(int fd) {
+  const int result = static_cast<int>(::syscall(SYS_close, fd));
+  if (result != 0 && errno == EBADF) LogCall('b');
+  return result;
 }
 
 extern "C" int renameat(int fromFolder, const char* from, int toFolder, const char* to) {

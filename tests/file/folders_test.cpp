@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -23,6 +24,7 @@ extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int
 extern "C" void ZorvTestStickyAllocFailure(bool on);
 extern "C" void ZorvTestFailListing(int skip);
 extern "C" void ZorvTestCloseBeforeOpen(const char* name, int fd, int skip);
+extern "C" void ZorvTestLogCalls(char* log, int room);
 
 namespace {
 
@@ -127,7 +129,9 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"write through '/..'", {"a/"}, Op('w', "a/new/../../evil/deeper/" + longName), false, {"a/"}},
       {"failed write removes a chain", {}, Op('w', "made/one/two/" + longName), false, {}},
       {"write splits at '\\'", {}, Op('w', "out/x\\y.txt"), true, {"out/", "out/x/", "out/x/y.txt=text"}},
+      {"write to a path ending in a separator", {}, Op('w', "x/"), false, {}},
       {"copy a tree", Tree(), Op('c', "root", "copy"), true, Plus(Tree(), Tree("copy/"))},
+      {"copy an empty file", {"s/", "s/e="}, Op('c', "s", "copy"), true, {"s/", "s/e=", "copy/", "copy/e="}},
       {"copy without memory to list the source", Tree(),
        [](const TempDir& b) { ZorvTestFailListing(0); return Op('c', "root", "copy")(b); }, false, Tree()},
       {"copy into a folder", Plus(Tree(), ownT), Op('c', "root", "t"), true,
@@ -204,6 +208,9 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
        {"tree/in"}},
       {"swapped while removed", victim, 'r', "tree", "", true, {}, {"tree"}, 0},
       {"target swapped while copied", victim, 'c', "tree", "copy", false, {}, {"copy"}, 1},
+      // Refused before anything is opened.
+      {"a copy onto itself", victim, 'c', "tree/victim", "tree/victim", false, {"tree/victim/f"},
+       {"tree/victim.moved"}, 0},
       {"swapped while searched", victim, 's', "tree", "", true, {"tree/victim.moved/f", "tree/victim"}, {}, 0},
       {"backslashes are part of names", {"tree/", "tree/f\\../", "tree/f\\../planted=f", "tree/a\\b=f"}, 'c',
        "tree", "copy", true, {"copy/f\\../planted", "copy/a\\b"}, {"planted", "b", "copy/b"}},
@@ -242,18 +249,28 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
 }
 
 // A descriptor closed by another thread during a copy is reused: the copy of
-// a subfolder opened as descriptor 0 is a copy like any other. In a child,
-// where closing its descriptor 0 harms nothing.
+// a subfolder opened as descriptor 0 is a copy like any other, and when it
+// fails (on a FIFO) no descriptor is closed twice. In a child, where closing
+// its descriptor 0 harms nothing.
 TEST_F(FoldersTest, CopyIntoAFolderOpenedAsDescriptorZero) {
-  ASSERT_TRUE(Build(dir_.path(), {"s/", "s/d/", "s/d/f=x"}));
-  const pid_t child = zorv::test::Fork([&](int pipeEnd) {
-    if (::dup2(pipeEnd, 0) != 0) return 2;
-    ZorvTestCloseBeforeOpen("d", 0, 1);  // after the source's "d", before the target's
-    return FileUtils::CopyFolder(P("s"), P("copy")) ? 0 : 1;
-  });
-  ASSERT_GT(child, 0);
-  EXPECT_EQ(zorv::test::WaitChild(child), 0);
-  EXPECT_EQ(ReadRawFile(dir_ / "copy/d/f"), "x");
+  for (const std::string file : {"f=x", "p?"}) {
+    SCOPED_TRACE(file);
+    const std::string base = dir_ / file.substr(0, 1);
+    ASSERT_EQ(::mkdir(base.c_str(), 0755), 0);
+    ASSERT_TRUE(Build(base, {"s/", "s/d/", "s/d/" + file}));
+    const pid_t child = zorv::test::Fork([&](int pipeEnd) {
+      if (::dup2(pipeEnd, 0) != 0) return 2;
+      ZorvTestCloseBeforeOpen("d", 0, 1);  // after the source's "d", before the target's
+      char log[16];
+      ZorvTestLogCalls(log, sizeof log);
+      const bool copied = FileUtils::CopyFolder((base + "/s").c_str(), (base + "/copy").c_str());
+      ZorvTestLogCalls(nullptr, 0);
+      return std::strchr(log, 'b') != nullptr ? 3 : copied ? 0 : 1;
+    });
+    ASSERT_GT(child, 0);
+    EXPECT_EQ(zorv::test::WaitChild(child), file == "p?" ? 1 : 0);
+    EXPECT_EQ(RawExists(base + "/copy/d/f"), file != "p?");
+  }
 }
 
 TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
