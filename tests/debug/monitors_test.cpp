@@ -1,13 +1,17 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stddef.h>
+#include <stdio.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -35,9 +39,25 @@ using zorv::foundation::debug::ReportFormat;
 using zorv::foundation::debug::SystemMonitor;
 using zorv::foundation::debug::WriteReport;
 
+// From now on, system call `nr` returns -`error` (0: returns 0) in every
+// thread, where a seccomp filter can be installed.
+void FailSyscall(unsigned int nr, unsigned int error) {
+  sock_filter code[] = {
+      {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<unsigned int>(offsetof(seccomp_data, nr))},
+      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, nr},
+      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | error},
+      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+  };
+  sock_fprog program = {static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) {
+    (void)syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program);
+  }
+}
+
 // Run as the child of SignalWritesReportsThatTheDiffCompares (ZORV_TEST_LEAKER
 // names a file to create once running): leaks one object every 10 ms until
-// killed, before any test is even registered.
+// killed, before any test is even registered. With ZORV_TEST_CLOSE_FAILS,
+// close() fails with EIO from then on.
 const bool g_leaker = [] {
   const char* ready = getenv("ZORV_TEST_LEAKER");
   if (ready == nullptr) return false;
@@ -46,6 +66,7 @@ const bool g_leaker = [] {
   if (grandchild == 0) _exit(WriteReport(devNull, ReportFormat::kJson) ? 0 : 1);
   int status = -1;
   if (waitpid(grandchild, &status, 0) != grandchild || status != 0) _exit(3);
+  if (getenv("ZORV_TEST_CLOSE_FAILS") != nullptr) FailSyscall(SYS_close, EIO);
   close(open(ready, O_WRONLY | O_CREAT, 0600));
   static int leaked[6000];
   for (int& object : leaked) {
@@ -207,6 +228,9 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
   { ChronoMonitor::Chronometer scope(category, "Op"); }
   EXPECT_EQ(ChronoMonitor::Count("test.Reused.A", "Op"), 1u);
   EXPECT_EQ(ChronoMonitor::Count("test.Reused.B", "Op"), 2u);
+  // A null text is an empty one.
+  for (int i = 0; i < 2; ++i) ChronoMonitor::Chronometer scope("test.Null", nullptr);
+  EXPECT_EQ(ChronoMonitor::Count("test.Null", ""), 2u);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([] {
@@ -281,7 +305,8 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
 
 TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const char* const oddName =
-      "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xed\xa0\x80 \xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82";
+      "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 \xed\xa0\x80 "
+      "\xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82";
   int marker[3] = {};
   ObjectMonitor::_IncLeak(&marker[0], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[1], "../lang/report", 77, "ReportedThing", 4);
@@ -319,7 +344,8 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   EXPECT_EQ(parsed.version, 1);
   EXPECT_EQ(parsed.objects["ReportedThing"], 2);
   // Bytes that are not UTF-8 come back as the code points of their values.
-  EXPECT_EQ(parsed.objects["Odd \"name\" \\ \x01\n\xc3\xbf caf\xc3\xa9 \xc3\xad\xc2\xa0\xc2\x80 "
+  EXPECT_EQ(parsed.objects["Odd \"name\" \\ \x01\n\xc3\xbf caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 "
+                           "\xc3\xad\xc2\xa0\xc2\x80 "
                            "\xf4\x8f\xbf\xbf\xc3\xb4\xc2\x90 \xc3\xa2\xc2\x82"],
             1);
   EXPECT_EQ(parsed.blocks, static_cast<long long>(MemoryMonitor::LiveBlocks()));
@@ -365,16 +391,7 @@ TEST_F(MonitorsTest, WriteReportFailsWhenTheDescriptorCannotBeWritten) {
   const pid_t child = zorv::test::Fork(
       [readOnly](int pipeEnd) {
         if (dup2(pipeEnd, 0) != 0 || !WriteReport(0, ReportFormat::kText)) return 1;
-        sock_filter code[] = {
-            {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<unsigned int>(offsetof(seccomp_data, nr))},
-            {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_write},
-            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | 0},
-            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
-        };
-        sock_fprog program = {static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
-        if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) {
-          (void)prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
-        }
+        FailSyscall(SYS_write, 0);
         errno = EINTR;
         return WriteReport(readOnly, ReportFormat::kText) ? 2 : 0;
       },
@@ -383,6 +400,38 @@ TEST_F(MonitorsTest, WriteReportFailsWhenTheDescriptorCannotBeWritten) {
   EXPECT_EQ(zorv::test::WaitChild(child), 0);
   close(readEnd);
   for (const int fd : {readOnly, ends[1], full}) close(fd);
+  // In a child with SIGPIPE blocked: one that a timer raises while a write to
+  // a full socket times out, and so was not pending at the start, is left
+  // pending; so is one pending before a write that fails with EPIPE.
+  const pid_t timed = zorv::test::Fork([](int) {
+    int pair[2];
+    char filler[4096] = {};
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) return 1;
+    while (send(pair[0], filler, sizeof filler, MSG_DONTWAIT) > 0) {
+    }
+    const timeval limit = {0, 200000};
+    sigset_t pipeOnly;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGPIPE;
+    timer_t timer;
+    const itimerspec soon = {{0, 0}, {0, 20000000}};
+    if (setsockopt(pair[0], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0 ||
+        pthread_sigmask(SIG_BLOCK, &pipeOnly, nullptr) != 0 ||
+        timer_create(CLOCK_MONOTONIC, &event, &timer) != 0 ||
+        timer_settime(timer, 0, &soon, nullptr) != 0 || WriteReport(pair[0], ReportFormat::kText)) {
+      return 1;
+    }
+    close(pair[1]);
+    sigset_t held;
+    return !WriteReport(pair[0], ReportFormat::kText) && sigpending(&held) == 0 &&
+                   sigismember(&held, SIGPIPE) == 1
+               ? 0
+               : 2;
+  });
+  EXPECT_EQ(zorv::test::WaitChild(timed), 0);
 }
 
 TEST_F(MonitorsTest, DiffListsGrowthLargestFirstAndRejectsBadReports) {
@@ -462,6 +511,44 @@ TEST_F(MonitorsTest, SignalWritesReportsThatTheDiffCompares) {
                      std::to_string(before) + " -> " + std::to_string(after) + ")\n"),
             std::string::npos)
       << out;
+}
+
+TEST_F(MonitorsTest, SignalReportWithoutPathGoesToTmpdirOnlyWhenClosed) {
+  // An empty ZORV_DEBUG_REPORT_PATH counts as none. Where the filter can be
+  // installed, close() fails with EIO (the descriptor then stays open), so
+  // the report may be incomplete and must not be put in place.
+  const std::string ready = dir_ / "ready";
+  const std::string command = "ZORV_TEST_LEAKER=" + ready +
+                              " ZORV_TEST_CLOSE_FAILS=1 ZORV_DEBUG_SIGNAL=USR1"
+                              " ZORV_DEBUG_REPORT_PATH= TMPDIR=" +
+                              dir_.path() + " exec " ZORV_TEST_EMULATOR " " ZORV_TEST_SELF;
+  const pid_t child = zorv::test::Fork([&](int) {
+    return execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr)), 127;
+  });
+  ASSERT_GE(child, 0);
+  const std::string path = dir_ / ("zorv-debug-" + std::to_string(child) + ".json");
+  bool ok = zorv::test::PollUntil([&] { return access(ready.c_str(), F_OK) == 0; });
+  const std::string status = "/proc/" + std::to_string(child) + "/status";
+  const bool closeFails =
+      zorv::test::ReadRawFile(status).find("\nSeccomp:\t2") != std::string::npos;
+  kill(child, SIGUSR1);
+  // Done when the report is in place or its unlinked temporary is still open.
+  ok = ok && zorv::test::PollUntil([&] {
+         char link[PATH_MAX];
+         for (int fd = 0; fd < 64; ++fd) {
+           const std::string name = "/proc/" + std::to_string(child) + "/fd/" + std::to_string(fd);
+           const ssize_t n = readlink(name.c_str(), link, sizeof link);
+           const std::string target(link, n > 0 ? static_cast<size_t>(n) : 0);
+           if (target.rfind(path, 0) == 0 && target.find(" (deleted)") != std::string::npos) {
+             return true;
+           }
+         }
+         return access(path.c_str(), F_OK) == 0;
+       });
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  ASSERT_TRUE(ok) << "no report from the child";
+  EXPECT_EQ(access(path.c_str(), F_OK) == 0, !closeFails);
 }
 
 }  // namespace
