@@ -1,13 +1,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stddef.h>
 #include <stdio.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -38,21 +35,7 @@ using zorv::foundation::debug::ObjectMonitor;
 using zorv::foundation::debug::ReportFormat;
 using zorv::foundation::debug::SystemMonitor;
 using zorv::foundation::debug::WriteReport;
-
-// From now on, system call `nr` returns -`error` (0: returns 0) in every
-// thread, where a seccomp filter can be installed.
-void FailSyscall(unsigned int nr, unsigned int error) {
-  sock_filter code[] = {
-      {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<unsigned int>(offsetof(seccomp_data, nr))},
-      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, nr},
-      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | error},
-      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
-  };
-  sock_fprog program = {static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) {
-    (void)syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program);
-  }
-}
+using zorv::test::FailSyscall;
 
 // Run as the child of SignalWritesReportsThatTheDiffCompares (ZORV_TEST_LEAKER
 // names a file to create once running): leaks one object every 10 ms until

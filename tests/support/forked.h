@@ -4,8 +4,13 @@
 #define ZORV_TESTS_SUPPORT_FORKED_H_
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <signal.h>
+#include <stddef.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +23,23 @@
 
 namespace zorv {
 namespace test {
+
+// From now on, system call `nr` returns -`error` (0: returns 0) in every
+// thread of this process and in its children, where a seccomp filter can be
+// installed (not under qemu-user, for one); elsewhere nothing changes. Meant
+// for a forked child.
+inline void FailSyscall(unsigned int nr, unsigned int error) {
+  sock_filter code[] = {
+      {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<unsigned int>(offsetof(seccomp_data, nr))},
+      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, nr},
+      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | error},
+      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+  };
+  sock_fprog program = {static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) {
+    (void)syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &program);
+  }
+}
 
 // Runs `body(fd)` in a fork()ed child that ends with _exit(its result); `fd`
 // is the write end of a close-on-exec pipe whose read end goes to *readEnd

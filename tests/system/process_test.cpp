@@ -8,14 +8,11 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,9 +35,13 @@ namespace {
 using zorv::foundation::debug::MemoryMonitor;
 using zorv::foundation::system::SystemUtils;
 using zorv::test::FailAfterGuard;
+using zorv::test::FailSyscall;
 using zorv::test::PollUntil;
 using zorv::test::ReadRawFile;
 using zorv::test::TempDir;
+
+// close_range, the same number on every architecture.
+constexpr unsigned int kCloseRange = 436;
 
 // The first existing one of the usual places of a program, copied to `to`
 // with mode 0755; false on failure.
@@ -92,23 +93,6 @@ unsigned long long SignalMask(int pid, const std::string& field) {
   const size_t at = status.find("\n" + field + ":");
   EXPECT_NE(at, std::string::npos) << "no " << field << " for " << pid;
   return at == std::string::npos ? ~0ULL : strtoull(status.c_str() + at + field.size() + 2, 0, 16);
-}
-
-// Makes close_range fail with ENOSYS in this process and its children, as on
-// kernels before 5.9, so that a child lists its descriptors to close them
-// (where seccomp filters cannot be installed, nothing changes).
-void WithoutCloseRange() {
-  constexpr unsigned int kCloseRange = 436;  // the same on every architecture
-  sock_filter code[] = {
-      {BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<unsigned int>(offsetof(seccomp_data, nr))},
-      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, kCloseRange},
-      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | ENOSYS},
-      {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
-  };
-  sock_fprog program = {static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) {
-    (void)prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
-  }
 }
 
 bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
@@ -267,7 +251,7 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     const std::string program = dir / name, command = "exec '" + program + "' 30";
     ASSERT_TRUE(Call(
                     [&] {
-                      if (c.noCloseRange) WithoutCloseRange();
+                      if (c.noCloseRange) FailSyscall(kCloseRange, ENOSYS);
                       return c.execute ? SystemUtils::Execute(program.c_str(), "30")
                                        : SystemUtils::Command(command.c_str());
                     },
