@@ -54,7 +54,8 @@ constexpr unsigned long long kZeroDigits = 0x3030303030303030ull;
 inline size_t WriteUpToEight(unsigned int value, char* at) {
   const unsigned long long digits = EightDigitValues(value);
   // Leading zero digits are the lowest zero bytes; "0" keeps its last one.
-  const unsigned int zeros = digits == 0 ? 7u : static_cast<unsigned int>(__builtin_ctzll(digits)) / 8u;
+  const unsigned int zeros =
+      digits == 0 ? 7u : static_cast<unsigned int>(__builtin_ctzll(digits)) / 8u;
   StoreEight(at, (digits + kZeroDigits) >> (8u * zeros));
   return 8u - zeros;
 }
