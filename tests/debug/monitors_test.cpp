@@ -75,6 +75,20 @@ class MonitorsTest : public zorv::test::LeakCheckedTest {
     return parsed;
   }
 
+  // Starts this test program as the leaking child (see g_leaker) with the
+  // environment settings `env`; its id (-1 when it cannot be started), and in
+  // *up whether it came up in time.
+  pid_t startLeaker(const std::string& env, bool* up) {
+    const std::string ready = dir_ / "ready";
+    const std::string command = "ZORV_TEST_LEAKER=" + ready + " ZORV_DEBUG_SIGNAL=USR1 " + env +
+                                " exec " ZORV_TEST_EMULATOR " " ZORV_TEST_SELF;
+    const pid_t child = zorv::test::Fork([&](int) {
+      return execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr)), 127;
+    });
+    *up = child > 0 && zorv::test::PollUntil([&] { return access(ready.c_str(), F_OK) == 0; });
+    return child;
+  }
+
   int diff(const std::string& older, const std::string& newer, std::string* out) {
     const char* argv[] = {"zorv-debug-diff", older.c_str(), newer.c_str()};
     std::string err;
@@ -465,17 +479,11 @@ TEST_F(MonitorsTest, DiffListsGrowthLargestFirstAndRejectsBadReports) {
 }
 
 TEST_F(MonitorsTest, SignalWritesReportsThatTheDiffCompares) {
-  const std::string ready = dir_ / "ready";
   const std::string path = dir_ / "report.json";
-  const std::string command = "ZORV_TEST_LEAKER=" + ready +
-                              " ZORV_DEBUG_SIGNAL=USR1 ZORV_DEBUG_REPORT_PATH=" + path +
-                              " exec " ZORV_TEST_EMULATOR " " ZORV_TEST_SELF;
-  const pid_t child = zorv::test::Fork([&](int) {
-    return execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr)), 127;
-  });
+  bool ok = false;
+  const pid_t child = startLeaker("ZORV_DEBUG_REPORT_PATH=" + path, &ok);
   ASSERT_GE(child, 0);
   std::string reports[2] = {dir_ / "first.json", dir_ / "second.json"};
-  bool ok = zorv::test::PollUntil([&] { return access(ready.c_str(), F_OK) == 0; });
   for (int i = 0; i < 2 && ok; ++i) {
     // The leak grows for 200 ms between the first report and the second.
     std::this_thread::sleep_for(std::chrono::milliseconds(i * 200));
@@ -500,17 +508,11 @@ TEST_F(MonitorsTest, SignalReportWithoutPathGoesToTmpdirOnlyWhenClosed) {
   // An empty ZORV_DEBUG_REPORT_PATH counts as none. Where the filter can be
   // installed, close() fails with EIO (the descriptor then stays open), so
   // the report may be incomplete and must not be put in place.
-  const std::string ready = dir_ / "ready";
-  const std::string command = "ZORV_TEST_LEAKER=" + ready +
-                              " ZORV_TEST_CLOSE_FAILS=1 ZORV_DEBUG_SIGNAL=USR1"
-                              " ZORV_DEBUG_REPORT_PATH= TMPDIR=" +
-                              dir_.path() + " exec " ZORV_TEST_EMULATOR " " ZORV_TEST_SELF;
-  const pid_t child = zorv::test::Fork([&](int) {
-    return execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr)), 127;
-  });
+  bool ok = false;
+  const pid_t child =
+      startLeaker("ZORV_TEST_CLOSE_FAILS=1 ZORV_DEBUG_REPORT_PATH= TMPDIR=" + dir_.path(), &ok);
   ASSERT_GE(child, 0);
   const std::string path = dir_ / ("zorv-debug-" + std::to_string(child) + ".json");
-  bool ok = zorv::test::PollUntil([&] { return access(ready.c_str(), F_OK) == 0; });
   const std::string status = "/proc/" + std::to_string(child) + "/status";
   const bool closeFails =
       zorv::test::ReadRawFile(status).find("\nSeccomp:\t2") != std::string::npos;
