@@ -2,6 +2,7 @@
 // and the searches with their flag word and path forms.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -305,6 +306,26 @@ TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
   EXPECT_EQ(code, 0) << (code >= 10 ? "accepted: " + spellings[code - 10] : "child failed");
   EXPECT_EQ(ReadRawFile(dir_ / "sentinel/keep"), "x");
   EXPECT_TRUE(RawExists(link));
+}
+
+// A caller chrooted without a chdir reaches its own root by a relative
+// path, as a plain folder inside the tree it removes: the tree is kept.
+TEST_F(FoldersTest, TheRootMetInsideATreeIsKept) {
+  ASSERT_TRUE(Build(dir_.path(), {"tree/", "tree/inner/"}));
+  const std::string base = dir_.path();
+  const pid_t child = zorv::test::Fork([&](int) {
+    if (::chdir(base.c_str()) != 0) return 2;
+    if (::chroot("tree/inner") != 0 &&
+        (::unshare(CLONE_NEWUSER) != 0 || ::chroot("tree/inner") != 0)) {
+      return 77;
+    }
+    return FileUtils::RemoveFolder("tree") ? 1 : 0;
+  });
+  ASSERT_GT(child, 0);
+  const int code = zorv::test::WaitChild(child);
+  if (code == 77) GTEST_SKIP() << "no chroot here";
+  EXPECT_EQ(code, 0);
+  EXPECT_TRUE(RawExists(dir_ / "tree/inner"));
 }
 
 TEST_F(FoldersTest, Searches) {
