@@ -28,6 +28,11 @@ constexpr unsigned int kMaxWorkers = 300;
 // to a hundred and more (a recent x86 pause).
 constexpr long long kLockSpinNanos = 2000;
 constexpr long long kWatchNanos = 5000;
+// A consumer that slept watches again before its next sleep only if it was
+// woken within this long: entries come often enough for a watch to pay.
+// Otherwise it sleeps at once, since a processor that spun just before its
+// thread slept wakes that thread later.
+constexpr long long kRewatchNanos = 4 * kWatchNanos;
 // Spins between two readings of the clock.
 constexpr unsigned int kSpinsPerReading = 16;
 // The smallest ring, and the size above which an empty ring is replaced.
@@ -268,9 +273,10 @@ ITask* TaskQueue::take(TaskWaiter& self) {
 }
 
 // Only one consumer watches at a time before sleeping: more would take
-// processor time from the producers.
+// processor time from the producers. A consumer whose last sleep was long
+// does not watch at all, so that an idle pool sleeps at once.
 ITask* TaskQueue::await(TaskWaiter& self) {
-  if (watchNanos > 0) {
+  if (watchNanos > 0 && self.watch) {
     if (watchers->fetch_add(1, std::memory_order_relaxed) == 0) {
       (void)SpinUntil(watchNanos, [&self] {
         return self.state.load(std::memory_order_acquire) == TaskWaiter::kServed;
@@ -279,12 +285,16 @@ ITask* TaskQueue::await(TaskWaiter& self) {
     watchers->fetch_sub(1, std::memory_order_relaxed);
   }
   int expected = TaskWaiter::kWaiting;
-  if (self.state.compare_exchange_strong(expected, TaskWaiter::kSleeping,
-                                         std::memory_order_acquire)) {
-    while (self.state.load(std::memory_order_acquire) == TaskWaiter::kSleeping) {
-      SleepOnWord(&self.state, TaskWaiter::kSleeping);
-    }
+  if (!self.state.compare_exchange_strong(expected, TaskWaiter::kSleeping,
+                                          std::memory_order_acquire)) {
+    self.watch = true;  // served before it slept
+    return self.task;
   }
+  const long long asleepSince = watchNanos > 0 ? MonotonicNanos() : 0;
+  while (self.state.load(std::memory_order_acquire) == TaskWaiter::kSleeping) {
+    SleepOnWord(&self.state, TaskWaiter::kSleeping);
+  }
+  if (watchNanos > 0) self.watch = MonotonicNanos() - asleepSince < kRewatchNanos;
   return self.task;
 }
 

@@ -31,6 +31,9 @@ struct TaskWaiter {
   std::atomic<int> state{kWaiting};
   ITask* task = nullptr;
   TaskWaiter* next = nullptr;
+  // Whether this consumer watches for an entry before it sleeps: only while
+  // its recent waits ended soon (see TaskQueue::await).
+  bool watch = true;
 };
 
 // The lock of one task queue: a word that is free, taken, or taken with a
