@@ -2,10 +2,11 @@
 #include "foundation/config/configarchiver.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <new>
-#include <vector>
+#include <string>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
@@ -15,7 +16,6 @@
 #include "foundation/file/fileutils.h"
 #include "foundation/lang/exception.h"
 #include "foundation/text/stringutils.h"
-
 #include "lang/accounting.h"
 
 namespace zorv {
@@ -24,47 +24,162 @@ namespace config {
 
 namespace detail {
 
-template <class K, class V>
-using Table = std::unordered_map<K, V, std::hash<K>, std::equal_to<K>,
-                                 debug::Allocator<std::pair<const K, V> > >;
+// The blocks of one table's pairs: nodes, value texts and small bucket
+// arrays, carved from chunks that the pool owns. A block given back is kept
+// on a free list of its size class for the next one; the chunks go only
+// when the table is released. Thousands of pairs then cost a few large
+// allocations instead of two each, and releasing them costs no walk of the
+// heap. Blocks above the largest class come from the accounted heap.
+class BlockPool {
+ public:
+  BlockPool() = default;
+  BlockPool(const BlockPool&) = delete;
+  BlockPool& operator=(const BlockPool&) = delete;
+  ~BlockPool() { release(); }
 
-using KeyTable = Table<SafeString, SafeString>;
-using SectionTable = Table<SafeString, KeyTable>;
-
-// Empties `sections`. A parsed table's entries were allocated one after
-// the other, and the hash order visits them all over the heap; freed in
-// that order, their blocks cost the allocator a cache miss each when it
-// later merges them. So the pairs are erased in descending address order
-// (within each section, and section by section), which gives the blocks
-// back as neighbours; this takes about a third off dropping a large
-// table. Without memory for the lists, the rest is freed in hash order.
-inline void ReleaseTable(SectionTable& sections) noexcept {
-  if (sections.size() > 1) {
-    using Pair = KeyTable::const_iterator;
-    try {
-      std::vector<KeyTable*, debug::Allocator<KeyTable*> > tables;
-      tables.reserve(sections.size());
-      for (auto& section : sections) tables.push_back(&section.second);
-      std::sort(tables.begin(), tables.end(), std::greater<KeyTable*>());
-      std::vector<Pair, debug::Allocator<Pair> > pairs;
-      for (KeyTable* keys : tables) {
-        pairs.clear();
-        for (auto pair = keys->cbegin(); pair != keys->cend(); ++pair) pairs.push_back(pair);
-        std::sort(pairs.begin(), pairs.end(), [](Pair a, Pair b) { return &*a > &*b; });
-        for (Pair pair : pairs) keys->erase(pair);
-      }
-    } catch (const std::bad_alloc&) {
+  void* allocate(std::size_t bytes) {
+    if (bytes == 0 || bytes > kLargest) return debug::Allocator<Unit>().allocate(Units(bytes));
+    const std::size_t units = Units(bytes);
+    if (Block* block = free_[units - 1]) {
+      free_[units - 1] = block->next;
+      return block;
     }
+    if (static_cast<std::size_t>(end_ - next_) < units) refill();
+    void* block = next_;
+    next_ += units;
+    return block;
   }
-  sections.clear();
+
+  void deallocate(void* p, std::size_t bytes) noexcept {
+    if (bytes == 0 || bytes > kLargest) {
+      debug::Allocator<Unit>().deallocate(static_cast<Unit*>(p), Units(bytes));
+      return;
+    }
+    Block* block = static_cast<Block*>(p);
+    block->next = free_[Units(bytes) - 1];
+    free_[Units(bytes) - 1] = block;
+  }
+
+  // Frees every chunk; no block of the pool may be in use.
+  void release() noexcept {
+    while (chunks_ != nullptr) {
+      Chunk* chunk = chunks_;
+      chunks_ = chunk->next;
+      debug::Allocator<Unit>().deallocate(reinterpret_cast<Unit*>(chunk), chunk->units);
+    }
+    std::fill(free_, free_ + kClasses, nullptr);
+    next_ = end_ = nullptr;
+    chunkUnits_ = kFirstChunkUnits;
+  }
+
+ private:
+  struct alignas(std::max_align_t) Unit {
+    unsigned char bytes[16];
+  };
+  struct Block {
+    Block* next;
+  };
+  struct Chunk {
+    Chunk* next;
+    std::size_t units;
+  };
+  static constexpr std::size_t kClasses = 8;
+  static constexpr std::size_t kLargest = kClasses * sizeof(Unit);
+  static constexpr std::size_t kFirstChunkUnits = 64;
+  static constexpr std::size_t kLargestChunkUnits = 4096;
+  static_assert(sizeof(Chunk) <= sizeof(Unit), "a chunk's header takes one unit");
+
+  static std::size_t Units(std::size_t bytes) { return (bytes + sizeof(Unit) - 1) / sizeof(Unit); }
+
+  // A new chunk, twice as large as the last up to a limit; what was left
+  // of the last one is kept on the free lists.
+  void refill() {
+    Unit* chunk = debug::Allocator<Unit>().allocate(chunkUnits_);
+    while (next_ != end_) {
+      const std::size_t units = std::min<std::size_t>(end_ - next_, kClasses);
+      deallocate(next_, units * sizeof(Unit));
+      next_ += units;
+    }
+    Chunk* header = reinterpret_cast<Chunk*>(chunk);
+    header->next = chunks_;
+    header->units = chunkUnits_;
+    chunks_ = header;
+    next_ = chunk + 1;
+    end_ = chunk + chunkUnits_;
+    if (chunkUnits_ < kLargestChunkUnits) chunkUnits_ *= 2;
+  }
+
+  Block* free_[kClasses] = {};
+  Unit* next_ = nullptr;
+  Unit* end_ = nullptr;
+  Chunk* chunks_ = nullptr;
+  std::size_t chunkUnits_ = kFirstChunkUnits;
+};
+
+// A standard allocator drawing on one BlockPool.
+template <class T>
+class PoolAllocator {
+ public:
+  using value_type = T;
+  static_assert(alignof(T) <= alignof(std::max_align_t), "pool blocks are max-aligned");
+
+  explicit PoolAllocator(BlockPool* pool) noexcept : pool_(pool) {}
+  template <class U>
+  PoolAllocator(const PoolAllocator<U>& other) noexcept  // NOLINT(google-explicit-constructor)
+      : pool_(other.pool()) {}
+
+  T* allocate(std::size_t n) {
+    if (n > 0xFFFFFFFFu / sizeof(T)) throw std::bad_alloc();
+    return static_cast<T*>(pool_->allocate(n * sizeof(T)));
+  }
+  void deallocate(T* p, std::size_t n) noexcept { pool_->deallocate(p, n * sizeof(T)); }
+  std::size_t max_size() const noexcept { return 0xFFFFFFFFu / sizeof(T); }
+  BlockPool* pool() const noexcept { return pool_; }
+
+ private:
+  BlockPool* pool_;
+};
+
+template <class T, class U>
+bool operator==(const PoolAllocator<T>& a, const PoolAllocator<U>& b) noexcept {
+  return a.pool() == b.pool();
+}
+template <class T, class U>
+bool operator!=(const PoolAllocator<T>& a, const PoolAllocator<U>& b) noexcept {
+  return !(a == b);
 }
 
-// The section table: section name -> (key -> value).
+// A section's pairs: names as the API's strings, values and the table's own
+// blocks from the pool of the archiver.
+using Value = std::basic_string<char, std::char_traits<char>, PoolAllocator<char> >;
+using KeyTable =
+    std::unordered_map<SafeString, Value, std::hash<SafeString>, std::equal_to<SafeString>,
+                       PoolAllocator<std::pair<const SafeString, Value> > >;
+using SectionTable =
+    std::unordered_map<SafeString, KeyTable, std::hash<SafeString>, std::equal_to<SafeString>,
+                       debug::Allocator<std::pair<const SafeString, KeyTable> > >;
+
+// The section table: section name -> (key -> value). The pool is declared
+// first, so that it outlives the tables drawing on it.
 struct ArchiverPrivate {
   ArchiverPrivate() = default;
   ArchiverPrivate(const ArchiverPrivate&) = delete;
   ArchiverPrivate& operator=(const ArchiverPrivate&) = delete;
-  ~ArchiverPrivate() { ReleaseTable(sections); }
+
+  // Empties the table and gives the pool's chunks back.
+  void release() noexcept {
+    sections.clear();
+    pool.release();
+  }
+  KeyTable newKeys() {
+    return KeyTable(0, std::hash<SafeString>(), std::equal_to<SafeString>(),
+                    PoolAllocator<char>(&pool));
+  }
+  Value newValue(const char* text, std::size_t size) {
+    return Value(text, size, PoolAllocator<char>(&pool));
+  }
+
+  BlockPool pool;
   SectionTable sections;
 };
 
@@ -137,7 +252,8 @@ class TextLines {
 // section; everything before the first header, headers with '=' among
 // them, is skipped.
 template <class Lines>
-void ParseLines(detail::SectionTable& sections, Lines& lines) {
+void ParseLines(detail::ArchiverPrivate& table, Lines& lines) {
+  detail::SectionTable& sections = table.sections;
   const char* line = nullptr;
   size_t size = 0;
   bool found = false;
@@ -149,12 +265,12 @@ void ParseLines(detail::SectionTable& sections, Lines& lines) {
   }
   if (!found) return;
 
-  auto current = sections.emplace(Trimmed(line + 1, size - 2), detail::KeyTable()).first;
+  auto current = sections.emplace(Trimmed(line + 1, size - 2), table.newKeys()).first;
   while (lines.next(line, size)) {
     const char* equals = static_cast<const char*>(std::memchr(line, '=', size));
     if (equals == nullptr) {
       if (!IsHeader(line, size)) continue;
-      auto made = sections.emplace(Trimmed(line + 1, size - 2), detail::KeyTable());
+      auto made = sections.emplace(Trimmed(line + 1, size - 2), table.newKeys());
       if (!made.second) {
         SafeString message("config error, repeated section [");
         message += made.first->first;
@@ -174,7 +290,7 @@ void ParseLines(detail::SectionTable& sections, Lines& lines) {
     Trim(value, valueSize);
     detail::KeyTable& keys = current->second;
     auto stored = keys.emplace(std::piecewise_construct, std::forward_as_tuple(key, keySize),
-                               std::forward_as_tuple(value, valueSize));
+                               std::forward_as_tuple(value, valueSize, keys.get_allocator()));
     if (!stored.second) {
       SafeString message("config error, repeated key [");
       message += current->first;
@@ -195,10 +311,11 @@ bool IsStorableName(const SafeString& name) {
 // True when `text`, written on a line and read back, comes back the same:
 // no CR, LF or NUL (each ends a line) and no blank at either end (names and
 // values are trimmed when read).
-bool ReadsBackAsIs(const SafeString& text) {
+template <class Text>
+bool ReadsBackAsIs(const Text& text) {
   if (!text.empty() && (IsBlank(text.front()) || IsBlank(text.back()))) return false;
   static constexpr char kLineEnds[] = {'\r', '\n', '\0'};
-  return text.find_first_of(kLineEnds, 0, sizeof(kLineEnds)) == SafeString::npos;
+  return text.find_first_of(kLineEnds, 0, sizeof(kLineEnds)) == Text::npos;
 }
 
 }  // namespace
@@ -208,12 +325,10 @@ Archiver::Archiver() {
       lang::AccountedNewOrThrow<detail::ArchiverPrivate>(ZORV_ACCOUNTING_SITE(kSource, "Archiver"));
 }
 
-Archiver::~Archiver() {
-  lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~Archiver"));
-}
+Archiver::~Archiver() { lang::AccountedDelete(d_, ZORV_ACCOUNTING_SITE(kSource, "~Archiver")); }
 
 bool Archiver::parseFile(const SafeString& path) {
-  d_->sections.clear();
+  d_->release();
   detail::FileReader reader(path);
   try {
     reader.open();
@@ -228,16 +343,16 @@ bool Archiver::parseFile(const SafeString& path) {
 
 bool Archiver::parseText(const char* text) {
   if (text == nullptr) return false;
-  detail::ReleaseTable(d_->sections);
+  d_->release();
   TextLines lines(text);
-  ParseLines(d_->sections, lines);
+  ParseLines(*d_, lines);
   return true;
 }
 
 void Archiver::parse(detail::IDataReader& reader) {
-  detail::ReleaseTable(d_->sections);
+  d_->release();
   ReaderLines lines(reader);
-  ParseLines(d_->sections, lines);
+  ParseLines(*d_, lines);
 }
 
 bool Archiver::contains(const SafeString& section) const {
@@ -271,28 +386,27 @@ bool Archiver::value(const SafeString& section, const SafeString& key, SafeStrin
   if (found == d_->sections.end()) return false;
   auto pair = found->second.find(key);
   if (pair == found->second.end()) return false;
-  out = pair->second;
+  out.assign(pair->second.data(), pair->second.size());
   return true;
 }
 
-bool Archiver::setValue(const SafeString& section, const SafeString& key,
-                        const SafeString& value) {
+bool Archiver::setValue(const SafeString& section, const SafeString& key, const SafeString& value) {
   if (!IsStorableName(section) || !IsStorableName(key)) return false;
   // Either the pair is stored or, when memory runs out, nothing changes: a
   // new section is made complete with its key before it joins the table.
   detail::SectionTable& sections = d_->sections;
   auto found = sections.find(section);
   if (found == sections.end()) {
-    detail::KeyTable keys;
-    keys.emplace(key, value);
+    detail::KeyTable keys = d_->newKeys();
+    keys.emplace(key, d_->newValue(value.data(), value.size()));
     sections.emplace(section, std::move(keys));
     return true;
   }
   auto pair = found->second.find(key);
   if (pair != found->second.end()) {
-    pair->second = value;
+    pair->second.assign(value.data(), value.size());
   } else {
-    found->second.emplace(key, value);
+    found->second.emplace(key, d_->newValue(value.data(), value.size()));
   }
   return true;
 }
@@ -337,7 +451,7 @@ bool SavedText(const detail::SectionTable& sections, SafeString& out) {
     for (const auto& pair : section.second) {
       text += pair.first;
       text += " = ";
-      text += pair.second;
+      text.append(pair.second.data(), pair.second.size());
       text += '\n';
     }
     text += '\n';
