@@ -13,7 +13,6 @@ namespace {
 
 using zorv::foundation::debug::SystemMonitor;
 using zorv::foundation::threading::ILock;
-using zorv::foundation::threading::ITryLock;
 using zorv::foundation::threading::Lock;
 using zorv::foundation::threading::Locker;
 
@@ -59,7 +58,7 @@ TEST_F(LockTest, IsRecursiveAndFreeAfterMatchingUnlocks) {
   Lock lock;
   EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1);
   EXPECT_NE(lock.handle(), nullptr);
-  ITryLock& tryable = lock;
+  zorv::foundation::threading::ITryLock& tryable = lock;
   for (const Step& s : steps) {
     SCOPED_TRACE(s.op);
     const std::string op = s.op;

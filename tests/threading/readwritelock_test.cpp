@@ -21,9 +21,7 @@ namespace {
 
 using zorv::foundation::debug::SystemMonitor;
 using zorv::foundation::threading::Locker;
-using zorv::foundation::threading::ReadWriteLock;
 using zorv::test::Gate;
-using zorv::test::GateOpener;
 using zorv::test::PollUntil;
 
 using ReadWriteLockTest = zorv::test::LeakCheckedTest;
@@ -50,7 +48,7 @@ bool IsBlocked(long tid) {
 // waiting writer goes before new readers.
 TEST_F(ReadWriteLockTest, ReadersShareButAWaitingWriterGoesFirst) {
   const long long handles = SystemMonitor::LiveHandles();
-  ReadWriteLock rw;
+  zorv::foundation::threading::ReadWriteLock rw;
   EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1);
   std::mutex journalMutex;
   std::vector<std::string> journal;  // the order in which threads took the lock
@@ -60,7 +58,7 @@ TEST_F(ReadWriteLockTest, ReadersShareButAWaitingWriterGoesFirst) {
   };
   Gate readerIn;
   Gate releaseReader;
-  GateOpener opener(releaseReader);
+  zorv::test::GateOpener opener(releaseReader);
   std::thread firstReader([&] {
     Locker locker(rw.readLock(), false);
     readerIn.open();

@@ -24,11 +24,8 @@ using zorv::foundation::debug::ChronoMonitor;
 using zorv::foundation::debug::SystemMonitor;
 using zorv::foundation::system::ConsoleUtils;
 using zorv::foundation::threading::Thread;
-using zorv::test::Gate;
-using zorv::test::GateOpener;
 using zorv::test::PollUntil;
 using zorv::test::ProbeTask;
-using zorv::test::Tally;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
@@ -79,8 +76,8 @@ void ExpectFlags(const Thread& thread, Flags expected) {
 // Each stage: the flags, and the handles counted beyond `handles` (a started
 // thread is a handle until joined).
 TEST_F(ThreadTest, FollowsTheStateTable) {
-  Gate release;
-  GateOpener opener(release);
+  zorv::test::Gate release;
+  zorv::test::GateOpener opener(release);
   const long long handles = SystemMonitor::LiveHandles();
   FunctionThread thread([&] { release.wait(); });
   const auto expect = [&](const char* stage, Flags flags, long long extraHandles) {
@@ -267,7 +264,7 @@ struct ThrowingTask : ProbeTask {
 
 TEST_F(TaskTest, AffinityCountsUpAndInterruptionIsContained) {
   // The default affinity counts up process-wide, on every call.
-  Tally tally;
+  zorv::test::Tally tally;
   ProbeTask first(&tally, 1), second(&tally, 2), fixed(&tally, 3);
   fixed.affinity = 7;
   const unsigned int a = first.getAffinity();

@@ -22,7 +22,6 @@
 namespace {
 
 namespace zf = zorv::foundation;
-using zf::SafeString;
 using zf::debug::ChronoMonitor;
 using zf::threading::AffinityThreadPool;
 using zf::threading::ITask;
@@ -139,7 +138,7 @@ TYPED_TEST(ExecutorTest, RunsInOrderAndDrainsOnStopAndDestruction) {
     Gate gate;
     bool mine = false;
     std::string name;
-    std::unique_ptr<TypeParam> pool(new TypeParam(1, SafeString("probe.pool")));
+    std::unique_ptr<TypeParam> pool(new TypeParam(1, zf::SafeString("probe.pool")));
     TypeParam* const raw = pool.get();
     EXPECT_FALSE(pool->isMyThread());
     const int n = 300;
