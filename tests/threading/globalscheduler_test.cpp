@@ -18,7 +18,6 @@ using zf::threading::GlobalTaskScheduler;
 using zf::threading::GlobalTimerScheduler;
 using zorv::test::NewTask;
 using zorv::test::NewTimer;
-using zorv::test::PollUntil;
 using zorv::test::Tally;
 
 using GlobalSchedulerTest = zorv::test::LeakCheckedTest;
@@ -66,7 +65,7 @@ TEST_F(GlobalSchedulerTest, TimersOverThePoolThenFinalizeDrainsAndStops) {
   repeating->body = [&] { onPool += tasks.getThreadPool().isMyThread() ? 1 : 0; };
   timers.getTimerScheduler().addFixedRateTimer(repeating);
   timers.getTimerScheduler().addTimer(NewTimer(&tally, 2, 5));
-  ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 2; }));
+  ASSERT_TRUE(zorv::test::PollUntil([&] { return tally.disposals.load() == 2; }));
   EXPECT_EQ(tally.runs.load(), 6);
   EXPECT_EQ(onPool.load(), 5);
   timers.getTimerScheduler().addTimer(NewTimer(&tally, 3, 100000, -1));

@@ -20,7 +20,6 @@ namespace {
 namespace zf = zorv::foundation;
 using zf::threading::ITask;
 using zf::threading::ITimer;
-using zf::threading::TimerScheduler;
 using zorv::test::PollUntil;
 using zorv::test::Scaled;
 
@@ -163,7 +162,7 @@ TYPED_TEST(PoolStressTest, TimersAddedAndRemovedWhileThePoolStops) {
     Slots slots(2 * perThread);
     {
       TypeParam pool(2);
-      TimerScheduler scheduler(round % 5 == 4 ? nullptr : &pool);
+      zf::threading::TimerScheduler scheduler(round % 5 == 4 ? nullptr : &pool);
       std::atomic<int> adding{2};
       const auto ran = [&] {
         int n = 0;

@@ -15,6 +15,7 @@
 #include "foundation/system/consoleutils.h"
 #include "support/boundedwait.h"
 #include "support/leakcheck.h"
+#include "support/taskprobe.h"
 
 namespace {
 
@@ -22,11 +23,9 @@ using zorv::foundation::SafeString;
 using zorv::foundation::debug::ChronoMonitor;
 using zorv::foundation::debug::SystemMonitor;
 using zorv::foundation::system::ConsoleUtils;
-using zorv::foundation::threading::ITask;
 using zorv::foundation::threading::Thread;
-using zorv::test::Gate;
-using zorv::test::GateOpener;
 using zorv::test::PollUntil;
+using zorv::test::ProbeTask;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
@@ -77,8 +76,8 @@ void ExpectFlags(const Thread& thread, Flags expected) {
 // Each stage: the flags, and the handles counted beyond `handles` (a started
 // thread is a handle until joined).
 TEST_F(ThreadTest, FollowsTheStateTable) {
-  Gate release;
-  GateOpener opener(release);
+  zorv::test::Gate release;
+  zorv::test::GateOpener opener(release);
   const long long handles = SystemMonitor::LiveHandles();
   FunctionThread thread([&] { release.wait(); });
   const auto expect = [&](const char* stage, Flags flags, long long extraHandles) {
@@ -181,14 +180,9 @@ TEST_F(ThreadTest, SleepAndYieldLetTimePass) {
   EXPECT_LT(yielded.count(), zorv::test::Margin(1000).count() * 1000);
 }
 
-// Captures what the console writer receives.
+// What the console writer received.
 std::mutex g_linesMutex;
 std::vector<std::string> g_lines;
-
-void CaptureLine(const char* text) {
-  std::lock_guard<std::mutex> hold(g_linesMutex);
-  g_lines.push_back(text);
-}
 
 std::vector<std::string> TakeLines() {
   std::lock_guard<std::mutex> hold(g_linesMutex);
@@ -204,7 +198,10 @@ std::vector<std::string> TakeLines() {
 // named itself usually gets the same pthread_t, and must not be given its
 // name. A joined or never-started thread prints nothing.
 TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
-  ConsoleUtils::SetWriter(&CaptureLine);
+  ConsoleUtils::SetWriter([](const char* text) {
+    std::lock_guard<std::mutex> hold(g_linesMutex);
+    g_lines.push_back(text);
+  });
   (void)TakeLines();
   struct Case {
     const char* constructionName;
@@ -256,41 +253,29 @@ TEST_F(ThreadTest, ConstructionFailsCleanlyWhenMemoryRunsOut) {
   EXPECT_THROW(FunctionThread([] {}, longName), std::bad_alloc);  // the leak check: nothing left
 }
 
-// A task whose interrupted() counts its calls and may throw, and whose
-// affinity may be fixed.
-class CountingTask : public ITask {
- public:
-  CountingTask(int* calls, bool throws, int affinity = -1)
-      : calls_(calls), throws_(throws), affinity_(affinity) {}
-  void run() override {}
+// notifyInterrupted() must drop what an override throws.
+struct ThrowingTask : ProbeTask {
+  using ProbeTask::ProbeTask;
   void interrupted() override {
-    ++*calls_;
-    if (throws_) throw zorv::foundation::lang::Exception("zorv.test", "interrupted");
+    ProbeTask::interrupted();
+    throw 1;
   }
-  unsigned int getAffinity() const override {
-    return affinity_ < 0 ? ITask::getAffinity() : static_cast<unsigned int>(affinity_);
-  }
-
- private:
-  int* calls_;
-  bool throws_;
-  int affinity_;
 };
 
 TEST_F(TaskTest, AffinityCountsUpAndInterruptionIsContained) {
   // The default affinity counts up process-wide, on every call.
-  int calls = 0;
-  CountingTask first(&calls, false), second(&calls, false), fixed(&calls, false, 7);
+  zorv::test::Tally tally;
+  ProbeTask first(&tally, 1), second(&tally, 2), fixed(&tally, 3);
+  fixed.affinity = 7;
   const unsigned int a = first.getAffinity();
   EXPECT_EQ(second.getAffinity(), a + 1);
   EXPECT_EQ(first.getAffinity(), a + 2) << "a new number even for the same task";
   EXPECT_EQ(fixed.getAffinity(), 7u);
   EXPECT_EQ(second.getAffinity(), a + 3) << "overrides do not advance the counter";
-  // notifyInterrupted calls the override and drops its exception.
-  CountingTask throwing(&calls, true);
+  ThrowingTask throwing(&tally, 4);
   second.notifyInterrupted();
   throwing.notifyInterrupted();
-  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(tally.interrupts.load(), 2);
 }
 
 }  // namespace

@@ -21,7 +21,6 @@
 namespace {
 
 namespace zf = zorv::foundation;
-using zf::threading::ITimer;
 using zf::threading::Thread;
 using zf::threading::ThreadPool;
 using zf::threading::TimerScheduler;
@@ -86,7 +85,7 @@ class TimerSchedulerTest : public zorv::test::LeakCheckedTest,
     LeakCheckedTest::TearDown();
   }
   TimerScheduler& scheduler() { return *scheduler_; }
-  void add(ITimer* timer, bool fixedRate) {
+  void add(zf::threading::ITimer* timer, bool fixedRate) {
     fixedRate ? scheduler().addFixedRateTimer(timer) : scheduler().addTimer(timer);
   }
 

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "support/leakcheck.h"
 
@@ -34,13 +35,6 @@ class DateTimeTest : public zorv::test::LeakCheckedTest {
 
 std::string Text(const DateTime& value) { return value.toString().c_str(); }
 
-// The two zones of the tests: UTC, and three hours east of it.
-struct ZoneCase {
-  const char* tz;
-  long long offset;  // seconds east of UTC
-};
-const ZoneCase kZones[] = {{"UTC0", 0}, {"ZRV-3", 3 * 3600}};
-
 // Fields out of range normalise as mktime does; the accessors give the
 // fields of the text.
 TEST_F(DateTimeTest, FieldsNormaliseAsMktimeDoes) {
@@ -64,22 +58,6 @@ TEST_F(DateTimeTest, FieldsNormaliseAsMktimeDoes) {
     EXPECT_EQ(std::string(fields), c.text);
     EXPECT_EQ(value.millisecond(), 12);
     EXPECT_EQ(value.microsecond(), 34);
-  }
-}
-
-TEST_F(DateTimeTest, SecondsAndMillisecondsInTwoZones) {
-  // 2024-01-02 03:04:05 UTC.
-  const long long utc = 1704164645LL;
-  for (const ZoneCase& zone : kZones) {
-    SCOPED_TRACE(zone.tz);
-    Zone(zone.tz);
-    const DateTime value(2024, 1, 2, 3, 4, 5, 999, 7);
-    EXPECT_EQ(value.toSeconds(), utc - zone.offset) << "fields are local time";
-    EXPECT_EQ(Text(DateTime(0ULL, 0, 0)),
-              zone.offset == 0 ? "1970-01-01 00:00:00" : "1970-01-01 03:00:00");
-    const DateTime back(static_cast<unsigned long long>(utc), 5, 6);
-    EXPECT_EQ(back.toSeconds(), utc) << "round trip";
-    EXPECT_EQ(back.toMilliseconds(), utc * 1000 + 5) << "the microsecond is ignored";
   }
 }
 
@@ -108,39 +86,45 @@ TEST_F(DateTimeTest, SecondsAndFractionsAreClamped) {
   }
 }
 
-// Now is the current time; ToGMT gives UTC fields;
-// CurrentGMT is the UTC time in every zone.
-TEST_F(DateTimeTest, NowToGmtAndCurrentGmt) {
-  for (const ZoneCase& zone : kZones) {
+// In UTC and three hours east of it: the fields are local time, seconds and
+// milliseconds round trip, Now is the current time, ToGMT gives UTC fields
+// and CurrentGMT is the UTC time.
+TEST_F(DateTimeTest, LocalFieldsNowToGmtAndCurrentGmtInTwoZones) {
+  const long long utc = 1704164645LL;  // 2024-01-02 03:04:05 UTC
+  struct ZoneCase {
+    const char* tz;
+    long long offset;  // seconds east of UTC
+  };
+  for (const ZoneCase& zone : {ZoneCase{"UTC0", 0}, ZoneCase{"ZRV-3", 3 * 3600}}) {
     SCOPED_TRACE(zone.tz);
     Zone(zone.tz);
+    const DateTime value(2024, 1, 2, 3, 4, 5, 999, 7);
+    EXPECT_EQ(value.toSeconds(), utc - zone.offset) << "fields are local time";
+    EXPECT_EQ(Text(DateTime(0ULL, 0, 0)),
+              zone.offset == 0 ? "1970-01-01 00:00:00" : "1970-01-01 03:00:00");
+    const DateTime back(static_cast<unsigned long long>(utc), 5, 6);
+    EXPECT_EQ(back.toSeconds(), utc) << "round trip";
+    EXPECT_EQ(back.toMilliseconds(), utc * 1000 + 5) << "the microsecond is ignored";
     const long long before = static_cast<long long>(::time(nullptr));
     const DateTime now;
     EXPECT_GE(now.toSeconds(), before);
     EXPECT_LE(now.toSeconds(), static_cast<long long>(::time(nullptr)));
-    struct Case {
-      unsigned long long seconds;
-      const char* text;
-    };
-    const Case cases[] = {
-        {1704164645ULL, "2024-01-02 03:04:05"},
-        {0xFFFFFFFFULL, "1969-12-31 23:59:59"},  // low 32 bits taken as signed
-        {0x100000000ULL, "1970-01-01 00:00:00"},
-    };
-    for (const Case& c : cases) {
-      SCOPED_TRACE(c.text);
-      EXPECT_EQ(Text(DateTime::ToGMT(c.seconds)), c.text);
-    }
+    // ToGMT takes the low 32 bits as signed.
+    const std::pair<unsigned long long, const char*> gmt[] = {
+        {utc, "2024-01-02 03:04:05"},
+        {0xFFFFFFFFULL, "1969-12-31 23:59:59"},
+        {0x100000000ULL, "1970-01-01 00:00:00"}};
+    for (const auto& c : gmt) EXPECT_EQ(Text(DateTime::ToGMT(c.first)), c.second) << c.first;
     bool matched = false;  // retried across a second boundary
     for (int attempt = 0; attempt < 5 && !matched; ++attempt) {
       const time_t second = ::time(nullptr);
-      const DateTime gmt = DateTime::CurrentGMT();
+      const DateTime current = DateTime::CurrentGMT();
       if (second != ::time(nullptr)) continue;
       struct tm fields;
       gmtime_r(&second, &fields);
       char expected[32];
       strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S", &fields);
-      EXPECT_EQ(Text(gmt), expected);
+      EXPECT_EQ(Text(current), expected);
       matched = true;
     }
     EXPECT_TRUE(matched);

@@ -9,14 +9,13 @@
 namespace {
 
 using std::chrono::milliseconds;
-using zorv::foundation::time::Stopwatch;
 
 using StopwatchTest = zorv::test::LeakCheckedTest;
 
 // Reads 0 until started, the running time while running, and a frozen time
 // after stop; start() restarts from now. Sleeps only let time pass.
 TEST_F(StopwatchTest, MeasuresFreezesAndRestarts) {
-  Stopwatch watch;
+  zorv::foundation::time::Stopwatch watch;
   watch.stop();  // stopping a stopped watch changes nothing
   EXPECT_TRUE(watch.isStopped());
   EXPECT_EQ(watch.toTick(), 0ULL);
