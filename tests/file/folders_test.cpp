@@ -20,10 +20,9 @@
 #include "support/tempdir.h"
 
 // Test hooks (folders_hooks.cpp).
-extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int skip);
+extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 extern "C" void ZorvTestStickyAllocFailure(bool on);
 extern "C" void ZorvTestFailListing(int skip);
-extern "C" void ZorvTestCloseBeforeOpen(const char* name, int fd, int skip);
 extern "C" void ZorvTestLogCalls(char* log, int room);
 
 namespace {
@@ -211,14 +210,14 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
     ASSERT_EQ(::mkdir(base.c_str(), 0755), 0);
     ASSERT_TRUE(Build(base, {"outside/", "outside/keep=x"}));
     ASSERT_TRUE(Build(base, c.build));
-    if (c.swap >= 0) ZorvTestSwapBeforeOpen("victim", (base + "/outside").c_str(), c.swap);
+    if (c.swap >= 0) ZorvTestBeforeOpen("victim", c.swap, (base + "/outside").c_str(), -1);
     bool result = c.op == 's' || Op(c.op, c.path, c.to)(base);
     for (const std::string& f : c.op == 's'
                                     ? Sorted(FileUtils::SearchFiles(At(base, c.path), 4, {}))
                                     : std::vector<std::string>()) {
       result = result && f.find("keep") == std::string::npos;
     }
-    ZorvTestSwapBeforeOpen("", "", 0);
+    ZorvTestBeforeOpen("", 0, "", -1);
     EXPECT_EQ(result, c.expected);
     EXPECT_EQ(Snapshot(base + "/outside"), std::vector<std::string>{"keep=x"});
     for (const std::string& p : c.present) EXPECT_TRUE(RawExists(base + "/" + p)) << p;
@@ -238,7 +237,7 @@ TEST_F(FoldersTest, CopyIntoAFolderOpenedAsDescriptorZero) {
     ASSERT_TRUE(Build(base, {"s/", "s/d/", "s/d/" + file}));
     const pid_t child = zorv::test::Fork([&](int pipeEnd) {
       if (::dup2(pipeEnd, 0) != 0) return 2;
-      ZorvTestCloseBeforeOpen("d", 0, 1);  // after the source's "d", before the target's
+      ZorvTestBeforeOpen("d", 1, "", 0);  // after the source's "d", before the target's
       char log[16];
       ZorvTestLogCalls(log, sizeof log);
       const bool copied = FileUtils::CopyFolder((base + "/s").c_str(), (base + "/copy").c_str());
