@@ -194,7 +194,9 @@ TEST_F(ProcessTest, NullArgumentsAndExhaustedMemoryReturnFalse) {
 
 // What a started program inherits: no descriptor above 2, SIGCHLD at its
 // default although the caller ignores it, no blocked signal although the
-// calling thread blocks one; also when allocations of the call fail.
+// calling thread blocks one; also when allocations of the call fail. The
+// call returns while the child goes on, and leaves SIGCHLD ignored so that
+// the system reaps the child; Command's shell runs the whole line.
 TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSignals) {
   struct Case {
     const char* name;
@@ -233,8 +235,10 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string name = sleepCopy(dir);
-    // Command's shell replaces itself with the sleeping copy.
-    const std::string program = dir / name, command = "exec '" + program + "' 30";
+    // Command's shell writes "mademade" and replaces itself with the copy.
+    const std::string program = dir / name, out = dir / (name + ".out");
+    const std::string command =
+        "word=made; echo $word$word > '" + out + "'; exec '" + program + "' 30";
     ASSERT_TRUE(Call(
         [&] {
           if (c.noCloseRange) FailSyscall(kCloseRange, ENOSYS);
@@ -242,7 +246,9 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
                            : SystemUtils::Command(command.c_str());
         },
         c.exhaust));
+    EXPECT_TRUE(sigchldIgnored_);
     ASSERT_TRUE(Runs(name)) << "the child did not run its program";
+    EXPECT_EQ(ReadRawFile(out), c.execute ? "" : "mademade\n");
     const std::vector<int> pids = ProcessesNamed(name);
     ASSERT_EQ(pids.size(), 1u);
     const auto inherited = Entries("/proc/" + std::to_string(pids[0]) + "/fd");
@@ -257,19 +263,6 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   for (int fd : {file, pipeFds[0], pipeFds[1], ninety}) close(fd);
-}
-
-// The shell runs the whole line; the call returns while the child goes on,
-// and leaves SIGCHLD ignored so that the system reaps the child.
-TEST_F(ProcessTest, CommandRunsThroughTheShellWithoutWaiting) {
-  TempDir dir;
-  const std::string name = sleepCopy(dir), out = dir / "out";
-  const std::string command =
-      "word=made; echo $word$word > '" + out + "'; exec '" + (dir / name) + "' 30";
-  ASSERT_TRUE(Call([&] { return SystemUtils::Command(command.c_str()); }));
-  EXPECT_TRUE(sigchldIgnored_);
-  EXPECT_TRUE(PollUntil([&] { return ReadRawFile(out) == "mademade\n"; })) << ReadRawFile(out);
-  EXPECT_TRUE(Runs(name)) << "still running after the call returned";
 }
 
 TEST_F(ProcessTest, ExecuteSplitsAtBlanksTrimsSetsModeExecuteOnlyAndEndsAFailedChild) {
