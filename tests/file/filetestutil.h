@@ -4,7 +4,6 @@
 #ifndef ZORV_TESTS_FILE_FILETESTUTIL_H_
 #define ZORV_TESTS_FILE_FILETESTUTIL_H_
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -15,6 +14,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -92,34 +92,26 @@ inline bool Build(const std::string& base, const std::vector<std::string>& items
 // Everything below `base` in the notation of Build, sorted; links are not
 // followed (`base` in their targets shows as '$'), and other kinds show as
 // "name?".
-inline std::vector<std::string> Snapshot(const std::string& base, const std::string& prefix = "") {
+inline std::vector<std::string> Snapshot(const std::string& base) {
+  namespace fs = std::filesystem;
   std::vector<std::string> items;
-  DIR* dir = ::opendir((base + "/" + prefix).c_str());
-  if (dir == nullptr) return items;
-  while (struct dirent* entry = ::readdir(dir)) {
-    const std::string name = prefix + entry->d_name;
-    const std::string path = base + "/" + name;
-    struct stat info;
-    if (entry->d_name[0] == '.' &&
-        (entry->d_name[1] == '\0' || std::strcmp(entry->d_name, "..") == 0))
-      continue;
-    if (::lstat(path.c_str(), &info) != 0) continue;
-    if (S_ISDIR(info.st_mode)) {
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(base, error), end; !error && it != end;
+       it.increment(error)) {
+    const std::string name = it->path().string().substr(base.size() + 1);
+    const fs::file_type type = it->symlink_status().type();
+    if (type == fs::file_type::directory) {
       items.push_back(name + "/");
-      for (const std::string& below : Snapshot(base, name + "/")) items.push_back(below);
-    } else if (S_ISLNK(info.st_mode)) {
-      char target[4096];
-      const ssize_t length = ::readlink(path.c_str(), target, sizeof target);
-      std::string text(target, length > 0 ? static_cast<size_t>(length) : 0);
+    } else if (type == fs::file_type::symlink) {
+      std::string text = fs::read_symlink(it->path(), error).string();
       if (text.compare(0, base.size(), base) == 0) text.replace(0, base.size(), "$");
       items.push_back(name + "->" + text);
-    } else if (S_ISREG(info.st_mode)) {
-      items.push_back(name + "=" + ReadRawFile(path));
+    } else if (type == fs::file_type::regular) {
+      items.push_back(name + "=" + ReadRawFile(it->path().string()));
     } else {
       items.push_back(name + "?");
     }
   }
-  ::closedir(dir);
   std::sort(items.begin(), items.end());
   return items;
 }
