@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <climits>
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,7 +17,6 @@
 #include "foundation/file/fileutils.h"
 #include "foundation/memory/buffer.h"
 #include "foundation/memory/memorybuffer.h"
-#include "support/leakcheck.h"
 #include "support/tempdir.h"
 #include "system/posixio.h"
 
@@ -28,18 +26,13 @@ using zorv::foundation::SafeString;
 using zorv::foundation::collection::Vector;
 using zorv::foundation::file::FileUtils;
 using zorv::foundation::memory::MemoryBuffer;
-using zorv::test::At;
 using zorv::test::FileCase;
+using zorv::test::Op;
 using zorv::test::ReadRawFile;
 using zorv::test::RunFileCases;
-using zorv::test::TempDir;
 using zorv::test::WriteRawFile;
 
-class FileContentsTest : public zorv::test::LeakCheckedTest {
- protected:
-  SafeString P(const std::string& relative) const { return SafeString((dir_ / relative).c_str()); }
-  TempDir dir_;
-};
+using FileContentsTest = zorv::test::FileTest;
 
 std::string S(const SafeString& s) { return std::string(s.data(), s.size()); }
 
@@ -287,25 +280,6 @@ TEST(DescriptorTest, OnlyAnOpenDescriptorClosesWithSuccess) {
   EXPECT_TRUE(open.close());
   EXPECT_FALSE(open.close());
   EXPECT_FALSE(posixio::WriteFully(-1, "x", 1));
-}
-
-// One call over paths below the test folder: 'r' RemoveFile(from),
-// 'f' RenameFile, 'd' RenameFolder, 'c' CopyFile, 't' WriteText(from, to),
-// 'b' WriteBinary(from, to) and 'n' the same with null data.
-std::function<bool(const TempDir&)> Op(char op, const std::string& from,
-                                       const std::string& to = "") {
-  return [=](const TempDir& b) {
-    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(to.data());
-    if (op == 'r') return FileUtils::RemoveFile(At(b, from));
-    if (op == 'f') return FileUtils::RenameFile(At(b, from), At(b, to));
-    if (op == 'd') return FileUtils::RenameFolder(At(b, from), At(b, to));
-    if (op == 't') return FileUtils::WriteText(At(b, from), SafeString(to.data(), to.size()));
-    if (op == 'b' || op == 'n') {
-      return FileUtils::WriteBinary(At(b, from), op == 'b' ? bytes : nullptr,
-                                    static_cast<unsigned int>(to.size()));
-    }
-    return FileUtils::CopyFile(At(b, from), At(b, to));
-  };
 }
 
 TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {

@@ -4,7 +4,6 @@
 #ifndef ZORV_TESTS_FILE_FILETESTUTIL_H_
 #define ZORV_TESTS_FILE_FILETESTUTIL_H_
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -15,11 +14,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "foundation/text/safestring.h"
+#include "foundation/file/fileutils.h"
+#include "support/leakcheck.h"
 #include "support/tempdir.h"
 
 namespace zorv {
@@ -91,82 +92,54 @@ inline bool Build(const std::string& base, const std::vector<std::string>& items
 // Everything below `base` in the notation of Build, sorted; links are not
 // followed (`base` in their targets shows as '$'), and other kinds show as
 // "name?".
-inline std::vector<std::string> Snapshot(const std::string& base, const std::string& prefix = "") {
+inline std::vector<std::string> Snapshot(const std::string& base) {
+  namespace fs = std::filesystem;
   std::vector<std::string> items;
-  DIR* dir = ::opendir((base + "/" + prefix).c_str());
-  if (dir == nullptr) return items;
-  while (struct dirent* entry = ::readdir(dir)) {
-    const std::string name = prefix + entry->d_name;
-    const std::string path = base + "/" + name;
-    struct stat info;
-    if (entry->d_name[0] == '.' &&
-        (entry->d_name[1] == '\0' || std::strcmp(entry->d_name, "..") == 0))
-      continue;
-    if (::lstat(path.c_str(), &info) != 0) continue;
-    if (S_ISDIR(info.st_mode)) {
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(base, error), end; !error && it != end;
+       it.increment(error)) {
+    const std::string name = it->path().string().substr(base.size() + 1);
+    const fs::file_type type = it->symlink_status().type();
+    if (type == fs::file_type::directory) {
       items.push_back(name + "/");
-      for (const std::string& below : Snapshot(base, name + "/")) items.push_back(below);
-    } else if (S_ISLNK(info.st_mode)) {
-      char target[4096];
-      const ssize_t length = ::readlink(path.c_str(), target, sizeof target);
-      std::string text(target, length > 0 ? static_cast<size_t>(length) : 0);
+    } else if (type == fs::file_type::symlink) {
+      std::string text = fs::read_symlink(it->path(), error).string();
       if (text.compare(0, base.size(), base) == 0) text.replace(0, base.size(), "$");
       items.push_back(name + "->" + text);
-    } else if (S_ISREG(info.st_mode)) {
-      items.push_back(name + "=" + ReadRawFile(path));
+    } else if (type == fs::file_type::regular) {
+      items.push_back(name + "=" + ReadRawFile(it->path().string()));
     } else {
       items.push_back(name + "?");
     }
   }
-  ::closedir(dir);
   std::sort(items.begin(), items.end());
   return items;
 }
 
-// Limits the size of files this process writes, so that writes beyond
-// `bytes` fail with EFBIG; restores the old limit when it leaves its scope.
-// Should the limit not take, the rows that rely on it fail.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    ::getrlimit(RLIMIT_FSIZE, &old_);
-    oldHandler_ = ::signal(SIGXFSZ, SIG_IGN);
-    struct rlimit limit = old_;
-    limit.rlim_cur = bytes;
-    (void)::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &old_);
-    ::signal(SIGXFSZ, oldHandler_);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  struct rlimit old_;
-  void (*oldHandler_)(int);
-};
-
 // One call on a fresh folder built from `before` (see Build): its result and
-// the whole folder afterwards.
+// the whole folder afterwards. With `sizeLimit` set, writes beyond that many
+// bytes fail with EFBIG during the call.
 struct FileCase {
   const char* what;
   std::vector<std::string> before;
-  std::function<bool(const TempDir& base)> call;
+  std::function<bool(const std::string& base)> call;
   bool ok;
   std::vector<std::string> after;
   rlim_t sizeLimit = 0;
 };
 
 inline void RunFileCases(const std::vector<FileCase>& cases) {
+  ::signal(SIGXFSZ, SIG_IGN);
   for (const FileCase& c : cases) {
     SCOPED_TRACE(c.what);
     TempDir base;
     ASSERT_TRUE(zorv::test::Build(base.path(), c.before));
-    {
-      FileSizeLimit limit(c.sizeLimit != 0 ? c.sizeLimit : RLIM_INFINITY);
-      EXPECT_EQ(c.call(base), c.ok);
-    }
+    struct rlimit old, limit;
+    ::getrlimit(RLIMIT_FSIZE, &old);
+    limit = {c.sizeLimit != 0 ? c.sizeLimit : old.rlim_cur, old.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_EQ(c.call(base.path()), c.ok);
+    ::setrlimit(RLIMIT_FSIZE, &old);
     std::vector<std::string> after = c.after;
     std::sort(after.begin(), after.end());
     EXPECT_EQ(Snapshot(base.path()), after);
@@ -174,9 +147,41 @@ inline void RunFileCases(const std::vector<FileCase>& cases) {
 }
 
 // `relative` below `base`; an absolute or empty path as it is.
-inline zorv::foundation::SafeString At(const TempDir& base, const std::string& relative) {
-  return (relative.empty() || relative[0] == '/' ? relative : base / relative).c_str();
+inline foundation::SafeString At(const std::string& base, const std::string& relative) {
+  return (relative.empty() || relative[0] == '/' ? relative : base + "/" + relative).c_str();
 }
+
+// One call over paths below a folder: 'm' CreateFolder(from), 'R'
+// RemoveFolder, 'C' CopyFolder(from, to), 'r' RemoveFile, 'f' RenameFile,
+// 'd' RenameFolder, 'c' CopyFile, 't' WriteText(from, to), 'b' WriteBinary(from,
+// to) and 'n' the same with null data.
+inline std::function<bool(const std::string&)> Op(char op, const std::string& from,
+                                                  const std::string& to = "") {
+  using foundation::file::FileUtils;
+  return [=](const std::string& b) {
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(to.data());
+    if (op == 'm') return FileUtils::CreateFolder(At(b, from));
+    if (op == 'R') return FileUtils::RemoveFolder(At(b, from));
+    if (op == 'C') return FileUtils::CopyFolder(At(b, from), At(b, to));
+    if (op == 'r') return FileUtils::RemoveFile(At(b, from));
+    if (op == 'f') return FileUtils::RenameFile(At(b, from), At(b, to));
+    if (op == 'd') return FileUtils::RenameFolder(At(b, from), At(b, to));
+    if (op == 't')
+      return FileUtils::WriteText(At(b, from), foundation::SafeString(to.data(), to.size()));
+    if (op == 'b' || op == 'n') {
+      return FileUtils::WriteBinary(At(b, from), op == 'b' ? bytes : nullptr,
+                                    static_cast<unsigned int>(to.size()));
+    }
+    return FileUtils::CopyFile(At(b, from), At(b, to));
+  };
+}
+
+// A leak-checked test with a scratch folder; P(relative) is a path in it.
+class FileTest : public LeakCheckedTest {
+ protected:
+  foundation::SafeString P(const std::string& relative) const { return (dir_ / relative).c_str(); }
+  TempDir dir_;
+};
 
 }  // namespace test
 }  // namespace zorv

@@ -40,28 +40,24 @@ constexpr int kLargeFile = 0100000;
 constexpr int kLargeFile = 0;
 #endif
 
-char g_swapName[256];
+char g_openName[256];
+int g_openSkip = 0;
 char g_swapTarget[4096];
-int g_swapSkip = 0;
-char g_closeName[256];
 int g_closeFd = -1;
-int g_closeSkip = 0;
 
 int OpenAtHooked(int folder, const char* path, int flags, va_list args) {
   unsigned int mode = 0;
   if ((flags & kOpenWithMode) != 0) mode = va_arg(args, unsigned int);
-  if (g_swapName[0] != '\0' && std::strcmp(path, g_swapName) == 0 && g_swapSkip-- == 0) {
-    g_swapName[0] = '\0';
-    char moved[sizeof(g_swapName) + 8];
+  if (g_openName[0] != '\0' && std::strcmp(path, g_openName) == 0 && g_openSkip-- == 0) {
+    g_openName[0] = '\0';
+    char moved[sizeof(g_openName) + 8];
     std::snprintf(moved, sizeof(moved), "%s.moved", path);
-    if (::renameat(folder, path, folder, moved) != 0 ||
-        ::symlinkat(g_swapTarget, folder, path) != 0) {
+    if (g_swapTarget[0] == '\0') {
+      ::close(g_closeFd);
+    } else if (::renameat(folder, path, folder, moved) != 0 ||
+               ::symlinkat(g_swapTarget, folder, path) != 0) {
       std::fprintf(stderr, "swap of %s failed\n", path);
     }
-  }
-  if (g_closeName[0] != '\0' && std::strcmp(path, g_closeName) == 0 && g_closeSkip-- == 0) {
-    g_closeName[0] = '\0';
-    ::close(g_closeFd);
   }
   return static_cast<int>(::syscall(SYS_openat, folder, path, flags | kLargeFile, mode));
 }
@@ -88,12 +84,14 @@ std::atomic<bool> g_failing{false};
 #pragma GCC diagnostic ignored "-Wmissing-declarations"
 
 // Before the `skip`+1-th opening of an entry named `name` (by openat, in any
-// folder), the entry is renamed to name + ".moved" and a link to `target`
-// is put in its place. One swap per arming.
-extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int skip) {
+// folder): with a `target`, the entry is renamed to name + ".moved" and a
+// link to `target` is put in its place; with an empty one, `fd` is closed.
+// Once per arming; an empty name disarms.
+extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd) {
   std::snprintf(g_swapTarget, sizeof(g_swapTarget), "%s", target);
-  g_swapSkip = skip;
-  std::snprintf(g_swapName, sizeof(g_swapName), "%s", name);
+  g_closeFd = fd;
+  g_openSkip = skip;
+  std::snprintf(g_openName, sizeof(g_openName), "%s", name);
 }
 
 // The `skip`+1-th fdopendir from now fails with ENOMEM; -1 disarms.
@@ -108,14 +106,6 @@ extern "C" DIR* fdopendir(int fd) {
     return nullptr;
   }
   return real(fd);
-}
-
-// Before the `skip`+1-th opening of an entry named `name`, closes `fd`.
-// One close per arming.
-extern "C" void ZorvTestCloseBeforeOpen(const char* name, int fd, int skip) {
-  g_closeFd = fd;
-  g_closeSkip = skip;
-  std::snprintf(g_closeName, sizeof(g_closeName), "%s", name);
 }
 
 // With `on`, the first allocation that fault injection fails makes every

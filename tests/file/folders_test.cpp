@@ -21,10 +21,9 @@
 #include "support/tempdir.h"
 
 // Test hooks (folders_hooks.cpp).
-extern "C" void ZorvTestSwapBeforeOpen(const char* name, const char* target, int skip);
+extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 extern "C" void ZorvTestStickyAllocFailure(bool on);
 extern "C" void ZorvTestFailListing(int skip);
-extern "C" void ZorvTestCloseBeforeOpen(const char* name, int fd, int skip);
 extern "C" void ZorvTestLogCalls(char* log, int room);
 
 namespace {
@@ -35,10 +34,10 @@ using zorv::foundation::file::FileUtils;
 using zorv::test::At;
 using zorv::test::Build;
 using zorv::test::FileCase;
+using zorv::test::Op;
 using zorv::test::RawExists;
 using zorv::test::ReadRawFile;
 using zorv::test::Snapshot;
-using zorv::test::TempDir;
 
 std::vector<std::string> Sorted(const Vector<SafeString>& list, bool sort = true) {
   std::vector<std::string> result;
@@ -69,29 +68,13 @@ std::vector<std::string> Plus(std::vector<std::string> a, const std::vector<std:
   return a;
 }
 
-class FoldersTest : public zorv::test::LeakCheckedTest {
- protected:
-  SafeString P(const std::string& relative) const { return SafeString((dir_ / relative).c_str()); }
-  TempDir dir_;
-};
-
-// One folder operation over paths below the test folder: 'm' CreateFolder,
-// 'r' RemoveFolder, 'c' CopyFolder(path, to), 'w' WriteText(path, "text").
-std::function<bool(const TempDir&)> Op(char op, const std::string& path,
-                                       const std::string& to = "") {
-  return [=](const TempDir& b) {
-    if (op == 'm') return FileUtils::CreateFolder(At(b, path));
-    if (op == 'r') return FileUtils::RemoveFolder(At(b, path));
-    if (op == 'c') return FileUtils::CopyFolder(At(b, path), At(b, to));
-    return FileUtils::WriteText(At(b, path), "text");
-  };
-}
+using FoldersTest = zorv::test::FileTest;
 
 // `call` run in a child with exactly `free` descriptors left below its
 // limit; the child's result.
-std::function<bool(const TempDir&)> WithDescriptors(int free,
-                                                    std::function<bool(const TempDir&)> call) {
-  return [=](const TempDir& b) {
+std::function<bool(const std::string&)> WithDescriptors(
+    int free, std::function<bool(const std::string&)> call) {
+  return [=](const std::string& b) {
     const pid_t child = zorv::test::Fork([&](int) {
       struct rlimit limit;
       ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -122,33 +105,33 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"failed create removes what it made", {}, Op('m', "new/chain/" + longName), false, {}},
       {"failed create keeps a parent", {"old/"}, Op('m', "old/chain/" + longName), false, {"old/"}},
       {"failed create through '..'", {"a/"}, Op('m', "a/new\\..\\..\\evil/" + longName), false, {"a/"}},
-      {"remove a tree", Tree(), Op('r', "root"), true, {}},
+      {"remove a tree", Tree(), Op('R', "root"), true, {}},
       // The folder and its parent open, no descriptor for the entry: nothing goes.
-      {"remove without descriptors", {"d/", "d/f=x"}, WithDescriptors(2, Op('r', "d")), false,
+      {"remove without descriptors", {"d/", "d/f=x"}, WithDescriptors(2, Op('R', "d")), false,
        {"d/", "d/f=x"}},
-      {"write through '\\..'", {"a/"}, Op('w', "a/new\\..\\..\\evil/" + longName), false, {"a/"}},
-      {"write through '/..'", {"a/"}, Op('w', "a/new/../../evil/deeper/" + longName), false, {"a/"}},
-      {"failed write removes a chain", {}, Op('w', "made/one/two/" + longName), false, {}},
-      {"write splits at '\\'", {}, Op('w', "out/x\\y.txt"), true, {"out/", "out/x/", "out/x/y.txt=text"}},
-      {"write to a path ending in a separator", {}, Op('w', "x/"), false, {}},
-      {"copy a tree", Tree(), Op('c', "root", "copy"), true, Plus(Tree(), Tree("copy/"))},
-      {"copy an empty file", {"s/", "s/e="}, Op('c', "s", "copy"), true, {"s/", "s/e=", "copy/", "copy/e="}},
+      {"write through '\\..'", {"a/"}, Op('t', "a/new\\..\\..\\evil/" + longName, "text"), false, {"a/"}},
+      {"write through '/..'", {"a/"}, Op('t', "a/new/../../evil/deeper/" + longName, "text"), false, {"a/"}},
+      {"failed write removes a chain", {}, Op('t', "made/one/two/" + longName, "text"), false, {}},
+      {"write splits at '\\'", {}, Op('t', "out/x\\y.txt", "text"), true, {"out/", "out/x/", "out/x/y.txt=text"}},
+      {"write to a path ending in a separator", {}, Op('t', "x/", "text"), false, {}},
+      {"copy a tree", Tree(), Op('C', "root", "copy"), true, Plus(Tree(), Tree("copy/"))},
+      {"copy an empty file", {"s/", "s/e="}, Op('C', "s", "copy"), true, {"s/", "s/e=", "copy/", "copy/e="}},
       {"copy without memory to list the source", Tree(),
-       [](const TempDir& b) { ZorvTestFailListing(0); return Op('c', "root", "copy")(b); }, false, Tree()},
-      {"copy into a folder", Plus(Tree(), ownT), Op('c', "root", "t"), true,
+       [](const std::string& b) { ZorvTestFailListing(0); return Op('C', "root", "copy")(b); }, false, Tree()},
+      {"copy into a folder", Plus(Tree(), ownT), Op('C', "root", "t"), true,
        Plus(Tree(), Plus(Tree("t/"), {"t/own=mine"}))},
       // A FIFO counts as a file but cannot be copied; an existing target stays.
-      {"failed copy removes its target", {"s/", "s/d/", "s/d/f=x", "s/d/p?"}, Op('c', "s", "copy"), false,
+      {"failed copy removes its target", {"s/", "s/d/", "s/d/f=x", "s/d/p?"}, Op('C', "s", "copy"), false,
        {"s/", "s/d/", "s/d/f=x", "s/d/p?"}},
-      {"failed copy keeps a target", {"s/", "s/z=x", "s/p?", "e/", "e/own=x"}, Op('c', "s", "e"), false,
+      {"failed copy keeps a target", {"s/", "s/z=x", "s/p?", "e/", "e/own=x"}, Op('C', "s", "e"), false,
        {"e/", "e/own=x", "s/", "s/p?", "s/z=x"}},
       // Sockets and FIFOs are removed with their folder. A FIFO in an
       // existing target is neither waited on nor removed, and a socket
       // (which cannot be copied) fails a copy.
-      {"remove sockets and FIFOs", {"d/", "d/s/", "d/s/sock@", "d/s/fifo?"}, Op('r', "d"), true, {}},
-      {"FIFO in a target", {"tree/", "tree/pipe=f", "ex/", "ex/pipe?"}, Op('c', "tree", "ex"), false,
+      {"remove sockets and FIFOs", {"d/", "d/s/", "d/s/sock@", "d/s/fifo?"}, Op('R', "d"), true, {}},
+      {"FIFO in a target", {"tree/", "tree/pipe=f", "ex/", "ex/pipe?"}, Op('C', "tree", "ex"), false,
        {"tree/", "tree/pipe=f", "ex/", "ex/pipe?"}},
-      {"copy of a socket", {"s/", "s/sub/", "s/sub/sock@"}, Op('c', "s", "copy"), false,
+      {"copy of a socket", {"s/", "s/sub/", "s/sub/sock@"}, Op('C', "s", "copy"), false,
        {"s/", "s/sub/", "s/sub/sock?"}}};
   // clang-format on
   // Refused calls, which change nothing: an empty path, what exists, a file
@@ -160,9 +143,9 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
     const char* to;
   } refused[] = {
       {'m', "", ""},        {'m', "root", ""}, {'m', "f", ""},        {'m', "f/sub/deeper", ""},
-      {'r', "", ""},        {'r', "f", ""},    {'r', "missing", ""},  {'c', "root", "root"},
-      {'c', "root", "x/y"}, {'c', "f", "c"},   {'c', "missing", "c"}, {'c', "", "c"},
-      {'c', "root", ""},    {'c', "root", "f"}};
+      {'R', "", ""},        {'R', "f", ""},    {'R', "missing", ""},  {'C', "root", "root"},
+      {'C', "root", "x/y"}, {'C', "f", "c"},   {'C', "missing", "c"}, {'C', "", "c"},
+      {'C', "root", ""},    {'C', "root", "f"}};
   const std::vector<std::string> plain = Plus(Tree(), file);
   for (const auto& r : refused)
     cases.push_back({r.path, plain, Op(r.op, r.path, r.to), false, plain});
@@ -174,10 +157,9 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
 }
 
 // One hostile tree, built (see Build; '$' stands for the case's folder) in a
-// fresh folder where "outside/keep" exists, and one call: 'r' RemoveFolder,
-// 'c' CopyFolder(path, to), 'w' WriteText, 's' a search that must not list
-// "keep". Nothing outside may change; `present` and `absent` are checked
-// afterwards. With `swap` set, the entry "victim" is swapped for a link to
+// fresh folder where "outside/keep" exists, and one call: an Op (see
+// filetestutil.h) or 's', a search that must not list "keep". Nothing outside may change; `present`
+// and `absent` are checked afterwards. With `swap` set, the entry "victim" is swapped for a link to
 // "outside" before its swap-th opening (0 = first) during the call.
 struct HostileCase {
   const char* name;
@@ -194,32 +176,32 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
   // The first opening of a copy is the source's, the second the target's.
   // clang-format off
   const HostileCase cases[] = {
-      {"link to a folder as the argument", {"arg->$/outside"}, 'r', "arg", "", true, {}, {"arg"}},
-      {"link with a trailing separator", {"arg->$/outside"}, 'r', "arg/", "", true, {}, {"arg"}},
-      {"link to a file as the argument", {"arg->$/outside/keep"}, 'r', "arg", "", false, {"arg"}, {}},
+      {"link to a folder as the argument", {"arg->$/outside"}, 'R', "arg", "", true, {}, {"arg"}},
+      {"link with a trailing separator", {"arg->$/outside"}, 'R', "arg/", "", true, {}, {"arg"}},
+      {"link to a file as the argument", {"arg->$/outside/keep"}, 'R', "arg", "", false, {"arg"}, {}},
       {"links inside are removed as links",
-       {"tree/", "tree/ld->$/outside", "tree/lf->$/outside/keep", "tree/dangling->$/nothing"}, 'r', "tree",
+       {"tree/", "tree/ld->$/outside", "tree/lf->$/outside/keep", "tree/dangling->$/nothing"}, 'R', "tree",
        "", true, {}, {"tree"}},
-      {"a name leading back up", {"tree/", "tree/sub/"}, 'r', "tree/sub/..", "", false, {"tree/sub"}, {}},
-      {"link loops are removed", {"tree/", "tree/sub/", "tree/sub/back->../..", "tree/self->."}, 'r', "tree",
+      {"a name leading back up", {"tree/", "tree/sub/"}, 'R', "tree/sub/..", "", false, {"tree/sub"}, {}},
+      {"link loops are removed", {"tree/", "tree/sub/", "tree/sub/back->../..", "tree/self->."}, 'R', "tree",
        "", true, {}, {"tree"}},
-      {"a link loop fails a copy", {"tree/", "tree/sub/", "tree/sub/f=f", "tree/sub/up->.."}, 'c', "tree",
+      {"a link loop fails a copy", {"tree/", "tree/sub/", "tree/sub/f=f", "tree/sub/up->.."}, 'C', "tree",
        "copy", false, {}, {"copy"}},
-      {"a target inside the source", {"tree/", "tree/f=f"}, 'c', "tree", "tree/in", false, {"tree/f"},
+      {"a target inside the source", {"tree/", "tree/f=f"}, 'C', "tree", "tree/in", false, {"tree/f"},
        {"tree/in"}},
-      {"swapped while removed", victim, 'r', "tree", "", true, {}, {"tree"}, 0},
-      {"target swapped while copied", victim, 'c', "tree", "copy", false, {}, {"copy"}, 1},
+      {"swapped while removed", victim, 'R', "tree", "", true, {}, {"tree"}, 0},
+      {"target swapped while copied", victim, 'C', "tree", "copy", false, {}, {"copy"}, 1},
       // Refused before anything is opened.
-      {"a copy onto itself", victim, 'c', "tree/victim", "tree/victim", false, {"tree/victim/f"},
+      {"a copy onto itself", victim, 'C', "tree/victim", "tree/victim", false, {"tree/victim/f"},
        {"tree/victim.moved"}, 0},
       {"swapped while searched", victim, 's', "tree", "", true, {"tree/victim.moved/f", "tree/victim"}, {}, 0},
-      {"backslashes are part of names", {"tree/", "tree/f\\../", "tree/f\\../planted=f", "tree/a\\b=f"}, 'c',
+      {"backslashes are part of names", {"tree/", "tree/f\\../", "tree/f\\../planted=f", "tree/a\\b=f"}, 'C',
        "tree", "copy", true, {"copy/f\\../planted", "copy/a\\b"}, {"planted", "b", "copy/b"}},
-      {"backslash names are removed", {"tree/", "tree/x\\..\\../", "tree/x\\..\\../f=f"}, 'r', "tree", "",
+      {"backslash names are removed", {"tree/", "tree/x\\..\\../", "tree/x\\..\\../f=f"}, 'R', "tree", "",
        true, {}, {"tree"}},
-      {"made folder swapped before its roll-back", {}, 'w', "victim/" + std::string(300, 'n'), "", false,
+      {"made folder swapped before its roll-back", {}, 't', "victim/" + std::string(300, 'n'), "text", false,
        {"victim.moved"}, {"victim"}, 0},
-      {"a link in an existing target", {"tree/", "tree/keep=f", "ex/", "ex/keep->$/outside/keep"}, 'c',
+      {"a link in an existing target", {"tree/", "tree/keep=f", "ex/", "ex/keep->$/outside/keep"}, 'C',
        "tree", "ex", false, {"ex/keep"}, {}}};
   // clang-format on
   int index = 0;
@@ -229,19 +211,14 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
     ASSERT_EQ(::mkdir(base.c_str(), 0755), 0);
     ASSERT_TRUE(Build(base, {"outside/", "outside/keep=x"}));
     ASSERT_TRUE(Build(base, c.build));
-    const SafeString path((base + "/" + c.path).c_str());
-    if (c.swap >= 0) ZorvTestSwapBeforeOpen("victim", (base + "/outside").c_str(), c.swap);
-    bool result = false;
-    if (c.op == 'r') result = FileUtils::RemoveFolder(path);
-    if (c.op == 'c') result = FileUtils::CopyFolder(path, (base + "/" + c.to).c_str());
-    if (c.op == 'w') result = FileUtils::WriteText(path, "text");
-    if (c.op == 's') {
-      result = true;
-      for (const std::string& f : Sorted(FileUtils::SearchFiles(path, 4, {}))) {
-        result = result && f.find("keep") == std::string::npos;
-      }
+    if (c.swap >= 0) ZorvTestBeforeOpen("victim", c.swap, (base + "/outside").c_str(), -1);
+    bool result = c.op == 's' || Op(c.op, c.path, c.to)(base);
+    for (const std::string& f : c.op == 's'
+                                    ? Sorted(FileUtils::SearchFiles(At(base, c.path), 4, {}))
+                                    : std::vector<std::string>()) {
+      result = result && f.find("keep") == std::string::npos;
     }
-    ZorvTestSwapBeforeOpen("", "", 0);
+    ZorvTestBeforeOpen("", 0, "", -1);
     EXPECT_EQ(result, c.expected);
     EXPECT_EQ(Snapshot(base + "/outside"), std::vector<std::string>{"keep=x"});
     for (const std::string& p : c.present) EXPECT_TRUE(RawExists(base + "/" + p)) << p;
@@ -261,7 +238,7 @@ TEST_F(FoldersTest, CopyIntoAFolderOpenedAsDescriptorZero) {
     ASSERT_TRUE(Build(base, {"s/", "s/d/", "s/d/" + file}));
     const pid_t child = zorv::test::Fork([&](int pipeEnd) {
       if (::dup2(pipeEnd, 0) != 0) return 2;
-      ZorvTestCloseBeforeOpen("d", 0, 1);  // after the source's "d", before the target's
+      ZorvTestBeforeOpen("d", 1, "", 0);  // after the source's "d", before the target's
       char log[16];
       ZorvTestLogCalls(log, sizeof log);
       const bool copied = FileUtils::CopyFolder((base + "/s").c_str(), (base + "/copy").c_str());

@@ -73,16 +73,13 @@ std::map<std::string, std::string> Entries(const std::string& path) {
   return entries;
 }
 
-// Ids of the live (not zombie) processes whose name is `name`.
+// Ids of the processes whose name is `name`.
 std::vector<int> ProcessesNamed(const std::string& name) {
   std::vector<int> pids;
   for (const auto& entry : Entries("/proc")) {
-    const std::string proc = "/proc/" + entry.first;
-    if (atoi(entry.first.c_str()) <= 0 || ReadRawFile(proc + "/comm") != name + "\n") continue;
-    const std::string stat = ReadRawFile(proc + "/stat");
-    const size_t close = stat.rfind(')');
-    if (close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'Z') continue;
-    pids.push_back(atoi(entry.first.c_str()));
+    const int pid = atoi(entry.first.c_str());
+    if (pid > 0 && ReadRawFile("/proc/" + entry.first + "/comm") == name + "\n")
+      pids.push_back(pid);
   }
   return pids;
 }
@@ -106,21 +103,15 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
     LeakCheckedTest::TearDown();
   }
 
-  // What a call reported from its caller process.
-  struct Outcome {
-    bool started = false;
-    bool sigchldIgnored = false;
-  };
-
   // Makes `start` in a forked caller process, which then reports its own id,
-  // the result, whether it threw, whether SIGCHLD is ignored afterwards and
-  // the blocks the call left. With `exhaust`, allocation n = 1, 2, ... fails
+  // the result, whether it threw, whether SIGCHLD is ignored afterwards (kept
+  // in sigchldIgnored_) and the blocks the call left; true when it started
+  // a child. With `exhaust`, allocation n = 1, 2, ... fails
   // in turn until the call starts a child. With `pending`, the caller's
   // standard output is the report pipe with bytes buffered by a stdio stream
   // that only the caller's exit work would write out: any byte on the pipe
   // besides the report fails the test.
-  static Outcome Call(const std::function<bool()> start, bool exhaust = false,
-                      bool pending = false) {
+  bool Call(const std::function<bool()> start, bool exhaust = false, bool pending = false) {
     int from = -1;
     const pid_t caller = zorv::test::Fork(
         [&](int to) {
@@ -155,7 +146,6 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
     close(from);
     int pid = 0, started = 0, threw = 0, ignored = 0, used = 0;
     long long leaked = 0;
-    Outcome outcome;
     const bool parsed = sscanf(text.c_str(), "%d %d %d %d %lld\n%n", &pid, &started, &threw,
                                &ignored, &leaked, &used) == 5 &&
                         static_cast<size_t>(used) == text.size();
@@ -163,14 +153,13 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
     EXPECT_EQ(zorv::test::WaitChild(caller), parsed && pid == caller ? 0 : -1);
     if (!parsed) {
       ADD_FAILURE() << "not a report alone from the caller: '" << text << "'";
-      return outcome;
+      return false;
     }
     EXPECT_EQ(pid, caller) << "the call came back in another process than its caller";
     EXPECT_EQ(threw, 0);
     EXPECT_EQ(leaked, 0) << "blocks left behind by the call";
-    outcome.started = started != 0 && pid == caller;
-    outcome.sigchldIgnored = ignored != 0;
-    return outcome;
+    sigchldIgnored_ = ignored != 0;
+    return started != 0 && pid == caller;
   }
 
   // A copy of sleep under a fresh unique name (at most 15 bytes, the
@@ -187,11 +176,8 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
     return PollUntil([&] { return !ProcessesNamed(name).empty(); });
   }
 
-  static bool Ends(const std::string& name) {
-    return PollUntil([&] { return ProcessesNamed(name).empty(); });
-  }
-
   std::vector<std::string> started_;
+  bool sigchldIgnored_ = false;
 };
 
 TEST_F(ProcessTest, NullArgumentsAndExhaustedMemoryReturnFalse) {
@@ -201,14 +187,16 @@ TEST_F(ProcessTest, NullArgumentsAndExhaustedMemoryReturnFalse) {
   // Memory runs out before a child exists: no exception, nothing started
   // (Command and Execute meet each failure in the inheritance test).
   EXPECT_FALSE(Call([] {
-                 FailAfterGuard failing(1);
-                 return SystemUtils::Kill("a-name-longer-than-a-short-string", true);
-               }).started);
+    FailAfterGuard failing(1);
+    return SystemUtils::Kill("a-name-longer-than-a-short-string", true);
+  }));
 }
 
 // What a started program inherits: no descriptor above 2, SIGCHLD at its
 // default although the caller ignores it, no blocked signal although the
-// calling thread blocks one; also when allocations of the call fail.
+// calling thread blocks one; also when allocations of the call fail. The
+// call returns while the child goes on, and leaves SIGCHLD ignored so that
+// the system reaps the child; Command's shell runs the whole line.
 TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSignals) {
   struct Case {
     const char* name;
@@ -247,17 +235,20 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string name = sleepCopy(dir);
-    // Command's shell replaces itself with the sleeping copy.
-    const std::string program = dir / name, command = "exec '" + program + "' 30";
+    // Command's shell writes "mademade" and replaces itself with the copy.
+    const std::string program = dir / name, out = dir / (name + ".out");
+    const std::string command =
+        "word=made; echo $word$word > '" + out + "'; exec '" + program + "' 30";
     ASSERT_TRUE(Call(
-                    [&] {
-                      if (c.noCloseRange) FailSyscall(kCloseRange, ENOSYS);
-                      return c.execute ? SystemUtils::Execute(program.c_str(), "30")
-                                       : SystemUtils::Command(command.c_str());
-                    },
-                    c.exhaust)
-                    .started);
+        [&] {
+          if (c.noCloseRange) FailSyscall(kCloseRange, ENOSYS);
+          return c.execute ? SystemUtils::Execute(program.c_str(), "30")
+                           : SystemUtils::Command(command.c_str());
+        },
+        c.exhaust));
+    EXPECT_TRUE(sigchldIgnored_);
     ASSERT_TRUE(Runs(name)) << "the child did not run its program";
+    EXPECT_EQ(ReadRawFile(out), c.execute ? "" : "mademade\n");
     const std::vector<int> pids = ProcessesNamed(name);
     ASSERT_EQ(pids.size(), 1u);
     const auto inherited = Entries("/proc/" + std::to_string(pids[0]) + "/fd");
@@ -269,32 +260,12 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     }
     EXPECT_EQ(SignalMask(pids[0], "SigIgn") & (1ULL << (SIGCHLD - 1)), 0u) << "SIGCHLD ignored";
     EXPECT_EQ(SignalMask(pids[0], "SigBlk"), 0u) << "signals blocked";
-    kill(pids[0], SIGKILL);
-    EXPECT_TRUE(Ends(name));
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   for (int fd : {file, pipeFds[0], pipeFds[1], ninety}) close(fd);
 }
 
-// The shell runs the whole line; the call returns while the child goes on,
-// and leaves SIGCHLD ignored so that the system reaps the child. Kill ends it
-// by name through the real killall (its exact command lines are checked
-// below).
-TEST_F(ProcessTest, CommandRunsThroughTheShellWithoutWaitingUntilKilled) {
-  TempDir dir;
-  const std::string name = sleepCopy(dir), out = dir / "out";
-  const std::string command =
-      "word=made; echo $word$word > '" + out + "'; exec '" + (dir / name) + "' 30";
-  const Outcome outcome = Call([&] { return SystemUtils::Command(command.c_str()); });
-  ASSERT_TRUE(outcome.started);
-  EXPECT_TRUE(outcome.sigchldIgnored);
-  EXPECT_TRUE(PollUntil([&] { return ReadRawFile(out) == "mademade\n"; })) << ReadRawFile(out);
-  ASSERT_TRUE(Runs(name)) << "still running after the call returned";
-  ASSERT_TRUE(Call([&] { return SystemUtils::Kill(name.c_str(), false); }).started);
-  EXPECT_TRUE(Ends(name));
-}
-
-TEST_F(ProcessTest, ExecuteSplitsAtBlanksTrimsAndSetsModeExecuteOnly) {
+TEST_F(ProcessTest, ExecuteSplitsAtBlanksTrimsSetsModeExecuteOnlyAndEndsAFailedChild) {
   TempDir dir;
   const std::string program = dir / "toucher";
   ASSERT_TRUE(CopyProgram("touch", program));
@@ -302,9 +273,9 @@ TEST_F(ProcessTest, ExecuteSplitsAtBlanksTrimsAndSetsModeExecuteOnly) {
   // a word left untrimmed would be a file in the folder too.
   const std::string arguments = "  first   " + (dir / "second") + "\t  \t ";
   EXPECT_TRUE(Call([&] {
-                return chdir(dir.path().c_str()) == 0 &&
-                       SystemUtils::Execute(program.c_str(), arguments.c_str());
-              }).started);
+    return chdir(dir.path().c_str()) == 0 &&
+           SystemUtils::Execute(program.c_str(), arguments.c_str());
+  }));
   EXPECT_TRUE(PollUntil([&] { return Exists(dir / "first") && Exists(dir / "second"); }));
   std::set<std::string> names;
   for (const auto& entry : Entries(dir.path())) names.insert(entry.first);
@@ -312,15 +283,10 @@ TEST_F(ProcessTest, ExecuteSplitsAtBlanksTrimsAndSetsModeExecuteOnly) {
   struct stat info;
   ASSERT_EQ(stat(program.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0111u) << "the whole mode is replaced and kept";
-}
-
-// A child whose program cannot be run ends at once, without the caller's
-// exit work (which would write out the caller's buffered bytes again).
-TEST_F(ProcessTest, FailedExecEndsTheChildWithoutTheCallersExitWork) {
-  TempDir dir;
+  // A child whose program cannot be run ends at once, without the caller's
+  // exit work (which would write out the caller's buffered bytes again).
   const std::string missing = dir / "missing";
-  EXPECT_TRUE(
-      Call([&] { return SystemUtils::Execute(missing.c_str(), "x"); }, false, true).started);
+  EXPECT_TRUE(Call([&] { return SystemUtils::Execute(missing.c_str(), "x"); }, false, true));
   EXPECT_FALSE(Exists(missing)) << "chmod creates nothing";
 }
 
@@ -348,9 +314,8 @@ TEST_F(ProcessTest, KillCommandLines) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     ASSERT_TRUE(Call([&] {
-                  return setenv("PATH", path.c_str(), 1) == 0 &&
-                         SystemUtils::Kill(c.name.c_str(), c.force);
-                }).started);
+      return setenv("PATH", path.c_str(), 1) == 0 && SystemUtils::Kill(c.name.c_str(), c.force);
+    }));
     EXPECT_TRUE(PollUntil([&] { return ReadRawFile(args) == c.arguments; })) << ReadRawFile(args);
     unlink(args.c_str());
   }
