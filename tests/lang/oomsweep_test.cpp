@@ -204,13 +204,15 @@ struct Row {
 void PrintTo(const Row& row, std::ostream* os) { *os << row.name; }
 
 const Row kRows[] = {
-    // Core: the exception type copies its texts.
+    // Core: the exception type copies its texts; what() is built from those
+    // of the last assignment.
     {"Exception_copyAndWhat",
      [](OomAttempt& a) {
        const std::string func = "zorv.foundation.area.Class.operationWithALongName";
        a.wholeOrThrown(func + " : " + Filler(40), [&] {
-         const zf::lang::Exception original(func.c_str(), Filler(40).c_str());
-         return Str(zf::lang::Exception(original).what());
+         zf::lang::Exception assigned("zorv.foundation.a.B.c", "an earlier reason");
+         assigned = zf::lang::Exception(func.c_str(), Filler(40).c_str());
+         return Str(zf::lang::Exception(assigned).what());
        });
      }},
     // Text: results are built whole or not at all.
