@@ -127,20 +127,6 @@ TEST_F(MonitorsTest, BlocksAndHandlesAreCountedBySizeClass) {
   EXPECT_EQ(SystemMonitor::LiveHandles(), handles);
 }
 
-TEST_F(MonitorsTest, FailAfterFailsTheNthAllocationOnce) {
-  zorv::test::FailAfterGuard guard(3);
-  unsigned char* blocks[4];
-  for (unsigned char*& block : blocks) block = MemoryMonitor::Alloc(8);
-  EXPECT_TRUE(blocks[0] != nullptr && blocks[1] != nullptr && blocks[3] != nullptr);
-  EXPECT_EQ(blocks[2], nullptr);
-  for (unsigned char* block : blocks) MemoryMonitor::Dealloc(block, 8);
-  MemoryMonitor::FailAfter(1);
-  MemoryMonitor::FailAfter(0);  // switched off before it fired
-  unsigned char* kept = MemoryMonitor::Alloc(8);
-  EXPECT_NE(kept, nullptr);
-  MemoryMonitor::Dealloc(kept, 8);
-}
-
 TEST_F(MonitorsTest, CountsStayExactAcrossManyConcurrentShortLivedThreads) {
   // More threads than the monitor has per-thread slots, 30 at a time, each
   // counting blocks and objects and leaving a block for the main thread to
