@@ -264,22 +264,6 @@ const Row kRows[] = {
          }
        }
      }},
-    {"StringUtils_TextToNumbersNeverThrow",
-     [](OomAttempt& a) {
-       const SafeString longMin("-9223372036854775808"), ulongMax("18446744073709551615"),
-           hex("0xFFFFFFFFFFFFFFFF"), real("-12345.678e-3"),
-           classified("+1234567890.0987654321e-05");
-       bool right = false;
-       a.run([&] {
-         right = StringUtils::StringToLong(longMin) == LLONG_MIN &&
-                 StringUtils::StringToULong(ulongMax) == ULLONG_MAX &&
-                 StringUtils::HexStringToULong(hex) == ULLONG_MAX &&
-                 StringUtils::StringToFloat(real) == -12.345678 &&
-                 StringUtils::GetNumberFormat(classified) == 2;
-       });
-       EXPECT_FALSE(a.threw()) << "the parsers never throw";
-       EXPECT_TRUE(right);
-     }},
     {"CodecUtils_Base64",
      [](OomAttempt& a) {
        const std::string bytes = Filler(Count(300));
