@@ -58,6 +58,8 @@ unsigned long long Allocated(const MemoryBuffer& b) {
   return fields.allocLength;
 }
 
+// write() from the buffer's own bytes, when it grows and when it fits; and
+// Copy(), which copies nothing for a length of 0.
 TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
   struct Case {
     std::string text;
@@ -84,14 +86,18 @@ TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
     ASSERT_EQ(b.length(), c.expected.size());
     EXPECT_EQ(std::memcmp(b.data(), c.expected.data(), c.expected.size()), 0);
   }
+  unsigned char byte = 'x';
+  MemoryBuffer::Copy(&byte, Bytes("y"), 1);
+  EXPECT_EQ(byte, 'y');
+  MemoryBuffer::Copy(nullptr, nullptr, 0);
 }
 
 // A script of calls on one buffer: each step is a call, its argument (bytes
 // to write or read, a position, a length), the bytes written or expected from
 // a read, what it returns (a read: 1 when it succeeds), and afterwards the
 // fields, the first bytes and a MemoryBuffer's allocated size; and for a
-// refused call the source of the Exception it throws ("length_error": a
-// std::length_error).
+// refused call the source of the Exception it throws ("length_error",
+// "bad_alloc": that standard exception).
 struct Step {
   const char* op;
   unsigned long long n;
@@ -144,6 +150,8 @@ void RunScript(Buffer& b, const Step (&steps)[N]) {
       call();
     } else if (std::string(s.refused) == "length_error") {
       EXPECT_THROW(call(), std::length_error);
+    } else if (std::string(s.refused) == "bad_alloc") {
+      EXPECT_THROW(call(), std::bad_alloc);
     } else {
       EXPECT_ZORV_THROW(call(), s.refused, "not supported operation");
     }
@@ -189,6 +197,10 @@ TEST_F(MemoryBufferTest, CallsMoveLengthPositionsAndStorage) {
       {"read", 1, "x", 1, 3, 1, 3, "xyz", 3},
       {"write", 5, "12345", 0, 8, 1, 8, "xyz12345", 8},  // short by more than the size: exactly
       {"clear", 0, "", 0, 0, 0, 0, "", 0},
+      // Growth that cannot be had throws and changes nothing.
+      {"write", 3, "abc", 0, 3, 0, 3, "abc", 3},
+      {"setLength", (~0ull >> 1) + 1, "", 0, 3, 0, 3, "abc", 3, "bad_alloc"},
+      {"write", ~0ull - 1, "x", 0, 3, 0, 3, "abc", 3, "bad_alloc"},
   };
   MemoryBuffer b;
   RunScript(b, steps);
@@ -270,20 +282,6 @@ TEST_F(MemoryBufferTest, FromTakesBytesOfAnotherBuffer) {
   EXPECT_TRUE(target.from(&reader, 7, 4));
   EXPECT_EQ(std::memcmp(target.data(), "text", 4), 0);
   EXPECT_EQ(reader.tellRead(), 0u);
-}
-
-TEST_F(MemoryBufferTest, ImpossibleGrowthThrowsBadAllocAndChangesNothing) {
-  MemoryBuffer b;
-  b.write(Bytes("abc"), 3);
-  EXPECT_THROW(b.setLength((~0ull >> 1) + 1), std::bad_alloc);
-  ExpectFields(b, 3, 0, 3);
-  EXPECT_EQ(std::memcmp(b.data(), "abc", 3), 0);
-  unsigned char byte = 'x';
-  EXPECT_THROW(b.write(&byte, ~0ull - 1), std::bad_alloc);
-  ExpectFields(b, 3, 0, 3);
-  MemoryBuffer::Copy(&byte, Bytes("y"), 1);
-  EXPECT_EQ(byte, 'y');
-  MemoryBuffer::Copy(nullptr, nullptr, 0);
 }
 
 // A reader over "abc\0ef": reads and seeks move its position, the calls of
