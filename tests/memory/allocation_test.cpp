@@ -30,8 +30,9 @@ struct Usage {
 
 // Short strings live inside the object; a longer one takes one block of its
 // capacity and the terminating zero. Growth doubles the capacity when that
-// suffices, else takes exactly what is needed.
-TEST_F(AllocationTest, SafeStringBlocksAndGrowth) {
+// suffices, else takes exactly what is needed. A vector's block is accounted
+// too.
+TEST_F(AllocationTest, SafeStringAndVectorBlocksAndGrowth) {
   struct Case {
     size_t size;
     size_t append;
@@ -52,6 +53,11 @@ TEST_F(AllocationTest, SafeStringBlocksAndGrowth) {
     EXPECT_EQ(before.moreBlocks(), c.blocks);
     EXPECT_EQ(before.moreBytes(), c.blocks == 0 ? 0 : c.capacity + 1);
   }
+  const Usage before;
+  Vector<int> v;
+  for (int i = 0; i < 1000; ++i) v.push_back(i);
+  EXPECT_EQ(before.moreBlocks(), 1u) << "a vector's one block";
+  EXPECT_EQ(before.moreBytes(), v.capacity() * sizeof(int));
   SafeString s("abc");
   EXPECT_EQ(s.max_size(), 0x7FFFFFFFu) << "the longest length is 31 bits";
   EXPECT_THROW(s.resize(static_cast<size_t>(0x7FFFFFFFu) + 1u), std::length_error);
@@ -81,14 +87,6 @@ TEST_F(AllocationTest, SafeStringConvertsFromStandardStringsAndHashes) {
   EXPECT_EQ(before.moreBytes(), 101u);
   EXPECT_EQ(Take(fromStd + " world").substr(4), "world");
   EXPECT_EQ(std::hash<SafeString>()(fromStd), std::hash<std::string>()(withNul));
-}
-
-TEST_F(AllocationTest, VectorBlocksAreAccounted) {
-  const Usage before;
-  Vector<int> v;
-  for (int i = 0; i < 1000; ++i) v.push_back(i);
-  EXPECT_EQ(before.moreBlocks(), 1u);
-  EXPECT_EQ(before.moreBytes(), v.capacity() * sizeof(int));
 }
 
 TEST_F(AllocationTest, AllocatorThrowsBadAllocOnInjectedFailureAndOversizedRequests) {
