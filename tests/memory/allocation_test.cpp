@@ -4,6 +4,8 @@
 // than 32 bits.
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <type_traits>
 
 #include "foundation/collection/vector.h"
 #include "foundation/debug/memorymonitor.h"
@@ -28,8 +30,9 @@ struct Usage {
 
 // Short strings live inside the object; a longer one takes one block of its
 // capacity and the terminating zero. Growth doubles the capacity when that
-// suffices, else takes exactly what is needed.
-TEST_F(AllocationTest, SafeStringBlocksAndGrowth) {
+// suffices, else takes exactly what is needed. A vector's block is accounted
+// too.
+TEST_F(AllocationTest, SafeStringAndVectorBlocksAndGrowth) {
   struct Case {
     size_t size;
     size_t append;
@@ -50,26 +53,40 @@ TEST_F(AllocationTest, SafeStringBlocksAndGrowth) {
     EXPECT_EQ(before.moreBlocks(), c.blocks);
     EXPECT_EQ(before.moreBytes(), c.blocks == 0 ? 0 : c.capacity + 1);
   }
+  const Usage before;
+  Vector<int> v;
+  for (int i = 0; i < 1000; ++i) v.push_back(i);
+  EXPECT_EQ(before.moreBlocks(), 1u) << "a vector's one block";
+  EXPECT_EQ(before.moreBytes(), v.capacity() * sizeof(int));
   SafeString s("abc");
   EXPECT_EQ(s.max_size(), 0x7FFFFFFFu) << "the longest length is 31 bits";
   EXPECT_THROW(s.resize(static_cast<size_t>(0x7FFFFFFFu) + 1u), std::length_error);
   EXPECT_EQ(s, "abc");
 }
 
-TEST_F(AllocationTest, SafeStringConvertsFromStandardResultsAndHashes) {
-  SafeString a("hello");
-  SafeString b = a + " world";
-  EXPECT_EQ(b, "hello world");
-  EXPECT_EQ(b.substr(6), "world");
-  EXPECT_EQ(std::hash<SafeString>()(a), std::hash<std::string>()(std::string("hello")));
-}
+SafeString Take(const SafeString& s) { return s; }
 
-TEST_F(AllocationTest, VectorBlocksAreAccounted) {
+// SafeString converts implicitly from the standard strings, whole bytes and
+// accounted memory, and only explicitly back; the base class's results
+// convert too, and it hashes as the standard string.
+TEST_F(AllocationTest, SafeStringConvertsFromStandardStringsAndHashes) {
+  static_assert(std::is_convertible<std::string, SafeString>::value, "from std::string");
+  static_assert(std::is_convertible<std::string_view, SafeString>::value, "from string_view");
+  static_assert(!std::is_convertible<SafeString, std::string>::value, "back only explicitly");
+  static_assert(std::is_convertible<SafeString, std::string_view>::value, "view without a copy");
+  const std::string withNul("a\0b", 3);
+  const SafeString fromStd = withNul;
+  EXPECT_EQ(Take(std::string_view(withNul)), fromStd);
+  EXPECT_EQ(Take(withNul.substr(1)), SafeString(std::string_view("\0b", 2)));
+  EXPECT_EQ(static_cast<std::string>(fromStd), withNul);
+  SafeString assigned("x");
+  assigned = withNul;
+  EXPECT_EQ(assigned.str(), withNul);
   const Usage before;
-  Vector<int> v;
-  for (int i = 0; i < 1000; ++i) v.push_back(i);
-  EXPECT_EQ(before.moreBlocks(), 1u);
-  EXPECT_EQ(before.moreBytes(), v.capacity() * sizeof(int));
+  const SafeString converted = std::string(100, 'x');
+  EXPECT_EQ(before.moreBytes(), 101u);
+  EXPECT_EQ(Take(fromStd + " world").substr(4), "world");
+  EXPECT_EQ(std::hash<SafeString>()(fromStd), std::hash<std::string>()(withNul));
 }
 
 TEST_F(AllocationTest, AllocatorThrowsBadAllocOnInjectedFailureAndOversizedRequests) {

@@ -1,13 +1,18 @@
-// Tests of MemoryBuffer: growth, positions, moves and copying from buffers.
+// Tests of MemoryBuffer (growth, positions, moves and copying from buffers),
+// StringReader and StringWriter.
 #include "foundation/memory/memorybuffer.h"
 
 #include <cstring>
 #include <new>
+#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "foundation/lang/exception.h"
 #include "foundation/memory/stringreader.h"
+#include "foundation/memory/stringwriter.h"
 #include "foundation/text/safestring.h"
 #include "support/leakcheck.h"
 
@@ -17,14 +22,17 @@ using zorv::foundation::SafeString;
 using zorv::foundation::memory::IBuffer;
 using zorv::foundation::memory::MemoryBuffer;
 using zorv::foundation::memory::StringReader;
+using zorv::foundation::memory::StringWriter;
 
 using MemoryBufferTest = zorv::test::LeakCheckedTest;
+using StringReaderTest = zorv::test::LeakCheckedTest;
+using StringWriterTest = zorv::test::LeakCheckedTest;
 
 const unsigned char* Bytes(const char* text) {
   return reinterpret_cast<const unsigned char*>(text);
 }
 
-void ExpectFields(const MemoryBuffer& b, unsigned long long length, unsigned long long read,
+void ExpectFields(const IBuffer& b, unsigned long long length, unsigned long long read,
                   unsigned long long write) {
   EXPECT_EQ(b.length(), length);
   EXPECT_EQ(b.tellRead(), read);
@@ -50,6 +58,8 @@ unsigned long long Allocated(const MemoryBuffer& b) {
   return fields.allocLength;
 }
 
+// write() from the buffer's own bytes, when it grows and when it fits; and
+// Copy(), which copies nothing for a length of 0.
 TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
   struct Case {
     std::string text;
@@ -76,83 +86,124 @@ TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
     ASSERT_EQ(b.length(), c.expected.size());
     EXPECT_EQ(std::memcmp(b.data(), c.expected.data(), c.expected.size()), 0);
   }
+  unsigned char byte = 'x';
+  MemoryBuffer::Copy(&byte, Bytes("y"), 1);
+  EXPECT_EQ(byte, 'y');
+  MemoryBuffer::Copy(nullptr, nullptr, 0);
 }
 
-// One buffer through a script of calls: each row is a call, what it
-// returns, and the fields, allocated size and bytes afterwards.
-TEST_F(MemoryBufferTest, CallsMoveLengthPositionsAndStorage) {
-  struct Step {
-    const char* op;
-    unsigned long long n;        // bytes to write or read, a position, a length
-    const char* bytes;           // bytes written, or expected from a read
-    unsigned long long returns;  // a read: 1 when it succeeds
-    unsigned long long length, read, write, allocated;
-    const char* content;
-  };
-  const Step steps[] = {
-      {"addAlloc", 10, "", 0, 0, 0, 0, 10, ""},  // from nothing: exactly
-      {"addAlloc", 4, "", 0, 0, 0, 0, 20, ""},   // fits in the size: doubles
-      {"addAlloc", 21, "", 0, 0, 0, 0, 41, ""},  // else exactly the shortfall more
-      {"setAlloc", 10, "", 0, 0, 0, 0, 10, ""},
-      {"write", 10, "0123456789", 0, 10, 0, 10, 10, "0123456789"},  // fits exactly
-      {"seekWrite", 0, "", 10, 10, 0, 0, 10, "0123456789"},
-      {"write", 3, "abc", 0, 10, 0, 3, 10, "abc3456789"},  // overwrites, no longer
-      {"seekWrite", 8, "", 3, 10, 0, 8, 10, "abc3456789"},
-      {"write", 4, "XYZW", 0, 12, 0, 12, 20, "abc34567XYZW"},  // past the end: longer
-      {"read", 5, "abc34", 1, 12, 5, 12, 20, "abc34567XYZW"},
-      {"read", 8, "", 0, 12, 5, 12, 20, "abc34567XYZW"},  // 7 remain: nothing read
-      {"read", 7, "567XYZW", 1, 12, 12, 12, 20, "abc34567XYZW"},
-      {"read", 0, "", 1, 12, 12, 12, 20, "abc34567XYZW"},  // at the end, 0 bytes succeed
-      {"read", 1, "", 0, 12, 12, 12, 20, "abc34567XYZW"},
-      {"seekRead", 13, "", 12, 12, 12, 12, 20, "abc34567XYZW"},  // beyond: unchanged
-      {"seekRead", 0, "", 12, 12, 0, 12, 20, "abc34567XYZW"},
-      {"seekRead", 12, "", 0, 12, 12, 12, 20, "abc34567XYZW"},  // exactly the length
-      {"seekWrite", 100, "", 12, 12, 12, 12, 20, "abc34567XYZW"},
-      {"seekWrite", 4, "", 12, 12, 12, 4, 20, "abc34567XYZW"},
-      {"seekWrite", 12, "", 4, 12, 12, 12, 20, "abc34567XYZW"},
-      {"read", ~0ULL, "", 0, 12, 12, 12, 20, "abc34567XYZW"},
-      {"setLength", 3, "", 12, 3, 0, 0, 3, "abc"},  // positions reset
-      {"setLength", 8, "", 3, 8, 0, 0, 8, "abc"},
-      {"setLength", 0, "", 8, 0, 0, 0, 0, ""},
-      {"write", 3, "xyz", 0, 3, 0, 3, 3, "xyz"},  // from nothing: exactly
-      {"read", 1, "x", 1, 3, 1, 3, 3, "xyz"},
-      {"write", 5, "12345", 0, 8, 1, 8, 8, "xyz12345"},  // short by more than the size: exactly
-      {"clear", 0, "", 0, 0, 0, 0, 0, ""},
-  };
-  MemoryBuffer b;
+// A script of calls on one buffer: each step is a call, its argument (bytes
+// to write or read, a position, a length), the bytes written or expected from
+// a read, what it returns (a read: 1 when it succeeds), and afterwards the
+// fields, the first bytes and a MemoryBuffer's allocated size; and for a
+// refused call the source of the Exception it throws ("length_error",
+// "bad_alloc": that standard exception).
+struct Step {
+  const char* op;
+  unsigned long long n;
+  std::string bytes;
+  unsigned long long returns;
+  unsigned long long length, read, write;
+  std::string content = "";
+  unsigned long long allocated = 0;
+  const char* refused = nullptr;
+};
+
+// The calls that only some buffers have.
+void Other(MemoryBuffer& b, const std::string& op, unsigned long long n) {
+  if (op == "clear") {
+    b.clear();
+  } else if (op == "addAlloc") {
+    b._addAllocLength(n);
+  } else {
+    b._setAllocLength(n);
+  }
+}
+void Other(StringWriter& b, const std::string&, unsigned long long) { b.clear(); }
+
+template <class Buffer, size_t N>
+void RunScript(Buffer& b, const Step (&steps)[N]) {
   for (const Step& s : steps) {
     SCOPED_TRACE(std::string(s.op) + " " + std::to_string(s.n) + " " + s.bytes);
     const std::string op = s.op;
-    std::vector<unsigned char> out(s.n == ~0ULL ? 1 : s.n + 1);
+    std::vector<unsigned char> out(s.n < 64 ? s.n + 1 : 1);
     unsigned long long returned = 0;
-    if (op == "read") {
-      returned = b.read(out.data(), s.n) ? 1 : 0;
-      if (returned == 1) {
-        EXPECT_EQ(std::string(out.begin(), out.begin() + s.n), s.bytes);
+    const auto call = [&] {
+      if (op == "read") {
+        returned = b.read(out.data(), s.n) ? 1 : 0;
+        if (returned == 1) {
+          EXPECT_EQ(std::string(out.begin(), out.begin() + s.n), s.bytes);
+        }
+      } else if (op == "write") {
+        b.write(s.n == 0 ? nullptr : Bytes(s.bytes.c_str()), s.n);
+      } else if (op == "seekRead") {
+        returned = b.seekRead(s.n);
+      } else if (op == "seekWrite") {
+        returned = b.seekWrite(s.n);
+      } else if (op == "setLength") {
+        returned = b.setLength(s.n);
+      } else if constexpr (!std::is_same<Buffer, StringReader>::value) {
+        Other(b, op, s.n);
       }
-    } else if (op == "write") {
-      b.write(Bytes(s.bytes), s.n);
-    } else if (op == "seekRead") {
-      returned = b.seekRead(s.n);
-    } else if (op == "seekWrite") {
-      returned = b.seekWrite(s.n);
-    } else if (op == "setLength") {
-      returned = b.setLength(s.n);
-    } else if (op == "addAlloc") {
-      b._addAllocLength(s.n);
-    } else if (op == "setAlloc") {
-      b._setAllocLength(s.n);
+    };
+    if (s.refused == nullptr) {
+      call();
+    } else if (std::string(s.refused) == "length_error") {
+      EXPECT_THROW(call(), std::length_error);
+    } else if (std::string(s.refused) == "bad_alloc") {
+      EXPECT_THROW(call(), std::bad_alloc);
     } else {
-      b.clear();
+      EXPECT_ZORV_THROW(call(), s.refused, "not supported operation");
     }
     EXPECT_EQ(returned, s.returns);
     ExpectFields(b, s.length, s.read, s.write);
-    EXPECT_EQ(Allocated(b), s.allocated);
-    EXPECT_EQ(b.data() == nullptr, s.allocated == 0);
+    if constexpr (std::is_same<Buffer, MemoryBuffer>::value) {
+      EXPECT_EQ(Allocated(b), s.allocated);
+      EXPECT_EQ(b.data() == nullptr, s.allocated == 0);
+    }
     if (b.data() != nullptr) {
-      EXPECT_EQ(std::memcmp(b.data(), s.content, strlen(s.content)), 0);
+      EXPECT_EQ(std::memcmp(b.data(), s.content.data(), s.content.size()), 0);
     }
   }
+}
+
+TEST_F(MemoryBufferTest, CallsMoveLengthPositionsAndStorage) {
+  const Step steps[] = {
+      {"addAlloc", 10, "", 0, 0, 0, 0, "", 10},  // from nothing: exactly
+      {"addAlloc", 4, "", 0, 0, 0, 0, "", 20},   // fits in the size: doubles
+      {"addAlloc", 21, "", 0, 0, 0, 0, "", 41},  // else exactly the shortfall more
+      {"setAlloc", 10, "", 0, 0, 0, 0, "", 10},
+      {"write", 10, "0123456789", 0, 10, 0, 10, "0123456789", 10},  // fits exactly
+      {"seekWrite", 0, "", 10, 10, 0, 0, "0123456789", 10},
+      {"write", 3, "abc", 0, 10, 0, 3, "abc3456789", 10},  // overwrites, no longer
+      {"seekWrite", 8, "", 3, 10, 0, 8, "abc3456789", 10},
+      {"write", 4, "XYZW", 0, 12, 0, 12, "abc34567XYZW", 20},  // past the end: longer
+      {"read", 5, "abc34", 1, 12, 5, 12, "abc34567XYZW", 20},
+      {"read", 8, "", 0, 12, 5, 12, "abc34567XYZW", 20},  // 7 remain: nothing read
+      {"read", 7, "567XYZW", 1, 12, 12, 12, "abc34567XYZW", 20},
+      {"read", 0, "", 1, 12, 12, 12, "abc34567XYZW", 20},  // at the end, 0 bytes succeed
+      {"read", 1, "", 0, 12, 12, 12, "abc34567XYZW", 20},
+      {"seekRead", 13, "", 12, 12, 12, 12, "abc34567XYZW", 20},  // beyond: unchanged
+      {"seekRead", 0, "", 12, 12, 0, 12, "abc34567XYZW", 20},
+      {"seekRead", 12, "", 0, 12, 12, 12, "abc34567XYZW", 20},  // exactly the length
+      {"seekWrite", 100, "", 12, 12, 12, 12, "abc34567XYZW", 20},
+      {"seekWrite", 4, "", 12, 12, 12, 4, "abc34567XYZW", 20},
+      {"seekWrite", 12, "", 4, 12, 12, 12, "abc34567XYZW", 20},
+      {"read", ~0ULL, "", 0, 12, 12, 12, "abc34567XYZW", 20},
+      {"setLength", 3, "", 12, 3, 0, 0, "abc", 3},  // positions reset
+      {"setLength", 8, "", 3, 8, 0, 0, "abc", 8},
+      {"setLength", 0, "", 8, 0, 0, 0, "", 0},
+      {"write", 3, "xyz", 0, 3, 0, 3, "xyz", 3},  // from nothing: exactly
+      {"read", 1, "x", 1, 3, 1, 3, "xyz", 3},
+      {"write", 5, "12345", 0, 8, 1, 8, "xyz12345", 8},  // short by more than the size: exactly
+      {"clear", 0, "", 0, 0, 0, 0, "", 0},
+      // Growth that cannot be had throws and changes nothing.
+      {"write", 3, "abc", 0, 3, 0, 3, "abc", 3},
+      {"setLength", (~0ull >> 1) + 1, "", 0, 3, 0, 3, "abc", 3, "bad_alloc"},
+      {"write", ~0ull - 1, "x", 0, 3, 0, 3, "abc", 3, "bad_alloc"},
+  };
+  MemoryBuffer b;
+  RunScript(b, steps);
 }
 
 TEST_F(MemoryBufferTest, MovesTakeEverything) {
@@ -233,18 +284,59 @@ TEST_F(MemoryBufferTest, FromTakesBytesOfAnotherBuffer) {
   EXPECT_EQ(reader.tellRead(), 0u);
 }
 
-TEST_F(MemoryBufferTest, ImpossibleGrowthThrowsBadAllocAndChangesNothing) {
-  MemoryBuffer b;
-  b.write(Bytes("abc"), 3);
-  EXPECT_THROW(b.setLength((~0ull >> 1) + 1), std::bad_alloc);
-  ExpectFields(b, 3, 0, 3);
-  EXPECT_EQ(std::memcmp(b.data(), "abc", 3), 0);
-  unsigned char byte = 'x';
-  EXPECT_THROW(b.write(&byte, ~0ull - 1), std::bad_alloc);
-  ExpectFields(b, 3, 0, 3);
-  MemoryBuffer::Copy(&byte, Bytes("y"), 1);
-  EXPECT_EQ(byte, 'y');
-  MemoryBuffer::Copy(nullptr, nullptr, 0);
+// A reader over "abc\0ef": reads and seeks move its position, the calls of
+// the other direction are refused, and the string stays as it was.
+TEST_F(StringReaderTest, ReadsTheStringFromItsPositionAndRefusesWriting) {
+  const std::string text("abc\0ef", 6);
+  const char* const kWrite = "zorv.foundation.memory.StringReader.write";
+  const char* const kSetLength = "zorv.foundation.memory.StringReader.setLength";
+  const char* const kSeekWrite = "zorv.foundation.memory.StringReader.seekWrite";
+  const Step steps[] = {
+      {"read", 2, "ab", 1, 6, 2, 0, text},
+      {"read", 5, "", 0, 6, 2, 0},  // 4 remain
+      {"read", 4, std::string("c\0ef", 4), 1, 6, 6, 0},
+      {"read", 0, "", 1, 6, 6, 0},
+      {"read", 1, "", 0, 6, 6, 0},
+      {"read", ~0ULL, "", 0, 6, 6, 0},
+      {"read", 0x100000000ULL, "", 0, 6, 6, 0},
+      {"seekRead", 7, "", 6, 6, 6, 0},
+      {"seekRead", 2, "", 6, 6, 2, 0},  // beyond: unchanged
+      {"seekRead", 6, "", 2, 6, 6, 0},
+      {"write", 1, "a", 0, 6, 6, 0, text, 0, kWrite},
+      {"setLength", 0, "", 0, 6, 6, 0, text, 0, kSetLength},
+      {"seekWrite", 0, "", 0, 6, 6, 0, text, 0, kSeekWrite},
+  };
+  const SafeString safe(text);
+  StringReader reader(safe);
+  RunScript(reader, steps);
+}
+
+// A writer appends to its string whatever its write position; it fills or
+// cuts it to a length cut to 32 bits, and refuses reading.
+TEST_F(StringWriterTest, WritesAppendSetLengthFillsOrCutsAndReadingIsRefused) {
+  // The writer's refusal names the reader's source on purpose.
+  const char* const kSeekRead = "zorv.foundation.memory.StringReader.seekRead";
+  const Step steps[] = {
+      {"write", 3, "abc", 0, 8, 0, 3, "head:abc"},
+      {"seekWrite", 0, "", 3, 8, 0, 0},
+      {"write", 2, "de", 0, 10, 0, 2, "head:abcde"},  // still at the end
+      {"seekWrite", 11, "", 2, 10, 0, 2},             // beyond the length: unchanged
+      {"seekWrite", 10, "", 2, 10, 0, 10},
+      {"write", 2, std::string("\0z", 2), 0, 12, 0, 12, std::string("head:abcde\0z", 12)},
+      {"write", 0, "", 0, 12, 0, 12, std::string("head:abcde\0z", 12)},
+      {"read", 1, "", 0, 12, 0, 12},
+      {"seekRead", 0, "", 0, 12, 0, 12, "", 0, kSeekRead},
+      {"setLength", 14, "", 12, 14, 0, 0, std::string("head:abcde\0z\0\0", 14)},
+      {"setLength", 2, "", 14, 2, 0, 0, "he"},
+      {"setLength", 0x100000001ull, "", 2, 1, 0, 0, "h"},
+      {"setLength", 0xFFFFFFF0ull, "", 0, 1, 0, 0, "h", 0, "length_error"},
+      {"write", 1, "!", 0, 2, 0, 1, "h!"},
+      {"clear", 0, "", 0, 0, 0, 0},
+  };
+  SafeString text("head:");
+  StringWriter writer(text);
+  RunScript(writer, steps);
+  EXPECT_EQ(writer.data(), reinterpret_cast<unsigned char*>(&text[0]));
 }
 
 }  // namespace
