@@ -60,8 +60,7 @@ const std::vector<Vec> kSha1Vectors = {
 };
 
 // SHA256: every record of the CAVP message files (lengths 0 to 64 bytes, and
-// long ones), then one million 'a'. The Monte Carlo file's chain hashes only
-// 96-byte messages, which the message files already cover, and is not run.
+// long ones), then one million 'a'.
 std::vector<Vec> CavpVectors() {
   std::vector<Vec> vectors;
   for (const char* file : {"SHA256ShortMsg.rsp", "SHA256LongMsg.rsp"}) {
