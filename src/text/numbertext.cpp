@@ -160,15 +160,13 @@ inline unsigned int FourDigitsValue(unsigned int w) {
 template <class U>
 __attribute__((always_inline)) inline bool ParseDecimal(const char* p, size_t n, size_t limit,
                                                         U& result) {
-  size_t i = 0;
-  bool negative = false;
-  // Most texts start with a digit other than '0'.
-  if (static_cast<unsigned char>(p[0]) - static_cast<unsigned int>('1') >= 9u) {
+  // The sign is taken without a branch: signed texts come with either.
+  const bool negative = p[0] == '-';
+  size_t i = static_cast<size_t>(negative) + static_cast<size_t>(p[0] == '+');
+  // Most texts go on with a digit other than '0'. An empty text's
+  // terminating zero is no digit.
+  if (static_cast<unsigned char>(p[i]) - static_cast<unsigned int>('1') >= 9u) {
     if (n == 0) return false;
-    if (p[0] == '-' || p[0] == '+') {
-      negative = p[0] == '-';
-      i = 1;
-    }
     while (i + 1 < n && p[i] == '0') ++i;
   }
   size_t left = n - i;
