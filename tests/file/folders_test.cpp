@@ -116,6 +116,9 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"write to a path ending in a separator", {}, Op('t', "x/", "text"), false, {}},
       {"copy a tree", Tree(), Op('C', "root", "copy"), true, Plus(Tree(), Tree("copy/"))},
       {"copy an empty file", {"s/", "s/e="}, Op('C', "s", "copy"), true, {"s/", "s/e=", "copy/", "copy/e="}},
+      // Another spelling of the source as the target: refused before any
+      // folder in it is entered (a file would be refused as its own copy).
+      {"copy onto itself as 's/.'", {"s/", "s/sub/"}, Op('C', "s", "s/."), false, {"s/", "s/sub/"}},
       {"copy without memory to list the source", Tree(),
        [](const std::string& b) { ZorvTestFailListing(0); return Op('C', "root", "copy")(b); }, false, Tree()},
       {"copy into a folder", Plus(Tree(), ownT), Op('C', "root", "t"), true,
