@@ -326,7 +326,7 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
   // Calls that change nothing: missing or empty paths, the same path or
   // another spelling of it (which may succeed), a folder where a file is
   // wanted (or the other way round), a missing target folder, a link onto
-  // what it leads to, a folder holding the other.
+  // what it leads to, a folder holding the other (or the link moved).
   const struct {
     char op;
     const char* from;
@@ -343,10 +343,11 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
       {'f', "a.txt", "./a.txt", true}, {'f', "a.txt", "p/../a.txt", true}, {'f', "a.txt", "hard", true},
       {'d', "p", "p/", true}, {'d', "p/q", "./p/q", true}, {'f', "la", "a.txt", false},
       {'d', "lp", "p", false}, {'d', "lp", "lp/", true}, {'d', "p/q", "p", false},
-      {'d', "p/q/", "p/", false}, {'d', "p/q", "lp/..", false}, {'d', "p", "p/q", false}};
+      {'d', "p/q/", "p/", false}, {'d', "p/q", "lp/..", false}, {'d', "p", "p/q", false},
+      {'d', "p/ld", "p", false}};
   // clang-format on
   const std::vector<std::string> tree = {"a=A",   "d/", "a.txt=A", "hard=>a.txt", "la->a.txt",
-                                         "lp->p", "p/", "p/q/",    "p/q/f=F"};
+                                         "lp->p", "p/", "p/q/",    "p/q/f=F",     "p/ld->../d"};
   std::vector<std::string> after = tree;
   after[3] = "hard=A";
   for (const auto& u : unchanged)
