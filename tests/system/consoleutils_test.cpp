@@ -1,6 +1,7 @@
 #include "foundation/system/consoleutils.h"
 
 #include <fcntl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 
 #include "foundation/threading/lock.h"
 #include "support/boundedwait.h"
+#include "support/forked.h"
 #include "support/leakcheck.h"
 
 namespace {
@@ -126,6 +128,34 @@ TEST_F(ConsoleUtilsTest, PauseReturnsAtOnceWithoutATerminal) {
   dup2(saved, STDIN_FILENO);
   for (const int fd : {devNull, saved}) close(fd);
   EXPECT_EQ(Pieces(), std::vector<std::string>{"[...waiting for action...]"});
+}
+
+// On a terminal Pause waits for one key in raw mode, then gives the terminal
+// its modes back. A key and Enter are typed before the call: a Pause that
+// never went raw would leave that line to be read. The child ends itself
+// should Pause wait for more.
+TEST_F(ConsoleUtilsTest, PauseTakesOneKeyFromATerminalAndRestoresIt) {
+  const pid_t child = zorv::test::Fork([](int) {
+    alarm(10);
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return 77;
+    const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
+    struct termios before;
+    if (terminal < 0 || dup2(terminal, STDIN_FILENO) != STDIN_FILENO ||
+        tcgetattr(STDIN_FILENO, &before) != 0 || write(master, "k\n", 2) != 2) {
+      return 77;
+    }
+    ConsoleUtils::Pause();
+    struct termios after;
+    if (tcgetattr(STDIN_FILENO, &after) != 0 || after.c_lflag != before.c_lflag) return 2;
+    fcntl(STDIN_FILENO, F_SETFL, O_NONBLOCK);
+    char left;
+    return read(STDIN_FILENO, &left, 1) == 1 ? 3 : 0;  // the key was taken
+  });
+  ASSERT_GT(child, 0);
+  const int code = zorv::test::WaitChild(child);
+  if (code == 77) GTEST_SKIP() << "no pseudo-terminal here";
+  EXPECT_EQ(code, 0);
 }
 
 }  // namespace
