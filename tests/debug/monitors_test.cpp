@@ -286,7 +286,7 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
 TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const char* const oddName =
       "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 \xed\xa0\x80 "
-      "\xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82";
+      "\xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82 \xf5\x80\x80\x80";
   int marker[3] = {};
   ObjectMonitor::_IncLeak(&marker[0], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[1], "../lang/report", 77, "ReportedThing", 4);
@@ -326,7 +326,8 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   // Bytes that are not UTF-8 come back as the code points of their values.
   EXPECT_EQ(parsed.objects["Odd \"name\" \\ \x01\n\xc3\xbf caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 "
                            "\xc3\xad\xc2\xa0\xc2\x80 "
-                           "\xf4\x8f\xbf\xbf\xc3\xb4\xc2\x90 \xc3\xa2\xc2\x82"],
+                           "\xf4\x8f\xbf\xbf\xc3\xb4\xc2\x90 \xc3\xa2\xc2\x82 "
+                           "\xc3\xb5\xc2\x80\xc2\x80\xc2\x80"],
             1);
   EXPECT_EQ(parsed.blocks, static_cast<long long>(MemoryMonitor::LiveBlocks()));
   EXPECT_EQ(parsed.bytes, static_cast<long long>(MemoryMonitor::LiveBytes()));
