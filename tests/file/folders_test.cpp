@@ -254,6 +254,21 @@ TEST_F(FoldersTest, CopyIntoAFolderOpenedAsDescriptorZero) {
   }
 }
 
+// With standard input closed, a folder inside the tree opens as descriptor 0
+// and is emptied and removed like any other.
+TEST_F(FoldersTest, RemoveAFolderOpenedAsDescriptorZero) {
+  ASSERT_TRUE(Build(dir_.path(), {"t/", "t/d/", "t/d/f=x"}));
+  const std::string tree = dir_ / "t";
+  const pid_t child = zorv::test::Fork([&](int pipeEnd) {
+    if (::dup2(pipeEnd, 0) != 0) return 2;
+    ZorvTestBeforeOpen("d", 0, "", 0);
+    return FileUtils::RemoveFolder(tree.c_str()) ? 0 : 1;
+  });
+  ASSERT_GT(child, 0);
+  EXPECT_EQ(zorv::test::WaitChild(child), 0);
+  EXPECT_FALSE(RawExists(tree));
+}
+
 TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
   ASSERT_TRUE(Build(dir_.path(), {"sentinel/", "sentinel/keep=x", "rootlink->/"}));
   // As many ".." as the scratch folder has components, and one more.
