@@ -119,6 +119,10 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       // Another spelling of the source as the target: refused before any
       // folder in it is entered (a file would be refused as its own copy).
       {"copy onto itself as 's/.'", {"s/", "s/sub/"}, Op('C', "s", "s/."), false, {"s/", "s/sub/"}},
+      // A file of the target that is another name of the source's is not
+      // written (it would empty the source).
+      {"copy onto a hard link of the source", {"s/", "s/f=x", "t/", "t/f=>s/f"}, Op('C', "s", "t"), false,
+       {"s/", "s/f=x", "t/", "t/f=x"}},
       {"copy without memory to list the source", Tree(),
        [](const std::string& b) { ZorvTestFailListing(0); return Op('C', "root", "copy")(b); }, false, Tree()},
       {"copy into a folder", Plus(Tree(), ownT), Op('C', "root", "t"), true,
