@@ -158,7 +158,11 @@ TEST_F(ArchiverTest, ReadersSplitLines) {
       {true, std::string("\xEF\xBB\xBF" "a\r\nb\0c\n\nd", 13), {"a", "", "b", "c", "", "d"}},
       // A file of only a mark has no line, whatever its length.
       {true, "\xEF\xBB\xBF", {}}, {true, "\xFF\xFE", {}}, {true, "\xEF\xBB", {"\xEF\xBB"}},
-      {true, "", {}}};
+      {true, "", {}},
+      // Only the whole marks count.
+      {true, "\xEF" "ab", {"\xEF" "ab"}}, {true, "a\xBB\xBF", {"a\xBB\xBF"}},
+      {true, "\xFE" "a", {"\xFE" "a"}}, {true, "a\xFF", {"a\xFF"}}, {true, "\xFF" "a", {"\xFF" "a"}},
+      {true, "a\xFE", {"a\xFE"}}};
   // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.file ? "file '" : "text '") + c.content + "'");
