@@ -209,8 +209,12 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
   EXPECT_EQ(ChronoMonitor::Count("test.Reused.A", "Op"), 1u);
   EXPECT_EQ(ChronoMonitor::Count("test.Reused.B", "Op"), 2u);
   // A null text is an empty one.
-  for (int i = 0; i < 2; ++i) ChronoMonitor::Chronometer scope("test.Null", nullptr);
+  for (int i = 0; i < 2; ++i) {
+    ChronoMonitor::Chronometer scope("test.Null", nullptr);
+    ChronoMonitor::Chronometer unnamed(nullptr, "test.Null");
+  }
   EXPECT_EQ(ChronoMonitor::Count("test.Null", ""), 2u);
+  EXPECT_EQ(ChronoMonitor::Count("", "test.Null"), 2u);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([] {
