@@ -355,11 +355,13 @@ TYPED_TEST(ExecutorTest, QueueGrowsForABurstAndFailedGrowthDisposesTheTask) {
 
 using ThreadPoolTest = zorv::test::LeakCheckedTest;
 
-// Two wake-ups, at 100 ms and 400 ms after the call: after the first (no
-// room) the budget of 500 ms is charged 100 ms (400 left); at the second the
+// Two wake-ups, at 200 ms and 400 ms after the call: after the first (no
+// room) the budget of 500 ms is charged 200 ms (300 left); at the second the
 // whole 400 ms since the call are charged again, so the call gives up then,
-// although there is room now. A producer that blocked meanwhile must not
-// sleep on: the room is handed on to it.
+// although there is room now (charged once, 100 ms would be left). Both
+// margins are 100 ms, so a late start of the call or a late wake-up does not
+// flip the outcome. A producer that blocked meanwhile must not sleep on: the
+// room is handed on to it.
 TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallAndPassesOnTheRoom) {
   Held<ThreadPool> h(1);
   Gate gate1;
@@ -393,10 +395,10 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallAndPassesOnTheRo
     const unsigned long long now = Tick();
     if (now < begin + ms) Thread::Sleep(static_cast<unsigned int>(begin + ms - now));
   };
-  sleepUntil(100);
+  sleepUntil(200);
   h.pool.setMaxTaskNum(101);
   h.gate.open();  // the worker takes `first`: 101 queued, still full
-  sleepUntil(250);
+  sleepUntil(300);
   std::atomic<bool> blockedAdded{false};
   std::thread blocked([&] {
     h.pool.addTask(h.make(2000));
