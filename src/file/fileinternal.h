@@ -29,7 +29,8 @@ constexpr unsigned int kWalkCallerBits = 0x3FFFFFFFu;
 collection::Vector<SafeString> SplitPath(const SafeString& path);
 
 // Joins components with one '/' between them (none after an element that
-// already ends in '/'); a pair of backslashes inside an element becomes '/'.
+// already ends in '/'). Every caller passes the parts of SplitPath, which
+// hold no separator, so the bytes of each part are copied as they stand.
 SafeString JoinPath(const collection::Vector<SafeString>& parts);
 
 // JoinPath(SplitPath(path)).

@@ -45,19 +45,7 @@ SafeString JoinPath(const collection::Vector<SafeString>& parts) {
   SafeString result;
   const size_t count = parts.size();
   for (size_t n = 0; n < count; ++n) {
-    const SafeString& part = parts[n];
-    if (part.find("\\\\") == SafeString::npos) {
-      result += part;
-    } else {
-      for (size_t i = 0; i < part.size(); ++i) {
-        if (part[i] == '\\' && i + 1 < part.size() && part[i + 1] == '\\') {
-          result += '/';
-          ++i;
-        } else {
-          result += part[i];
-        }
-      }
-    }
+    result += parts[n];
     if (n + 1 < count && !result.empty() && result.back() != '/') result += '/';
   }
   return result;
