@@ -16,15 +16,11 @@
 #include "foundation/crypto/md5.h"
 #include "foundation/crypto/sha1.h"
 #include "foundation/file/fileutils.h"
-#include "foundation/io/serialization.h"
 #include "foundation/lang/exception.h"
-#include "foundation/memory/memorybuffer.h"
 #include "foundation/memory/stringwriter.h"
 #include "foundation/text/codecutils.h"
 #include "foundation/text/stringutils.h"
-#include "foundation/threading/lock.h"
-#include "foundation/threading/lockcondition.h"
-#include "foundation/threading/readwritelock.h"
+#include "foundation/threading/thread.h"
 #include "foundation/threading/threadpool/affinitythreadpool.h"
 #include "foundation/threading/threadpool/threadpool.h"
 #include "foundation/threading/timer/timerscheduler.h"
@@ -306,16 +302,6 @@ const Row kRows[] = {
                  ("earlier text of the target string" + bytes).substr(0, 33 + writer.tellWrite()));
        UNLESS_THREW(a, EXPECT_EQ(writer.tellWrite(), bytes.size()));
      }},
-    {"Deserialize_MemoryBuffer",
-     [](OomAttempt& a) {
-       zf::memory::MemoryBuffer buffer;
-       zf::io::Serialize(&buffer, SafeString(Filler(Count(200)).c_str()));
-       SafeString value("earlier value of the string");
-       const bool whole = Completed(a, Ok(a, [&] { return zf::io::Deserialize(&buffer, value); }));
-       EXPECT_EQ(Str(value), whole ? Filler(Count(200)) : "earlier value of the string");
-       EXPECT_EQ(buffer.tellRead(), whole ? buffer.length() : 0u)
-           << "a failed read consumes nothing";
-     }},
     // Configuration.
     {"Archiver_parseText",
      [](OomAttempt& a) {
@@ -414,14 +400,6 @@ const Row kRows[] = {
        WholeOrUntouched(
            a, dir, [&] { return FileUtils::CopyFile(At(dir, "from.bin"), At(dir, "to.bin")); },
            [&] { EXPECT_EQ(zorv::test::ReadRawFile(dir / "to.bin"), bytes); });
-     }},
-    {"FileUtils_CopyFolder",
-     [](OomAttempt& a) {
-       TempDir dir;
-       MakeTree(dir / "from", Count(3));
-       WholeOrUntouched(
-           a, dir, [&] { return FileUtils::CopyFolder(At(dir, "from"), At(dir, "to")); },
-           [&] { EXPECT_EQ(Tree(dir / "to"), Tree(dir / "from")); });
      }},
     {"FileUtils_SearchFiles",
      [](OomAttempt& a) {
