@@ -1,9 +1,11 @@
 // Every allocating public operation, run under each single allocation
 // failure it can meet: nothing leaks, and what the caller can see is either
-// untouched or the whole result. Three are swept beside their other tests
+// untouched or the whole result. Some are swept beside their other tests
 // instead: Deserialize of a string (SerializationTest, one allocation),
-// CopyFolder (FoldersTest, also with every later allocation failing) and the
-// pools' addTask (ExecutorTest, a failed growth of the queue).
+// CopyFolder (FoldersTest, also with every later allocation failing), the
+// pools' addTask (ExecutorTest, a failed growth of the queue) and
+// StringUtils::Format with the general formatter that DateTime::toString
+// uses (StringUtilsTest, each of its work blocks).
 #include "support/oomsweep.h"
 
 #include <algorithm>
@@ -24,7 +26,6 @@
 #include "foundation/text/stringutils.h"
 #include "foundation/threading/thread.h"
 #include "foundation/threading/timer/timerscheduler.h"
-#include "foundation/time/datetime.h"
 #include "support/boundedwait.h"
 #include "support/taskprobe.h"
 #include "support/tempdir.h"
@@ -210,26 +211,6 @@ const Row kRows[] = {
              StringUtils::ULongToHexString(ULLONG_MAX, true) + " " +
              StringUtils::FloatToString(-0.1234567890123456));
        });
-     }},
-    // Formatting never throws: each text is whole, or empty when memory ran out.
-    {"StringUtils_Format_DateTime_toString",
-     [](OomAttempt& a) {
-       // The short text fits the quick formatter, the long one goes to the C library.
-       const std::string shortText = Filler(40), longText = Filler(600);
-       SafeString texts[3];
-       a.run([&] {
-         texts[0] = StringUtils::Format("<%s|%d>", shortText.c_str(), 42);
-         texts[1] = StringUtils::Format("<%s|%d>", longText.c_str(), 42);
-         texts[2] = zf::time::DateTime(2024, 3, 1, 12, 34, 56, 0, 0).toString();
-       });
-       EXPECT_FALSE(a.threw()) << "it never throws";
-       const std::string expected[] = {"<" + shortText + "|42>", "<" + longText + "|42>",
-                                       "2024-03-01 12:34:56"};
-       for (int i = 0; i < 3; ++i) {
-         if (!texts[i].empty() || !a.injected()) {
-           EXPECT_EQ(Str(texts[i]), expected[i]);
-         }
-       }
      }},
     {"CodecUtils_Base64",
      [](OomAttempt& a) {
