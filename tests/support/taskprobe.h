@@ -65,9 +65,7 @@ struct Tally {
     return runLog;
   }
 
-  void begin() {
-    if (running.fetch_add(1) != 0) overlaps.fetch_add(1);
-  }
+  void begin() { overlaps.fetch_add(running.fetch_add(1) != 0 ? 1 : 0); }
 
   void end(int id, unsigned long long start) {
     {

@@ -7,27 +7,20 @@
 #include <unistd.h>
 
 #include <stdexcept>
-#include <vector>
 
 namespace zorv {
 namespace test {
 namespace {
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-  ::remove(path);
-  return 0;
-}
+// Removes one entry; a failure does not stop the walk.
+int RemoveEntry(const char* path, const struct stat*, int, FTW*) { return ::remove(path), 0; }
 
 }  // namespace
 
 TempDir::TempDir() {
   const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") +
-                        "/zorv-test-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = buffer.data();
+  path_ = std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/zorv-test-XXXXXX";
+  if (mkdtemp(&path_[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() { nftw(path_.c_str(), &RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }
@@ -36,28 +29,23 @@ bool WriteRawFile(const std::string& path, const std::string& content) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   if (fd < 0) return false;
   size_t done = 0;
-  while (done < content.size()) {
-    const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
-    if (n <= 0) {
-      ::close(fd);
-      return false;
-    }
-    done += static_cast<size_t>(n);
+  ssize_t n = 1;
+  while (n > 0 && done < content.size()) {
+    n = ::write(fd, content.data() + done, content.size() - done);
+    if (n > 0) done += static_cast<size_t>(n);
   }
-  return ::close(fd) == 0;
+  return ::close(fd) == 0 && done == content.size();
 }
 
 std::string ReadRawFile(const std::string& path, bool* ok) {
   std::string content;
   const int fd = ::open(path.c_str(), O_RDONLY);
-  if (fd < 0) {
-    if (ok != nullptr) *ok = false;
-    return content;
-  }
   char buffer[65536];
-  ssize_t n;
-  while ((n = ::read(fd, buffer, sizeof buffer)) > 0) content.append(buffer, static_cast<size_t>(n));
-  ::close(fd);
+  ssize_t n = -1;  // stays so when the file cannot be opened
+  while (fd >= 0 && (n = ::read(fd, buffer, sizeof buffer)) > 0) {
+    content.append(buffer, static_cast<size_t>(n));
+  }
+  if (fd >= 0) ::close(fd);
   if (ok != nullptr) *ok = n == 0;
   return content;
 }
