@@ -33,7 +33,8 @@ using ThreadTest = zorv::test::LeakCheckedTest;
 using TaskTest = zorv::test::LeakCheckedTest;
 
 // A thread whose body is a function; records what happened on the thread.
-// Its destructor joins unless joinOnDestroy is cleared.
+// Its interrupted() throws, which the library must drop. Its destructor joins
+// unless joinOnDestroy is cleared.
 class FunctionThread : public Thread {
  public:
   explicit FunctionThread(std::function<void()> body, const SafeString& name = SafeString())
@@ -50,28 +51,17 @@ class FunctionThread : public Thread {
   void interrupted() override {
     interruptedThread = Thread::CurrentID();
     ++interruptions;
-    if (throwFromInterrupted) throw 42;
+    throw 42;
   }
 
   std::atomic<unsigned long long> runThread{0};
   std::atomic<unsigned long long> interruptedThread{0};
   std::atomic<int> interruptions{0};
-  bool throwFromInterrupted = false;
   bool joinOnDestroy = true;
 
  private:
   std::function<void()> body_;
 };
-
-struct Flags {
-  bool started, running, stopped;
-};
-
-void ExpectFlags(const Thread& thread, Flags expected) {
-  EXPECT_EQ(thread.isStarted(), expected.started);
-  EXPECT_EQ(thread.isRunning(), expected.running);
-  EXPECT_EQ(thread.isStopped(), expected.stopped);
-}
 
 // Each stage: the flags, and the handles counted beyond `handles` (a started
 // thread is a handle until joined). The body ends by throwing something that
@@ -85,31 +75,33 @@ TEST_F(ThreadTest, FollowsTheStateTableAndReportsAThrowOnTheThread) {
     release.wait();
     throw 7;
   });
-  thread.throwFromInterrupted = true;
-  const auto expect = [&](const char* stage, Flags flags, long long extraHandles) {
+  const auto expect = [&](const char* stage, bool started, bool running, bool stopped,
+                          long long extraHandles) {
     SCOPED_TRACE(stage);
-    ExpectFlags(thread, flags);
+    EXPECT_EQ(thread.isStarted(), started);
+    EXPECT_EQ(thread.isRunning(), running);
+    EXPECT_EQ(thread.isStopped(), stopped);
     EXPECT_EQ(SystemMonitor::LiveHandles(), handles + extraHandles);
   };
   thread.wait();  // before start: returns at once
-  expect("constructed", {false, false, false}, 0);
+  expect("constructed", false, false, false, 0);
   EXPECT_EQ(thread.threadID(), 0ULL);
   thread.start();
   EXPECT_NE(thread.threadID(), 0ULL);
   EXPECT_NE(thread.threadID(), Thread::CurrentID());
   EXPECT_ZORV_THROW(thread.start(), "zorv.foundation.threading.Thread.start", "has been started");
   ASSERT_TRUE(PollUntil([&] { return thread.isRunning(); }));
-  expect("body executing", {true, true, false}, 1);
+  expect("body executing", true, true, false, 1);
   release.open();
   ASSERT_TRUE(PollUntil([&] { return thread.isStopped(); }));
-  expect("body returned", {true, false, true}, 1);
+  expect("body ended", true, false, true, 1);
   thread.wait();
-  expect("joined", {true, false, true}, 0);
+  expect("joined", true, false, true, 0);
   EXPECT_EQ(thread.runThread.load(), thread.threadID()) << "run() ran on the new thread";
   EXPECT_EQ(thread.interruptions.load(), 1);
   EXPECT_EQ(thread.interruptedThread.load(), thread.threadID());
   thread.wait();  // a second wait returns at once
-  expect("joined twice", {true, false, true}, 0);
+  expect("joined twice", true, false, true, 0);
 }
 
 // The body may ask for its own id and name from its first instruction on,
