@@ -48,21 +48,14 @@ TEST(TimerSlotTest, NextSlotIsTheFirstSlotNotYetPassed) {
   struct Case {
     unsigned long long last, period, now, expected;
   };
+  // clang-format off
   const Case cases[] = {
-      {100, 10, 100, 110},
-      {100, 10, 110, 110},  // a slot reached exactly is not missed
-      {100, 10, 111, 120},
-      {100, 10, 135, 140},
-      {100, 10, 140, 140},
-      {0, 7, 1000, 1001},
-      {100, 0, 250, 250},
-      {100, 0, 50, 100},  // period 0: at once
-      {kEnd - 5, 10, 0, kEnd},
-      {kEnd, 1, kEnd, kEnd},
-      {0, kEnd, 5, kEnd},  // held at the end
-      {0, kEnd - 1, kEnd - 1, kEnd - 1},
-      {10, kEnd - 20, kEnd - 5, kEnd},
-  };
+      {100, 10, 100, 110}, {100, 10, 110, 110},  // a slot reached exactly is not missed
+      {100, 10, 111, 120}, {100, 10, 135, 140}, {100, 10, 140, 140}, {0, 7, 1000, 1001},
+      {100, 0, 250, 250},  {100, 0, 50, 100},  // period 0: at once
+      {kEnd - 5, 10, 0, kEnd}, {kEnd, 1, kEnd, kEnd}, {0, kEnd, 5, kEnd},  // held at the end
+      {0, kEnd - 1, kEnd - 1, kEnd - 1}, {10, kEnd - 20, kEnd - 5, kEnd}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << c.last << " + " << c.period << " at " << c.now);
     EXPECT_EQ(zf::threading::detail::NextSlot(c.last, c.period, c.now), c.expected);
