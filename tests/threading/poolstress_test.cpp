@@ -43,18 +43,30 @@ struct Slots {
   std::atomic<int> overlaps{0};  // a timer seen running twice at once
 };
 
-class SlotTask : public ITask {
+// A task or timer that counts its runs and its disposal in its slot, and
+// sees overlapping runs. A task keeps the affinity it is given; a timer
+// repeats when its index is even, every index % 3 ms.
+class SlotItem : public ITimer {
  public:
-  SlotTask(Slots* slots, size_t index, unsigned int affinity)
+  SlotItem(Slots* slots, size_t index, int affinity = -1)
       : slots_(slots), index_(index), affinity_(affinity) {}
-  ~SlotTask() override { slots_->disposals[index_].fetch_add(1); }
-  void run() override { slots_->runs[index_].fetch_add(1); }
-  unsigned int getAffinity() const override { return affinity_; }
+  ~SlotItem() override { slots_->disposals[index_].fetch_add(1); }
+  void run() override {
+    slots_->overlaps += busy_.exchange(true);
+    slots_->runs[index_].fetch_add(1);
+    busy_ = false;
+  }
+  unsigned int getAffinity() const override {
+    return affinity_ < 0 ? ITimer::getAffinity() : static_cast<unsigned int>(affinity_);
+  }
+  bool isRepeat() override { return index_ % 2 == 0; }
+  unsigned long long interval() override { return index_ % 3; }
 
  private:
   Slots* slots_;
   size_t index_;
-  unsigned int affinity_;
+  int affinity_;
+  std::atomic<bool> busy_{false};
 };
 
 template <class Pool>
@@ -94,7 +106,7 @@ TYPED_TEST(PoolStressTest, ProducersLoseNoTaskAlsoWhenStopRaces) {
               const size_t index = static_cast<size_t>(p) * c.perProducer + i;
               // Plain new: the disposal of unrecorded objects is part of the
               // contract, and it keeps the object monitor out of the hot path.
-              ITask* task = new SlotTask(&slots, index, p);
+              ITask* task = new SlotItem(&slots, index, static_cast<int>(p));
               slots.offered[index].store(1);
               try {
                 if (i % 8 == 0) {
@@ -131,23 +143,6 @@ TYPED_TEST(PoolStressTest, ProducersLoseNoTaskAlsoWhenStopRaces) {
   }
 }
 
-// Timer i repeats when i is even, every i % 3 ms; it counts its disposal in
-// a slot and sees overlapping runs.
-struct SlotTimer : ITimer {
-  SlotTimer(Slots* s, size_t i) : slots(s), index(i) {}
-  ~SlotTimer() override { slots->disposals[index].fetch_add(1); }
-  void run() override {
-    slots->overlaps += busy.exchange(true);
-    slots->runs[index].fetch_add(1);
-    busy = false;
-  }
-  bool isRepeat() override { return index % 2 == 0; }
-  unsigned long long interval() override { return index % 3; }
-  Slots* slots;
-  size_t index;
-  std::atomic<bool> busy{false};
-};
-
 // Each round: two threads add timers (at a fixed rate when i % 4 < 2) and
 // remove random ones of theirs, while a third stops the pool after a few
 // runs and, in every other round, this thread stops the scheduler at the
@@ -179,7 +174,7 @@ TYPED_TEST(PoolStressTest, TimersAddedAndRemovedWhileThePoolStops) {
           std::mt19937 random(static_cast<unsigned int>(1234 + round * 2 + w));
           std::vector<ITimer*> mine;
           for (size_t i = w * perThread; i < (w + 1) * perThread; ++i) {
-            mine.push_back(zf::lang::MakeDisposable<SlotTimer>("SlotTimer", &slots, i));
+            mine.push_back(zf::lang::MakeDisposable<SlotItem>("SlotItem", &slots, i));
             slots.offered[i].store(1);
             i % 4 < 2 ? scheduler.addFixedRateTimer(mine.back()) : scheduler.addTimer(mine.back());
             // A removed timer may have ended and been disposed already: its
