@@ -304,7 +304,6 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
       {"write to an empty path", {}, Op('t', "", "x"), false, {}},
       {"write to a folder", {"folder/"}, Op('t', "folder", "x"), false, {"folder/"}},
       {"parent is a file", {"plain=p"}, Op('n', "plain/sub/f"), false, {"plain=p"}},
-      {"made parents removed", {}, Op('t', "made/one/" + longName, "x"), false, {}},
       {"existing parent kept", {"kept/"}, Op('t', "kept/new/" + longName, "x"), false, {"kept/"}},
       {"out of room", {}, Op('b', "grow/big", big), false, {}, 1024},
       {"remove a file", {"f=x"}, Op('r', "f"), true, {}},

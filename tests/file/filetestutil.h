@@ -1,6 +1,8 @@
 // Small helpers shared by the file-system tests: raw POSIX probes and
 // builders that do not go through the library under test, and the runner
-// of tables of file operations.
+// of tables of file operations. It brings in GoogleTest, FileUtils, the
+// scratch folders and leak checks, and the POSIX and standard headers that
+// the file tests share, so that those include only what they add.
 #ifndef ZORV_TESTS_FILE_FILETESTUTIL_H_
 #define ZORV_TESTS_FILE_FILETESTUTIL_H_
 
