@@ -2,19 +2,13 @@
 // their readers, the errors, access, editing and saveAs.
 #include "foundation/config/configarchiver.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <map>
 #include <random>
-#include <string>
-#include <vector>
 
+#include "file/filetestutil.h"
 #include "foundation/config/datareader.h"
 #include "foundation/lang/exception.h"
 #include "support/forked.h"
-#include "support/leakcheck.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -24,7 +18,6 @@ using zorv::foundation::config::detail::FileReader;
 using zorv::foundation::config::detail::IDataReader;
 using zorv::foundation::config::detail::TextReader;
 using zorv::test::ReadRawFile;
-using zorv::test::TempDir;
 using zorv::test::WriteRawFile;
 
 using Table = std::map<std::string, std::map<std::string, std::string> >;
@@ -47,11 +40,8 @@ Table Dump(const Archiver& archiver) {
   return table;
 }
 
-class ArchiverTest : public zorv::test::LeakCheckedTest {
- protected:
-  SafeString P(const std::string& relative) const { return SafeString((dir_ / relative).c_str()); }
-  TempDir dir_;
-};
+// A leak-checked test with a scratch folder; P(relative) is a path in it.
+using ArchiverTest = zorv::test::FileTest;
 
 // Each text is parsed by parseText and, written to a file, by parseFile,
 // into an archiver that held an earlier table: that goes in any case. A

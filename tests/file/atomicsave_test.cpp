@@ -1,27 +1,15 @@
 // Tests of the crash-safe saves: FileUtils::WriteTextAtomic and
 // WriteBinaryAtomic, and Archiver::saveAsAtomic.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "file/filetestutil.h"
 #include "foundation/config/configarchiver.h"
-#include "foundation/file/fileutils.h"
 #include "support/boundedwait.h"
-#include "support/leakcheck.h"
-#include "support/tempdir.h"
 
 extern "C" void ZorvTestLogCalls(char* log, int room);
 

@@ -1,23 +1,16 @@
 // Tests of FileUtils' single-file half: kind tests, sizes, reading,
 // writing with parent creation and roll-back, removal, renaming, copying.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <climits>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "file/filetestutil.h"
 #include "file/readroom.h"
-#include "foundation/file/fileutils.h"
 #include "foundation/memory/buffer.h"
 #include "foundation/memory/memorybuffer.h"
-#include "support/tempdir.h"
 #include "system/posixio.h"
 
 namespace {

@@ -1,14 +1,9 @@
 // Tests of the pure path functions of FileUtils: one table of edge cases and
 // a property test over random paths against a reference splitter.
 
-#include <gtest/gtest.h>
-
 #include <random>
-#include <string>
-#include <vector>
 
-#include "foundation/file/fileutils.h"
-#include "support/leakcheck.h"
+#include "file/filetestutil.h"
 
 namespace {
 
