@@ -16,8 +16,6 @@ using zorv::foundation::SafeString;
 using zorv::foundation::config::Archiver;
 using zorv::foundation::config::detail::FileReader;
 using zorv::foundation::config::detail::IDataReader;
-using zorv::foundation::config::detail::TextReader;
-using zorv::test::ReadRawFile;
 using zorv::test::WriteRawFile;
 
 using Table = std::map<std::string, std::map<std::string, std::string> >;
@@ -158,7 +156,7 @@ TEST_F(ArchiverTest, ReadersSplitLines) {
     SCOPED_TRACE(std::string(c.file ? "file '" : "text '") + c.content + "'");
     ASSERT_TRUE(WriteRawFile(dir_ / "r", c.content));
     FileReader fileReader(P("r"));
-    TextReader textReader(c.content.c_str());
+    zorv::foundation::config::detail::TextReader textReader(c.content.c_str());
     IDataReader& reader = c.file ? static_cast<IDataReader&>(fileReader) : textReader;
     reader.open();
     std::vector<std::string> lines;
@@ -186,23 +184,22 @@ TEST_F(ArchiverTest, AccessAndEditing) {
   EXPECT_TRUE(archiver.value("s", "empty", out));
   EXPECT_EQ(S(out), "");
   EXPECT_TRUE(archiver.allKeys("missing").empty());
+  // Refused names, accepted values kept as given, and removals (a null
+  // value): missing names, and sections emptied by it (also of the empty key).
   // clang-format off
-  const char* const refused[][2] = {{"", "k"},   {"a", ""},    {"a[1]", "k"}, {"a]", "k"}, {"a=b", "k"},
-                                    {"a", "x=y"}, {"a", "[k"}, {"a", "k]"},   {"", ""}};
+  const struct { const char *section, *key, *value; bool ok; } edits[] = {
+      {"", "k", "v", false}, {"a", "", "v", false}, {"a[1]", "k", "v", false}, {"a]", "k", "v", false},
+      {"a=b", "k", "v", false}, {"a", "x=y", "v", false}, {"a", "[k", "v", false}, {"a", "k]", "v", false},
+      {"", "", "v", false}, {"a", "k", "v", true}, {"s", "k", "  untrimmed\r\n", true},
+      {"s", "new", "set", true}, {"missing", "k", nullptr, false}, {"s", "c", nullptr, false},
+      {"t", "", nullptr, true}, {"a", "k", nullptr, true}};
   // clang-format on
-  for (const auto& names : refused) {
-    SCOPED_TRACE(std::string("setValue('") + names[0] + "', '" + names[1] + "')");
-    EXPECT_FALSE(archiver.setValue(names[0], names[1], "v"));
+  for (const auto& e : edits) {
+    SCOPED_TRACE(std::string(e.value != nullptr ? "set " : "remove ") + e.section + "." + e.key);
+    EXPECT_EQ(e.ok, e.value != nullptr ? archiver.setValue(e.section, e.key, e.value)
+                                       : archiver.remove(e.section, e.key));
   }
-  EXPECT_TRUE(archiver.setValue("a", "k", "v"));
-  EXPECT_TRUE(archiver.setValue("s", "k", "  untrimmed\r\n"));
-  EXPECT_TRUE(archiver.setValue("s", "new", "set"));
-  // Removal: missing names, and sections emptied by it (also of the empty
-  // key). Without a text nothing is parsed and the table stays.
-  EXPECT_FALSE(archiver.remove("missing", "k"));
-  EXPECT_FALSE(archiver.remove("s", "c"));
-  EXPECT_TRUE(archiver.remove("t", ""));
-  EXPECT_TRUE(archiver.remove("a", "k"));
+  // Without a text nothing is parsed and the table stays.
   EXPECT_FALSE(archiver.parseText(nullptr));
   EXPECT_EQ(Dump(archiver), (Table{{"s", {{"k", "  untrimmed\r\n"}, {"empty", ""}, {"new", "set"}}},
                                    {"bare", {}}}));
@@ -286,7 +283,7 @@ TEST_F(ArchiverTest, SaveWritesOnlyWhatReadsBackTheSame) {
       ASSERT_NO_THROW(EXPECT_TRUE(reread.parseFile(path)));
       EXPECT_EQ(Dump(reread), before);
       if (c != nullptr && c->exact != nullptr) {
-        EXPECT_EQ(ReadRawFile(dir_ / file), c->exact);
+        EXPECT_EQ(zorv::test::ReadRawFile(dir_ / file), c->exact);
       }
     } else {
       EXPECT_NE(access(path.c_str(), F_OK), 0) << "a refused save wrote a file";

@@ -18,11 +18,7 @@ namespace {
 using zorv::foundation::SafeString;
 using zorv::foundation::config::Archiver;
 using zorv::foundation::file::FileUtils;
-using zorv::test::RawExists;
-using zorv::test::RawMode;
-using zorv::test::ReadRawFile;
 using zorv::test::Snapshot;
-using zorv::test::TempDir;
 
 using AtomicSaveTest = zorv::test::LeakCheckedTest;
 
@@ -105,7 +101,7 @@ TEST_F(AtomicSaveTest, Cases) {
         std::string order(log);
         order.erase(std::unique(order.begin(), order.end()), order.end());
         EXPECT_TRUE(!saved || order == "wfrd") << order;
-        EXPECT_TRUE(!saved || RawMode(written) == c.mode) << "mode of " << c.written;
+        EXPECT_TRUE(!saved || zorv::test::RawMode(written) == c.mode) << "mode of " << c.written;
         return saved;
       };
       runs.push_back({c.what, c.before, save, c.ok, after, c.sizeLimit});
@@ -118,7 +114,7 @@ TEST_F(AtomicSaveTest, Cases) {
 // at a random moment: the target then holds one of them whole, and the next
 // save leaves the target alone in its folder.
 TEST_F(AtomicSaveTest, KilledSaveLeavesOneWholeVersion) {
-  TempDir base;
+  zorv::test::TempDir base;
   const std::string target = base / "data";
   // A mixed or cut file has the wrong bytes or length.
   const std::string first(64 * 1024 + 17, 'a');
@@ -146,10 +142,10 @@ TEST_F(AtomicSaveTest, KilledSaveLeavesOneWholeVersion) {
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFSIGNALED(status));
     bool read = false;
-    const std::string now = ReadRawFile(target, &read);
+    const std::string now = zorv::test::ReadRawFile(target, &read);
     ASSERT_TRUE(read) << "kill " << kill;
     ASSERT_TRUE(now == first || now == second) << "kill " << kill << ": " << now.size() << " bytes";
-    if (RawExists(base / ".data.tmp")) ++stale;
+    if (zorv::test::RawExists(base / ".data.tmp")) ++stale;
     ASSERT_TRUE(FileUtils::WriteTextAtomic(path, firstText));
     ASSERT_EQ(Snapshot(base.path()), std::vector<std::string>{"data=" + first}) << "kill " << kill;
   }

@@ -19,10 +19,8 @@ using zorv::foundation::SafeString;
 using zorv::foundation::collection::Vector;
 using zorv::foundation::file::FileUtils;
 using zorv::foundation::memory::MemoryBuffer;
-using zorv::test::FileCase;
 using zorv::test::Op;
 using zorv::test::ReadRawFile;
-using zorv::test::RunFileCases;
 using zorv::test::WriteRawFile;
 
 using FileContentsTest = zorv::test::FileTest;
@@ -287,7 +285,7 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
   const std::vector<std::string> sub = {"s/", "s/m=M", "t/", "t/k=K", "l->t"};
   const std::vector<std::string> moved = {"l/", "l/m=M", "t/", "t/k=K"};
   // clang-format off
-  std::vector<FileCase> cases = {
+  std::vector<zorv::test::FileCase> cases = {
       {"parents made", {}, Op('t', "x/y/z.txt", nul), true, {"x/", "x/y/", "x/y/z.txt=" + nul}},
       {"contents replaced", {"f=longer old"}, Op('t', "f", "short"), true, {"f=short"}},
       {"emptied", {"f=old"}, Op('t', "f", ""), true, {"f="}},
@@ -344,7 +342,7 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
   after[3] = "hard=A";
   for (const auto& u : unchanged)
     cases.push_back({u.from, tree, Op(u.op, u.from, u.to), u.ok, after});
-  RunFileCases(cases);
+  zorv::test::RunFileCases(cases);
 }
 
 }  // namespace

@@ -66,18 +66,13 @@ std::string RandomPath(std::mt19937& random) {
 // a root "/" for a leading separator.
 std::vector<std::string> ReferenceSplit(const std::string& path) {
   std::vector<std::string> parts;
+  if (!path.empty() && (path[0] == '/' || path[0] == '\\')) parts.push_back("/");
   std::string current;
-  for (char c : path) {
-    if (c != '/' && c != '\\') {
-      current += c;
-    } else if (!current.empty()) {
-      parts.push_back(current);
-      current.clear();
-    } else if (parts.empty()) {
-      parts.push_back("/");
-    }
+  for (char c : path + "/") {
+    const bool separator = c == '/' || c == '\\';
+    if (!separator) current += c;
+    if (separator && !current.empty()) parts.push_back(std::exchange(current, ""));
   }
-  if (!current.empty()) parts.push_back(current);
   return parts;
 }
 
