@@ -238,28 +238,21 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
 TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
   ASSERT_TRUE(Build(dir_.path(), {"sentinel/", "sentinel/keep=x", "rootlink->/"}));
   // As many ".." as the scratch folder has components, and one more.
-  std::string up = dir_.path();
-  std::string upFromSentinel = dir_ / "sentinel/..";
-  for (char c : dir_.path()) {
-    if (c != '/') continue;
-    up += "/..";
-    upFromSentinel += "/..";
-  }
+  std::string ups;
+  for (char c : dir_.path()) ups += c == '/' ? "/.." : "";
+  const std::string up = dir_.path() + ups, upFromSentinel = dir_ / "sentinel/.." + ups;
   const std::string link = dir_ / "rootlink";
   const std::vector<std::string> spellings = {
       "/",      "//", "///",    "\\",      "/.",           "/./", "/..",      "/../.",
       "/.//..", up,   up + "/", up + "/.", upFromSentinel, link,  link + "/", link + "/."};
   // The calls run in a child that, when started as root, gives up its rights
   // first, so that a regression cannot empty the machine.
-  if (::geteuid() == 0) {
-    ASSERT_EQ(::chown(dir_.path().c_str(), 65534, 65534), 0);
-    ASSERT_EQ(::chown((dir_ / "sentinel").c_str(), 65534, 65534), 0);
-  }
+  for (const std::string& mine : {dir_.path(), dir_ / "sentinel"})
+    ASSERT_TRUE(::geteuid() != 0 || ::chown(mine.c_str(), 65534, 65534) == 0) << mine;
   const pid_t child = zorv::test::Fork([&](int) {
     if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) return 2;
-    for (size_t i = 0; i < spellings.size(); ++i) {
+    for (size_t i = 0; i < spellings.size(); ++i)
       if (FileUtils::RemoveFolder(spellings[i].c_str())) return 10 + static_cast<int>(i);
-    }
     return 0;
   });
   ASSERT_GT(child, 0);
