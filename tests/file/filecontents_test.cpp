@@ -127,33 +127,6 @@ class SmallBuffer : public zorv::foundation::memory::IBuffer {
   int calls_ = 0;
 };
 
-// A device is read from its start up to the size a seek to its end gives:
-// a loop device over a file of 1 KiB shows that file. Needs the rights to
-// set up a loop device.
-TEST_F(FileContentsTest, ReadBinaryOfABlockDevice) {
-  std::string bytes(1024, 'd');
-  bytes[0] = 'a';
-  ASSERT_TRUE(WriteRawFile(dir_ / "image", bytes));
-  const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
-  const int number = control < 0 ? -1 : ::ioctl(control, LOOP_CTL_GET_FREE);
-  if (control >= 0) ::close(control);
-  const std::string device = "/dev/loop" + std::to_string(number);
-  const int loop = number < 0 ? -1 : ::open(device.c_str(), O_RDWR | O_CLOEXEC);
-  const int image = ::open((dir_ / "image").c_str(), O_RDWR | O_CLOEXEC);
-  if (loop < 0 || ::ioctl(loop, LOOP_SET_FD, image) != 0) {
-    if (loop >= 0) ::close(loop);
-    ::close(image);
-    GTEST_SKIP() << "no loop device";
-  }
-  MemoryBuffer buffer;
-  const bool read = FileUtils::ReadBinary(device.c_str(), &buffer);
-  ::ioctl(loop, LOOP_CLR_FD, 0);
-  ::close(loop);
-  ::close(image);
-  ASSERT_TRUE(read);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), buffer.length()), bytes);
-}
-
 // ReadBinary appends at the write position and never reads past the length
 // that the buffer took.
 TEST_F(FileContentsTest, ReadBinaryIntoBuffers) {
@@ -203,8 +176,7 @@ TEST_F(FileContentsTest, FilesLongerThanMemoryHoldsFailCleanly) {
   }
 }
 
-// Files under /proc say they hold 0 bytes, yet are read to their end; a
-// file read as text takes the room of its size only.
+// A file read as text takes the room of its size only.
 TEST_F(FileContentsTest, ReadersSizeTheirRoom) {
   for (const std::string& content :
        {std::string(100000, 'r'), "\xEF\xBB\xBF" + std::string(70000, 'm')}) {
@@ -214,20 +186,42 @@ TEST_F(FileContentsTest, ReadersSizeTheirRoom) {
     EXPECT_EQ(text.size() + (content[0] == 'r' ? 0 : 3), content.size());
     EXPECT_LE(text.capacity(), content.size());
   }
-  const char* const path = "/proc/version";
-  bool readable = false;
-  const std::string expected = ReadRawFile(path, &readable);
-  if (!readable || expected.empty()) GTEST_SKIP() << path << " cannot be read";
-  SafeString text;
-  ASSERT_TRUE(FileUtils::ReadText(path, text));
-  EXPECT_EQ(S(text), expected);
-  EXPECT_LE(text.capacity(), text.size() + 16) << "room past the end is given back";
-  MemoryBuffer buffer;
-  ASSERT_TRUE(FileUtils::ReadBinary(path, &buffer));
-  EXPECT_EQ(buffer.tellWrite(), expected.size());
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), buffer.length()), expected);
-  ASSERT_TRUE(FileUtils::CopyFile(path, P("copy")));
-  EXPECT_EQ(ReadRawFile(dir_ / "copy"), expected);
+}
+
+// Files under /proc say they hold 0 bytes, yet are read, and copied, to
+// their end; a device is read by ReadBinary from its start up to the size a
+// seek to its end gives: a loop device over a file of 1 KiB shows that file
+// (where one can be set up).
+TEST_F(FileContentsTest, ProcFilesAndDevicesAreReadWhole) {
+  const std::string bytes = "a" + std::string(1023, 'd');
+  ASSERT_TRUE(WriteRawFile(dir_ / "image", bytes));
+  const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+  const int number = control < 0 ? -1 : ::ioctl(control, LOOP_CTL_GET_FREE);
+  if (control >= 0) ::close(control);
+  const std::string device = "/dev/loop" + std::to_string(number);
+  const int loop = number < 0 ? -1 : ::open(device.c_str(), O_RDWR | O_CLOEXEC);
+  const int image = ::open((dir_ / "image").c_str(), O_RDWR | O_CLOEXEC);
+  const bool attached = loop >= 0 && ::ioctl(loop, LOOP_SET_FD, image) == 0;
+  for (const std::string& path : {std::string("/proc/version"), device}) {
+    SCOPED_TRACE(path);
+    const std::string expected = path != device ? ReadRawFile(path) : attached ? bytes : "";
+    if (expected.empty()) continue;
+    MemoryBuffer buffer;
+    EXPECT_TRUE(FileUtils::ReadBinary(path.c_str(), &buffer));
+    EXPECT_EQ(buffer.tellWrite(), expected.size());
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), buffer.length()), expected);
+    if (path == device) continue;  // no file to read as text or copy
+    SafeString text;
+    EXPECT_TRUE(FileUtils::ReadText(path.c_str(), text));
+    EXPECT_EQ(S(text), expected);
+    EXPECT_LE(text.capacity(), text.size() + 16) << "room past the end is given back";
+    EXPECT_TRUE(FileUtils::CopyFile(path.c_str(), P("copy")));
+    EXPECT_EQ(ReadRawFile(dir_ / "copy"), expected);
+  }
+  if (attached) ::ioctl(loop, LOOP_CLR_FD, 0);
+  if (loop >= 0) ::close(loop);
+  ::close(image);
+  if (!attached) GTEST_SKIP() << "no loop device; /proc/version was read";
 }
 
 TEST(ReadRoomTest, SumsAndGrowthNeverWrap) {
