@@ -242,8 +242,7 @@ TEST_F(ArchiverTest, SaveWritesOnlyWhatReadsBackTheSame) {
     for (int i = length(random); i > 0; --i) text += kChars[pick(random)];
     return text;
   };
-  int saved = 0;
-  int refused = 0;
+  int saved = 0, refused = 0;
   ASSERT_TRUE(WriteRawFile(dir_ / "old.ini", "old"));
   for (size_t round = 0; round < cases.size() + 300; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));

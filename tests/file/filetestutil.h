@@ -49,14 +49,13 @@ inline int CurrentUmask() {
 
 // Binds a Unix socket at `path` and closes it; the socket stays behind.
 inline bool MakeSocket(const std::string& path) {
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  struct sockaddr_un address;
-  std::memset(&address, 0, sizeof(address));
+  struct sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  bool ok = fd >= 0 && path.size() < sizeof(address.sun_path);
-  if (ok) std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  ok = ok && ::bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
-  if (fd >= 0) ::close(fd);
+  if (path.size() >= sizeof(address.sun_path)) return false;
+  path.copy(address.sun_path, path.size());
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  const bool ok = ::bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
+  ::close(fd);
   return ok;
 }
 

@@ -352,8 +352,7 @@ TEST_F(FoldersTest, AllocationFailuresLeaveNothingHalfMade) {
   for (const bool sticky : {false, true}) {
     SCOPED_TRACE(sticky ? "every later allocation fails too" : "one allocation fails");
     for (const char* made : {"copy", "made", "two"}) std::filesystem::remove_all(dir_ / made);
-    bool copied = false;
-    bool written = false;
+    bool copied = false, written = false;
     for (unsigned int n = 1; n < 400 && !(copied && written); ++n) {
       SCOPED_TRACE("failing allocation " + std::to_string(n));
       // Runs `call` with allocation n failing; true when it threw bad_alloc.
