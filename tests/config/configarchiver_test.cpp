@@ -85,15 +85,13 @@ TEST_F(ArchiverTest, ParsesTextAndFiles) {
   // Far more lines than one read of a file holds, across the reads' edges; a
   // value longer than a read, then a last line without an end: the bytes
   // behind the last read are the value's, never taken for the line's.
-  Case big = {"[big]\n", {}};
+  Case big = {"[big]\n", {{"big", {{"long", std::string(100000, 'x')}, {"last", "end"}}}}};
   for (int i = 0; i < 20000; ++i) {
-    const std::string n = std::to_string(i);
-    big.text += "key" + n + " = value " + std::string(i % 7, 'v') + n + "\r\n";
-    big.expected["big"]["key" + n] = "value " + std::string(i % 7, 'v') + n;
+    const std::string n = std::to_string(i), value = "value " + std::string(i % 7, 'v') + n;
+    big.text += "key" + n + " = " + value + "\r\n";
+    big.expected["big"]["key" + n] = value;
   }
   big.text += "long = " + std::string(100000, 'x') + "\nlast = end";
-  big.expected["big"]["long"] = std::string(100000, 'x');
-  big.expected["big"]["last"] = "end";
   cases.push_back(big);
   for (const Case& c : cases) {
     SCOPED_TRACE("text '" + c.text.substr(0, 80) + "'");

@@ -29,12 +29,6 @@ std::vector<std::string> Sorted(const Vector<SafeString>& list, bool sort = true
   return result;
 }
 
-Vector<SafeString> Suffixes(std::initializer_list<const char*> list) {
-  Vector<SafeString> result;
-  for (const char* s : list) result.emplace_back(s);
-  return result;
-}
-
 // kTree below `prefix` (see Build), sorted.
 std::vector<std::string> Tree(const std::string& prefix = "root/") {
   std::vector<std::string> items;
@@ -311,11 +305,11 @@ TEST_F(FoldersTest, Searches) {
       {false, r, 0x80000002u, {}, top}, {true, r, 0x40000002u, {}, {"empty", "sub"}},
       {true, r, 1, {}, {"/empty", "/sub"}}, {true, r, 5, {}, {"/empty", "/sub", "/sub/deep"}},
       {false, r + "\\\\sub//", 0, {}, {r + "/sub/b.txt"}},
-      {false, r, 2, Suffixes({"TXT"}), {"a.txt", "atxt", "notes.txt"}},
-      {false, r, 6, Suffixes({".TXT"}), {"a.txt", "b.txt", "c.TXT", "notes.txt"}},
-      {false, r, 2, Suffixes({".dat", ".txt"}), {"a.txt", "b.dat", "notes.txt"}},
-      {false, r, 2, Suffixes({""}), top}, {false, r, 2, Suffixes({"a-very-long-suffix-indeed.txt"}), {}},
-      {false, r, 2, Suffixes({"txt", ".txt"}), {"a.txt", "atxt", "notes.txt"}},
+      {false, r, 2, {"TXT"}, {"a.txt", "atxt", "notes.txt"}},
+      {false, r, 6, {".TXT"}, {"a.txt", "b.txt", "c.TXT", "notes.txt"}},
+      {false, r, 2, {".dat", ".txt"}, {"a.txt", "b.dat", "notes.txt"}},
+      {false, r, 2, {""}, top}, {false, r, 2, {"a-very-long-suffix-indeed.txt"}, {}},
+      {false, r, 2, {"txt", ".txt"}, {"a.txt", "atxt", "notes.txt"}},
       {true, dir_ / "kinds", 2, {}, {"self", "sock"}}, {false, dir_ / "kinds", 2, {}, {"fifo"}},
       {false, dir_ / "loop", 5, {}, {"/sub/f"}}, {true, dir_ / "loop", 5, {}, {"/out", "/sub", "/sub/up"}},
       {false, "", 4, {}, {}}, {true, "", 4, {}, {}}, {false, dir_ / "missing", 4, {}, {}},
@@ -359,13 +353,11 @@ TEST_F(FoldersTest, AllocationFailuresLeaveNothingHalfMade) {
       auto failing = [&](const std::function<void()>& call) {
         bool threw = false;
         ZorvTestStickyAllocFailure(sticky);
-        {
-          zorv::test::FailAfterGuard fail(n);
-          try {
-            call();
-          } catch (const std::bad_alloc&) {
-            threw = true;
-          }
+        zorv::test::FailAfterGuard fail(n);
+        try {
+          call();
+        } catch (const std::bad_alloc&) {
+          threw = true;
         }
         ZorvTestStickyAllocFailure(false);
         return threw;
@@ -379,8 +371,7 @@ TEST_F(FoldersTest, AllocationFailuresLeaveNothingHalfMade) {
         EXPECT_EQ(RawExists(dir_ / "made"), written);
         EXPECT_EQ(RawExists(dir_ / "two"), written);
       }
-      (void)failing(
-          [&] { EXPECT_EQ(FileUtils::SearchFiles(root, 4, Suffixes({".txt"})).size(), 4u); });
+      (void)failing([&] { EXPECT_EQ(FileUtils::SearchFiles(root, 4, {".txt"}).size(), 4u); });
     }
     EXPECT_TRUE(copied && written);
     EXPECT_EQ(ReadRawFile(dir_ / "two/three/file.txt"), "text");
