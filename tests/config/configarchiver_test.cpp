@@ -2,19 +2,13 @@
 // their readers, the errors, access, editing and saveAs.
 #include "foundation/config/configarchiver.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <map>
 #include <random>
-#include <string>
-#include <vector>
 
+#include "file/filetestutil.h"
 #include "foundation/config/datareader.h"
 #include "foundation/lang/exception.h"
 #include "support/forked.h"
-#include "support/leakcheck.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -22,9 +16,6 @@ using zorv::foundation::SafeString;
 using zorv::foundation::config::Archiver;
 using zorv::foundation::config::detail::FileReader;
 using zorv::foundation::config::detail::IDataReader;
-using zorv::foundation::config::detail::TextReader;
-using zorv::test::ReadRawFile;
-using zorv::test::TempDir;
 using zorv::test::WriteRawFile;
 
 using Table = std::map<std::string, std::map<std::string, std::string> >;
@@ -47,11 +38,8 @@ Table Dump(const Archiver& archiver) {
   return table;
 }
 
-class ArchiverTest : public zorv::test::LeakCheckedTest {
- protected:
-  SafeString P(const std::string& relative) const { return SafeString((dir_ / relative).c_str()); }
-  TempDir dir_;
-};
+// A leak-checked test with a scratch folder; P(relative) is a path in it.
+using ArchiverTest = zorv::test::FileTest;
 
 // Each text is parsed by parseText and, written to a file, by parseFile,
 // into an archiver that held an earlier table: that goes in any case. A
@@ -97,15 +85,13 @@ TEST_F(ArchiverTest, ParsesTextAndFiles) {
   // Far more lines than one read of a file holds, across the reads' edges; a
   // value longer than a read, then a last line without an end: the bytes
   // behind the last read are the value's, never taken for the line's.
-  Case big = {"[big]\n", {}};
+  Case big = {"[big]\n", {{"big", {{"long", std::string(100000, 'x')}, {"last", "end"}}}}};
   for (int i = 0; i < 20000; ++i) {
-    const std::string n = std::to_string(i);
-    big.text += "key" + n + " = value " + std::string(i % 7, 'v') + n + "\r\n";
-    big.expected["big"]["key" + n] = "value " + std::string(i % 7, 'v') + n;
+    const std::string n = std::to_string(i), value = "value " + std::string(i % 7, 'v') + n;
+    big.text += "key" + n + " = " + value + "\r\n";
+    big.expected["big"]["key" + n] = value;
   }
   big.text += "long = " + std::string(100000, 'x') + "\nlast = end";
-  big.expected["big"]["long"] = std::string(100000, 'x');
-  big.expected["big"]["last"] = "end";
   cases.push_back(big);
   for (const Case& c : cases) {
     SCOPED_TRACE("text '" + c.text.substr(0, 80) + "'");
@@ -168,7 +154,7 @@ TEST_F(ArchiverTest, ReadersSplitLines) {
     SCOPED_TRACE(std::string(c.file ? "file '" : "text '") + c.content + "'");
     ASSERT_TRUE(WriteRawFile(dir_ / "r", c.content));
     FileReader fileReader(P("r"));
-    TextReader textReader(c.content.c_str());
+    zorv::foundation::config::detail::TextReader textReader(c.content.c_str());
     IDataReader& reader = c.file ? static_cast<IDataReader&>(fileReader) : textReader;
     reader.open();
     std::vector<std::string> lines;
@@ -196,23 +182,22 @@ TEST_F(ArchiverTest, AccessAndEditing) {
   EXPECT_TRUE(archiver.value("s", "empty", out));
   EXPECT_EQ(S(out), "");
   EXPECT_TRUE(archiver.allKeys("missing").empty());
+  // Refused names, accepted values kept as given, and removals (a null
+  // value): missing names, and sections emptied by it (also of the empty key).
   // clang-format off
-  const char* const refused[][2] = {{"", "k"},   {"a", ""},    {"a[1]", "k"}, {"a]", "k"}, {"a=b", "k"},
-                                    {"a", "x=y"}, {"a", "[k"}, {"a", "k]"},   {"", ""}};
+  const struct { const char *section, *key, *value; bool ok; } edits[] = {
+      {"", "k", "v", false}, {"a", "", "v", false}, {"a[1]", "k", "v", false}, {"a]", "k", "v", false},
+      {"a=b", "k", "v", false}, {"a", "x=y", "v", false}, {"a", "[k", "v", false}, {"a", "k]", "v", false},
+      {"", "", "v", false}, {"a", "k", "v", true}, {"s", "k", "  untrimmed\r\n", true},
+      {"s", "new", "set", true}, {"missing", "k", nullptr, false}, {"s", "c", nullptr, false},
+      {"t", "", nullptr, true}, {"a", "k", nullptr, true}};
   // clang-format on
-  for (const auto& names : refused) {
-    SCOPED_TRACE(std::string("setValue('") + names[0] + "', '" + names[1] + "')");
-    EXPECT_FALSE(archiver.setValue(names[0], names[1], "v"));
+  for (const auto& e : edits) {
+    SCOPED_TRACE(std::string(e.value != nullptr ? "set " : "remove ") + e.section + "." + e.key);
+    EXPECT_EQ(e.ok, e.value != nullptr ? archiver.setValue(e.section, e.key, e.value)
+                                       : archiver.remove(e.section, e.key));
   }
-  EXPECT_TRUE(archiver.setValue("a", "k", "v"));
-  EXPECT_TRUE(archiver.setValue("s", "k", "  untrimmed\r\n"));
-  EXPECT_TRUE(archiver.setValue("s", "new", "set"));
-  // Removal: missing names, and sections emptied by it (also of the empty
-  // key). Without a text nothing is parsed and the table stays.
-  EXPECT_FALSE(archiver.remove("missing", "k"));
-  EXPECT_FALSE(archiver.remove("s", "c"));
-  EXPECT_TRUE(archiver.remove("t", ""));
-  EXPECT_TRUE(archiver.remove("a", "k"));
+  // Without a text nothing is parsed and the table stays.
   EXPECT_FALSE(archiver.parseText(nullptr));
   EXPECT_EQ(Dump(archiver), (Table{{"s", {{"k", "  untrimmed\r\n"}, {"empty", ""}, {"new", "set"}}},
                                    {"bare", {}}}));
@@ -255,8 +240,7 @@ TEST_F(ArchiverTest, SaveWritesOnlyWhatReadsBackTheSame) {
     for (int i = length(random); i > 0; --i) text += kChars[pick(random)];
     return text;
   };
-  int saved = 0;
-  int refused = 0;
+  int saved = 0, refused = 0;
   ASSERT_TRUE(WriteRawFile(dir_ / "old.ini", "old"));
   for (size_t round = 0; round < cases.size() + 300; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
@@ -296,7 +280,7 @@ TEST_F(ArchiverTest, SaveWritesOnlyWhatReadsBackTheSame) {
       ASSERT_NO_THROW(EXPECT_TRUE(reread.parseFile(path)));
       EXPECT_EQ(Dump(reread), before);
       if (c != nullptr && c->exact != nullptr) {
-        EXPECT_EQ(ReadRawFile(dir_ / file), c->exact);
+        EXPECT_EQ(zorv::test::ReadRawFile(dir_ / file), c->exact);
       }
     } else {
       EXPECT_NE(access(path.c_str(), F_OK), 0) << "a refused save wrote a file";

@@ -1,27 +1,15 @@
 // Tests of the crash-safe saves: FileUtils::WriteTextAtomic and
 // WriteBinaryAtomic, and Archiver::saveAsAtomic.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "file/filetestutil.h"
 #include "foundation/config/configarchiver.h"
-#include "foundation/file/fileutils.h"
 #include "support/boundedwait.h"
-#include "support/leakcheck.h"
-#include "support/tempdir.h"
 
 extern "C" void ZorvTestLogCalls(char* log, int room);
 
@@ -30,11 +18,7 @@ namespace {
 using zorv::foundation::SafeString;
 using zorv::foundation::config::Archiver;
 using zorv::foundation::file::FileUtils;
-using zorv::test::RawExists;
-using zorv::test::RawMode;
-using zorv::test::ReadRawFile;
 using zorv::test::Snapshot;
-using zorv::test::TempDir;
 
 using AtomicSaveTest = zorv::test::LeakCheckedTest;
 
@@ -117,7 +101,7 @@ TEST_F(AtomicSaveTest, Cases) {
         std::string order(log);
         order.erase(std::unique(order.begin(), order.end()), order.end());
         EXPECT_TRUE(!saved || order == "wfrd") << order;
-        EXPECT_TRUE(!saved || RawMode(written) == c.mode) << "mode of " << c.written;
+        EXPECT_TRUE(!saved || zorv::test::RawMode(written) == c.mode) << "mode of " << c.written;
         return saved;
       };
       runs.push_back({c.what, c.before, save, c.ok, after, c.sizeLimit});
@@ -130,15 +114,14 @@ TEST_F(AtomicSaveTest, Cases) {
 // at a random moment: the target then holds one of them whole, and the next
 // save leaves the target alone in its folder.
 TEST_F(AtomicSaveTest, KilledSaveLeavesOneWholeVersion) {
-  TempDir base;
+  zorv::test::TempDir base;
   const std::string target = base / "data";
   // A mixed or cut file has the wrong bytes or length.
   const std::string first(64 * 1024 + 17, 'a');
   const std::string second(96 * 1024, 'B');
-  const SafeString firstText = Safe(first);
-  const SafeString secondText = Safe(second);
+  const SafeString texts[] = {Safe(first), Safe(second)};
   const SafeString path = Safe(target);
-  ASSERT_TRUE(FileUtils::WriteTextAtomic(path, firstText));
+  ASSERT_TRUE(FileUtils::WriteTextAtomic(path, texts[0]));
   const bool slow = zorv::test::SlowTarget();
   const int kills = slow ? 60 : 200;
   const unsigned int spanMicros = slow ? 40000 : 3000;
@@ -148,8 +131,7 @@ TEST_F(AtomicSaveTest, KilledSaveLeavesOneWholeVersion) {
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-      for (unsigned int n = 0;; ++n)
-        (void)FileUtils::WriteTextAtomic(path, n % 2 ? firstText : secondText);
+      for (unsigned int n = 1;; ++n) (void)FileUtils::WriteTextAtomic(path, texts[n % 2]);
     }
     // The moment of the kill, not a wait for anything.
     std::this_thread::sleep_for(std::chrono::microseconds(random() % spanMicros));
@@ -158,11 +140,11 @@ TEST_F(AtomicSaveTest, KilledSaveLeavesOneWholeVersion) {
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFSIGNALED(status));
     bool read = false;
-    const std::string now = ReadRawFile(target, &read);
+    const std::string now = zorv::test::ReadRawFile(target, &read);
     ASSERT_TRUE(read) << "kill " << kill;
     ASSERT_TRUE(now == first || now == second) << "kill " << kill << ": " << now.size() << " bytes";
-    if (RawExists(base / ".data.tmp")) ++stale;
-    ASSERT_TRUE(FileUtils::WriteTextAtomic(path, firstText));
+    if (zorv::test::RawExists(base / ".data.tmp")) ++stale;
+    ASSERT_TRUE(FileUtils::WriteTextAtomic(path, texts[0]));
     ASSERT_EQ(Snapshot(base.path()), std::vector<std::string>{"data=" + first}) << "kill " << kill;
   }
   // Not a check: how many kills hit a save before its rename.

@@ -1,6 +1,8 @@
 // Small helpers shared by the file-system tests: raw POSIX probes and
 // builders that do not go through the library under test, and the runner
-// of tables of file operations.
+// of tables of file operations. It brings in GoogleTest, FileUtils, the
+// scratch folders and leak checks, and the POSIX and standard headers that
+// the file tests share, so that those include only what they add.
 #ifndef ZORV_TESTS_FILE_FILETESTUTIL_H_
 #define ZORV_TESTS_FILE_FILETESTUTIL_H_
 
@@ -47,14 +49,13 @@ inline int CurrentUmask() {
 
 // Binds a Unix socket at `path` and closes it; the socket stays behind.
 inline bool MakeSocket(const std::string& path) {
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  struct sockaddr_un address;
-  std::memset(&address, 0, sizeof(address));
+  struct sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  bool ok = fd >= 0 && path.size() < sizeof(address.sun_path);
-  if (ok) std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  ok = ok && ::bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
-  if (fd >= 0) ::close(fd);
+  if (path.size() >= sizeof(address.sun_path)) return false;
+  path.copy(address.sun_path, path.size());
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  const bool ok = ::bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
+  ::close(fd);
   return ok;
 }
 

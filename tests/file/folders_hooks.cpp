@@ -45,23 +45,6 @@ int g_openSkip = 0;
 char g_swapTarget[4096];
 int g_closeFd = -1;
 
-int OpenAtHooked(int folder, const char* path, int flags, va_list args) {
-  unsigned int mode = 0;
-  if ((flags & kOpenWithMode) != 0) mode = va_arg(args, unsigned int);
-  if (g_openName[0] != '\0' && std::strcmp(path, g_openName) == 0 && g_openSkip-- == 0) {
-    g_openName[0] = '\0';
-    char moved[sizeof(g_openName) + 8];
-    std::snprintf(moved, sizeof(moved), "%s.moved", path);
-    if (g_swapTarget[0] == '\0') {
-      ::close(g_closeFd);
-    } else if (::renameat(folder, path, folder, moved) != 0 ||
-               ::symlinkat(g_swapTarget, folder, path) != 0) {
-      std::fprintf(stderr, "swap of %s failed\n", path);
-    }
-  }
-  return static_cast<int>(::syscall(SYS_openat, folder, path, flags | kLargeFile, mode));
-}
-
 char* g_log = nullptr;
 int g_logRoom = 0;
 int g_logUsed = 0;
@@ -82,6 +65,30 @@ std::atomic<bool> g_failing{false};
 // These definitions replace the C library's and are called from the test
 // through its own declarations: none has a previous declaration here.
 #pragma GCC diagnostic ignored "-Wmissing-declarations"
+
+extern "C" int openat(int folder, const char* path, int flags, ...) {
+  unsigned int mode = 0;
+  va_list args;
+  va_start(args, flags);
+  if ((flags & kOpenWithMode) != 0) mode = va_arg(args, unsigned int);
+  va_end(args);
+  if (g_openName[0] != '\0' && std::strcmp(path, g_openName) == 0 && g_openSkip-- == 0) {
+    g_openName[0] = '\0';
+    char moved[sizeof(g_openName) + 8];
+    std::snprintf(moved, sizeof(moved), "%s.moved", path);
+    if (g_swapTarget[0] == '\0') {
+      ::close(g_closeFd);
+    } else if (::renameat(folder, path, folder, moved) != 0 ||
+               ::symlinkat(g_swapTarget, folder, path) != 0) {
+      std::fprintf(stderr, "swap of %s failed\n", path);
+    }
+  }
+  return static_cast<int>(::syscall(SYS_openat, folder, path, flags | kLargeFile, mode));
+}
+
+// The same function under its 64-bit-offset name.
+extern "C" int openat64(int folder, const char* path, int flags, ...)
+    __attribute__((alias("openat")));
 
 // Before the `skip`+1-th opening of an entry named `name` (by openat, in any
 // folder): with a `target`, the entry is renamed to name + ".moved" and a
@@ -150,18 +157,6 @@ extern "C" int renameat(int fromFolder, const char* from, int toFolder, const ch
   LogCall('r');
   return real(fromFolder, from, toFolder, to);
 }
-
-extern "C" int openat(int folder, const char* path, int flags, ...) {
-  va_list args;
-  va_start(args, flags);
-  int fd = OpenAtHooked(folder, path, flags, args);
-  va_end(args);
-  return fd;
-}
-
-// The same function under its 64-bit-offset name.
-extern "C" int openat64(int folder, const char* path, int flags, ...)
-    __attribute__((alias("openat")));
 
 namespace zorv {
 namespace foundation {

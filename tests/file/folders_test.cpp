@@ -1,24 +1,10 @@
 // Tests of FileUtils' folder half: creation with parents, removal, copying
 // and the searches with their flag word and path forms.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include "file/filetestutil.h"
-#include "foundation/file/fileutils.h"
 #include "support/forked.h"
-#include "support/leakcheck.h"
-#include "support/tempdir.h"
 
 // Test hooks (folders_hooks.cpp).
 extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
@@ -31,24 +17,15 @@ namespace {
 using zorv::foundation::SafeString;
 using zorv::foundation::collection::Vector;
 using zorv::foundation::file::FileUtils;
-using zorv::test::At;
 using zorv::test::Build;
-using zorv::test::FileCase;
 using zorv::test::Op;
 using zorv::test::RawExists;
 using zorv::test::ReadRawFile;
-using zorv::test::Snapshot;
 
 std::vector<std::string> Sorted(const Vector<SafeString>& list, bool sort = true) {
   std::vector<std::string> result;
   for (const SafeString& s : list) result.emplace_back(s.data(), s.size());
   if (sort) std::sort(result.begin(), result.end());
-  return result;
-}
-
-Vector<SafeString> Suffixes(std::initializer_list<const char*> list) {
-  Vector<SafeString> result;
-  for (const char* s : list) result.emplace_back(s);
   return result;
 }
 
@@ -70,22 +47,32 @@ std::vector<std::string> Plus(std::vector<std::string> a, const std::vector<std:
 
 using FoldersTest = zorv::test::FileTest;
 
-// `call` run in a child with exactly `free` descriptors left below its
-// limit; the child's result.
-std::function<bool(const std::string&)> WithDescriptors(
-    int free, std::function<bool(const std::string&)> call) {
+using Call = std::function<bool(const std::string&)>;
+
+// `call` run in a child; the child's result. With `free` >= 0 exactly that
+// many descriptors are left below the child's limit; with `zeroAt` >= 0 its
+// descriptor 0 is closed just before the zeroAt+1-th opening of an entry
+// "d", which then gets that descriptor (a closed standard input, or another
+// thread's close). A descriptor closed twice during the call fails the child.
+Call InChild(int free, int zeroAt, Call call) {
   return [=](const std::string& b) {
-    const pid_t child = zorv::test::Fork([&](int) {
+    const pid_t child = zorv::test::Fork([&](int pipeEnd) {
       struct rlimit limit;
       ::getrlimit(RLIMIT_NOFILE, &limit);
       limit.rlim_cur = 64;
-      if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
+      if (free >= 0 && ::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 2;
       std::vector<int> opened;
-      for (int fd; (fd = ::open("/", O_RDONLY)) >= 0;) opened.push_back(fd);
+      for (int fd; free >= 0 && (fd = ::open("/", O_RDONLY)) >= 0;) opened.push_back(fd);
       for (int i = 0; i < free; ++i, opened.pop_back()) ::close(opened.back());
-      return call(b) ? 1 : 0;
+      if (zeroAt >= 0 && ::dup2(pipeEnd, 0) != 0) return 2;
+      if (zeroAt >= 0) ZorvTestBeforeOpen("d", zeroAt, "", 0);
+      char log[256];
+      ZorvTestLogCalls(log, sizeof log);
+      const bool ok = call(b);
+      ZorvTestLogCalls(nullptr, 0);
+      return std::strchr(log, 'b') != nullptr ? 3 : ok ? 1 : 0;
     });
-    const int code = zorv::test::WaitChild(child);
+    const int code = child > 0 ? zorv::test::WaitChild(child) : -1;
     EXPECT_TRUE(code == 0 || code == 1) << "child failed: " << code;
     return code == 1;
   };
@@ -99,7 +86,7 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
   // Folders reached through ".." lie outside the first one made; the
   // folders made are those of the path opened.
   // clang-format off
-  std::vector<FileCase> cases = {
+  std::vector<zorv::test::FileCase> cases = {
       {"create with parents", {}, Op('m', "a/b/c"), true, abc},
       {"create with a trailing separator", {}, Op('m', "a/b/c/"), true, abc},
       {"failed create removes what it made", {}, Op('m', "new/chain/" + longName), false, {}},
@@ -107,8 +94,17 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"failed create through '..'", {"a/"}, Op('m', "a/new\\..\\..\\evil/" + longName), false, {"a/"}},
       {"remove a tree", Tree(), Op('R', "root"), true, {}},
       // The folder and its parent open, no descriptor for the entry: nothing goes.
-      {"remove without descriptors", {"d/", "d/f=x"}, WithDescriptors(2, Op('R', "d")), false,
+      {"remove without descriptors", {"d/", "d/f=x"}, InChild(2, -1, Op('R', "d")), false,
        {"d/", "d/f=x"}},
+      // A subfolder opened as descriptor 0 is removed or copied like any
+      // other, and when its copy fails (on a FIFO) no descriptor is closed
+      // twice. For a copy the target's "d" is opened second.
+      {"remove a folder opened as descriptor 0", {"t/", "t/d/", "t/d/f=x"}, InChild(-1, 0, Op('R', "t")),
+       true, {}},
+      {"copy into a folder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
+       InChild(-1, 1, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
+      {"failed copy into a folder opened as descriptor 0", {"s/", "s/d/", "s/d/p?"},
+       InChild(-1, 1, Op('C', "s", "copy")), false, {"s/", "s/d/", "s/d/p?"}},
       {"write through '\\..'", {"a/"}, Op('t', "a/new\\..\\..\\evil/" + longName, "text"), false, {"a/"}},
       {"write through '/..'", {"a/"}, Op('t', "a/new/../../evil/deeper/" + longName, "text"), false, {"a/"}},
       {"failed write removes a chain", {}, Op('t', "made/one/two/" + longName, "text"), false, {}},
@@ -220,84 +216,37 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
     ASSERT_TRUE(Build(base, c.build));
     if (c.swap >= 0) ZorvTestBeforeOpen("victim", c.swap, (base + "/outside").c_str(), -1);
     bool result = c.op == 's' || Op(c.op, c.path, c.to)(base);
-    for (const std::string& f : c.op == 's'
-                                    ? Sorted(FileUtils::SearchFiles(At(base, c.path), 4, {}))
-                                    : std::vector<std::string>()) {
+    for (const std::string& f :
+         c.op == 's' ? Sorted(FileUtils::SearchFiles(zorv::test::At(base, c.path), 4, {}))
+                     : std::vector<std::string>()) {
       result = result && f.find("keep") == std::string::npos;
     }
     ZorvTestBeforeOpen("", 0, "", -1);
     EXPECT_EQ(result, c.expected);
-    EXPECT_EQ(Snapshot(base + "/outside"), std::vector<std::string>{"keep=x"});
+    EXPECT_EQ(zorv::test::Snapshot(base + "/outside"), std::vector<std::string>{"keep=x"});
     for (const std::string& p : c.present) EXPECT_TRUE(RawExists(base + "/" + p)) << p;
     for (const std::string& p : c.absent) EXPECT_FALSE(RawExists(base + "/" + p)) << p;
   }
 }
 
-// A descriptor closed by another thread during a copy is reused: the copy of
-// a subfolder opened as descriptor 0 is a copy like any other, and when it
-// fails (on a FIFO) no descriptor is closed twice. In a child, where closing
-// its descriptor 0 harms nothing.
-TEST_F(FoldersTest, CopyIntoAFolderOpenedAsDescriptorZero) {
-  for (const std::string file : {"f=x", "p?"}) {
-    SCOPED_TRACE(file);
-    const std::string base = dir_ / file.substr(0, 1);
-    ASSERT_EQ(::mkdir(base.c_str(), 0755), 0);
-    ASSERT_TRUE(Build(base, {"s/", "s/d/", "s/d/" + file}));
-    const pid_t child = zorv::test::Fork([&](int pipeEnd) {
-      if (::dup2(pipeEnd, 0) != 0) return 2;
-      ZorvTestBeforeOpen("d", 1, "", 0);  // after the source's "d", before the target's
-      char log[16];
-      ZorvTestLogCalls(log, sizeof log);
-      const bool copied = FileUtils::CopyFolder((base + "/s").c_str(), (base + "/copy").c_str());
-      ZorvTestLogCalls(nullptr, 0);
-      return std::strchr(log, 'b') != nullptr ? 3 : copied ? 0 : 1;
-    });
-    ASSERT_GT(child, 0);
-    EXPECT_EQ(zorv::test::WaitChild(child), file == "p?" ? 1 : 0);
-    EXPECT_EQ(RawExists(base + "/copy/d/f"), file != "p?");
-  }
-}
-
-// With standard input closed, a folder inside the tree opens as descriptor 0
-// and is emptied and removed like any other.
-TEST_F(FoldersTest, RemoveAFolderOpenedAsDescriptorZero) {
-  ASSERT_TRUE(Build(dir_.path(), {"t/", "t/d/", "t/d/f=x"}));
-  const std::string tree = dir_ / "t";
-  const pid_t child = zorv::test::Fork([&](int pipeEnd) {
-    if (::dup2(pipeEnd, 0) != 0) return 2;
-    ZorvTestBeforeOpen("d", 0, "", 0);
-    return FileUtils::RemoveFolder(tree.c_str()) ? 0 : 1;
-  });
-  ASSERT_GT(child, 0);
-  EXPECT_EQ(zorv::test::WaitChild(child), 0);
-  EXPECT_FALSE(RawExists(tree));
-}
-
 TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
   ASSERT_TRUE(Build(dir_.path(), {"sentinel/", "sentinel/keep=x", "rootlink->/"}));
   // As many ".." as the scratch folder has components, and one more.
-  std::string up = dir_.path();
-  std::string upFromSentinel = dir_ / "sentinel/..";
-  for (char c : dir_.path()) {
-    if (c != '/') continue;
-    up += "/..";
-    upFromSentinel += "/..";
-  }
+  std::string ups;
+  for (char c : dir_.path()) ups += c == '/' ? "/.." : "";
+  const std::string up = dir_.path() + ups, upFromSentinel = dir_ / "sentinel/.." + ups;
   const std::string link = dir_ / "rootlink";
   const std::vector<std::string> spellings = {
       "/",      "//", "///",    "\\",      "/.",           "/./", "/..",      "/../.",
       "/.//..", up,   up + "/", up + "/.", upFromSentinel, link,  link + "/", link + "/."};
   // The calls run in a child that, when started as root, gives up its rights
   // first, so that a regression cannot empty the machine.
-  if (::geteuid() == 0) {
-    ASSERT_EQ(::chown(dir_.path().c_str(), 65534, 65534), 0);
-    ASSERT_EQ(::chown((dir_ / "sentinel").c_str(), 65534, 65534), 0);
-  }
+  for (const std::string& mine : {dir_.path(), dir_ / "sentinel"})
+    ASSERT_TRUE(::geteuid() != 0 || ::chown(mine.c_str(), 65534, 65534) == 0) << mine;
   const pid_t child = zorv::test::Fork([&](int) {
     if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) return 2;
-    for (size_t i = 0; i < spellings.size(); ++i) {
+    for (size_t i = 0; i < spellings.size(); ++i)
       if (FileUtils::RemoveFolder(spellings[i].c_str())) return 10 + static_cast<int>(i);
-    }
     return 0;
   });
   ASSERT_GT(child, 0);
@@ -356,11 +305,11 @@ TEST_F(FoldersTest, Searches) {
       {false, r, 0x80000002u, {}, top}, {true, r, 0x40000002u, {}, {"empty", "sub"}},
       {true, r, 1, {}, {"/empty", "/sub"}}, {true, r, 5, {}, {"/empty", "/sub", "/sub/deep"}},
       {false, r + "\\\\sub//", 0, {}, {r + "/sub/b.txt"}},
-      {false, r, 2, Suffixes({"TXT"}), {"a.txt", "atxt", "notes.txt"}},
-      {false, r, 6, Suffixes({".TXT"}), {"a.txt", "b.txt", "c.TXT", "notes.txt"}},
-      {false, r, 2, Suffixes({".dat", ".txt"}), {"a.txt", "b.dat", "notes.txt"}},
-      {false, r, 2, Suffixes({""}), top}, {false, r, 2, Suffixes({"a-very-long-suffix-indeed.txt"}), {}},
-      {false, r, 2, Suffixes({"txt", ".txt"}), {"a.txt", "atxt", "notes.txt"}},
+      {false, r, 2, {"TXT"}, {"a.txt", "atxt", "notes.txt"}},
+      {false, r, 6, {".TXT"}, {"a.txt", "b.txt", "c.TXT", "notes.txt"}},
+      {false, r, 2, {".dat", ".txt"}, {"a.txt", "b.dat", "notes.txt"}},
+      {false, r, 2, {""}, top}, {false, r, 2, {"a-very-long-suffix-indeed.txt"}, {}},
+      {false, r, 2, {"txt", ".txt"}, {"a.txt", "atxt", "notes.txt"}},
       {true, dir_ / "kinds", 2, {}, {"self", "sock"}}, {false, dir_ / "kinds", 2, {}, {"fifo"}},
       {false, dir_ / "loop", 5, {}, {"/sub/f"}}, {true, dir_ / "loop", 5, {}, {"/out", "/sub", "/sub/up"}},
       {false, "", 4, {}, {}}, {true, "", 4, {}, {}}, {false, dir_ / "missing", 4, {}, {}},
@@ -397,21 +346,18 @@ TEST_F(FoldersTest, AllocationFailuresLeaveNothingHalfMade) {
   for (const bool sticky : {false, true}) {
     SCOPED_TRACE(sticky ? "every later allocation fails too" : "one allocation fails");
     for (const char* made : {"copy", "made", "two"}) std::filesystem::remove_all(dir_ / made);
-    bool copied = false;
-    bool written = false;
+    bool copied = false, written = false;
     for (unsigned int n = 1; n < 400 && !(copied && written); ++n) {
       SCOPED_TRACE("failing allocation " + std::to_string(n));
       // Runs `call` with allocation n failing; true when it threw bad_alloc.
       auto failing = [&](const std::function<void()>& call) {
         bool threw = false;
         ZorvTestStickyAllocFailure(sticky);
-        {
-          zorv::test::FailAfterGuard fail(n);
-          try {
-            call();
-          } catch (const std::bad_alloc&) {
-            threw = true;
-          }
+        zorv::test::FailAfterGuard fail(n);
+        try {
+          call();
+        } catch (const std::bad_alloc&) {
+          threw = true;
         }
         ZorvTestStickyAllocFailure(false);
         return threw;
@@ -425,8 +371,7 @@ TEST_F(FoldersTest, AllocationFailuresLeaveNothingHalfMade) {
         EXPECT_EQ(RawExists(dir_ / "made"), written);
         EXPECT_EQ(RawExists(dir_ / "two"), written);
       }
-      (void)failing(
-          [&] { EXPECT_EQ(FileUtils::SearchFiles(root, 4, Suffixes({".txt"})).size(), 4u); });
+      (void)failing([&] { EXPECT_EQ(FileUtils::SearchFiles(root, 4, {".txt"}).size(), 4u); });
     }
     EXPECT_TRUE(copied && written);
     EXPECT_EQ(ReadRawFile(dir_ / "two/three/file.txt"), "text");

@@ -1,14 +1,9 @@
 // Tests of the pure path functions of FileUtils: one table of edge cases and
 // a property test over random paths against a reference splitter.
 
-#include <gtest/gtest.h>
-
 #include <random>
-#include <string>
-#include <vector>
 
-#include "foundation/file/fileutils.h"
-#include "support/leakcheck.h"
+#include "file/filetestutil.h"
 
 namespace {
 
@@ -71,18 +66,13 @@ std::string RandomPath(std::mt19937& random) {
 // a root "/" for a leading separator.
 std::vector<std::string> ReferenceSplit(const std::string& path) {
   std::vector<std::string> parts;
+  if (!path.empty() && (path[0] == '/' || path[0] == '\\')) parts.push_back("/");
   std::string current;
-  for (char c : path) {
-    if (c != '/' && c != '\\') {
-      current += c;
-    } else if (!current.empty()) {
-      parts.push_back(current);
-      current.clear();
-    } else if (parts.empty()) {
-      parts.push_back("/");
-    }
+  for (char c : path + "/") {
+    const bool separator = c == '/' || c == '\\';
+    if (!separator) current += c;
+    if (separator && !current.empty()) parts.push_back(std::exchange(current, ""));
   }
-  if (!current.empty()) parts.push_back(current);
   return parts;
 }
 
