@@ -239,49 +239,45 @@ class RefusingBuffer : public MemoryBuffer {
 };
 
 // from() takes bytes at the source's read position, or at an offset and then
-// puts the position back; the target holds just them, rewound.
+// puts the position back; the target holds just them, rewound. Each row is a
+// call on one target (which first holds "zz") from a buffer read up to 2, a
+// reader, or none; a failed call changes neither side.
 TEST_F(MemoryBufferTest, FromTakesBytesOfAnotherBuffer) {
-  MemoryBuffer source;
+  MemoryBuffer source, target;
   source.write(Bytes("0123456789"), 10);
   unsigned char skip[2];
   ASSERT_TRUE(source.read(skip, 2));
-
-  MemoryBuffer target;
-  target.write(Bytes("zz"), 2);
-  EXPECT_TRUE(target.from(&source, 5));
-  ExpectFields(target, 5, 0, 0);
-  EXPECT_EQ(std::memcmp(target.data(), "23456", 5), 0);
-  EXPECT_EQ(source.tellRead(), 7u);
-
-  EXPECT_FALSE(target.from(&source, 4));  // only 3 remain: nothing changes
-  ExpectFields(target, 5, 0, 0);
-  EXPECT_EQ(source.tellRead(), 7u);
-  EXPECT_FALSE(target.from(nullptr, 1));
-  EXPECT_TRUE(target.from(&source, 3));  // exactly what remains
-  EXPECT_TRUE(target.from(&source, 0));  // at the end
-  ExpectFields(target, 0, 0, 0);
-
-  ASSERT_EQ(source.seekRead(1), 10u);
-  EXPECT_TRUE(target.from(&source, 6, 3));
-  EXPECT_EQ(std::memcmp(target.data(), "678", 3), 0);
-  EXPECT_EQ(source.tellRead(), 1u);
-  EXPECT_FALSE(target.from(&source, 8, 3));
-  EXPECT_EQ(source.tellRead(), 1u);
-  // An offset beyond the source leaves the start at the read position.
-  EXPECT_TRUE(target.from(&source, 50, 2));
-  EXPECT_EQ(std::memcmp(target.data(), "12", 2), 0);
-  EXPECT_EQ(source.tellRead(), 1u);
-  EXPECT_FALSE(target.from(nullptr, 0, 0));
   RefusingBuffer refusing;
   EXPECT_FALSE(refusing.from(&source, 2));
-  EXPECT_EQ(source.tellRead(), 1u);
-
-  // Any IBuffer serves as a source.
+  EXPECT_EQ(source.tellRead(), 2u);
   const SafeString text("reader text");
   StringReader reader(text);
-  EXPECT_TRUE(target.from(&reader, 7, 4));
-  EXPECT_EQ(std::memcmp(target.data(), "text", 4), 0);
-  EXPECT_EQ(reader.tellRead(), 0u);
+  target.write(Bytes("zz"), 2);
+  struct Case {
+    IBuffer* from;
+    long long offset;  // -1: from the read position
+    unsigned long long n;
+    bool result;
+    std::string holds;
+    unsigned long long readAfter;  // the source's
+  };
+  // clang-format off
+  const Case cases[] = {
+      {&source, 6, 3, true, "678", 2}, {&source, 8, 3, false, "678", 2},
+      {nullptr, 0, 0, false, "678", 2}, {&reader, 7, 4, true, "text", 0},
+      {&source, 50, 2, true, "23", 2},  // an offset beyond the source: at the read position
+      {&source, -1, 5, true, "23456", 7}, {&source, -1, 4, false, "23456", 7},  // 3 remain
+      {nullptr, -1, 1, false, "23456", 7}, {&source, -1, 3, true, "789", 10},
+      {&source, -1, 0, true, "", 10}};  // at the end
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.offset) + " " + std::to_string(c.n) + " " + c.holds);
+    const unsigned long long offset = static_cast<unsigned long long>(c.offset);
+    EXPECT_EQ(c.offset < 0 ? target.from(c.from, c.n) : target.from(c.from, offset, c.n), c.result);
+    ExpectFields(target, c.holds.size(), 0, 0);
+    EXPECT_TRUE(c.holds.empty() || std::memcmp(target.data(), c.holds.data(), c.holds.size()) == 0);
+    EXPECT_EQ((c.from != nullptr ? c.from : &source)->tellRead(), c.readAfter);
+  }
 }
 
 // A reader over "abc\0ef": reads and seeks move its position, the calls of
