@@ -69,15 +69,13 @@ TEST_F(ConsoleUtilsTest, WriterReceivesPieces) {
   const auto println = [](const std::string& t) { ConsoleUtils::Println(t.c_str()); };
   std::string zeroAt10(1100, 'q');
   zeroAt10[10] = '\0';
+  // clang-format off
   const Case cases[] = {
-      {"Print", print, "a", {1}},
-      {"Println", println, "x", {1}},
-      {"range 0", range, "", {}},
+      {"Print", print, "a", {1}}, {"Println", println, "x", {1}}, {"range 0", range, "", {}},
       {"range 1023", range, std::string(1023, 'r'), {1023}},
       {"range 1024", range, std::string(1024, 'r'), {1023, 1}},
-      {"zero byte", range, zeroAt10, {10, 77}},
-      {"reversed range", reversed, std::string(10, 'r'), {}},
-  };
+      {"zero byte", range, zeroAt10, {10, 77}}, {"reversed range", reversed, std::string(10, 'r'), {}}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     c.print(c.text);
