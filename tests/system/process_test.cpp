@@ -204,13 +204,12 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     bool exhaust;
     bool noCloseRange;
   };
+  // clang-format off
   const Case cases[] = {
-      {"Command", false, false, false},
-      {"Command, allocations failing", false, true, false},
-      {"Execute", true, false, false},
-      {"Execute, allocations failing", true, true, false},
-      {"Execute, descriptors listed one by one", true, false, true},
-  };
+      {"Command", false, false, false}, {"Command, allocations failing", false, true, false},
+      {"Execute", true, false, false}, {"Execute, allocations failing", true, true, false},
+      {"Execute, descriptors listed one by one", true, false, true}};
+  // clang-format on
   TempDir dir;
   // What a careless child passes on: a file and a pipe without close-on-exec,
   // and SIGUSR2 blocked in this thread (fork keeps the mask).
@@ -306,11 +305,10 @@ TEST_F(ProcessTest, KillCommandLines) {
     bool force;
     const char* arguments;
   };
-  const Case cases[] = {
-      {"x", true, "-9 x\n"},
-      {"x", false, "x\n"},
-      {"x; touch '" + marker + "'", false, "x\n"},  // reaches the shell as it is
-  };
+  // clang-format off
+  const Case cases[] = {{"x", true, "-9 x\n"}, {"x", false, "x\n"},
+                        {"x; touch '" + marker + "'", false, "x\n"}};  // reaches the shell as it is
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     ASSERT_TRUE(Call([&] {
