@@ -85,8 +85,9 @@ std::vector<Vec> CavpVectors() {
 }
 const std::vector<Vec> kSha256Vectors = CavpVectors();
 
+// No bytes as a null pointer, which must read as the empty message.
 const unsigned char* Bytes(const std::string& s) {
-  return reinterpret_cast<const unsigned char*>(s.data());
+  return s.empty() ? nullptr : reinterpret_cast<const unsigned char*>(s.data());
 }
 
 std::string Text(const SafeString& s) { return std::string(s.c_str(), s.size()); }
@@ -171,18 +172,10 @@ TYPED_TEST(DigestTest, PublishedVectorsOneShotAndIncremental) {
   EXPECT_EQ(Text(Digest::ToString({0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0x0F})),
             "0123456789ABCDEF0F");
   EXPECT_EQ(Text(Digest::ToString({})), "");
-  // No data of size 0 is the empty message.
-  EXPECT_EQ(Text(Digest::EncodeBinary(nullptr, 0)), TypeParam::Vectors()[0].digest);
-  Digest empty;
-  empty.addData(nullptr, 0);
-  EXPECT_EQ(this->Result(empty), TypeParam::Vectors()[0].digest);
-  // Accounted under the type's name while alive.
+  // Accounted under the type's name while alive (the fixture sees it go).
   const unsigned long long before = zorv::foundation::debug::ObjectMonitor::LiveObjects();
-  {
-    Digest a;
-    EXPECT_EQ(zorv::foundation::debug::ObjectMonitor::LiveObjects(), before + 1);
-  }
-  EXPECT_EQ(zorv::foundation::debug::ObjectMonitor::LiveObjects(), before);
+  const Digest counted;
+  EXPECT_EQ(zorv::foundation::debug::ObjectMonitor::LiveObjects(), before + 1);
 }
 
 TYPED_TEST(DigestTest, RandomSplitsGiveTheOneShotDigest) {
