@@ -99,24 +99,20 @@ TEST_F(DateTimeTest, LocalFieldsNowToGmtAndCurrentGmtInTwoZones) {
     EXPECT_GE(now.toSeconds(), before);
     EXPECT_LE(now.toSeconds(), static_cast<long long>(::time(nullptr)));
     // ToGMT takes the low 32 bits as signed.
+    // clang-format off
     const std::pair<unsigned long long, const char*> gmt[] = {
-        {utc, "2024-01-02 03:04:05"},
-        {0xFFFFFFFFULL, "1969-12-31 23:59:59"},
+        {utc, "2024-01-02 03:04:05"}, {0xFFFFFFFFULL, "1969-12-31 23:59:59"},
         {0x100000000ULL, "1970-01-01 00:00:00"}};
+    // clang-format on
     for (const auto& c : gmt) EXPECT_EQ(Text(DateTime::ToGMT(c.first)), c.second) << c.first;
-    bool matched = false;  // retried across a second boundary
-    for (int attempt = 0; attempt < 5 && !matched; ++attempt) {
-      const time_t second = ::time(nullptr);
-      const DateTime current = DateTime::CurrentGMT();
-      if (second != ::time(nullptr)) continue;
-      struct tm fields;
-      gmtime_r(&second, &fields);
-      char expected[32];
-      strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S", &fields);
-      EXPECT_EQ(Text(current), expected);
-      matched = true;
+    // CurrentGMT is ToGMT of the current second (retried across a boundary).
+    std::string current, expected;
+    for (int attempt = 0; attempt < 5 && (attempt == 0 || current != expected); ++attempt) {
+      const unsigned long long second = static_cast<unsigned long long>(::time(nullptr));
+      current = Text(DateTime::CurrentGMT());
+      expected = Text(DateTime::ToGMT(second));
     }
-    EXPECT_TRUE(matched);
+    EXPECT_EQ(current, expected);
   }
 }
 
