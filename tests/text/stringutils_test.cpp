@@ -44,14 +44,15 @@ SafeString Bytes(const char* data, size_t n) { return SafeString(data, n); }
 std::string Shown(const char* s) { return s ? s : "(null)"; }
 
 TEST_F(StringUtilsTest, ComparisonsPrefixesAndCommonPrefix) {
+  // compare: the exact difference of the first differing bytes, compareNoCase
+  // the same after folding to upper case; startWith, endWith: a starts or
+  // ends with b; common: GetPublicPrefix.
   struct Case {
     const char* a;
     const char* b;
-    int compare;        // exact difference of the first differing bytes
-    int compareNoCase;  // the same after folding to upper case
-    bool startWith;     // a starts with b
-    bool endWith;       // a ends with b
-    int common;         // GetPublicPrefix
+    int compare, compareNoCase;
+    bool startWith, endWith;
+    int common;
   };
   // clang-format off
   const Case cases[] = {
@@ -198,8 +199,7 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
           ExpectLikeTheCLibrary(each({"e", "g"}), v, v);
         }
         for (const char* s : strings) ExpectLikeTheCLibrary(directive + "s", s);
-        ExpectLikeTheCLibrary(directive + "c", 'z');
-        ExpectLikeTheCLibrary(directive + "c", 0);
+        ExpectLikeTheCLibrary(each({"c", "c"}), 'z', 0);
         ExpectLikeTheCLibrary(directive + "%");
         ExpectLikeTheCLibrary(directive + "p", static_cast<void*>(nullptr));
       }
