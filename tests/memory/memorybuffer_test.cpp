@@ -270,21 +270,18 @@ TEST_F(MemoryBufferTest, FromTakesBytesOfAnotherBuffer) {
 // the other direction are refused, and the string stays as it was.
 TEST_F(StringReaderTest, ReadsTheStringFromItsPositionAndRefusesWriting) {
   const std::string text("abc\0ef", 6);
+  // clang-format off
   const Step steps[] = {
-      {"read", 2, "ab", 1, 6, 2, 0, text},
-      {"read", 5, "", 0, 6, 2, 0},  // 4 remain
-      {"read", 4, std::string("c\0ef", 4), 1, 6, 6, 0},
-      {"read", 0, "", 1, 6, 6, 0},
-      {"read", 1, "", 0, 6, 6, 0},
-      {"read", ~0ULL, "", 0, 6, 6, 0},
+      {"read", 2, "ab", 1, 6, 2, 0, text}, {"read", 5, "", 0, 6, 2, 0},  // 4 remain
+      {"read", 4, std::string("c\0ef", 4), 1, 6, 6, 0}, {"read", 0, "", 1, 6, 6, 0},
+      {"read", 1, "", 0, 6, 6, 0}, {"read", ~0ULL, "", 0, 6, 6, 0},
       {"read", 0x100000000ULL, "", 0, 6, 6, 0},
-      {"seekRead", 7, "", 6, 6, 6, 0},
-      {"seekRead", 2, "", 6, 6, 2, 0},  // beyond: unchanged
-      {"seekRead", 6, "", 2, 6, 6, 0},
+      {"seekRead", 7, "", 6, 6, 6, 0},  // beyond: unchanged
+      {"seekRead", 2, "", 6, 6, 2, 0}, {"seekRead", 6, "", 2, 6, 6, 0},
       {"write", 1, "a", 0, 6, 6, 0, text, 0, "zorv.foundation.memory.StringReader.write"},
       {"setLength", 0, "", 0, 6, 6, 0, text, 0, "zorv.foundation.memory.StringReader.setLength"},
-      {"seekWrite", 0, "", 0, 6, 6, 0, text, 0, "zorv.foundation.memory.StringReader.seekWrite"},
-  };
+      {"seekWrite", 0, "", 0, 6, 6, 0, text, 0, "zorv.foundation.memory.StringReader.seekWrite"}};
+  // clang-format on
   const SafeString safe(text);
   StringReader reader(safe);
   RunScript(reader, steps);
@@ -293,9 +290,9 @@ TEST_F(StringReaderTest, ReadsTheStringFromItsPositionAndRefusesWriting) {
 // A writer appends to its string whatever its write position; it fills or
 // cuts it to a length cut to 32 bits, and refuses reading.
 TEST_F(StringWriterTest, WritesAppendSetLengthFillsOrCutsAndReadingIsRefused) {
+  // clang-format off
   const Step steps[] = {
-      {"write", 3, "abc", 0, 8, 0, 3, "head:abc"},
-      {"seekWrite", 0, "", 3, 8, 0, 0},
+      {"write", 3, "abc", 0, 8, 0, 3, "head:abc"}, {"seekWrite", 0, "", 3, 8, 0, 0},
       {"write", 2, "de", 0, 10, 0, 2, "head:abcde"},  // still at the end
       {"seekWrite", 11, "", 2, 10, 0, 2},             // beyond the length: unchanged
       {"seekWrite", 10, "", 2, 10, 0, 10},
@@ -305,12 +302,10 @@ TEST_F(StringWriterTest, WritesAppendSetLengthFillsOrCutsAndReadingIsRefused) {
       // The writer's refusal names the reader's source on purpose.
       {"seekRead", 0, "", 0, 12, 0, 12, "", 0, "zorv.foundation.memory.StringReader.seekRead"},
       {"setLength", 14, "", 12, 14, 0, 0, std::string("head:abcde\0z\0\0", 14)},
-      {"setLength", 2, "", 14, 2, 0, 0, "he"},
-      {"setLength", 0x100000001ull, "", 2, 1, 0, 0, "h"},
+      {"setLength", 2, "", 14, 2, 0, 0, "he"}, {"setLength", 0x100000001ull, "", 2, 1, 0, 0, "h"},
       {"setLength", 0xFFFFFFF0ull, "", 0, 1, 0, 0, "h", 0, "length_error"},
-      {"write", 1, "!", 0, 2, 0, 1, "h!"},
-      {"clear", 0, "", 0, 0, 0, 0},
-  };
+      {"write", 1, "!", 0, 2, 0, 1, "h!"}, {"clear", 0, "", 0, 0, 0, 0}};
+  // clang-format on
   SafeString text("head:");
   StringWriter writer(text);
   RunScript(writer, steps);
