@@ -119,22 +119,17 @@ TEST_F(ConsoleUtilsTest, HoldingTheConsoleLockKeepsEveryPrintOut) {
   EXPECT_EQ(pieces, (std::vector<std::string>{"line", "range", "text"}));
 }
 
-TEST_F(ConsoleUtilsTest, PauseReturnsAtOnceWithoutATerminal) {
-  const int devNull = open("/dev/null", O_RDONLY), saved = dup(STDIN_FILENO);
-  ASSERT_EQ(dup2(devNull, STDIN_FILENO), STDIN_FILENO);
-  ConsoleUtils::Pause();
-  dup2(saved, STDIN_FILENO);
-  for (const int fd : {devNull, saved}) close(fd);
-  EXPECT_EQ(Pieces(), std::vector<std::string>{"[...waiting for action...]"});
-}
-
-// On a terminal Pause waits for one key in raw mode, then gives the terminal
-// its modes back. A key and Enter are typed before the call: a Pause that
-// never went raw would leave that line to be read. The child ends itself
-// should Pause wait for more.
+// Pause prints its prompt and returns at once without a terminal (standard
+// input /dev/null). On a terminal it waits for one key in raw mode, then
+// gives the terminal its modes back. A key and Enter are typed before the
+// call: a Pause that never went raw would leave that line to be read. The
+// child ends itself should Pause wait for more.
 TEST_F(ConsoleUtilsTest, PauseTakesOneKeyFromATerminalAndRestoresIt) {
   const pid_t child = zorv::test::Fork([](int) {
     alarm(10);
+    if (dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) != STDIN_FILENO) return 4;
+    ConsoleUtils::Pause();
+    if (Pieces() != std::vector<std::string>{"[...waiting for action...]"}) return 5;
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return 77;
     const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
