@@ -34,9 +34,7 @@ struct Usage {
 // too.
 TEST_F(AllocationTest, SafeStringAndVectorBlocksAndGrowth) {
   struct Case {
-    size_t size;
-    size_t append;
-    size_t capacity;
+    size_t size, append, capacity;
     unsigned long long blocks;
   };
   const Case cases[] = {

@@ -478,18 +478,14 @@ TEST_F(NumberTextTest, LongMantissasRoundAsTheWholeTextAndNeverAllocate) {
 }
 
 TEST_F(NumberTextTest, FloatToStringIsShortestAndReadsBack) {
-  struct Case {
-    double value;
-    const char* text;
-  };
   // clang-format off
-  const Case cases[] = {{0.1, "0.1"}, {100.0, "100"}, {-2.5, "-2.5"}, {0.0, "0"}, {-0.0, "-0"},
+  const std::pair<double, const char*> cases[] = {{0.1, "0.1"}, {100.0, "100"}, {-2.5, "-2.5"}, {0.0, "0"}, {-0.0, "-0"},
                         {1e22, "1e+22"}, {kNan, "nan"}, {-kNan, "nan"}, {HUGE_VAL, "inf"},
                         {-HUGE_VAL, "-inf"}, {1.5e-7, "1.5e-07"}};
   const double edges[] = {DBL_MAX, -DBL_MAX, DBL_MIN, DBL_TRUE_MIN, 1.0 / 3.0, 123456789.125,
                           0.30000000000000004, 9007199254740993.0, 1e-7, 1e21, HUGE_VAL};
   // clang-format on
-  for (const Case& c : cases) EXPECT_EQ(StringUtils::FloatToString(c.value), c.text) << c.text;
+  for (const auto& c : cases) EXPECT_EQ(StringUtils::FloatToString(c.first), c.second) << c.second;
   std::mt19937_64 random(7);
   for (size_t i = 0; i < 20000; ++i) {
     double v = i < std::size(edges) ? edges[i] : 0.0;
