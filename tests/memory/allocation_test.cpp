@@ -37,10 +37,8 @@ TEST_F(AllocationTest, SafeStringAndVectorBlocksAndGrowth) {
     size_t size, append, capacity;
     unsigned long long blocks;
   };
-  const Case cases[] = {
-      {15, 0, 15, 0}, {15, 1, 30, 1}, {16, 0, 16, 1},    {20, 20, 40, 1},
-      {20, 0, 20, 1}, {20, 1, 40, 1}, {41, 100, 141, 1}, {20, 101, 121, 1},
-  };
+  const Case cases[] = {{15, 0, 15, 0}, {15, 1, 30, 1}, {16, 0, 16, 1},    {20, 20, 40, 1},
+                        {20, 0, 20, 1}, {20, 1, 40, 1}, {41, 100, 141, 1}, {20, 101, 121, 1}};
   for (const Case& c : cases) {
     SCOPED_TRACE(std::to_string(c.size) + " + " + std::to_string(c.append));
     const Usage before;

@@ -66,13 +66,11 @@ TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
   };
   std::string large(1 << 20, '\0');
   for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 + i / 251);
-  const Case cases[] = {
-      {"abcdef", 6, 0, 6, "abcdefabcdef"},  // grows: the block may move
-      {"abcdef", 6, 2, 3, "abcdefcde"},     // grows, from the middle
-      {"abcdef", 4, 0, 6, "abcdabcdef"},    // grows, overlapping the target
-      {"abcdef", 1, 0, 3, "aabcef"},        // fits, overlapping the target
-      {large, large.size(), 0, large.size(), large + large},
-  };
+  const Case cases[] = {{"abcdef", 6, 0, 6, "abcdefabcdef"},  // grows: the block may move
+                        {"abcdef", 6, 2, 3, "abcdefcde"},     // grows, from the middle
+                        {"abcdef", 4, 0, 6, "abcdabcdef"},    // grows, overlapping the target
+                        {"abcdef", 1, 0, 3, "aabcef"},        // fits, overlapping the target
+                        {large, large.size(), 0, large.size(), large + large}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text.substr(0, 8) + " at " + std::to_string(c.writeAt));
     MemoryBuffer b;
@@ -212,8 +210,7 @@ TEST_F(MemoryBufferTest, CallsMoveLengthPositionsAndStorage) {
       // Growth that cannot be had throws and changes nothing.
       {"write", 3, "abc", 0, 3, 0, 3, "abc", 3},
       {"setLength", (~0ull >> 1) + 1, "", 0, 3, 0, 3, "abc", 3, "bad_alloc"},
-      {"write", ~0ull - 1, "x", 0, 3, 0, 3, "abc", 3, "bad_alloc"},
-  };
+      {"write", ~0ull - 1, "x", 0, 3, 0, 3, "abc", 3, "bad_alloc"}};
   MemoryBuffer b;
   RunScript(b, steps);
 }

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "foundation/threading/lock.h"
@@ -34,9 +35,7 @@ void Capture(const char* text) {
 // The pieces received since the last call.
 std::vector<std::string> Pieces() {
   std::lock_guard<std::mutex> hold(g_mutex);
-  std::vector<std::string> pieces;
-  pieces.swap(g_pieces);
-  return pieces;
+  return std::exchange(g_pieces, {});
 }
 
 class ConsoleUtilsTest : public zorv::test::LeakCheckedTest {

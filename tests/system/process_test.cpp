@@ -148,10 +148,8 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
                         static_cast<size_t>(used) == text.size();
     if (!parsed || pid != caller) kill(caller, SIGKILL);  // it may run the child's program
     EXPECT_EQ(zorv::test::WaitChild(caller), parsed && pid == caller ? 0 : -1);
-    if (!parsed) {
-      ADD_FAILURE() << "not a report alone from the caller: '" << text << "'";
-      return false;
-    }
+    EXPECT_TRUE(parsed) << "not a report alone from the caller: '" << text << "'";
+    if (!parsed) return false;
     EXPECT_EQ(pid, caller) << "the call came back in another process than its caller";
     EXPECT_EQ(threw, 0);
     EXPECT_EQ(leaked, 0) << "blocks left behind by the call";
