@@ -73,7 +73,7 @@ TEST_F(ConsoleUtilsTest, WriterReceivesPieces) {
       {"Print", print, "a", {1}}, {"Println", println, "x", {1}}, {"range 0", range, "", {}},
       {"range 1023", range, std::string(1023, 'r'), {1023}},
       {"range 1024", range, std::string(1024, 'r'), {1023, 1}},
-      {"zero byte", range, zeroAt10, {10, 77}}, {"reversed range", reversed, std::string(10, 'r'), {}}};
+      {"zero byte", range, zeroAt10, {10, 77}}, {"reversed", reversed, std::string(10, 'r'), {}}};
   // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "foundation/debug/objectmonitor.h"
@@ -126,22 +127,19 @@ TEST_F(FiledLockTest, ExcludesProcesses) {
 }
 
 TEST_F(FiledLockTest, NameRule) {
-  struct Case {
-    std::string name;
-    const char* error;  // null: no exception
-  };
   const std::string tooLong(300, 'x');
+  // A name and the refusal it meets (null: none).
   // clang-format off
-  const Case cases[] = {{"ab", nullptr}, {"a/b", "illegal name(contains '/')"},
-                        {"/ab", "illegal name(contains '/')"}, {"", "initialize failed"},
-                        {tooLong, "initialize failed"}};
+  const std::pair<std::string, const char*> cases[] = {
+      {"ab", nullptr}, {"a/b", "illegal name(contains '/')"}, {"/ab", "illegal name(contains '/')"},
+      {"", "initialize failed"}, {tooLong, "initialize failed"}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE("name '" + c.name.substr(0, 20) + "'");
+  for (const auto& [given, error] : cases) {
+    SCOPED_TRACE("name '" + given.substr(0, 20) + "'");
     const long long handles = SystemMonitor::LiveHandles();
     const unsigned long long objects = ObjectMonitor::LiveObjects();
-    if (c.error == nullptr) {
-      const std::string name = freshName(c.name);
+    if (error == nullptr) {
+      const std::string name = freshName(given);
       FiledLock lock(name.c_str());
       EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1);
       EXPECT_EQ(ObjectMonitor::LiveObjects(), objects + 1);
@@ -149,7 +147,7 @@ TEST_F(FiledLockTest, NameRule) {
       ASSERT_EQ(stat(("/dev/shm/sem." + name).c_str(), &info), 0) << "semaphore file not found";
       EXPECT_EQ(info.st_mode & 0677, 0600u) << "not read-write for the owner alone";
     } else {
-      EXPECT_ZORV_THROW(FiledLock lock(c.name.c_str()), kFunc, c.error);
+      EXPECT_ZORV_THROW(FiledLock lock(given.c_str()), kFunc, error);
     }
   }
   EXPECT_ZORV_THROW(FiledLock lock(nullptr), kFunc, "initialize failed");

@@ -6,6 +6,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "support/leakcheck.h"
 #include "text/checkedsize.h"
@@ -98,12 +99,9 @@ std::string PlainDecodeUri(const std::string& text) {
 }
 
 TEST_F(CodecTest, UriEncodeAndDecode) {
-  struct Case {
-    const char* text;
-    std::string encoded, decoded;  // EncodeUri(text), DecodeUri(text)
-  };
+  // A text, EncodeUri(text) and DecodeUri(text).
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<const char*, std::string, std::string> cases[] = {
       {"", "", ""}, {"a b~", "a%20b~", "a b~"}, {"\xc3\xa9", "%C3%A9", "\xc3\xa9"},
       {"AZaz09-._~", "AZaz09-._~", "AZaz09-._~"}, {"+/?=&", "%2B%2F%3F%3D%26", "+/?=&"},
       // The bytes next to the unreserved ranges.
@@ -118,10 +116,10 @@ TEST_F(CodecTest, UriEncodeAndDecode) {
       {"abcdefghijklmn%", "abcdefghijklmn%25", "abcdefghijklmn%"},
       {"%41%42%43%44%45%46", "%2541%2542%2543%2544%2545%2546", "ABCDEF"}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(Str(CodecUtils::EncodeUri(c.text)), c.encoded);
-    EXPECT_EQ(Str(CodecUtils::DecodeUri(c.text)), c.decoded);
+  for (const auto& [text, encoded, decoded] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(Str(CodecUtils::EncodeUri(text)), encoded);
+    EXPECT_EQ(Str(CodecUtils::DecodeUri(text)), decoded);
   }
   // Random texts of every length around the word sizes, with '%' and
   // hexadecimal digits frequent: decoding gives the plain result, and

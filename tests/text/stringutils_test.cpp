@@ -279,22 +279,19 @@ TEST_F(StringUtilsTest, FormatFailuresGiveAnEmptyText) {
   // Each attempt of the general formatter takes one new work block, twice
   // the size of the one before; a failed block ends the formatting with an
   // empty result, so the number of attempts shows in where a fault stops
-  // showing.
-  struct Case {
-    size_t length;
-    unsigned int attempts;
-  };
+  // showing. Rows: the length of a text, the attempts it takes.
   // clang-format off
-  const Case cases[] = {{2, 1}, {99, 1}, {100, 2}, {150, 2}, {199, 2}, {200, 3}, {399, 3}, {1000, 5}};
+  const std::pair<size_t, unsigned int> cases[] = {{2, 1}, {99, 1}, {100, 2}, {150, 2}, {199, 2},
+                                                   {200, 3}, {399, 3}, {1000, 5}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.length);
-    const std::string text(c.length, 'x');
-    for (unsigned int n = 1; n <= c.attempts; ++n) {
+  for (const auto& [length, attempts] : cases) {
+    SCOPED_TRACE(length);
+    const std::string text(length, 'x');
+    for (unsigned int n = 1; n <= attempts; ++n) {
       zorv::test::FailAfterGuard guard(n);
       EXPECT_EQ(StringUtils::_InternalFormat("%s", text.c_str()), "") << n;
     }
-    zorv::test::FailAfterGuard guard(c.attempts + 1);
+    zorv::test::FailAfterGuard guard(attempts + 1);
     EXPECT_EQ(StringUtils::_InternalFormat("<%s>", text.c_str() + 2).str(),
               "<" + text.substr(2) + ">");
   }
@@ -479,13 +476,14 @@ TEST_F(NumberTextTest, LongMantissasRoundAsTheWholeTextAndNeverAllocate) {
 
 TEST_F(NumberTextTest, FloatToStringIsShortestAndReadsBack) {
   // clang-format off
-  const std::pair<double, const char*> cases[] = {{0.1, "0.1"}, {100.0, "100"}, {-2.5, "-2.5"}, {0.0, "0"}, {-0.0, "-0"},
-                        {1e22, "1e+22"}, {kNan, "nan"}, {-kNan, "nan"}, {HUGE_VAL, "inf"},
-                        {-HUGE_VAL, "-inf"}, {1.5e-7, "1.5e-07"}};
+  const std::pair<double, const char*> cases[] = {
+      {0.1, "0.1"}, {100.0, "100"}, {-2.5, "-2.5"}, {0.0, "0"}, {-0.0, "-0"}, {1e22, "1e+22"},
+      {kNan, "nan"}, {-kNan, "nan"}, {HUGE_VAL, "inf"}, {-HUGE_VAL, "-inf"}, {1.5e-7, "1.5e-07"}};
   const double edges[] = {DBL_MAX, -DBL_MAX, DBL_MIN, DBL_TRUE_MIN, 1.0 / 3.0, 123456789.125,
                           0.30000000000000004, 9007199254740993.0, 1e-7, 1e21, HUGE_VAL};
   // clang-format on
-  for (const auto& c : cases) EXPECT_EQ(StringUtils::FloatToString(c.first), c.second) << c.second;
+  for (const auto& [value, text] : cases)
+    EXPECT_EQ(StringUtils::FloatToString(value), text) << text;
   std::mt19937_64 random(7);
   for (size_t i = 0; i < 20000; ++i) {
     double v = i < std::size(edges) ? edges[i] : 0.0;

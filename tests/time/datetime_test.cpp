@@ -80,17 +80,14 @@ TEST_F(DateTimeTest, FieldsNormaliseAndSecondsAndFractionsAreClamped) {
 // and CurrentGMT is the UTC time.
 TEST_F(DateTimeTest, LocalFieldsNowToGmtAndCurrentGmtInTwoZones) {
   const long long utc = 1704164645LL;  // 2024-01-02 03:04:05 UTC
-  struct ZoneCase {
-    const char* tz;
-    long long offset;  // seconds east of UTC
-  };
-  for (const ZoneCase& zone : {ZoneCase{"UTC0", 0}, ZoneCase{"ZRV-3", 3 * 3600}}) {
-    SCOPED_TRACE(zone.tz);
-    Zone(zone.tz);
+  const std::pair<const char*, long long> zones[] = {{"UTC0", 0}, {"ZRV-3", 3 * 3600}};
+  for (const auto& [tz, offset] : zones) {  // offset: seconds east of UTC
+    SCOPED_TRACE(tz);
+    Zone(tz);
     const DateTime value(2024, 1, 2, 3, 4, 5, 999, 7);
-    EXPECT_EQ(value.toSeconds(), utc - zone.offset) << "fields are local time";
+    EXPECT_EQ(value.toSeconds(), utc - offset) << "fields are local time";
     EXPECT_EQ(Text(DateTime(0ULL, 0, 0)),
-              zone.offset == 0 ? "1970-01-01 00:00:00" : "1970-01-01 03:00:00");
+              offset == 0 ? "1970-01-01 00:00:00" : "1970-01-01 03:00:00");
     const DateTime back(static_cast<unsigned long long>(utc), 5, 6);
     EXPECT_EQ(back.toSeconds(), utc) << "round trip";
     EXPECT_EQ(back.toMilliseconds(), utc * 1000 + 5) << "the microsecond is ignored";
