@@ -282,11 +282,10 @@ TEST_F(ProcessTest, ExecuteSplitsAtBlanksTrimsSetsModeExecuteOnlyAndEndsAFailedC
 TEST_F(ProcessTest, KillCommandLines) {
   TempDir dir;
   const std::string args = dir / "args";
-  ASSERT_EQ(mkdir((dir / "bin").c_str(), 0755), 0);
   ASSERT_TRUE(
-      zorv::test::WriteRawFile(dir / "bin/killall", "#!/bin/sh\necho \"$*\" > '" + args + "'\n"));
-  ASSERT_EQ(chmod((dir / "bin/killall").c_str(), 0755), 0);
-  const std::string path = (dir / "bin") + ":/usr/bin:/bin";
+      zorv::test::WriteRawFile(dir / "killall", "#!/bin/sh\necho \"$*\" > '" + args + "'\n"));
+  ASSERT_EQ(chmod((dir / "killall").c_str(), 0755), 0);
+  const std::string path = dir.path() + ":/usr/bin:/bin";
   const std::string marker = dir / "second-command";
   struct Case {
     std::string name;

@@ -22,6 +22,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -88,22 +89,20 @@ TEST_F(StringUtilsTest, HashNoCaseIsFnv1aOverUpperCase) {
 }
 
 TEST_F(StringUtilsTest, TrimRemovesSpacesAndTabsOnly) {
-  struct Case {
-    SafeString in, both, left, right;
-  };
-  // An embedded zero ends the result only when leading blanks were skipped.
+  // An input, Trim, TrimLeft and TrimRight of it. An embedded zero ends the
+  // result only when leading blanks were skipped.
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<SafeString, SafeString, SafeString, SafeString> cases[] = {
       {"\t a b \t", "a b", "a b \t", "\t a b"}, {"\r\nx", "\r\nx", "\r\nx", "\r\nx"},
       {"   ", "", "", ""}, {"", "", "", ""}, {"\v x \f", "\v x \f", "\v x \f", "\v x \f"},
       {Bytes("a\0b ", 4), Bytes("a\0b", 3), Bytes("a\0b ", 4), Bytes("a\0b", 3)},
       {Bytes(" a\0b ", 5), "a", "a", Bytes(" a\0b", 4)}, {Bytes(" \0 ", 3), "", "", Bytes(" \0", 2)}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE("input of length " + std::to_string(c.in.size()) + ": " + c.in.c_str());
-    EXPECT_EQ(StringUtils::Trim(c.in), c.both);
-    EXPECT_EQ(StringUtils::TrimLeft(c.in), c.left);
-    EXPECT_EQ(StringUtils::TrimRight(c.in), c.right);
+  for (const auto& [in, both, left, right] : cases) {
+    SCOPED_TRACE("input of length " + std::to_string(in.size()) + ": " + in.c_str());
+    EXPECT_EQ(StringUtils::Trim(in), both);
+    EXPECT_EQ(StringUtils::TrimLeft(in), left);
+    EXPECT_EQ(StringUtils::TrimRight(in), right);
   }
 }
 
@@ -120,26 +119,20 @@ TEST_F(StringUtilsTest, CaseConversionTouchesAsciiLettersOnly) {
 }
 
 TEST_F(StringUtilsTest, SplitAppendsEveryPiece) {
-  struct Case {
-    const char* text;
-    char separator;
-    bool found;
-    std::vector<std::string> pieces;
-  };
+  // A text, the separator, what Split returns and the pieces after "old".
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<const char*, char, bool, std::vector<std::string>> cases[] = {
       {"a,,b,", ',', true, {"old", "a", "", "b", ""}}, {"abc", ',', false, {"old", "abc"}},
       {"", ',', false, {"old", ""}}, {",a", ',', true, {"old", "", "a"}},
       {"k=v=x", '=', true, {"old", "k", "v", "x"}}, {"abc", '\0', false, {"old", "abc"}},
       {nullptr, ',', false, {"old", ""}}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(Shown(c.text));
-    Vector<SafeString> pieces;
-    pieces.push_back("old");
-    EXPECT_EQ(StringUtils::Split(c.text, c.separator, pieces), c.found);
-    ASSERT_EQ(pieces.size(), c.pieces.size());
-    for (size_t i = 0; i < pieces.size(); ++i) EXPECT_EQ(pieces[i], c.pieces[i].c_str());
+  for (const auto& [text, separator, found, expected] : cases) {
+    SCOPED_TRACE(Shown(text));
+    Vector<SafeString> pieces(1, SafeString("old"));
+    EXPECT_EQ(StringUtils::Split(text, separator, pieces), found);
+    ASSERT_EQ(pieces.size(), expected.size());
+    for (size_t i = 0; i < pieces.size(); ++i) EXPECT_EQ(pieces[i], expected[i].c_str());
   }
 }
 
