@@ -27,14 +27,10 @@ SafeString Encode(const std::string& bytes) {
 }
 
 TEST_F(CodecTest, Base64EncodeAndDecode) {
-  struct Case {
-    std::string text;
-    bool result;
-    std::string bytes;
-    bool encodes;  // EncodeBase64(bytes) gives the text back
-  };
+  // A text, what DecodeBase64 returns and the bytes it leaves, and whether
+  // EncodeBase64 of the bytes gives the text back.
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<std::string, bool, std::string, bool> cases[] = {
       {"", true, "", true}, {"Zg==", true, "f", true}, {"Zm8=", true, "fo", true},
       {"Zm9v", true, "foo", true}, {"Zm9vYg==", true, "foob", true},
       {"Zm9vYmE=", true, "fooba", true}, {"Zm9vYmFy", true, "foobar", true},
@@ -54,14 +50,14 @@ TEST_F(CodecTest, Base64EncodeAndDecode) {
       {"Zg==Zm9v", true, std::string("f\0\0foo", 6), false}, {"Zm 9", true, "f`=", false},
       {"Zm9v\n", false, "", false}, {"\x80\x81\xff\xfe", true, std::string(3, '\0'), false}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
+  for (const auto& [text, result, bytes, encodes] : cases) {
+    SCOPED_TRACE(text);
     Vector<unsigned char> out(5, 'j');
-    const unsigned int length = static_cast<unsigned int>(c.text.size());
-    EXPECT_EQ(CodecUtils::DecodeBase64(c.text.c_str(), length, out), c.result);
-    EXPECT_EQ(std::string(out.begin(), out.end()), c.bytes);
-    if (c.encodes) {
-      EXPECT_EQ(Str(Encode(c.bytes)), c.text);
+    const unsigned int length = static_cast<unsigned int>(text.size());
+    EXPECT_EQ(CodecUtils::DecodeBase64(text.c_str(), length, out), result);
+    EXPECT_EQ(std::string(out.begin(), out.end()), bytes);
+    if (encodes) {
+      EXPECT_EQ(Str(Encode(bytes)), text);
     }
   }
   Vector<unsigned char> untouched(3, 'u');
