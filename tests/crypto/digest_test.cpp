@@ -41,23 +41,22 @@ const std::string kFox = "The quick brown fox jumps over the lazy dog";
 
 // MD5: the test suite of RFC 1321, the pangram and one million 'a'. SHA-1
 // and SHA-256: the FIPS 180 examples, the empty message and the pangram.
+// clang-format off
 const std::vector<Vec> kMd5Vectors = {
-    {"", 1, "D41D8CD98F00B204E9800998ECF8427E"},
-    {"abc", 1, "900150983CD24FB0D6963F7D28E17F72"},
+    {"", 1, "D41D8CD98F00B204E9800998ECF8427E"}, {"abc", 1, "900150983CD24FB0D6963F7D28E17F72"},
     {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789", 1,
      "D174AB98D277D9F5A5611C2C9F419D9F"},
     {"1234567890", 8, "57EDF4A22BE3C955AC49DA2E2107B67A"},
     {kFox, 1, "9E107D9D372BB6826BD81D3542A419D6"},
-    {"a", 1000000, "7707D6AE4E027C70EEA2A935C2296F21"},
-};
+    {"a", 1000000, "7707D6AE4E027C70EEA2A935C2296F21"}};
 const std::vector<Vec> kSha1Vectors = {
     {"", 1, "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709"},
     {"abc", 1, "A9993E364706816ABA3E25717850C26C9CD0D89D"},
     {kTwoBlocks, 1, "84983E441C3BD26EBAAE4AA1F95129E5E54670F1"},
     {kFourBlocks, 1, "A49B2446A02C645BF419F995B67091253A04A259"},
     {kFox, 1, "2FD4E1C67A2D28FCED849EE1BB76E7391B93EB12"},
-    {"a", 1000000, "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F"},
-};
+    {"a", 1000000, "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F"}};
+// clang-format on
 
 // SHA256: every record of the CAVP message files (lengths 0 to 64 bytes, and
 // long ones), then one million 'a'.
@@ -85,8 +84,9 @@ std::vector<Vec> CavpVectors() {
 }
 const std::vector<Vec> kSha256Vectors = CavpVectors();
 
+// No bytes as a null pointer, which must read as the empty message.
 const unsigned char* Bytes(const std::string& s) {
-  return reinterpret_cast<const unsigned char*>(s.data());
+  return s.empty() ? nullptr : reinterpret_cast<const unsigned char*>(s.data());
 }
 
 std::string Text(const SafeString& s) { return std::string(s.c_str(), s.size()); }
@@ -159,7 +159,6 @@ TYPED_TEST(DigestTest, PublishedVectorsOneShotAndIncremental) {
     EXPECT_EQ(this->Hex(all), v.digest);
     const Vector<unsigned char> binary =
         Digest::ComputeBinary(Bytes(all), static_cast<unsigned int>(all.size()));
-    ASSERT_EQ(binary.size(), TypeParam::kSize);
     EXPECT_EQ(Text(Digest::ToString(binary)), v.digest);
     Digest incremental;  // one repetition at a time
     for (int i = 0; i < v.repeat; ++i) {
@@ -171,18 +170,10 @@ TYPED_TEST(DigestTest, PublishedVectorsOneShotAndIncremental) {
   EXPECT_EQ(Text(Digest::ToString({0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0x0F})),
             "0123456789ABCDEF0F");
   EXPECT_EQ(Text(Digest::ToString({})), "");
-  // No data of size 0 is the empty message.
-  EXPECT_EQ(Text(Digest::EncodeBinary(nullptr, 0)), TypeParam::Vectors()[0].digest);
-  Digest empty;
-  empty.addData(nullptr, 0);
-  EXPECT_EQ(this->Result(empty), TypeParam::Vectors()[0].digest);
-  // Accounted under the type's name while alive.
+  // Accounted under the type's name while alive (the fixture sees it go).
   const unsigned long long before = zorv::foundation::debug::ObjectMonitor::LiveObjects();
-  {
-    Digest a;
-    EXPECT_EQ(zorv::foundation::debug::ObjectMonitor::LiveObjects(), before + 1);
-  }
-  EXPECT_EQ(zorv::foundation::debug::ObjectMonitor::LiveObjects(), before);
+  const Digest counted;
+  EXPECT_EQ(zorv::foundation::debug::ObjectMonitor::LiveObjects(), before + 1);
 }
 
 TYPED_TEST(DigestTest, RandomSplitsGiveTheOneShotDigest) {
@@ -241,13 +232,10 @@ TYPED_TEST(DigestTest, FilesMatchMemory) {
   }
   // Files under /proc say they hold 0 bytes but are read to their end; a
   // device ends at the size a seek gives, not after endless bytes.
-  bool readable = false;
-  const std::string version = zorv::test::ReadRawFile("/proc/version", &readable);
+  const std::string version = zorv::test::ReadRawFile("/proc/version");
   SafeString text;
-  if (readable && !version.empty()) {
-    ASSERT_TRUE(Digest::EncodeFile("/proc/version", text));
-    EXPECT_EQ(Text(text), this->Hex(version));
-  }
+  ASSERT_TRUE(Digest::EncodeFile("/proc/version", text));
+  EXPECT_EQ(Text(text), this->Hex(version));
   ASSERT_TRUE(Digest::EncodeFile("/dev/zero", text));
   EXPECT_EQ(Text(text), this->Hex(""));
   // A missing file, a folder and no path fail, leave the output alone and

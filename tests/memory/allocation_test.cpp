@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 
 #include "foundation/collection/vector.h"
@@ -33,25 +34,19 @@ struct Usage {
 // suffices, else takes exactly what is needed. A vector's block is accounted
 // too.
 TEST_F(AllocationTest, SafeStringAndVectorBlocksAndGrowth) {
-  struct Case {
-    size_t size;
-    size_t append;
-    size_t capacity;
-    unsigned long long blocks;
-  };
-  const Case cases[] = {
+  // A size, what is appended, the capacity and the blocks taken then.
+  const std::tuple<size_t, size_t, size_t, unsigned long long> cases[] = {
       {15, 0, 15, 0}, {15, 1, 30, 1}, {16, 0, 16, 1},    {20, 20, 40, 1},
-      {20, 0, 20, 1}, {20, 1, 40, 1}, {41, 100, 141, 1}, {20, 101, 121, 1},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.size) + " + " + std::to_string(c.append));
+      {20, 0, 20, 1}, {20, 1, 40, 1}, {41, 100, 141, 1}, {20, 101, 121, 1}};
+  for (const auto& [size, append, capacity, blocks] : cases) {
+    SCOPED_TRACE(std::to_string(size) + " + " + std::to_string(append));
     const Usage before;
-    SafeString s(c.size, 'a');
-    s.append(c.append, 'b');
-    EXPECT_EQ(s.capacity(), c.capacity);
-    EXPECT_EQ(s, SafeString(std::string(c.size, 'a').append(c.append, 'b').c_str()));
-    EXPECT_EQ(before.moreBlocks(), c.blocks);
-    EXPECT_EQ(before.moreBytes(), c.blocks == 0 ? 0 : c.capacity + 1);
+    SafeString s(size, 'a');
+    s.append(append, 'b');
+    EXPECT_EQ(s.capacity(), capacity);
+    EXPECT_EQ(s, SafeString(std::string(size, 'a').append(append, 'b').c_str()));
+    EXPECT_EQ(before.moreBlocks(), blocks);
+    EXPECT_EQ(before.moreBytes(), blocks == 0 ? 0 : capacity + 1);
   }
   const Usage before;
   Vector<int> v;

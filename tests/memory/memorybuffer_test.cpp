@@ -45,10 +45,7 @@ void ExpectFields(const IBuffer& b, unsigned long long length, unsigned long lon
 struct Layout {
   void* vtable;
   unsigned char* block;
-  unsigned long long length;
-  unsigned long long readPosition;
-  unsigned long long writePosition;
-  unsigned long long allocLength;
+  unsigned long long length, readPosition, writePosition, allocLength;
 };
 static_assert(sizeof(Layout) == sizeof(MemoryBuffer), "MemoryBuffer layout");
 
@@ -64,19 +61,16 @@ TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
   struct Case {
     std::string text;
     unsigned long long writeAt;
-    size_t from;
-    size_t count;
+    size_t from, count;
     std::string expected;
   };
   std::string large(1 << 20, '\0');
   for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 + i / 251);
-  const Case cases[] = {
-      {"abcdef", 6, 0, 6, "abcdefabcdef"},  // grows: the block may move
-      {"abcdef", 6, 2, 3, "abcdefcde"},     // grows, from the middle
-      {"abcdef", 4, 0, 6, "abcdabcdef"},    // grows, overlapping the target
-      {"abcdef", 1, 0, 3, "aabcef"},        // fits, overlapping the target
-      {large, large.size(), 0, large.size(), large + large},
-  };
+  const Case cases[] = {{"abcdef", 6, 0, 6, "abcdefabcdef"},  // grows: the block may move
+                        {"abcdef", 6, 2, 3, "abcdefcde"},     // grows, from the middle
+                        {"abcdef", 4, 0, 6, "abcdabcdef"},    // grows, overlapping the target
+                        {"abcdef", 1, 0, 3, "aabcef"},        // fits, overlapping the target
+                        {large, large.size(), 0, large.size(), large + large}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text.substr(0, 8) + " at " + std::to_string(c.writeAt));
     MemoryBuffer b;
@@ -113,6 +107,20 @@ struct Step {
 void Other(MemoryBuffer& b, const std::string& op, unsigned long long n) {
   if (op == "clear") {
     b.clear();
+  } else if (op == "move") {
+    // Out to another buffer and back over one that holds bytes: each move
+    // takes the block itself and leaves its source empty; a move onto itself
+    // changes nothing.
+    const unsigned char* block = b.data();
+    MemoryBuffer other(std::move(b));
+    ExpectFields(b, 0, 0, 0);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(b.data(), nullptr);
+    b.write(Bytes("old"), 3);
+    b = std::move(other);
+    ExpectFields(other, 0, 0, 0);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(b.data(), block);
+    MemoryBuffer& self = b;
+    b = std::move(self);
   } else if (op == "addAlloc") {
     b._addAllocLength(n);
   } else {
@@ -188,8 +196,10 @@ TEST_F(MemoryBufferTest, CallsMoveLengthPositionsAndStorage) {
       {"seekRead", 12, "", 0, 12, 12, 12, "abc34567XYZW", 20},  // exactly the length
       {"seekWrite", 100, "", 12, 12, 12, 12, "abc34567XYZW", 20},
       {"seekWrite", 4, "", 12, 12, 12, 4, "abc34567XYZW", 20},
-      {"seekWrite", 12, "", 4, 12, 12, 12, "abc34567XYZW", 20},
-      {"read", ~0ULL, "", 0, 12, 12, 12, "abc34567XYZW", 20},
+      {"seekRead", 5, "", 12, 12, 5, 4, "abc34567XYZW", 20},
+      {"move", 0, "", 0, 12, 5, 4, "abc34567XYZW", 20},  // every field differs
+      {"seekWrite", 12, "", 4, 12, 5, 12, "abc34567XYZW", 20},
+      {"read", ~0ULL, "", 0, 12, 5, 12, "abc34567XYZW", 20},
       {"setLength", 3, "", 12, 3, 0, 0, "abc", 3},  // positions reset
       {"setLength", 8, "", 3, 8, 0, 0, "abc", 8},
       {"setLength", 0, "", 8, 0, 0, 0, "", 0},
@@ -200,36 +210,9 @@ TEST_F(MemoryBufferTest, CallsMoveLengthPositionsAndStorage) {
       // Growth that cannot be had throws and changes nothing.
       {"write", 3, "abc", 0, 3, 0, 3, "abc", 3},
       {"setLength", (~0ull >> 1) + 1, "", 0, 3, 0, 3, "abc", 3, "bad_alloc"},
-      {"write", ~0ull - 1, "x", 0, 3, 0, 3, "abc", 3, "bad_alloc"},
-  };
+      {"write", ~0ull - 1, "x", 0, 3, 0, 3, "abc", 3, "bad_alloc"}};
   MemoryBuffer b;
   RunScript(b, steps);
-}
-
-TEST_F(MemoryBufferTest, MovesTakeEverything) {
-  MemoryBuffer a;
-  a.write(Bytes("payload"), 7);
-  unsigned char out[3];
-  ASSERT_TRUE(a.read(out, 3));
-  const unsigned char* block = a.data();
-
-  MemoryBuffer b(std::move(a));
-  ExpectFields(a, 0, 0, 0);  // NOLINT(bugprone-use-after-move)
-  EXPECT_EQ(a.data(), nullptr);
-  ExpectFields(b, 7, 3, 7);
-  EXPECT_EQ(b.data(), block);
-
-  MemoryBuffer c;
-  c.write(Bytes("old"), 3);
-  c = std::move(b);
-  ExpectFields(c, 7, 3, 7);
-  EXPECT_EQ(c.data(), block);
-  ExpectFields(b, 0, 0, 0);  // NOLINT(bugprone-use-after-move)
-
-  MemoryBuffer& self = c;
-  c = std::move(self);
-  ExpectFields(c, 7, 3, 7);
-  EXPECT_EQ(c.data(), block);
 }
 
 // A target whose setLength throws: from() swallows it and reports false.
@@ -239,73 +222,63 @@ class RefusingBuffer : public MemoryBuffer {
 };
 
 // from() takes bytes at the source's read position, or at an offset and then
-// puts the position back; the target holds just them, rewound.
+// puts the position back; the target holds just them, rewound. Each row is a
+// call on one target (which first holds "zz") from a buffer read up to 2, a
+// reader, or none; a failed call changes neither side.
 TEST_F(MemoryBufferTest, FromTakesBytesOfAnotherBuffer) {
-  MemoryBuffer source;
+  MemoryBuffer source, target;
   source.write(Bytes("0123456789"), 10);
   unsigned char skip[2];
   ASSERT_TRUE(source.read(skip, 2));
-
-  MemoryBuffer target;
-  target.write(Bytes("zz"), 2);
-  EXPECT_TRUE(target.from(&source, 5));
-  ExpectFields(target, 5, 0, 0);
-  EXPECT_EQ(std::memcmp(target.data(), "23456", 5), 0);
-  EXPECT_EQ(source.tellRead(), 7u);
-
-  EXPECT_FALSE(target.from(&source, 4));  // only 3 remain: nothing changes
-  ExpectFields(target, 5, 0, 0);
-  EXPECT_EQ(source.tellRead(), 7u);
-  EXPECT_FALSE(target.from(nullptr, 1));
-  EXPECT_TRUE(target.from(&source, 3));  // exactly what remains
-  EXPECT_TRUE(target.from(&source, 0));  // at the end
-  ExpectFields(target, 0, 0, 0);
-
-  ASSERT_EQ(source.seekRead(1), 10u);
-  EXPECT_TRUE(target.from(&source, 6, 3));
-  EXPECT_EQ(std::memcmp(target.data(), "678", 3), 0);
-  EXPECT_EQ(source.tellRead(), 1u);
-  EXPECT_FALSE(target.from(&source, 8, 3));
-  EXPECT_EQ(source.tellRead(), 1u);
-  // An offset beyond the source leaves the start at the read position.
-  EXPECT_TRUE(target.from(&source, 50, 2));
-  EXPECT_EQ(std::memcmp(target.data(), "12", 2), 0);
-  EXPECT_EQ(source.tellRead(), 1u);
-  EXPECT_FALSE(target.from(nullptr, 0, 0));
   RefusingBuffer refusing;
   EXPECT_FALSE(refusing.from(&source, 2));
-  EXPECT_EQ(source.tellRead(), 1u);
-
-  // Any IBuffer serves as a source.
+  EXPECT_EQ(source.tellRead(), 2u);
   const SafeString text("reader text");
   StringReader reader(text);
-  EXPECT_TRUE(target.from(&reader, 7, 4));
-  EXPECT_EQ(std::memcmp(target.data(), "text", 4), 0);
-  EXPECT_EQ(reader.tellRead(), 0u);
+  target.write(Bytes("zz"), 2);
+  struct Case {
+    IBuffer* from;
+    long long offset;  // -1: from the read position
+    unsigned long long n;
+    bool result;
+    std::string holds;
+    unsigned long long readAfter;  // the source's
+  };
+  // clang-format off
+  const Case cases[] = {
+      {&source, 6, 3, true, "678", 2}, {&source, 8, 3, false, "678", 2},
+      {nullptr, 0, 0, false, "678", 2}, {&reader, 7, 4, true, "text", 0},
+      {&source, 50, 2, true, "23", 2},  // an offset beyond the source: at the read position
+      {&source, -1, 5, true, "23456", 7}, {&source, -1, 4, false, "23456", 7},  // 3 remain
+      {nullptr, -1, 1, false, "23456", 7}, {&source, -1, 3, true, "789", 10},
+      {&source, -1, 0, true, "", 10}};  // at the end
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.offset) + " " + std::to_string(c.n) + " " + c.holds);
+    const unsigned long long offset = static_cast<unsigned long long>(c.offset);
+    EXPECT_EQ(c.offset < 0 ? target.from(c.from, c.n) : target.from(c.from, offset, c.n), c.result);
+    ExpectFields(target, c.holds.size(), 0, 0);
+    EXPECT_TRUE(c.holds.empty() || std::memcmp(target.data(), c.holds.data(), c.holds.size()) == 0);
+    EXPECT_EQ((c.from != nullptr ? c.from : &source)->tellRead(), c.readAfter);
+  }
 }
 
 // A reader over "abc\0ef": reads and seeks move its position, the calls of
 // the other direction are refused, and the string stays as it was.
 TEST_F(StringReaderTest, ReadsTheStringFromItsPositionAndRefusesWriting) {
   const std::string text("abc\0ef", 6);
-  const char* const kWrite = "zorv.foundation.memory.StringReader.write";
-  const char* const kSetLength = "zorv.foundation.memory.StringReader.setLength";
-  const char* const kSeekWrite = "zorv.foundation.memory.StringReader.seekWrite";
+  // clang-format off
   const Step steps[] = {
-      {"read", 2, "ab", 1, 6, 2, 0, text},
-      {"read", 5, "", 0, 6, 2, 0},  // 4 remain
-      {"read", 4, std::string("c\0ef", 4), 1, 6, 6, 0},
-      {"read", 0, "", 1, 6, 6, 0},
-      {"read", 1, "", 0, 6, 6, 0},
-      {"read", ~0ULL, "", 0, 6, 6, 0},
+      {"read", 2, "ab", 1, 6, 2, 0, text}, {"read", 5, "", 0, 6, 2, 0},  // 4 remain
+      {"read", 4, std::string("c\0ef", 4), 1, 6, 6, 0}, {"read", 0, "", 1, 6, 6, 0},
+      {"read", 1, "", 0, 6, 6, 0}, {"read", ~0ULL, "", 0, 6, 6, 0},
       {"read", 0x100000000ULL, "", 0, 6, 6, 0},
-      {"seekRead", 7, "", 6, 6, 6, 0},
-      {"seekRead", 2, "", 6, 6, 2, 0},  // beyond: unchanged
-      {"seekRead", 6, "", 2, 6, 6, 0},
-      {"write", 1, "a", 0, 6, 6, 0, text, 0, kWrite},
-      {"setLength", 0, "", 0, 6, 6, 0, text, 0, kSetLength},
-      {"seekWrite", 0, "", 0, 6, 6, 0, text, 0, kSeekWrite},
-  };
+      {"seekRead", 7, "", 6, 6, 6, 0},  // beyond: unchanged
+      {"seekRead", 2, "", 6, 6, 2, 0}, {"seekRead", 6, "", 2, 6, 6, 0},
+      {"write", 1, "a", 0, 6, 6, 0, text, 0, "zorv.foundation.memory.StringReader.write"},
+      {"setLength", 0, "", 0, 6, 6, 0, text, 0, "zorv.foundation.memory.StringReader.setLength"},
+      {"seekWrite", 0, "", 0, 6, 6, 0, text, 0, "zorv.foundation.memory.StringReader.seekWrite"}};
+  // clang-format on
   const SafeString safe(text);
   StringReader reader(safe);
   RunScript(reader, steps);
@@ -314,25 +287,22 @@ TEST_F(StringReaderTest, ReadsTheStringFromItsPositionAndRefusesWriting) {
 // A writer appends to its string whatever its write position; it fills or
 // cuts it to a length cut to 32 bits, and refuses reading.
 TEST_F(StringWriterTest, WritesAppendSetLengthFillsOrCutsAndReadingIsRefused) {
-  // The writer's refusal names the reader's source on purpose.
-  const char* const kSeekRead = "zorv.foundation.memory.StringReader.seekRead";
+  // clang-format off
   const Step steps[] = {
-      {"write", 3, "abc", 0, 8, 0, 3, "head:abc"},
-      {"seekWrite", 0, "", 3, 8, 0, 0},
+      {"write", 3, "abc", 0, 8, 0, 3, "head:abc"}, {"seekWrite", 0, "", 3, 8, 0, 0},
       {"write", 2, "de", 0, 10, 0, 2, "head:abcde"},  // still at the end
       {"seekWrite", 11, "", 2, 10, 0, 2},             // beyond the length: unchanged
       {"seekWrite", 10, "", 2, 10, 0, 10},
       {"write", 2, std::string("\0z", 2), 0, 12, 0, 12, std::string("head:abcde\0z", 12)},
       {"write", 0, "", 0, 12, 0, 12, std::string("head:abcde\0z", 12)},
       {"read", 1, "", 0, 12, 0, 12},
-      {"seekRead", 0, "", 0, 12, 0, 12, "", 0, kSeekRead},
+      // The writer's refusal names the reader's source on purpose.
+      {"seekRead", 0, "", 0, 12, 0, 12, "", 0, "zorv.foundation.memory.StringReader.seekRead"},
       {"setLength", 14, "", 12, 14, 0, 0, std::string("head:abcde\0z\0\0", 14)},
-      {"setLength", 2, "", 14, 2, 0, 0, "he"},
-      {"setLength", 0x100000001ull, "", 2, 1, 0, 0, "h"},
+      {"setLength", 2, "", 14, 2, 0, 0, "he"}, {"setLength", 0x100000001ull, "", 2, 1, 0, 0, "h"},
       {"setLength", 0xFFFFFFF0ull, "", 0, 1, 0, 0, "h", 0, "length_error"},
-      {"write", 1, "!", 0, 2, 0, 1, "h!"},
-      {"clear", 0, "", 0, 0, 0, 0},
-  };
+      {"write", 1, "!", 0, 2, 0, 1, "h!"}, {"clear", 0, "", 0, 0, 0, 0}};
+  // clang-format on
   SafeString text("head:");
   StringWriter writer(text);
   RunScript(writer, steps);

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "foundation/threading/lock.h"
@@ -34,9 +35,7 @@ void Capture(const char* text) {
 // The pieces received since the last call.
 std::vector<std::string> Pieces() {
   std::lock_guard<std::mutex> hold(g_mutex);
-  std::vector<std::string> pieces;
-  pieces.swap(g_pieces);
-  return pieces;
+  return std::exchange(g_pieces, {});
 }
 
 class ConsoleUtilsTest : public zorv::test::LeakCheckedTest {
@@ -69,15 +68,13 @@ TEST_F(ConsoleUtilsTest, WriterReceivesPieces) {
   const auto println = [](const std::string& t) { ConsoleUtils::Println(t.c_str()); };
   std::string zeroAt10(1100, 'q');
   zeroAt10[10] = '\0';
+  // clang-format off
   const Case cases[] = {
-      {"Print", print, "a", {1}},
-      {"Println", println, "x", {1}},
-      {"range 0", range, "", {}},
+      {"Print", print, "a", {1}}, {"Println", println, "x", {1}}, {"range 0", range, "", {}},
       {"range 1023", range, std::string(1023, 'r'), {1023}},
       {"range 1024", range, std::string(1024, 'r'), {1023, 1}},
-      {"zero byte", range, zeroAt10, {10, 77}},
-      {"reversed range", reversed, std::string(10, 'r'), {}},
-  };
+      {"zero byte", range, zeroAt10, {10, 77}}, {"reversed", reversed, std::string(10, 'r'), {}}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     c.print(c.text);
@@ -121,22 +118,17 @@ TEST_F(ConsoleUtilsTest, HoldingTheConsoleLockKeepsEveryPrintOut) {
   EXPECT_EQ(pieces, (std::vector<std::string>{"line", "range", "text"}));
 }
 
-TEST_F(ConsoleUtilsTest, PauseReturnsAtOnceWithoutATerminal) {
-  const int devNull = open("/dev/null", O_RDONLY), saved = dup(STDIN_FILENO);
-  ASSERT_EQ(dup2(devNull, STDIN_FILENO), STDIN_FILENO);
-  ConsoleUtils::Pause();
-  dup2(saved, STDIN_FILENO);
-  for (const int fd : {devNull, saved}) close(fd);
-  EXPECT_EQ(Pieces(), std::vector<std::string>{"[...waiting for action...]"});
-}
-
-// On a terminal Pause waits for one key in raw mode, then gives the terminal
-// its modes back. A key and Enter are typed before the call: a Pause that
-// never went raw would leave that line to be read. The child ends itself
-// should Pause wait for more.
+// Pause prints its prompt and returns at once without a terminal (standard
+// input /dev/null). On a terminal it waits for one key in raw mode, then
+// gives the terminal its modes back. A key and Enter are typed before the
+// call: a Pause that never went raw would leave that line to be read. The
+// child ends itself should Pause wait for more.
 TEST_F(ConsoleUtilsTest, PauseTakesOneKeyFromATerminalAndRestoresIt) {
   const pid_t child = zorv::test::Fork([](int) {
     alarm(10);
+    if (dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) != STDIN_FILENO) return 4;
+    ConsoleUtils::Pause();
+    if (Pieces() != std::vector<std::string>{"[...waiting for action...]"}) return 5;
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return 77;
     const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);

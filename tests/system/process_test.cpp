@@ -34,8 +34,6 @@ namespace {
 
 using zorv::foundation::debug::MemoryMonitor;
 using zorv::foundation::system::SystemUtils;
-using zorv::test::FailAfterGuard;
-using zorv::test::FailSyscall;
 using zorv::test::PollUntil;
 using zorv::test::ReadRawFile;
 using zorv::test::TempDir;
@@ -104,13 +102,12 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
   }
 
   // Makes `start` in a forked caller process, which then reports its own id,
-  // the result, whether it threw, whether SIGCHLD is ignored afterwards (kept
-  // in sigchldIgnored_) and the blocks the call left; true when it started
-  // a child. With `exhaust`, allocation n = 1, 2, ... fails
-  // in turn until the call starts a child. With `pending`, the caller's
-  // standard output is the report pipe with bytes buffered by a stdio stream
-  // that only the caller's exit work would write out: any byte on the pipe
-  // besides the report fails the test.
+  // the result, whether it threw, whether SIGCHLD is ignored afterwards (it
+  // must be after a child was started, so that the system reaps the child)
+  // and the blocks the call left; true when it started a child. With `exhaust`, allocation n = 1,
+  // 2, ... fails in turn until the call starts a child. With `pending`, the caller's standard
+  // output is the report pipe with bytes buffered by a stdio stream that only the caller's exit
+  // work would write out: any byte on the pipe besides the report fails the test.
   bool Call(const std::function<bool()> start, bool exhaust = false, bool pending = false) {
     int from = -1;
     const pid_t caller = zorv::test::Fork(
@@ -124,7 +121,7 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
           const unsigned long long blocks = MemoryMonitor::LiveBlocks();
           bool started = false, threw = false;
           for (unsigned int n = exhaust ? 1 : 0; !started && n <= 100 && getpid() == self; ++n) {
-            FailAfterGuard failing(n);
+            zorv::test::FailAfterGuard failing(n);
             try {
               started = start();
             } catch (...) {
@@ -151,14 +148,12 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
                         static_cast<size_t>(used) == text.size();
     if (!parsed || pid != caller) kill(caller, SIGKILL);  // it may run the child's program
     EXPECT_EQ(zorv::test::WaitChild(caller), parsed && pid == caller ? 0 : -1);
-    if (!parsed) {
-      ADD_FAILURE() << "not a report alone from the caller: '" << text << "'";
-      return false;
-    }
+    EXPECT_TRUE(parsed) << "not a report alone from the caller: '" << text << "'";
+    if (!parsed) return false;
     EXPECT_EQ(pid, caller) << "the call came back in another process than its caller";
     EXPECT_EQ(threw, 0);
     EXPECT_EQ(leaked, 0) << "blocks left behind by the call";
-    sigchldIgnored_ = ignored != 0;
+    EXPECT_TRUE(ignored != 0 || started == 0) << "SIGCHLD is not left ignored";
     return started != 0 && pid == caller;
   }
 
@@ -172,24 +167,15 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
     return name;
   }
 
-  static bool Runs(const std::string& name) {
-    return PollUntil([&] { return !ProcessesNamed(name).empty(); });
-  }
-
   std::vector<std::string> started_;
-  bool sigchldIgnored_ = false;
 };
 
-TEST_F(ProcessTest, NullArgumentsAndExhaustedMemoryReturnFalse) {
+// (Memory that runs out before a child exists: no exception, nothing
+// started; each call meets each failure in the inheritance and killall tests.)
+TEST_F(ProcessTest, NullArgumentsReturnFalse) {
   EXPECT_FALSE(SystemUtils::Command(nullptr));
   EXPECT_FALSE(SystemUtils::Execute(nullptr, "-a"));
   EXPECT_FALSE(SystemUtils::Kill(nullptr, true));
-  // Memory runs out before a child exists: no exception, nothing started
-  // (Command and Execute meet each failure in the inheritance test).
-  EXPECT_FALSE(Call([] {
-    FailAfterGuard failing(1);
-    return SystemUtils::Kill("a-name-longer-than-a-short-string", true);
-  }));
 }
 
 // What a started program inherits: no descriptor above 2, SIGCHLD at its
@@ -204,13 +190,12 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     bool exhaust;
     bool noCloseRange;
   };
+  // clang-format off
   const Case cases[] = {
-      {"Command", false, false, false},
-      {"Command, allocations failing", false, true, false},
-      {"Execute", true, false, false},
-      {"Execute, allocations failing", true, true, false},
-      {"Execute, descriptors listed one by one", true, false, true},
-  };
+      {"Command", false, false, false}, {"Command, allocations failing", false, true, false},
+      {"Execute", true, false, false}, {"Execute, allocations failing", true, true, false},
+      {"Execute, descriptors listed one by one", true, false, true}};
+  // clang-format on
   TempDir dir;
   // What a careless child passes on: a file and a pipe without close-on-exec,
   // and SIGUSR2 blocked in this thread (fork keeps the mask).
@@ -241,13 +226,13 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
         "word=made; echo $word$word > '" + out + "'; exec '" + program + "' 30";
     ASSERT_TRUE(Call(
         [&] {
-          if (c.noCloseRange) FailSyscall(kCloseRange, ENOSYS);
+          if (c.noCloseRange) zorv::test::FailSyscall(kCloseRange, ENOSYS);
           return c.execute ? SystemUtils::Execute(program.c_str(), "30")
                            : SystemUtils::Command(command.c_str());
         },
         c.exhaust));
-    EXPECT_TRUE(sigchldIgnored_);
-    ASSERT_TRUE(Runs(name)) << "the child did not run its program";
+    ASSERT_TRUE(PollUntil([&] { return !ProcessesNamed(name).empty(); }))
+        << "the child did not run its program";
     EXPECT_EQ(ReadRawFile(out), c.execute ? "" : "mademade\n");
     const std::vector<int> pids = ProcessesNamed(name);
     ASSERT_EQ(pids.size(), 1u);
@@ -291,31 +276,32 @@ TEST_F(ProcessTest, ExecuteSplitsAtBlanksTrimsSetsModeExecuteOnlyAndEndsAFailedC
 }
 
 // A stand-in killall first on the caller's PATH records its arguments, so
-// that the exact command lines of Kill can be read back.
+// that the exact command lines of Kill can be read back. Each allocation of
+// the call fails in turn first (the last row's command is long enough to
+// need some).
 TEST_F(ProcessTest, KillCommandLines) {
   TempDir dir;
   const std::string args = dir / "args";
-  ASSERT_EQ(mkdir((dir / "bin").c_str(), 0755), 0);
   ASSERT_TRUE(
-      zorv::test::WriteRawFile(dir / "bin/killall", "#!/bin/sh\necho \"$*\" > '" + args + "'\n"));
-  ASSERT_EQ(chmod((dir / "bin/killall").c_str(), 0755), 0);
-  const std::string path = (dir / "bin") + ":/usr/bin:/bin";
+      zorv::test::WriteRawFile(dir / "killall", "#!/bin/sh\necho \"$*\" > '" + args + "'\n"));
+  ASSERT_EQ(chmod((dir / "killall").c_str(), 0755), 0);
+  const std::string path = dir.path() + ":/usr/bin:/bin";
   const std::string marker = dir / "second-command";
   struct Case {
     std::string name;
     bool force;
     const char* arguments;
   };
-  const Case cases[] = {
-      {"x", true, "-9 x\n"},
-      {"x", false, "x\n"},
-      {"x; touch '" + marker + "'", false, "x\n"},  // reaches the shell as it is
-  };
+  // clang-format off
+  const Case cases[] = {{"x", true, "-9 x\n"}, {"x", false, "x\n"},
+                        {"x; touch '" + marker + "'", false, "x\n"}};  // reaches the shell as it is
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    ASSERT_TRUE(Call([&] {
+    const auto kill = [&] {
       return setenv("PATH", path.c_str(), 1) == 0 && SystemUtils::Kill(c.name.c_str(), c.force);
-    }));
+    };
+    ASSERT_TRUE(Call(kill, true));
     EXPECT_TRUE(PollUntil([&] { return ReadRawFile(args) == c.arguments; })) << ReadRawFile(args);
     unlink(args.c_str());
   }

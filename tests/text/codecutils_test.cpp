@@ -6,6 +6,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 #include "support/leakcheck.h"
 #include "text/checkedsize.h"
@@ -26,41 +27,37 @@ SafeString Encode(const std::string& bytes) {
 }
 
 TEST_F(CodecTest, Base64EncodeAndDecode) {
-  struct Case {
-    std::string text;  // decoded from `length` bytes of it
-    unsigned int length;
-    bool result;
-    std::string bytes;
-    bool encodes;  // EncodeBase64(bytes) gives the text back
-  };
+  // A text, what DecodeBase64 returns and the bytes it leaves, and whether
+  // EncodeBase64 of the bytes gives the text back.
   // clang-format off
-  const Case cases[] = {
-      {"", 0, true, "", true}, {"Zg==", 4, true, "f", true}, {"Zm8=", 4, true, "fo", true},
-      {"Zm9v", 4, true, "foo", true}, {"Zm9vYg==", 8, true, "foob", true},
-      {"Zm9vYmE=", 8, true, "fooba", true}, {"Zm9vYmFy", 8, true, "foobar", true},
-      {"////", 4, true, "\xff\xff\xff", true}, {"+/8=", 4, true, "\xfb\xff", true},
-      {"AA==", 4, true, std::string(1, '\0'), true},
-      {"AAECAwQF", 8, true, std::string("\0\1\2\3\4\5", 6), true},
+  const std::tuple<std::string, bool, std::string, bool> cases[] = {
+      {"", true, "", true}, {"Zg==", true, "f", true}, {"Zm8=", true, "fo", true},
+      {"Zm9v", true, "foo", true}, {"Zm9vYg==", true, "foob", true},
+      {"Zm9vYmE=", true, "fooba", true}, {"Zm9vYmFy", true, "foobar", true},
+      {"////", true, "\xff\xff\xff", true}, {"+/8=", true, "\xfb\xff", true},
+      {"AA==", true, std::string(1, '\0'), true},
+      {"AAECAwQF", true, std::string("\0\1\2\3\4\5", 6), true},
       // Every character of the alphabet, in order.
-      {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/", 64, true,
+      {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/", true,
        std::string("\x00\x10\x83\x10\x51\x87\x20\x92\x8b\x30\xd3\x8f\x41\x14\x93\x51\x55\x97\x61\x96\x9b"
        "\x71\xd7\x9f\x82\x18\xa3\x92\x59\xa7\xa2\x9a\xab\xb2\xdb\xaf\xc3\x1c\xb3\xd3\x5d\xb7"
        "\xe3\x9e\xbb\xf3\xdf\xbf", 48), true},
       // Missing padding is not tolerated; the third character alone drops
       // two bytes; '=' and a blank decode as zero bits; inner padding is not
       // looked at.
-      {"Zm9", 3, false, "", false}, {"Zm9vYg", 6, false, "", false}, {"Zm=v", 4, true, "f", false},
-      {"Zm9=", 4, true, "fo", false}, {"====", 4, true, std::string(1, '\0'), false},
-      {"Zg==Zm9v", 8, true, std::string("f\0\0foo", 6), false}, {"Zm 9", 4, true, "f`=", false},
-      {"Zm9v\n", 5, false, "", false}, {"\x80\x81\xff\xfe", 4, true, std::string(3, '\0'), false}};
+      {"Zm9", false, "", false}, {"Zm9vYg", false, "", false}, {"Zm=v", true, "f", false},
+      {"Zm9=", true, "fo", false}, {"====", true, std::string(1, '\0'), false},
+      {"Zg==Zm9v", true, std::string("f\0\0foo", 6), false}, {"Zm 9", true, "f`=", false},
+      {"Zm9v\n", false, "", false}, {"\x80\x81\xff\xfe", true, std::string(3, '\0'), false}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
+  for (const auto& [text, result, bytes, encodes] : cases) {
+    SCOPED_TRACE(text);
     Vector<unsigned char> out(5, 'j');
-    EXPECT_EQ(CodecUtils::DecodeBase64(c.text.c_str(), c.length, out), c.result);
-    EXPECT_EQ(std::string(out.begin(), out.end()), c.bytes);
-    if (c.encodes) {
-      EXPECT_EQ(Str(Encode(c.bytes)), c.text);
+    const unsigned int length = static_cast<unsigned int>(text.size());
+    EXPECT_EQ(CodecUtils::DecodeBase64(text.c_str(), length, out), result);
+    EXPECT_EQ(std::string(out.begin(), out.end()), bytes);
+    if (encodes) {
+      EXPECT_EQ(Str(Encode(bytes)), text);
     }
   }
   Vector<unsigned char> untouched(3, 'u');
@@ -98,13 +95,9 @@ std::string PlainDecodeUri(const std::string& text) {
 }
 
 TEST_F(CodecTest, UriEncodeAndDecode) {
-  struct Case {
-    const char* text;
-    std::string encoded;  // EncodeUri(text)
-    std::string decoded;  // DecodeUri(text)
-  };
+  // A text, EncodeUri(text) and DecodeUri(text).
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<const char*, std::string, std::string> cases[] = {
       {"", "", ""}, {"a b~", "a%20b~", "a b~"}, {"\xc3\xa9", "%C3%A9", "\xc3\xa9"},
       {"AZaz09-._~", "AZaz09-._~", "AZaz09-._~"}, {"+/?=&", "%2B%2F%3F%3D%26", "+/?=&"},
       // The bytes next to the unreserved ranges.
@@ -119,11 +112,10 @@ TEST_F(CodecTest, UriEncodeAndDecode) {
       {"abcdefghijklmn%", "abcdefghijklmn%25", "abcdefghijklmn%"},
       {"%41%42%43%44%45%46", "%2541%2542%2543%2544%2545%2546", "ABCDEF"}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(Str(CodecUtils::EncodeUri(c.text)), c.encoded);
-    EXPECT_EQ(Str(CodecUtils::DecodeUri(c.text)), c.decoded);
-    EXPECT_EQ(PlainDecodeUri(c.text), c.decoded);
+  for (const auto& [text, encoded, decoded] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(Str(CodecUtils::EncodeUri(text)), encoded);
+    EXPECT_EQ(Str(CodecUtils::DecodeUri(text)), decoded);
   }
   // Random texts of every length around the word sizes, with '%' and
   // hexadecimal digits frequent: decoding gives the plain result, and
@@ -153,9 +145,7 @@ TEST(CheckedSizeTest, ResultSizesThrowInsteadOfWrapping) {
   struct Case {
     const char* what;
     bool uri;  // EncodedUriSize, else Base64Size
-    std::uint32_t n;
-    std::uint32_t escaped;
-    std::uint32_t max;
+    std::uint32_t n, escaped, max;
     bool throws;
     std::uint32_t expected;
   };

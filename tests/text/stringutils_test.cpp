@@ -22,6 +22,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -44,14 +45,15 @@ SafeString Bytes(const char* data, size_t n) { return SafeString(data, n); }
 std::string Shown(const char* s) { return s ? s : "(null)"; }
 
 TEST_F(StringUtilsTest, ComparisonsPrefixesAndCommonPrefix) {
+  // compare: the exact difference of the first differing bytes, compareNoCase
+  // the same after folding to upper case; startWith, endWith: a starts or
+  // ends with b; common: GetPublicPrefix.
   struct Case {
     const char* a;
     const char* b;
-    int compare;        // exact difference of the first differing bytes
-    int compareNoCase;  // the same after folding to upper case
-    bool startWith;     // a starts with b
-    bool endWith;       // a ends with b
-    int common;         // GetPublicPrefix
+    int compare, compareNoCase;
+    bool startWith, endWith;
+    int common;
   };
   // clang-format off
   const Case cases[] = {
@@ -87,22 +89,20 @@ TEST_F(StringUtilsTest, HashNoCaseIsFnv1aOverUpperCase) {
 }
 
 TEST_F(StringUtilsTest, TrimRemovesSpacesAndTabsOnly) {
-  struct Case {
-    SafeString in, both, left, right;
-  };
-  // An embedded zero ends the result only when leading blanks were skipped.
+  // An input, Trim, TrimLeft and TrimRight of it. An embedded zero ends the
+  // result only when leading blanks were skipped.
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<SafeString, SafeString, SafeString, SafeString> cases[] = {
       {"\t a b \t", "a b", "a b \t", "\t a b"}, {"\r\nx", "\r\nx", "\r\nx", "\r\nx"},
       {"   ", "", "", ""}, {"", "", "", ""}, {"\v x \f", "\v x \f", "\v x \f", "\v x \f"},
       {Bytes("a\0b ", 4), Bytes("a\0b", 3), Bytes("a\0b ", 4), Bytes("a\0b", 3)},
       {Bytes(" a\0b ", 5), "a", "a", Bytes(" a\0b", 4)}, {Bytes(" \0 ", 3), "", "", Bytes(" \0", 2)}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE("input of length " + std::to_string(c.in.size()) + ": " + c.in.c_str());
-    EXPECT_EQ(StringUtils::Trim(c.in), c.both);
-    EXPECT_EQ(StringUtils::TrimLeft(c.in), c.left);
-    EXPECT_EQ(StringUtils::TrimRight(c.in), c.right);
+  for (const auto& [in, both, left, right] : cases) {
+    SCOPED_TRACE("input of length " + std::to_string(in.size()) + ": " + in.c_str());
+    EXPECT_EQ(StringUtils::Trim(in), both);
+    EXPECT_EQ(StringUtils::TrimLeft(in), left);
+    EXPECT_EQ(StringUtils::TrimRight(in), right);
   }
 }
 
@@ -119,26 +119,20 @@ TEST_F(StringUtilsTest, CaseConversionTouchesAsciiLettersOnly) {
 }
 
 TEST_F(StringUtilsTest, SplitAppendsEveryPiece) {
-  struct Case {
-    const char* text;
-    char separator;
-    bool found;
-    std::vector<std::string> pieces;
-  };
+  // A text, the separator, what Split returns and the pieces after "old".
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<const char*, char, bool, std::vector<std::string>> cases[] = {
       {"a,,b,", ',', true, {"old", "a", "", "b", ""}}, {"abc", ',', false, {"old", "abc"}},
       {"", ',', false, {"old", ""}}, {",a", ',', true, {"old", "", "a"}},
       {"k=v=x", '=', true, {"old", "k", "v", "x"}}, {"abc", '\0', false, {"old", "abc"}},
       {nullptr, ',', false, {"old", ""}}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(Shown(c.text));
-    Vector<SafeString> pieces;
-    pieces.push_back("old");
-    EXPECT_EQ(StringUtils::Split(c.text, c.separator, pieces), c.found);
-    ASSERT_EQ(pieces.size(), c.pieces.size());
-    for (size_t i = 0; i < pieces.size(); ++i) EXPECT_EQ(pieces[i], c.pieces[i].c_str());
+  for (const auto& [text, separator, found, expected] : cases) {
+    SCOPED_TRACE(Shown(text));
+    Vector<SafeString> pieces(1, SafeString("old"));
+    EXPECT_EQ(StringUtils::Split(text, separator, pieces), found);
+    ASSERT_EQ(pieces.size(), expected.size());
+    for (size_t i = 0; i < pieces.size(); ++i) EXPECT_EQ(pieces[i], expected[i].c_str());
   }
 }
 
@@ -198,8 +192,7 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
           ExpectLikeTheCLibrary(each({"e", "g"}), v, v);
         }
         for (const char* s : strings) ExpectLikeTheCLibrary(directive + "s", s);
-        ExpectLikeTheCLibrary(directive + "c", 'z');
-        ExpectLikeTheCLibrary(directive + "c", 0);
+        ExpectLikeTheCLibrary(each({"c", "c"}), 'z', 0);
         ExpectLikeTheCLibrary(directive + "%");
         ExpectLikeTheCLibrary(directive + "p", static_cast<void*>(nullptr));
       }
@@ -279,22 +272,19 @@ TEST_F(StringUtilsTest, FormatFailuresGiveAnEmptyText) {
   // Each attempt of the general formatter takes one new work block, twice
   // the size of the one before; a failed block ends the formatting with an
   // empty result, so the number of attempts shows in where a fault stops
-  // showing.
-  struct Case {
-    size_t length;
-    unsigned int attempts;
-  };
+  // showing. Rows: the length of a text, the attempts it takes.
   // clang-format off
-  const Case cases[] = {{2, 1}, {99, 1}, {100, 2}, {150, 2}, {199, 2}, {200, 3}, {399, 3}, {1000, 5}};
+  const std::pair<size_t, unsigned int> cases[] = {{2, 1}, {99, 1}, {100, 2}, {150, 2}, {199, 2},
+                                                   {200, 3}, {399, 3}, {1000, 5}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.length);
-    const std::string text(c.length, 'x');
-    for (unsigned int n = 1; n <= c.attempts; ++n) {
+  for (const auto& [length, attempts] : cases) {
+    SCOPED_TRACE(length);
+    const std::string text(length, 'x');
+    for (unsigned int n = 1; n <= attempts; ++n) {
       zorv::test::FailAfterGuard guard(n);
       EXPECT_EQ(StringUtils::_InternalFormat("%s", text.c_str()), "") << n;
     }
-    zorv::test::FailAfterGuard guard(c.attempts + 1);
+    zorv::test::FailAfterGuard guard(attempts + 1);
     EXPECT_EQ(StringUtils::_InternalFormat("<%s>", text.c_str() + 2).str(),
               "<" + text.substr(2) + ">");
   }
@@ -478,18 +468,15 @@ TEST_F(NumberTextTest, LongMantissasRoundAsTheWholeTextAndNeverAllocate) {
 }
 
 TEST_F(NumberTextTest, FloatToStringIsShortestAndReadsBack) {
-  struct Case {
-    double value;
-    const char* text;
-  };
   // clang-format off
-  const Case cases[] = {{0.1, "0.1"}, {100.0, "100"}, {-2.5, "-2.5"}, {0.0, "0"}, {-0.0, "-0"},
-                        {1e22, "1e+22"}, {kNan, "nan"}, {-kNan, "nan"}, {HUGE_VAL, "inf"},
-                        {-HUGE_VAL, "-inf"}, {1.5e-7, "1.5e-07"}};
+  const std::pair<double, const char*> cases[] = {
+      {0.1, "0.1"}, {100.0, "100"}, {-2.5, "-2.5"}, {0.0, "0"}, {-0.0, "-0"}, {1e22, "1e+22"},
+      {kNan, "nan"}, {-kNan, "nan"}, {HUGE_VAL, "inf"}, {-HUGE_VAL, "-inf"}, {1.5e-7, "1.5e-07"}};
   const double edges[] = {DBL_MAX, -DBL_MAX, DBL_MIN, DBL_TRUE_MIN, 1.0 / 3.0, 123456789.125,
                           0.30000000000000004, 9007199254740993.0, 1e-7, 1e21, HUGE_VAL};
   // clang-format on
-  for (const Case& c : cases) EXPECT_EQ(StringUtils::FloatToString(c.value), c.text) << c.text;
+  for (const auto& [value, text] : cases)
+    EXPECT_EQ(StringUtils::FloatToString(value), text) << text;
   std::mt19937_64 random(7);
   for (size_t i = 0; i < 20000; ++i) {
     double v = i < std::size(edges) ? edges[i] : 0.0;
