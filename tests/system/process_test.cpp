@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <functional>
+#include <iostream>
 #include <map>
 #include <set>
 #include <string>
@@ -236,15 +237,22 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     EXPECT_EQ(ReadRawFile(out), c.execute ? "" : "mademade\n");
     const std::vector<int> pids = ProcessesNamed(name);
     ASSERT_EQ(pids.size(), 1u);
-    const auto inherited = Entries("/proc/" + std::to_string(pids[0]) + "/fd");
+    EXPECT_EQ(SignalMask(pids[0], "SigIgn") & (1ULL << (SIGCHLD - 1)), 0u) << "SIGCHLD ignored";
+    EXPECT_EQ(SignalMask(pids[0], "SigBlk"), 0u) << "signals blocked";
+    const std::string fds = "/proc/" + std::to_string(pids[0]) + "/fd";
+    // Execute leaves the program execute-only, and a process run from a file
+    // its user cannot read hides its descriptors from all but root.
+    if (c.execute && geteuid() != 0 && access(fds.c_str(), R_OK) != 0) {
+      std::cout << "not root: the descriptors of '" << c.name << "' are not checked\n";
+      continue;
+    }
+    const auto inherited = Entries(fds);
     for (const std::string& fd : standard) EXPECT_EQ(inherited.count(fd), 1u) << fd << " closed";
     // The dynamic loader may briefly hold one of its own right after exec.
     for (const auto& fd : inherited) {
       if (atoi(fd.first.c_str()) <= 2) continue;
       EXPECT_EQ(held.count(fd.second), 0u) << "inherited " << fd.first << " " << fd.second;
     }
-    EXPECT_EQ(SignalMask(pids[0], "SigIgn") & (1ULL << (SIGCHLD - 1)), 0u) << "SIGCHLD ignored";
-    EXPECT_EQ(SignalMask(pids[0], "SigBlk"), 0u) << "signals blocked";
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   for (int fd : {file, pipeFds[0], pipeFds[1], ninety}) close(fd);
