@@ -280,11 +280,11 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
 TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const char* const oddName =
       "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 \xed\xa0\x80 "
-      "\xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82 \xf5\x80\x80\x80";
+      "\xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82 \xf5\x80\x80\x80 \xef\xbf\xbd\xf0\x9f\x98\x80";
   int marker[3] = {};
   ObjectMonitor::_IncLeak(&marker[0], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[1], "../lang/report", 77, "ReportedThing", 4);
-  ObjectMonitor::_IncLeak(&marker[2], "../odd", 5, oddName, 4);
+  ObjectMonitor::_IncLeak(&marker[2], "../odd", 77, oddName, 4);  // same line, own group
   for (int i = 0; i < 100; ++i) {  // 98 short scopes and 2 of at least 2 ms
     ChronoMonitor::Chronometer scope("test.Report", "Print");
     if (i % 50 == 49) std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -321,7 +321,7 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   EXPECT_EQ(parsed.objects["Odd \"name\" \\ \x01\n\xc3\xbf caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 "
                            "\xc3\xad\xc2\xa0\xc2\x80 "
                            "\xf4\x8f\xbf\xbf\xc3\xb4\xc2\x90 \xc3\xa2\xc2\x82 "
-                           "\xc3\xb5\xc2\x80\xc2\x80\xc2\x80"],
+                           "\xc3\xb5\xc2\x80\xc2\x80\xc2\x80 \xef\xbf\xbd\xf0\x9f\x98\x80"],
             1);
   EXPECT_EQ(parsed.blocks, static_cast<long long>(MemoryMonitor::LiveBlocks()));
   EXPECT_EQ(parsed.bytes, static_cast<long long>(MemoryMonitor::LiveBytes()));

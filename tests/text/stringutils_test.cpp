@@ -390,7 +390,7 @@ TEST_F(NumberTextTest, DecimalParseRules) {
   // clang-format off
   const std::pair<SafeString, unsigned long long> hex[] = {
       {"0x00000000000000001", 0}, {"1F", 0}, {"0x", 0}, {"0x1g", 0}, {"-0x1", 0}, {"0x-1", 0},
-      {" 0x1", 0}, {"00x1", 0}, {"0xG", 0}, {"0X1f", 31}, {"0xabcdef", 0xABCDEF},
+      {" 0x1", 0}, {"00x1", 0}, {"0xG", 0}, {"0X1f", 31}, {"0xabcdef", 0xABCDEF}, {"1x1", 0},
       {"0x0000000000000001", 1}, {SafeString("0x1\0f", 5), 1}};
   // clang-format on
   for (const auto& h : hex) {
