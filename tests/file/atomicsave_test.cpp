@@ -108,6 +108,11 @@ TEST_F(AtomicSaveTest, Cases) {
     }
     zorv::test::RunFileCases(runs);
   }
+  // No bytes make an empty file; a null pointer with a size makes none.
+  zorv::test::TempDir dir;
+  EXPECT_TRUE(FileUtils::WriteBinaryAtomic(Safe(dir / "empty"), nullptr, 0));
+  EXPECT_FALSE(FileUtils::WriteBinaryAtomic(Safe(dir / "none"), nullptr, 1));
+  EXPECT_EQ(Snapshot(dir.path()), (std::vector<std::string>{"empty="}));
 }
 
 // A child saves two contents of 64 KiB and more in turn until it is killed

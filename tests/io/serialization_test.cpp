@@ -69,6 +69,7 @@ TEST_F(SerializationTest, DeserializeReadsOnePrefixedString) {
       {"4 of 5", Prefixed(5, "wxyz"), 0, 0, "unchanged", 8},
       {"all bits", Prefixed(~0ull, "wxy"), 0, 0, "unchanged", 8},
       {"beyond 32 bits", Prefixed(0x100000002ull, "wxy"), 0, 0, "unchanged", 8},
+      {"beyond 32 bits, all claimed", Prefixed(0x100000002ull, "wxy"), 1ull << 32, 0, "unchanged", 8},
       {"4 GiB - 1", Prefixed(0xFFFFFFFFull, ""), 0xFFFFFFFFull, -1, "unchanged", 0},
       {"4 GiB - 16", Prefixed(0xFFFFFFF0ull, ""), 0xFFFFFFF0ull, -1, "unchanged", 0},
       {"2 GiB", Prefixed(0x80000000ull, ""), 0x80000000ull, -1, "unchanged", 0},
