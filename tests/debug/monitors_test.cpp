@@ -472,18 +472,21 @@ TEST_F(MonitorsTest, SignalWritesReportsThatTheDiffCompares) {
 }
 
 TEST_F(MonitorsTest, SignalReportWithoutPathGoesToTmpdirOnlyWhenClosed) {
-  // An empty ZORV_DEBUG_REPORT_PATH counts as none. Where the filter can be
+  // An empty ZORV_DEBUG_REPORT_PATH counts as none; the signal may be named
+  // with its "SIG" prefix. Where the filter can be
   // installed, close() fails with EIO (the descriptor then stays open), so
   // the report may be incomplete and must not be put in place.
   bool ok = false;
-  const pid_t child =
-      startLeaker("ZORV_TEST_CLOSE_FAILS=1 ZORV_DEBUG_REPORT_PATH= TMPDIR=" + dir_.path(), &ok);
+  const pid_t child = startLeaker(
+      "ZORV_DEBUG_SIGNAL=SIGUSR2 ZORV_TEST_CLOSE_FAILS=1 ZORV_DEBUG_REPORT_PATH= TMPDIR=" +
+          dir_.path(),
+      &ok);
   ASSERT_GE(child, 0);
   const std::string path = dir_ / ("zorv-debug-" + std::to_string(child) + ".json");
   const std::string status = "/proc/" + std::to_string(child) + "/status";
   const bool closeFails =
       zorv::test::ReadRawFile(status).find("\nSeccomp:\t2") != std::string::npos;
-  kill(child, SIGUSR1);
+  kill(child, SIGUSR2);
   // Done when the report is in place or its unlinked temporary is still open.
   ok = ok && zorv::test::PollUntil([&] {
          char link[PATH_MAX];
