@@ -296,6 +296,7 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const std::string json = report(ReportFormat::kJson);
   for (int& m : marker) ObjectMonitor::_DecLeakEx(&m, "../lang/report", 78, "~ReportedThing");
   EXPECT_EQ(text, printed);
+  EXPECT_EQ((text + json).find('\0'), std::string::npos) << "bytes past a formatted piece";
   const char* const inOrder[] = {"==== zorv debug report ====\nlive objects: ",
                                  "\n  Odd \"name\"",
                                  "\n  ReportedThing at ../lang/report:77: 2 object(s), 8 bytes\n",
