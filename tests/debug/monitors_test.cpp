@@ -284,7 +284,7 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   int marker[3] = {};
   ObjectMonitor::_IncLeak(&marker[0], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[1], "../lang/report", 77, "ReportedThing", 4);
-  ObjectMonitor::_IncLeak(&marker[2], "../odd", 77, oddName, 4);  // same line, own group
+  ObjectMonitor::_IncLeak(&marker[2], "../lang/report", 77, oddName, 4);  // own group
   for (int i = 0; i < 100; ++i) {  // 98 short scopes and 2 of at least 2 ms
     ChronoMonitor::Chronometer scope("test.Report", "Print");
     if (i % 50 == 49) std::this_thread::sleep_for(std::chrono::milliseconds(2));
