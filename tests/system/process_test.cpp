@@ -195,7 +195,8 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
   const Case cases[] = {
       {"Command", false, false, false}, {"Command, allocations failing", false, true, false},
       {"Execute", true, false, false}, {"Execute, allocations failing", true, true, false},
-      {"Execute, descriptors listed one by one", true, false, true}};
+      {"Execute, descriptors listed one by one", true, false, true},
+      {"Command, descriptors listed one by one", false, false, true}};
   // clang-format on
   TempDir dir;
   // What a careless child passes on: a file and a pipe without close-on-exec,
