@@ -281,10 +281,12 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const char* const oddName =
       "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 \xed\xa0\x80 "
       "\xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82 \xf5\x80\x80\x80 \xef\xbf\xbd\xf0\x9f\x98\x80";
-  int marker[3] = {};
+  int marker[4] = {};
   ObjectMonitor::_IncLeak(&marker[0], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[1], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[2], "../lang/report", 77, oddName, 4);  // own group
+  // Last by name, first by line.
+  ObjectMonitor::_IncLeak(&marker[3], "../lang/report", 5, "Zed", 4);
   for (int i = 0; i < 100; ++i) {  // 98 short scopes and 2 of at least 2 ms
     ChronoMonitor::Chronometer scope("test.Report", "Print");
     if (i % 50 == 49) std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -300,6 +302,7 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const char* const inOrder[] = {"==== zorv debug report ====\nlive objects: ",
                                  "\n  Odd \"name\"",
                                  "\n  ReportedThing at ../lang/report:77: 2 object(s), 8 bytes\n",
+                                 "\n  Zed at ../lang/report:5: 1 object(s), 4 bytes\n",
                                  "\nlive blocks: ",
                                  "\nlive handles: ",
                                  "\ntiming:\n",
