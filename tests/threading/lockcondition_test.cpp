@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "foundation/debug/systemmonitor.h"
@@ -67,25 +68,20 @@ TEST_F(LockConditionTest, MisuseThrowsWithTheOperationsSources) {
 }
 
 TEST_F(LockConditionTest, DeadlineAddsMillisecondsWithOneCarry) {
-  struct Case {
-    long nowSec, nowNsec;
-    unsigned int ms;
-    long sec, nsec;
-  };
+  // Rows of the time now, the milliseconds added and the deadline.
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<long, long, unsigned int, long, long> cases[] = {
       {100, 600000000, 1500, 102, 100000000},  // carries into the next second
       {100, 500000000, 500, 101, 0},           // exactly one second: carried
       {100, 499999999, 500, 100, 999999999},   // just below: no carry
-      {0, 999000000, 4294967295U, 4294968, 294000000},
-  };
+      {0, 999000000, 4294967295U, 4294968, 294000000}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.nowSec << "s " << c.nowNsec << "ns + " << c.ms << "ms");
-    const struct timespec now = {static_cast<time_t>(c.nowSec), c.nowNsec};
-    const struct timespec deadline = LockCondition::_Deadline(now, c.ms);
-    EXPECT_EQ(static_cast<long>(deadline.tv_sec), c.sec);
-    EXPECT_EQ(static_cast<long>(deadline.tv_nsec), c.nsec);
+  for (const auto& [nowSec, nowNsec, ms, sec, nsec] : cases) {
+    SCOPED_TRACE(::testing::Message() << nowSec << "s " << nowNsec << "ns + " << ms << "ms");
+    const struct timespec deadline =
+        LockCondition::_Deadline({static_cast<time_t>(nowSec), nowNsec}, ms);
+    EXPECT_EQ(static_cast<long>(deadline.tv_sec), sec);
+    EXPECT_EQ(static_cast<long>(deadline.tv_nsec), nsec);
   }
 }
 
