@@ -97,14 +97,8 @@ TEST_F(LockConditionTest, TimedWaitsReturnAfterTheirTimeOut) {
   // nagged: another thread keeps waking the waiter every 10 ms without ever
   // making the predicate true; the budget is the time spent waiting, and
   // wake-ups do not restart it (calls is then a least number).
-  struct Case {
-    const char* name;
-    std::function<bool(Locker&)> wait;
-    bool result, nagged;
-    int atLeast, calls;
-  };
   using H = LockConditionHelper;
-  const Case cases[] = {
+  const std::tuple<const char*, std::function<bool(Locker&)>, bool, bool, int, int> cases[] = {
       {"tryWait 120", [&](Locker& l) { return cond.tryWait(l, 120); }, false, false, 119, 0},
       {"WaitFor, holds", [&](Locker& l) { return H::WaitFor(cond, l, always); }, true, false, 0, 1},
       {"WaitFor 10000, holds", [&](Locker& l) { return H::WaitFor(cond, l, 10000, always); }, true,
@@ -113,11 +107,10 @@ TEST_F(LockConditionTest, TimedWaitsReturnAfterTheirTimeOut) {
       {"WaitFor 150, never holds", [&](Locker& l) { return H::WaitFor(cond, l, 150, never); },
        false, false, 149, 2},
       {"WaitFor 300, woken often", [&](Locker& l) { return H::WaitFor(cond, l, 300, never); },
-       false, true, 250, 3},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::atomic<bool> stop{!c.nagged};
+       false, true, 250, 3}};
+  for (const auto& [name, wait, result, nagged, atLeast, expectedCalls] : cases) {
+    SCOPED_TRACE(name);
+    std::atomic<bool> stop{!nagged};
     std::thread nagger([&] {
       while (!stop) {
         std::this_thread::sleep_for(milliseconds(10));
@@ -128,11 +121,11 @@ TEST_F(LockConditionTest, TimedWaitsReturnAfterTheirTimeOut) {
     Locker locker(lock, false);
     calls = 0;
     const Clock::time_point start = Clock::now();
-    EXPECT_EQ(c.wait(locker), c.result);
+    EXPECT_EQ(wait(locker), result);
     const long long waited = std::chrono::duration_cast<milliseconds>(Clock::now() - start).count();
-    EXPECT_GE(waited, c.atLeast);
-    EXPECT_LT(waited, c.atLeast + zorv::test::Margin(2000).count());
-    EXPECT_TRUE(c.nagged ? calls >= c.calls : calls == c.calls) << calls;
+    EXPECT_GE(waited, atLeast);
+    EXPECT_LT(waited, atLeast + zorv::test::Margin(2000).count());
+    EXPECT_TRUE(nagged ? calls >= expectedCalls : calls == expectedCalls) << calls;
     stop = true;
     locker.unlock();
     nagger.join();
