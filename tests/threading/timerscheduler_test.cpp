@@ -9,6 +9,7 @@
 #include <new>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "foundation/debug/chronomonitor.h"
@@ -92,40 +93,36 @@ enum Fault { kNone, kRun, kRepeat, kInterval };  // what throws
 
 // A failure reaches interrupted() and ends only a timer that cannot repeat.
 TEST_P(TimerSchedulerTest, TimersRunOnceOrAgainWhereSentNeverTwiceAtOnce) {
-  // gap: the least time from the end of a run to the next start.
-  struct Case {
-    const char* name;
-    bool fixedRate;
-    unsigned long long ms, gap;
-    int repeats, runMs, runs;
-    Fault fault;
-  };
+  // Rows of the name, the fixed rate, the interval, the gap (the least time
+  // from the end of a run to the next start), the repeats, the length of a
+  // run, the runs and what throws.
   // A one-shot timer added at a fixed rate ends like any other, and a
   // failure ends or repeats a timer alike in both modes.
-  const Case cases[] = {{"one-shot", false, 100, 0, 0, 0, 1, kNone},
-                        {"re-armed from the end of each run", false, 10, 10, 3, 15, 4, kNone},
-                        {"interval 0: back to back", false, 0, 0, 49, 0, 50, kNone},
-                        {"interval 0 at a fixed rate", true, 0, 0, 49, 0, 50, kNone},
-                        {"run throws, repeating", false, 1, 0, 2, 0, 3, kRun},
-                        {"isRepeat throws", false, 1, 0, -1, 0, 1, kRepeat},
-                        {"interval throws", true, 1, 0, -1, 0, 1, kInterval}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  const std::tuple<const char*, bool, unsigned long long, unsigned long long, int, int, int, Fault>
+      cases[] = {{"one-shot", false, 100, 0, 0, 0, 1, kNone},
+                 {"re-armed from the end of each run", false, 10, 10, 3, 15, 4, kNone},
+                 {"interval 0: back to back", false, 0, 0, 49, 0, 50, kNone},
+                 {"interval 0 at a fixed rate", true, 0, 0, 49, 0, 50, kNone},
+                 {"run throws, repeating", false, 1, 0, 2, 0, 3, kRun},
+                 {"isRepeat throws", false, 1, 0, -1, 0, 1, kRepeat},
+                 {"interval throws", true, 1, 0, -1, 0, 1, kInterval}};
+  for (const auto& [name, fixedRate, ms, gap, repeats, runMs, runs, fault] : cases) {
+    SCOPED_TRACE(name);
     Tally tally;
-    ProbeTimer* timer = NewTimer(&tally, 1, c.ms, c.repeats);
-    timer->fail = c.fault == kRun;
-    timer->repeatThrows = c.fault == kRepeat;
-    timer->intervalThrows = c.fault == kInterval;
-    if (c.runMs != 0) timer->body = [&] { Thread::Sleep(c.runMs); };
+    ProbeTimer* timer = NewTimer(&tally, 1, ms, repeats);
+    timer->fail = fault == kRun;
+    timer->repeatThrows = fault == kRepeat;
+    timer->intervalThrows = fault == kInterval;
+    if (runMs != 0) timer->body = [runFor = runMs] { Thread::Sleep(runFor); };
     const unsigned long long added = Tick();
-    add(timer, c.fixedRate);
-    EXPECT_TRUE(c.ms < 100 || scheduler().timerNum() == 1u) << "not scheduled";
+    add(timer, fixedRate);
+    EXPECT_TRUE(ms < 100 || scheduler().timerNum() == 1u) << "not scheduled";
     ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
     const std::vector<Tally::Run> log = tally.log();
-    ASSERT_EQ(log.size(), static_cast<size_t>(c.runs));
-    EXPECT_EQ(tally.interrupts.load(), c.fault == kNone ? 0 : c.runs);
-    EXPECT_GE(log[0].start, added + c.ms);
-    for (size_t i = 1; i < log.size(); ++i) EXPECT_GE(log[i].start, log[i - 1].end + c.gap) << i;
+    ASSERT_EQ(log.size(), static_cast<size_t>(runs));
+    EXPECT_EQ(tally.interrupts.load(), fault == kNone ? 0 : runs);
+    EXPECT_GE(log[0].start, added + ms);
+    for (size_t i = 1; i < log.size(); ++i) EXPECT_GE(log[i].start, log[i - 1].end + gap) << i;
     EXPECT_EQ(tally.overlaps.load(), 0);
     EXPECT_EQ(scheduler().timerNum(), 0u);
     // The thread of the last run (alive until TearDown): a worker of the pool
