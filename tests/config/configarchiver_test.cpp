@@ -4,6 +4,7 @@
 
 #include <map>
 #include <random>
+#include <tuple>
 
 #include "file/filetestutil.h"
 #include "foundation/config/datareader.h"
@@ -18,7 +19,7 @@ using zorv::foundation::config::detail::FileReader;
 using zorv::foundation::config::detail::IDataReader;
 using zorv::test::WriteRawFile;
 
-using Table = std::map<std::string, std::map<std::string, std::string> >;
+using Table = std::map<std::string, std::map<std::string, std::string>>;
 
 constexpr char kArchiver[] = "zorv.foundation.config.Archiver";
 constexpr char kReader[] = "zorv.foundation.config.Reader";
@@ -133,13 +134,8 @@ TEST_F(ArchiverTest, ParseFileOnDescriptorZero) {
 }
 
 TEST_F(ArchiverTest, ReadersSplitLines) {
-  struct Case {
-    bool file;
-    std::string content;
-    std::vector<std::string> lines;
-  };
   // clang-format off
-  const std::vector<Case> cases = {
+  const std::tuple<bool, std::string, std::vector<std::string>> cases[] = {
       {false, "a\r\nb\n\nc", {"a", "", "b", "", "c"}}, {false, "", {}}, {false, "\n", {""}},
       {true, std::string("\xEF\xBB\xBF" "a\r\nb\0c\n\nd", 13), {"a", "", "b", "c", "", "d"}},
       // A file of only a mark has no line, whatever its length.
@@ -150,19 +146,19 @@ TEST_F(ArchiverTest, ReadersSplitLines) {
       {true, "\xFE" "a", {"\xFE" "a"}}, {true, "a\xFF", {"a\xFF"}}, {true, "\xFF" "a", {"\xFF" "a"}},
       {true, "a\xFE", {"a\xFE"}}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.file ? "file '" : "text '") + c.content + "'");
-    ASSERT_TRUE(WriteRawFile(dir_ / "r", c.content));
+  for (const auto& [file, content, expected] : cases) {
+    SCOPED_TRACE(std::string(file ? "file '" : "text '") + content + "'");
+    ASSERT_TRUE(WriteRawFile(dir_ / "r", content));
     FileReader fileReader(P("r"));
-    zorv::foundation::config::detail::TextReader textReader(c.content.c_str());
-    IDataReader& reader = c.file ? static_cast<IDataReader&>(fileReader) : textReader;
+    zorv::foundation::config::detail::TextReader textReader(content.c_str());
+    IDataReader& reader = file ? static_cast<IDataReader&>(fileReader) : textReader;
     reader.open();
     std::vector<std::string> lines;
     SafeString line("stale");
     while (reader.readLine(line)) lines.push_back(S(line));
     reader.close();
     reader.close();
-    EXPECT_EQ(lines, c.lines);
+    EXPECT_EQ(lines, expected);
   }
   FileReader missing(P("nothing"));
   EXPECT_THROW(missing.open(), zorv::foundation::lang::Exception);

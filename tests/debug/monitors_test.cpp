@@ -15,6 +15,8 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "foundation/debug/debug.h"
@@ -100,19 +102,18 @@ class MonitorsTest : public zorv::test::LeakCheckedTest {
 };
 
 TEST_F(MonitorsTest, BlocksAndHandlesAreCountedBySizeClass) {
-  const struct {
-    unsigned int size;
-    unsigned long long ceiling;
-  } rows[] = {{0, 16}, {16, 16}, {17, 32}, {65536, 65536}, {65537, 4294967295ull}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.size);
-    const long long inClass = figures(report(ReportFormat::kJson)).bySize[row.ceiling];
-    unsigned char* block = MemoryMonitor::Alloc(row.size);
+  // Rows of a block's size and the ceiling of its class.
+  const std::pair<unsigned int, unsigned long long> rows[] = {
+      {0, 16}, {16, 16}, {17, 32}, {65536, 65536}, {65537, 4294967295ull}};
+  for (const auto& [size, ceiling] : rows) {
+    SCOPED_TRACE(size);
+    const long long inClass = figures(report(ReportFormat::kJson)).bySize[ceiling];
+    unsigned char* block = MemoryMonitor::Alloc(size);
     ASSERT_NE(block, nullptr);
-    EXPECT_EQ(figures(report(ReportFormat::kJson)).bySize[row.ceiling], inClass + 1);
-    MemoryMonitor::Dealloc(block, row.size);
+    EXPECT_EQ(figures(report(ReportFormat::kJson)).bySize[ceiling], inClass + 1);
+    MemoryMonitor::Dealloc(block, size);
     MemoryMonitor::Dealloc(nullptr, 5);  // ignored
-    EXPECT_EQ(figures(report(ReportFormat::kJson)).bySize[row.ceiling], inClass);
+    EXPECT_EQ(figures(report(ReportFormat::kJson)).bySize[ceiling], inClass);
   }
   const long long handles = SystemMonitor::LiveHandles();
   SystemMonitor::IncreaseHandle();
@@ -418,11 +419,8 @@ TEST_F(MonitorsTest, DiffListsGrowthLargestFirstAndRejectsBadReports) {
                                  "\xc3\xa9\xf0\x9f\x98\x80"
                                  R"(", "count": 4}, {"name": "A", "count": 1})",
                                  4, 5, 7);
-  const struct {
-    std::string older, newer;
-    int status;
-    std::string out;
-  } rows[] = {
+  // Rows of the older and newer reports, the exit status and what is printed.
+  const std::tuple<std::string, std::string, int, std::string> rows[] = {
       {base, base, 0, "no change\n"},
       {base, grown, 1,
        "grew:\n  +3 objects B\xc3\xa9\xf0\x9f\x98\x80 (1 -> 4)\n  +2 objects A (2 -> 4)\n"
@@ -437,13 +435,13 @@ TEST_F(MonitorsTest, DiffListsGrowthLargestFirstAndRejectsBadReports) {
       {base, R"(["\u12"])", 2, ""},
       {base, base + "x", 2, ""},
       {std::string("\xff\0{}", 4), base, 2, ""}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.newer.substr(0, 80));
-    ASSERT_TRUE(zorv::test::WriteRawFile(dir_ / "old", row.older) &&
-                zorv::test::WriteRawFile(dir_ / "new", row.newer));
+  for (const auto& [older, newer, status, expected] : rows) {
+    SCOPED_TRACE(newer.substr(0, 80));
+    ASSERT_TRUE(zorv::test::WriteRawFile(dir_ / "old", older) &&
+                zorv::test::WriteRawFile(dir_ / "new", newer));
     std::string out;
-    EXPECT_EQ(diff(dir_ / "old", dir_ / "new", &out), row.status);
-    EXPECT_EQ(out, row.out);
+    EXPECT_EQ(diff(dir_ / "old", dir_ / "new", &out), status);
+    EXPECT_EQ(out, expected);
   }
   std::string out;
   EXPECT_EQ(diff("/nonexistent/old", dir_ / "new", &out), 2);

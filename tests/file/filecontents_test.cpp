@@ -4,7 +4,9 @@
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 
+#include <array>
 #include <climits>
+#include <tuple>
 #include <utility>
 
 #include "file/filetestutil.h"
@@ -45,16 +47,11 @@ TEST_F(FileContentsTest, KindsAndSizes) {
   ASSERT_TRUE(
       zorv::test::Build(dir_.path(), {"file=12345", "empty=", "folder/", "linkdir->folder",
                                       "linkfile->file", "dangling->gone", "fifo?", "sock@"}));
-  struct Case {
-    std::string path;
-    bool exists, folder, file;
-    unsigned long long size;
-  };
   // A FIFO without a writer neither blocks nor has a size; a socket's type
   // code holds the directory bit, so it counts as a folder. What is no file
   // cannot be read.
   // clang-format off
-  const std::vector<Case> cases = {
+  const std::tuple<std::string, bool, bool, bool, unsigned long long> cases[] = {
       {"", false, false, false, 0}, {"file", true, false, true, 5}, {"empty", true, false, true, 0},
       {"folder", true, true, false, 0}, {"folder/", true, true, false, 0},
       {"missing", false, false, false, 0}, {"file/below", false, false, false, 0},
@@ -62,25 +59,21 @@ TEST_F(FileContentsTest, KindsAndSizes) {
       {"dangling", false, false, false, 0}, {"fifo", true, false, true, 0},
       {"sock", true, true, false, 0}, {"/dev/null", true, false, true, 0}};
   // clang-format on
-  for (const Case& c : cases) {
-    const std::string path = c.path.empty() || c.path[0] == '/' ? c.path : dir_ / c.path;
+  for (const auto& [name, exists, folder, file, size] : cases) {
+    const std::string path = name.empty() || name[0] == '/' ? name : dir_ / name;
     SCOPED_TRACE("path '" + path + "'");
-    EXPECT_EQ(FileUtils::IsExist(path.c_str()), c.exists);
-    EXPECT_EQ(FileUtils::IsFolder(path.c_str()), c.folder);
-    EXPECT_EQ(FileUtils::IsFile(path.c_str()), c.file);
-    EXPECT_EQ(FileUtils::GetFileSize(path.c_str()), c.size);
-    if (!c.file) ExpectReadsFail(path, true);
+    EXPECT_EQ(FileUtils::IsExist(path.c_str()), exists);
+    EXPECT_EQ(FileUtils::IsFolder(path.c_str()), folder);
+    EXPECT_EQ(FileUtils::IsFile(path.c_str()), file);
+    EXPECT_EQ(FileUtils::GetFileSize(path.c_str()), size);
+    if (!file) ExpectReadsFail(path, true);
   }
 }
 
 TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
-  struct Case {
-    std::string content, text;
-    std::vector<std::string> lines;
-  };
   const std::string utf16("\xFF\xFEh\0i\0", 6);
   // clang-format off
-  const std::vector<Case> cases = {
+  const std::tuple<std::string, std::string, std::vector<std::string>> cases[] = {
       {"", "", {}}, {"a", "a", {"a"}}, {"\xEF\xBB\xBF", "", {}}, {"\xFF\xFE", "", {}},
       {"\xEF\xBB\xBFhello", "hello", {"hello"}}, {"\xEF\xBB", "\xEF\xBB", {"\xEF\xBB"}},
       {"\xEF\xBBX", "\xEF\xBBX", {"\xEF\xBBX"}}, {utf16, utf16.substr(2), {utf16.substr(2)}},
@@ -89,17 +82,17 @@ TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
       {"\n\n", "\n\n", {"", ""}}, {"a\rb\n", "a\rb\n", {"a\rb"}},
       {"\xEF\xBB\xBFx\ny", "x\ny", {"x", "y"}}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE("content '" + c.content + "'");
-    ASSERT_TRUE(WriteRawFile(dir_ / "t", c.content));
+  for (const auto& [content, expected, expectedLines] : cases) {
+    SCOPED_TRACE("content '" + content + "'");
+    ASSERT_TRUE(WriteRawFile(dir_ / "t", content));
     SafeString text("old");
     EXPECT_TRUE(FileUtils::ReadText(P("t"), text));
-    EXPECT_EQ(S(text), c.text);
+    EXPECT_EQ(S(text), expected);
     Vector<SafeString> lines(1);  // a stale line
     EXPECT_TRUE(FileUtils::ReadText(P("t"), lines));
     std::vector<std::string> got;
     for (const SafeString& line : lines) got.push_back(S(line));
-    EXPECT_EQ(got, c.lines);
+    EXPECT_EQ(got, expectedLines);
   }
 }
 
@@ -137,27 +130,22 @@ TEST_F(FileContentsTest, ReadBinaryIntoBuffers) {
   ASSERT_EQ(buffer.length(), 12u);
   EXPECT_EQ(buffer.tellWrite(), 12u);
   EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer.data()), 12), bytes + bytes);
-  struct Case {
-    unsigned long long most, at;
-    bool ok;
-    int calls;
-  };
   // The buffer takes fewer bytes than the file holds; the end would lie
   // beyond any object in memory, or wrap.
   // clang-format off
-  const std::vector<Case> cases = {{1000, 0, true, 1}, {1000, 900, true, 1}, {8, 0, false, 1},
-      {99, 0, false, 1}, {1000, PTRDIFF_MAX - 50ull, false, 0}, {1000, ULLONG_MAX - 50, false, 0}};
+  const std::tuple<unsigned long long, unsigned long long, bool, int> cases[] = {
+      {1000, 0, true, 1}, {1000, 900, true, 1}, {8, 0, false, 1}, {99, 0, false, 1},
+      {1000, PTRDIFF_MAX - 50ull, false, 0}, {1000, ULLONG_MAX - 50, false, 0}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE("room " + std::to_string(c.most) + " at " + std::to_string(c.at));
-    SmallBuffer small(c.most, c.at);
-    EXPECT_EQ(FileUtils::ReadBinary(P("h"), &small), c.ok);
-    EXPECT_EQ(small.calls_, c.calls);
-    EXPECT_TRUE(c.calls == 0 || small.tellWrite() == small.length());
-    if (!c.ok) continue;
-    EXPECT_EQ(small.length(), c.at + 100);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(small.data()) + c.at, 100),
-              std::string(100, 'h'));
+  for (const auto& [most, at, ok, calls] : cases) {
+    SCOPED_TRACE("room " + std::to_string(most) + " at " + std::to_string(at));
+    SmallBuffer small(most, at);
+    EXPECT_EQ(FileUtils::ReadBinary(P("h"), &small), ok);
+    EXPECT_EQ(small.calls_, calls);
+    EXPECT_TRUE(calls == 0 || small.tellWrite() == small.length());
+    if (!ok) continue;
+    EXPECT_EQ(small.length(), at + 100);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(small.data()) + at, 100), std::string(100, 'h'));
   }
 }
 
@@ -232,30 +220,28 @@ TEST_F(FileContentsTest, ProcFilesAndDevicesAreReadWhole) {
 TEST(ReadRoomTest, SumsAndGrowthNeverWrap) {
   namespace detail = zorv::foundation::file::detail;
   const unsigned long long k32 = 0xFFFFFFFFull, k31 = 0x7FFFFFFF, kMax = ULLONG_MAX;
-  struct Case {
-    unsigned long long a, b, limit, expected;  // for SumWithin: 1 when it fits
-  };
-  const std::vector<Case> sums = {{1, 2, 3, 1},      {1, 3, 3, 0},         {k32, 1, k32, 0},
-                                  {0, k32, k32, 1},  {k32 + 1, 0, k32, 0}, {kMax, 1, kMax, 0},
-                                  {1, kMax, kMax, 0}};
-  for (const Case& c : sums) {
-    SCOPED_TRACE(std::to_string(c.a) + " + " + std::to_string(c.b) + " within " +
-                 std::to_string(c.limit));
+  // Rows of a, b, the limit and the result (for SumWithin: 1 when it fits).
+  const std::vector<std::array<unsigned long long, 4>> sums = {
+      {1, 2, 3, 1},         {1, 3, 3, 0},       {k32, 1, k32, 0},  {0, k32, k32, 1},
+      {k32 + 1, 0, k32, 0}, {kMax, 1, kMax, 0}, {1, kMax, kMax, 0}};
+  for (const auto& [a, b, limit, expected] : sums) {
+    SCOPED_TRACE(std::to_string(a) + " + " + std::to_string(b) + " within " +
+                 std::to_string(limit));
     unsigned long long sum = 7;
-    EXPECT_EQ(detail::SumWithin(c.a, c.b, c.limit, sum), c.expected == 1);
-    EXPECT_EQ(sum, c.expected == 1 ? c.a + c.b : 7u);
+    EXPECT_EQ(detail::SumWithin(a, b, limit, sum), expected == 1);
+    EXPECT_EQ(sum, expected == 1 ? a + b : 7u);
   }
   // Used, more, limit and the room grown to: near the limit the room stops
   // there, and fails (0) beyond it.
-  const std::vector<Case> growths = {
+  const std::vector<std::array<unsigned long long, 4>> growths = {
       {0, 1, k31, 4096},        {0, 10000, k31, 10000},     {4096, 1, k31, 6144},
       {100, 4096, k31, 4196},   {0x60000000, 1, k31, k31},  {0x7FFFFFF0, 15, k31, k31},
       {0x7FFFFFF0, 16, k31, 0}, {0, 1, 100, 100},           {0xC0000000, 4096, k32, k32},
       {k32, 1, k32, 0},         {kMax - 10, 5, kMax, kMax}, {kMax - 10, 11, kMax, 0}};
-  for (const Case& c : growths) {
-    SCOPED_TRACE(std::to_string(c.a) + " used, " + std::to_string(c.b) + " more, limit " +
-                 std::to_string(c.limit));
-    EXPECT_EQ(detail::GrownRoom(c.a, c.b, c.limit), c.expected);
+  for (const auto& [a, b, limit, expected] : growths) {
+    SCOPED_TRACE(std::to_string(a) + " used, " + std::to_string(b) + " more, limit " +
+                 std::to_string(limit));
+    EXPECT_EQ(detail::GrownRoom(a, b, limit), expected);
   }
 }
 

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sched.h>
 
+#include <tuple>
+
 #include "file/filetestutil.h"
 #include "support/forked.h"
 
@@ -283,19 +285,13 @@ TEST_F(FoldersTest, Searches) {
                                        "loop/sub/f=x", "loop/sub/up->..", "loop/out->$/root"})));
   const std::string r = dir_ / "root";
   const std::vector<std::string> top = {"a.txt", "atxt", "b.dat", "notes.txt"};
-  struct Case {
-    bool folders;
-    std::string path;
-    unsigned int flags;
-    Vector<SafeString> suffixes;
-    std::vector<std::string> expected;
-  };
   // Bit 0 wins over bit 1, the kind bits of the caller are ignored, the
   // search path is normalised, a file matched by two suffixes is listed
   // once, sockets count as folders and FIFOs as files, and links are listed
   // but never entered.
   // clang-format off
-  const std::vector<Case> cases = {
+  const std::tuple<bool, std::string, unsigned int, Vector<SafeString>, std::vector<std::string>>
+      cases[] = {
       {false, r, 0, {}, {r + "/a.txt", r + "/atxt", r + "/b.dat", r + "/notes.txt"}},
       {false, r, 4, {}, {r + "/a.txt", r + "/atxt", r + "/b.dat", r + "/notes.txt", r + "/sub/b.txt",
                          r + "/sub/deep/c.TXT"}},
@@ -315,12 +311,11 @@ TEST_F(FoldersTest, Searches) {
       {false, "", 4, {}, {}}, {true, "", 4, {}, {}}, {false, dir_ / "missing", 4, {}, {}},
       {false, dir_ / "file", 4, {}, {}}, {true, dir_ / "file", 4, {}, {}}, {false, dir_ / "hollow", 4, {}, {}}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE((c.folders ? "folders of '" : "files of '") + c.path + "', " +
-                 std::to_string(c.flags));
-    EXPECT_EQ(Sorted(c.folders ? FileUtils::SearchFolders(c.path.c_str(), c.flags)
-                               : FileUtils::SearchFiles(c.path.c_str(), c.flags, c.suffixes)),
-              c.expected);
+  for (const auto& [folders, path, flags, suffixes, expected] : cases) {
+    SCOPED_TRACE((folders ? "folders of '" : "files of '") + path + "', " + std::to_string(flags));
+    EXPECT_EQ(Sorted(folders ? FileUtils::SearchFolders(path.c_str(), flags)
+                             : FileUtils::SearchFiles(path.c_str(), flags, suffixes)),
+              expected);
   }
   // A folder comes before its contents, which follow it directly.
   const std::vector<std::string> all = Sorted(FileUtils::SearchFolders(r.c_str(), 5), false);

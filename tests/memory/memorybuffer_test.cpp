@@ -6,6 +6,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -58,27 +59,23 @@ unsigned long long Allocated(const MemoryBuffer& b) {
 // write() from the buffer's own bytes, when it grows and when it fits; and
 // Copy(), which copies nothing for a length of 0.
 TEST_F(MemoryBufferTest, WritesFromItsOwnBytes) {
-  struct Case {
-    std::string text;
-    unsigned long long writeAt;
-    size_t from, count;
-    std::string expected;
-  };
   std::string large(1 << 20, '\0');
   for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 + i / 251);
-  const Case cases[] = {{"abcdef", 6, 0, 6, "abcdefabcdef"},  // grows: the block may move
-                        {"abcdef", 6, 2, 3, "abcdefcde"},     // grows, from the middle
-                        {"abcdef", 4, 0, 6, "abcdabcdef"},    // grows, overlapping the target
-                        {"abcdef", 1, 0, 3, "aabcef"},        // fits, overlapping the target
-                        {large, large.size(), 0, large.size(), large + large}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text.substr(0, 8) + " at " + std::to_string(c.writeAt));
+  // Rows of the text, where the write starts, the bytes written from and the text expected.
+  const std::tuple<std::string, unsigned long long, size_t, size_t, std::string> cases[] = {
+      {"abcdef", 6, 0, 6, "abcdefabcdef"},  // grows: the block may move
+      {"abcdef", 6, 2, 3, "abcdefcde"},     // grows, from the middle
+      {"abcdef", 4, 0, 6, "abcdabcdef"},    // grows, overlapping the target
+      {"abcdef", 1, 0, 3, "aabcef"},        // fits, overlapping the target
+      {large, large.size(), 0, large.size(), large + large}};
+  for (const auto& [text, writeAt, from, count, expected] : cases) {
+    SCOPED_TRACE(text.substr(0, 8) + " at " + std::to_string(writeAt));
     MemoryBuffer b;
-    b.write(Bytes(c.text.c_str()), c.text.size());
-    b.seekWrite(c.writeAt);
-    b.write(b.data() + c.from, c.count);
-    ASSERT_EQ(b.length(), c.expected.size());
-    EXPECT_EQ(std::memcmp(b.data(), c.expected.data(), c.expected.size()), 0);
+    b.write(Bytes(text.c_str()), text.size());
+    b.seekWrite(writeAt);
+    b.write(b.data() + from, count);
+    ASSERT_EQ(b.length(), expected.size());
+    EXPECT_EQ(std::memcmp(b.data(), expected.data(), expected.size()), 0);
   }
   unsigned char byte = 'x';
   MemoryBuffer::Copy(&byte, Bytes("y"), 1);
@@ -236,16 +233,12 @@ TEST_F(MemoryBufferTest, FromTakesBytesOfAnotherBuffer) {
   const SafeString text("reader text");
   StringReader reader(text);
   target.write(Bytes("zz"), 2);
-  struct Case {
-    IBuffer* from;
-    long long offset;  // -1: from the read position
-    unsigned long long n;
-    bool result;
-    std::string holds;
-    unsigned long long readAfter;  // the source's
-  };
+  // Rows of the source, the offset (-1: from the read position), the bytes
+  // asked for, the result, what the target holds and the source's read
+  // position afterwards.
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<IBuffer*, long long, unsigned long long, bool, std::string,
+                   unsigned long long> cases[] = {
       {&source, 6, 3, true, "678", 2}, {&source, 8, 3, false, "678", 2},
       {nullptr, 0, 0, false, "678", 2}, {&reader, 7, 4, true, "text", 0},
       {&source, 50, 2, true, "23", 2},  // an offset beyond the source: at the read position
@@ -253,13 +246,13 @@ TEST_F(MemoryBufferTest, FromTakesBytesOfAnotherBuffer) {
       {nullptr, -1, 1, false, "23456", 7}, {&source, -1, 3, true, "789", 10},
       {&source, -1, 0, true, "", 10}};  // at the end
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.offset) + " " + std::to_string(c.n) + " " + c.holds);
-    const unsigned long long offset = static_cast<unsigned long long>(c.offset);
-    EXPECT_EQ(c.offset < 0 ? target.from(c.from, c.n) : target.from(c.from, offset, c.n), c.result);
-    ExpectFields(target, c.holds.size(), 0, 0);
-    EXPECT_TRUE(c.holds.empty() || std::memcmp(target.data(), c.holds.data(), c.holds.size()) == 0);
-    EXPECT_EQ((c.from != nullptr ? c.from : &source)->tellRead(), c.readAfter);
+  for (const auto& [from, at, n, result, holds, readAfter] : cases) {
+    SCOPED_TRACE(std::to_string(at) + " " + std::to_string(n) + " " + holds);
+    const unsigned long long offset = static_cast<unsigned long long>(at);
+    EXPECT_EQ(at < 0 ? target.from(from, n) : target.from(from, offset, n), result);
+    ExpectFields(target, holds.size(), 0, 0);
+    EXPECT_TRUE(holds.empty() || std::memcmp(target.data(), holds.data(), holds.size()) == 0);
+    EXPECT_EQ((from != nullptr ? from : &source)->tellRead(), readAfter);
   }
 }
 

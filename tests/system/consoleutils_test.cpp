@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -54,12 +55,6 @@ class ConsoleUtilsTest : public zorv::test::LeakCheckedTest {
 // What the writer receives: the text without a line break; a range in
 // pieces of at most 1023 bytes, each cut short at a zero byte.
 TEST_F(ConsoleUtilsTest, WriterReceivesPieces) {
-  struct Case {
-    const char* name;
-    std::function<void(const std::string&)> print;
-    std::string text;
-    std::vector<size_t> pieces;
-  };
   const auto range = [](const std::string& t) {
     ConsoleUtils::Print(t.data(), t.data() + t.size());
   };
@@ -69,21 +64,22 @@ TEST_F(ConsoleUtilsTest, WriterReceivesPieces) {
   std::string zeroAt10(1100, 'q');
   zeroAt10[10] = '\0';
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<const char*, std::function<void(const std::string&)>, std::string,
+                   std::vector<size_t>> cases[] = {
       {"Print", print, "a", {1}}, {"Println", println, "x", {1}}, {"range 0", range, "", {}},
       {"range 1023", range, std::string(1023, 'r'), {1023}},
       {"range 1024", range, std::string(1024, 'r'), {1023, 1}},
       {"zero byte", range, zeroAt10, {10, 77}}, {"reversed", reversed, std::string(10, 'r'), {}}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    c.print(c.text);
+  for (const auto& [name, call, text, sizes] : cases) {
+    SCOPED_TRACE(name);
+    call(text);
     const std::vector<std::string> pieces = Pieces();
-    ASSERT_EQ(pieces.size(), c.pieces.size());
+    ASSERT_EQ(pieces.size(), sizes.size());
     size_t at = 0;
     for (size_t i = 0; i < pieces.size(); ++i) {
-      EXPECT_EQ(pieces[i], c.text.substr(at, c.pieces[i]));
-      at += i == 0 && c.pieces[0] == 10 ? 1023 : c.pieces[i];  // a cut piece still spends 1023
+      EXPECT_EQ(pieces[i], text.substr(at, sizes[i]));
+      at += i == 0 && sizes[0] == 10 ? 1023 : sizes[i];  // a cut piece still spends 1023
     }
   }
 }

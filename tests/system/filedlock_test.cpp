@@ -12,6 +12,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -59,14 +60,10 @@ class FiledLockTest : public zorv::test::LeakCheckedTest {
 // on one of three objects of a name or on a fourth of another name; "d"
 // destroys every object and opens them again.
 TEST_F(FiledLockTest, ObjectsOfOneNameShareOneCount) {
-  struct Step {
-    const char* what;
-    int object;
-    char op;  // l lock, u unlock, t tryLock, d destroy all and reopen
-    bool result;
-  };
+  // Rows of what a step shows, the object, the call (l lock, u unlock, t
+  // tryLock, d destroy all and reopen) and what tryLock returns.
   // clang-format off
-  const Step steps[] = {
+  const std::tuple<const char*, int, char, bool> steps[] = {
       {"the holder excludes another object", 0, 'l', true}, {"", 1, 't', false},
       {"not recursive", 0, 't', false}, {"another name is another lock", 3, 't', true},
       {"any object may unlock", 1, 'u', true}, {"", 1, 't', true}, {"", 0, 't', false},
@@ -77,14 +74,14 @@ TEST_F(FiledLockTest, ObjectsOfOneNameShareOneCount) {
   const std::string name = freshName(), names[] = {name, name, name, freshName()};
   std::unique_ptr<FiledLock> locks[4];
   for (int i = 0; i < 4; ++i) locks[i].reset(new FiledLock(names[i].c_str()));
-  for (const Step& s : steps) {
-    SCOPED_TRACE(std::string(s.what) + " " + s.op + std::to_string(s.object));
-    ITryLock& lock = *locks[s.object];
-    if (s.op == 't') {
-      EXPECT_EQ(lock.tryLock(), s.result);
-    } else if (s.op == 'l') {
+  for (const auto& [what, object, op, result] : steps) {
+    SCOPED_TRACE(std::string(what) + " " + op + std::to_string(object));
+    ITryLock& lock = *locks[object];
+    if (op == 't') {
+      EXPECT_EQ(lock.tryLock(), result);
+    } else if (op == 'l') {
       lock.lock();
-    } else if (s.op == 'u') {
+    } else if (op == 'u') {
       lock.unlock();
     } else {
       for (auto& each : locks) each.reset();

@@ -142,15 +142,10 @@ TEST(CheckedSizeTest, ResultSizesThrowInsteadOfWrapping) {
   using zorv::foundation::text::detail::EncodedUriSize;
   constexpr std::uint32_t kMax = 0xFFFFFFFFu;
   constexpr char kSource[] = "zorv.foundation.text.CodecUtils.Test";
-  struct Case {
-    const char* what;
-    bool uri;  // EncodedUriSize, else Base64Size
-    std::uint32_t n, escaped, max;
-    bool throws;
-    std::uint32_t expected;
-  };
+  // uri: EncodedUriSize, else Base64Size.
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<const char*, bool, std::uint32_t, std::uint32_t, std::uint32_t, bool,
+                   std::uint32_t> cases[] = {
       {"all escaped, wraps to 2", true, 0x55555556u, 0x55555556u, kMax, true, 0},
       {"all escaped, just fits", true, 0x55555555u, 0x55555555u, kMax, false, kMax},
       {"doubling wraps", true, 0x80000000u, 0x80000000u, kMax, true, 0},
@@ -161,16 +156,15 @@ TEST(CheckedSizeTest, ResultSizesThrowInsteadOfWrapping) {
       {"one byte", false, 1, 0, kMax, false, 4}, {"over the limit", false, 4, 0, 7, true, 0},
       {"empty", false, 0, 0, 0, false, 0}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.uri ? "EncodedUriSize: " : "Base64Size: ") + c.what);
+  for (const auto& [what, uri, n, escaped, max, throws, expected] : cases) {
+    SCOPED_TRACE(std::string(uri ? "EncodedUriSize: " : "Base64Size: ") + what);
     try {
-      const std::uint32_t size = c.uri
-                                     ? EncodedUriSize<std::uint32_t>(c.n, c.escaped, c.max, kSource)
-                                     : Base64Size<std::uint32_t>(c.n, c.max, kSource);
-      EXPECT_FALSE(c.throws) << size;
-      EXPECT_EQ(size, c.expected);
+      const std::uint32_t size = uri ? EncodedUriSize<std::uint32_t>(n, escaped, max, kSource)
+                                     : Base64Size<std::uint32_t>(n, max, kSource);
+      EXPECT_FALSE(throws) << size;
+      EXPECT_EQ(size, expected);
     } catch (const std::length_error& error) {
-      EXPECT_TRUE(c.throws);
+      EXPECT_TRUE(throws);
       EXPECT_STREQ(error.what(), kSource);
     }
   }

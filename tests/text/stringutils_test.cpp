@@ -48,15 +48,8 @@ TEST_F(StringUtilsTest, ComparisonsPrefixesAndCommonPrefix) {
   // compare: the exact difference of the first differing bytes, compareNoCase
   // the same after folding to upper case; startWith, endWith: a starts or
   // ends with b; common: GetPublicPrefix.
-  struct Case {
-    const char* a;
-    const char* b;
-    int compare, compareNoCase;
-    bool startWith, endWith;
-    int common;
-  };
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, int, int, bool, bool, int> cases[] = {
       {nullptr, "x", 0, 0, false, false, 0}, {"x", nullptr, 1, 1, false, false, 0},
       {nullptr, nullptr, 0, 0, false, false, 0}, {"abc", "abc", 0, 0, true, true, 3},
       {"", "", 0, 0, false, false, 0}, {"abc", "", 'a', 'A', false, false, 0},
@@ -68,13 +61,13 @@ TEST_F(StringUtilsTest, ComparisonsPrefixesAndCommonPrefix) {
       {"\xe9x", "\xe9X", 'x' - 'X', 0, false, false, 1},
       {"file.TXT", ".txt", 'f' - '.', 'F' - '.', false, false, 0}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(Shown(c.a) + " vs " + Shown(c.b));
-    EXPECT_EQ(StringUtils::Compare(c.a, c.b), c.compare);
-    EXPECT_EQ(StringUtils::CompareNoCase(c.a, c.b), c.compareNoCase);
-    EXPECT_EQ(StringUtils::StartWith(c.a, c.b), c.startWith);
-    EXPECT_EQ(StringUtils::EndWith(c.a, c.b), c.endWith);
-    EXPECT_EQ(StringUtils::GetPublicPrefix(c.a, c.b), c.common);
+  for (const auto& [a, b, compare, compareNoCase, startWith, endWith, common] : cases) {
+    SCOPED_TRACE(Shown(a) + " vs " + Shown(b));
+    EXPECT_EQ(StringUtils::Compare(a, b), compare);
+    EXPECT_EQ(StringUtils::CompareNoCase(a, b), compareNoCase);
+    EXPECT_EQ(StringUtils::StartWith(a, b), startWith);
+    EXPECT_EQ(StringUtils::EndWith(a, b), endWith);
+    EXPECT_EQ(StringUtils::GetPublicPrefix(a, b), common);
   }
 }
 
@@ -335,16 +328,10 @@ TEST_F(NumberTextTest, IntegersToTextAndBack) {
 TEST_F(NumberTextTest, DecimalParseRules) {
   // The unsigned parsers give the signed ones' bits: StringToUInt that of
   // asInt, StringToULong that of asLong, except past 19 digits.
-  struct Case {
-    SafeString text;
-    int asInt;
-    long long asLong;
-    unsigned long long asULong;
-  };
   // Up to 10 digits for the 32-bit parsers, 19 and 20 for the 64-bit ones;
   // leading zeros and the sign do not count.
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<SafeString, int, long long, unsigned long long> cases[] = {
       {"-0", 0, 0, 0}, {"000123", 123, 123, 123}, {"00000000000", 0, 0, 0}, {"+42", 42, 42, 42},
       {"-42", -42, -42, 18446744073709551574ull}, {"12345678901", 0, 12345678901ll, 12345678901ull},
       {"4294967297", 1, 4294967297ll, 4294967297ull}, {"-2147483648", INT_MIN, INT_MIN, 18446744071562067968ull},
@@ -360,12 +347,12 @@ TEST_F(NumberTextTest, DecimalParseRules) {
       {"+-1", 0, 0, 0}, {"--1", 0, 0, 0}, {"0x10", 0, 0, 0}, {"1e3", 0, 0, 0}, {"\xff", 0, 0, 0},
       {"/", 0, 0, 0}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text.c_str());
-    EXPECT_EQ(StringUtils::StringToInt(c.text), c.asInt);
-    EXPECT_EQ(StringUtils::StringToUInt(c.text), static_cast<unsigned int>(c.asInt));
-    EXPECT_EQ(StringUtils::StringToLong(c.text), c.asLong);
-    EXPECT_EQ(StringUtils::StringToULong(c.text), c.asULong);
+  for (const auto& [text, asInt, asLong, asULong] : cases) {
+    SCOPED_TRACE(text.c_str());
+    EXPECT_EQ(StringUtils::StringToInt(text), asInt);
+    EXPECT_EQ(StringUtils::StringToUInt(text), static_cast<unsigned int>(asInt));
+    EXPECT_EQ(StringUtils::StringToLong(text), asLong);
+    EXPECT_EQ(StringUtils::StringToULong(text), asULong);
   }
   // One byte that is not a digit at every place of the longest texts: the
   // bytes next to the digits and those whose high half is 3, a zero byte
@@ -400,14 +387,9 @@ TEST_F(NumberTextTest, DecimalParseRules) {
 
 // Classification and the floating-point value of the same texts.
 TEST_F(NumberTextTest, ClassificationAndFloatParse) {
-  struct Case {
-    SafeString text;
-    int code;
-    double value;
-  };
   const std::string zeros(500, '0');
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<SafeString, int, double> cases[] = {
       {"7", 1, 7.0}, {"12", 1, 12.0}, {"-1", 1, -1.0}, {"+1", 1, 1.0}, {"00123", 1, 123.0},
       {"1e5", 2, 1e5}, {"0xAB", 3, 0.0}, {"0Xab", 3, 0.0}, {"0x0", 3, 0.0}, {"+inf", 2, HUGE_VAL},
       {"-inf", 2, -HUGE_VAL}, {"inf", 2, HUGE_VAL}, {"nan", 2, kNan}, {"1.", 2, 1.0}, {".5", 2, 0.5},
@@ -432,12 +414,12 @@ TEST_F(NumberTextTest, ClassificationAndFloatParse) {
       {"1e5e", 0, 0.0}, {"12a", 0, 0.0}, {"--1", 0, 0.0}, {"+-1", 0, 0.0}, {"0x1.5", 0, 0.0},
       {"-0x1", 0, 0.0}, {" 1", 0, 0.0}, {"1 ", 0, 0.0}, {"ab", 0, 0.0}, {"1.5 ", 0, 0.0}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text.substr(0, 30).c_str());
-    EXPECT_EQ(StringUtils::GetNumberFormat(c.text), c.code);
-    const double value = StringUtils::StringToFloat(c.text);
-    EXPECT_TRUE(std::isnan(c.value) ? std::isnan(value) : value == c.value);
-    EXPECT_EQ(std::signbit(value), std::signbit(c.value));
+  for (const auto& [text, code, expected] : cases) {
+    SCOPED_TRACE(text.substr(0, 30).c_str());
+    EXPECT_EQ(StringUtils::GetNumberFormat(text), code);
+    const double value = StringUtils::StringToFloat(text);
+    EXPECT_TRUE(std::isnan(expected) ? std::isnan(value) : value == expected);
+    EXPECT_EQ(std::signbit(value), std::signbit(expected));
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "foundation/debug/systemmonitor.h"
 #include "foundation/lang/exception.h"
@@ -44,11 +45,7 @@ bool FreeForOthers(Lock& lock) {
 // another thread could take it.
 TEST_F(LockTest, IsRecursiveAndFreeAfterMatchingUnlocks) {
   // op: lock, unlock, try, locker (scope of a nested Locker), adopt
-  struct Step {
-    const char* op;
-    bool freeAfter;
-  };
-  const Step steps[] = {
+  const std::pair<std::string, bool> steps[] = {
       {"lock", false},   {"lock", false},  {"try", false},  {"unlock", false},
       {"unlock", false}, {"unlock", true}, {"try", false},  {"locker", false},
       {"unlock", true},  {"locker", true}, {"lock", false}, {"adopt", true},
@@ -58,9 +55,8 @@ TEST_F(LockTest, IsRecursiveAndFreeAfterMatchingUnlocks) {
   EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1);
   EXPECT_NE(lock.handle(), nullptr);
   zorv::foundation::threading::ITryLock& tryable = lock;
-  for (const Step& s : steps) {
-    SCOPED_TRACE(s.op);
-    const std::string op = s.op;
+  for (const auto& [op, freeAfter] : steps) {
+    SCOPED_TRACE(op);
     if (op == "lock") {
       tryable.lock();
     } else if (op == "unlock") {
@@ -74,7 +70,7 @@ TEST_F(LockTest, IsRecursiveAndFreeAfterMatchingUnlocks) {
     } else {
       Locker adopting(lock, true);
     }
-    EXPECT_EQ(FreeForOthers(lock), s.freeAfter);
+    EXPECT_EQ(FreeForOthers(lock), freeAfter);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "foundation/debug/systemmonitor.h"
@@ -67,25 +68,20 @@ TEST_F(LockConditionTest, MisuseThrowsWithTheOperationsSources) {
 }
 
 TEST_F(LockConditionTest, DeadlineAddsMillisecondsWithOneCarry) {
-  struct Case {
-    long nowSec, nowNsec;
-    unsigned int ms;
-    long sec, nsec;
-  };
+  // Rows of the time now, the milliseconds added and the deadline.
   // clang-format off
-  const Case cases[] = {
+  const std::tuple<long, long, unsigned int, long, long> cases[] = {
       {100, 600000000, 1500, 102, 100000000},  // carries into the next second
       {100, 500000000, 500, 101, 0},           // exactly one second: carried
       {100, 499999999, 500, 100, 999999999},   // just below: no carry
-      {0, 999000000, 4294967295U, 4294968, 294000000},
-  };
+      {0, 999000000, 4294967295U, 4294968, 294000000}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.nowSec << "s " << c.nowNsec << "ns + " << c.ms << "ms");
-    const struct timespec now = {static_cast<time_t>(c.nowSec), c.nowNsec};
-    const struct timespec deadline = LockCondition::_Deadline(now, c.ms);
-    EXPECT_EQ(static_cast<long>(deadline.tv_sec), c.sec);
-    EXPECT_EQ(static_cast<long>(deadline.tv_nsec), c.nsec);
+  for (const auto& [nowSec, nowNsec, ms, sec, nsec] : cases) {
+    SCOPED_TRACE(::testing::Message() << nowSec << "s " << nowNsec << "ns + " << ms << "ms");
+    const struct timespec deadline =
+        LockCondition::_Deadline({static_cast<time_t>(nowSec), nowNsec}, ms);
+    EXPECT_EQ(static_cast<long>(deadline.tv_sec), sec);
+    EXPECT_EQ(static_cast<long>(deadline.tv_nsec), nsec);
   }
 }
 
@@ -101,14 +97,8 @@ TEST_F(LockConditionTest, TimedWaitsReturnAfterTheirTimeOut) {
   // nagged: another thread keeps waking the waiter every 10 ms without ever
   // making the predicate true; the budget is the time spent waiting, and
   // wake-ups do not restart it (calls is then a least number).
-  struct Case {
-    const char* name;
-    std::function<bool(Locker&)> wait;
-    bool result, nagged;
-    int atLeast, calls;
-  };
   using H = LockConditionHelper;
-  const Case cases[] = {
+  const std::tuple<const char*, std::function<bool(Locker&)>, bool, bool, int, int> cases[] = {
       {"tryWait 120", [&](Locker& l) { return cond.tryWait(l, 120); }, false, false, 119, 0},
       {"WaitFor, holds", [&](Locker& l) { return H::WaitFor(cond, l, always); }, true, false, 0, 1},
       {"WaitFor 10000, holds", [&](Locker& l) { return H::WaitFor(cond, l, 10000, always); }, true,
@@ -117,11 +107,10 @@ TEST_F(LockConditionTest, TimedWaitsReturnAfterTheirTimeOut) {
       {"WaitFor 150, never holds", [&](Locker& l) { return H::WaitFor(cond, l, 150, never); },
        false, false, 149, 2},
       {"WaitFor 300, woken often", [&](Locker& l) { return H::WaitFor(cond, l, 300, never); },
-       false, true, 250, 3},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::atomic<bool> stop{!c.nagged};
+       false, true, 250, 3}};
+  for (const auto& [name, wait, result, nagged, atLeast, expectedCalls] : cases) {
+    SCOPED_TRACE(name);
+    std::atomic<bool> stop{!nagged};
     std::thread nagger([&] {
       while (!stop) {
         std::this_thread::sleep_for(milliseconds(10));
@@ -132,11 +121,11 @@ TEST_F(LockConditionTest, TimedWaitsReturnAfterTheirTimeOut) {
     Locker locker(lock, false);
     calls = 0;
     const Clock::time_point start = Clock::now();
-    EXPECT_EQ(c.wait(locker), c.result);
+    EXPECT_EQ(wait(locker), result);
     const long long waited = std::chrono::duration_cast<milliseconds>(Clock::now() - start).count();
-    EXPECT_GE(waited, c.atLeast);
-    EXPECT_LT(waited, c.atLeast + zorv::test::Margin(2000).count());
-    EXPECT_TRUE(c.nagged ? calls >= c.calls : calls == c.calls) << calls;
+    EXPECT_GE(waited, atLeast);
+    EXPECT_LT(waited, atLeast + zorv::test::Margin(2000).count());
+    EXPECT_TRUE(nagged ? calls >= expectedCalls : calls == expectedCalls) << calls;
     stop = true;
     locker.unlock();
     nagger.join();

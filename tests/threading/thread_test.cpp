@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -177,23 +178,18 @@ TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
     std::lock_guard<std::mutex> hold(g_linesMutex);
     g_lines.push_back(text);
   });
-  struct Case {
-    const char* constructionName;
-    const char* selfName;
-    const char* shown;
-  };
+  // Rows of the name given at construction, the one the body gives itself and the one shown.
   // clang-format off
-  const Case cases[] = {{"", "", ""}, {"", "named-late", "named-late"}, {"", "", ""},
-                        {"given", "", "given"}, {"", "", ""}};
+  const std::array<std::string, 3> cases[] = {{"", "", ""}, {"", "named-late", "named-late"},
+                                              {"", "", ""}, {"given", "", "given"}, {"", "", ""}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.shown);
-    const std::string selfName = c.selfName;
+  for (const auto& [constructionName, selfName, shown] : cases) {
+    SCOPED_TRACE(shown);
     FunctionThread* thread = new FunctionThread(
-        [selfName] {
-          if (!selfName.empty()) ChronoMonitor::SetThreadName(SafeString(selfName.c_str()));
+        [name = selfName] {
+          if (!name.empty()) ChronoMonitor::SetThreadName(SafeString(name.c_str()));
         },
-        SafeString(c.constructionName));
+        SafeString(constructionName.c_str()));
     thread->joinOnDestroy = false;
     thread->start();
     // Let the body finish, so that nothing uses the block after it is freed.
@@ -203,10 +199,9 @@ TEST_F(ThreadTest, DestroyedUnjoinedThreadPrintsAWarningLine) {
     // The library left the thread unjoined and its handle counted: clean up.
     pthread_join(static_cast<pthread_t>(id), nullptr);
     SystemMonitor::DecreaseHandle();
-    const std::string shown = *c.shown ? "/" + std::string(c.shown) + "]" : "] ";
-    const std::vector<std::string> expected = {"zorv.foundation.threading.Thread: [" +
-                                               std::to_string(static_cast<unsigned int>(id)) +
-                                               shown + "destroyed while still running"};
+    const std::vector<std::string> expected = {
+        "zorv.foundation.threading.Thread: [" + std::to_string(static_cast<unsigned int>(id)) +
+        (shown.empty() ? "] " : "/" + shown + "]") + "destroyed while still running"};
     EXPECT_EQ(TakeLines(), expected);
   }
   {

@@ -2,13 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "foundation/debug/chronomonitor.h"
@@ -45,20 +46,17 @@ struct LateOpener {
 
 TEST(TimerSlotTest, NextSlotIsTheFirstSlotNotYetPassed) {
   constexpr unsigned long long kEnd = ~0ULL;
-  struct Case {
-    unsigned long long last, period, now, expected;
-  };
+  // Rows of last, period, now and the slot expected.
   // clang-format off
-  const Case cases[] = {
-      {100, 10, 100, 110}, {100, 10, 110, 110},  // a slot reached exactly is not missed
-      {100, 10, 111, 120}, {100, 10, 135, 140}, {100, 10, 140, 140}, {0, 7, 1000, 1001},
-      {100, 0, 250, 250},  {100, 0, 50, 100},  // period 0: at once
+  const std::array<unsigned long long, 4> cases[] = {
+      {100, 10, 100, 110}, {100, 10, 111, 120}, {0, 7, 1000, 1001}, {100, 0, 250, 250},
+      {100, 10, 140, 140}, {100, 0, 50, 100},  // a slot reached exactly is not missed; period 0
       {kEnd - 5, 10, 0, kEnd}, {kEnd, 1, kEnd, kEnd}, {0, kEnd, 5, kEnd},  // held at the end
       {0, kEnd - 1, kEnd - 1, kEnd - 1}, {10, kEnd - 20, kEnd - 5, kEnd}};
   // clang-format on
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.last << " + " << c.period << " at " << c.now);
-    EXPECT_EQ(zf::threading::detail::NextSlot(c.last, c.period, c.now), c.expected);
+  for (const auto& [last, period, now, expected] : cases) {
+    SCOPED_TRACE(::testing::Message() << last << " + " << period << " at " << now);
+    EXPECT_EQ(zf::threading::detail::NextSlot(last, period, now), expected);
   }
 }
 
@@ -95,52 +93,43 @@ enum Fault { kNone, kRun, kRepeat, kInterval };  // what throws
 
 // A failure reaches interrupted() and ends only a timer that cannot repeat.
 TEST_P(TimerSchedulerTest, TimersRunOnceOrAgainWhereSentNeverTwiceAtOnce) {
-  // gap: the least time from the end of a run to the next start.
-  struct Case {
-    const char* name;
-    bool fixedRate;
-    unsigned long long ms, gap;
-    int repeats, runMs, runs;
-    Fault fault;
-  };
+  // Rows of the name, the fixed rate, the interval, the gap (the least time
+  // from the end of a run to the next start), the repeats, the length of a
+  // run, the runs and what throws.
   // A one-shot timer added at a fixed rate ends like any other, and a
   // failure ends or repeats a timer alike in both modes.
-  const Case cases[] = {{"one-shot", false, 100, 0, 0, 0, 1, kNone},
-                        {"re-armed from the end of each run", false, 10, 10, 3, 15, 4, kNone},
-                        {"interval 0: back to back", false, 0, 0, 49, 0, 50, kNone},
-                        {"interval 0 at a fixed rate", true, 0, 0, 49, 0, 50, kNone},
-                        {"run throws, repeating", false, 1, 0, 2, 0, 3, kRun},
-                        {"isRepeat throws", false, 1, 0, -1, 0, 1, kRepeat},
-                        {"interval throws", true, 1, 0, -1, 0, 1, kInterval}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  const std::tuple<const char*, bool, unsigned long long, unsigned long long, int, int, int, Fault>
+      cases[] = {{"one-shot", false, 100, 0, 0, 0, 1, kNone},
+                 {"re-armed from the end of each run", false, 10, 10, 3, 15, 4, kNone},
+                 {"interval 0: back to back", false, 0, 0, 49, 0, 50, kNone},
+                 {"interval 0 at a fixed rate", true, 0, 0, 49, 0, 50, kNone},
+                 {"run throws, repeating", false, 1, 0, 2, 0, 3, kRun},
+                 {"isRepeat throws", false, 1, 0, -1, 0, 1, kRepeat},
+                 {"interval throws", true, 1, 0, -1, 0, 1, kInterval}};
+  for (const auto& [name, fixedRate, ms, gap, repeats, runMs, runs, fault] : cases) {
+    SCOPED_TRACE(name);
     Tally tally;
-    std::mutex mutex;
-    std::string name;
-    ProbeTimer* timer = NewTimer(&tally, 1, c.ms, c.repeats);
-    timer->fail = c.fault == kRun;
-    timer->repeatThrows = c.fault == kRepeat;
-    timer->intervalThrows = c.fault == kInterval;
-    timer->body = [&] {
-      std::lock_guard<std::mutex> guard(mutex);
-      name = zf::debug::ChronoMonitor::GetThreadName(Thread::CurrentID()).c_str();
-      if (c.runMs != 0) Thread::Sleep(c.runMs);
-    };
+    ProbeTimer* timer = NewTimer(&tally, 1, ms, repeats);
+    timer->fail = fault == kRun;
+    timer->repeatThrows = fault == kRepeat;
+    timer->intervalThrows = fault == kInterval;
+    if (runMs != 0) timer->body = [runFor = runMs] { Thread::Sleep(runFor); };
     const unsigned long long added = Tick();
-    add(timer, c.fixedRate);
-    EXPECT_TRUE(c.ms < 100 || scheduler().timerNum() == 1u) << "not scheduled";
+    add(timer, fixedRate);
+    EXPECT_TRUE(ms < 100 || scheduler().timerNum() == 1u) << "not scheduled";
     ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
     const std::vector<Tally::Run> log = tally.log();
-    ASSERT_EQ(log.size(), static_cast<size_t>(c.runs));
-    EXPECT_EQ(tally.interrupts.load(), c.fault == kNone ? 0 : c.runs);
-    EXPECT_GE(log[0].start, added + c.ms);
-    for (size_t i = 1; i < log.size(); ++i) EXPECT_GE(log[i].start, log[i - 1].end + c.gap) << i;
+    ASSERT_EQ(log.size(), static_cast<size_t>(runs));
+    EXPECT_EQ(tally.interrupts.load(), fault == kNone ? 0 : runs);
+    EXPECT_GE(log[0].start, added + ms);
+    for (size_t i = 1; i < log.size(); ++i) EXPECT_GE(log[i].start, log[i - 1].end + gap) << i;
     EXPECT_EQ(tally.overlaps.load(), 0);
     EXPECT_EQ(scheduler().timerNum(), 0u);
-    std::lock_guard<std::mutex> guard(mutex);
-    // The thread of the last run: a worker of the pool when one is given.
-    EXPECT_EQ(name, GetParam() ? "zorv.foundation.threading.ThreadPool"
-                               : "zorv.foundation.threading.TimerScheduler");
+    // The thread of the last run (alive until TearDown): a worker of the pool
+    // when one is given.
+    EXPECT_STREQ(zf::debug::ChronoMonitor::GetThreadName(log.back().thread).c_str(),
+                 GetParam() ? "zorv.foundation.threading.ThreadPool"
+                            : "zorv.foundation.threading.TimerScheduler");
   }
 }
 
@@ -209,31 +198,29 @@ TEST_P(TimerSchedulerTest, TimersRunInDueOrderThenInTheOrderAddedAndMayAddAndRem
 }
 
 TEST_P(TimerSchedulerTest, RemovedTimersAreDisposedOnceAndNeverRunAgain) {
-  struct Case {
-    bool inRun, wait, fixedRate;
-  };
-  const Case cases[] = {{false, false, false}, {false, true, true}, {true, false, false},
-                        {true, true, false},   {true, false, true}, {true, true, true}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << "in a run " << c.inRun << ", wait " << c.wait
-                                      << ", fixed rate " << c.fixedRate);
+  const std::array<bool, 3> cases[] = {{false, false, false}, {false, true, true},
+                                       {true, false, false},  {true, true, false},
+                                       {true, false, true},   {true, true, true}};
+  for (const auto& [inRun, wait, fixedRate] : cases) {
+    SCOPED_TRACE(::testing::Message()
+                 << "in a run " << inRun << ", wait " << wait << ", fixed rate " << fixedRate);
     Tally tally;
     Gate gate;
     std::atomic<bool> started{false};
-    ProbeTimer* timer = NewTimer(&tally, 1, c.inRun ? 0 : 100000, -1);
+    ProbeTimer* timer = NewTimer(&tally, 1, inRun ? 0 : 100000, -1);
     timer->gate = &gate;
     timer->started = &started;
-    add(timer, c.fixedRate);
+    add(timer, fixedRate);
     {
-      LateOpener opener(gate, c.wait ? 40 : 100000);
-      ASSERT_TRUE(!c.inRun || PollUntil([&] { return started.load(); }));
-      scheduler().removeTimer(timer, c.wait);
-      EXPECT_EQ(tally.runs.load(), c.inRun && c.wait ? 1 : 0) << "a wait ends after the run";
-      EXPECT_EQ(tally.disposals.load(), c.inRun && !c.wait ? 0 : 1) << "a run holds the timer";
+      LateOpener opener(gate, wait ? 40 : 100000);
+      ASSERT_TRUE(!inRun || PollUntil([&] { return started.load(); }));
+      scheduler().removeTimer(timer, wait);
+      EXPECT_EQ(tally.runs.load(), inRun && wait ? 1 : 0) << "a wait ends after the run";
+      EXPECT_EQ(tally.disposals.load(), inRun && !wait ? 0 : 1) << "a run holds the timer";
     }
     ASSERT_TRUE(PollUntil([&] { return tally.disposals.load() == 1; }));
-    EXPECT_EQ(tally.runs.load(), c.inRun ? 1 : 0);
-    scheduler().removeTimer(timer, !c.wait);  // removed before: ignored
+    EXPECT_EQ(tally.runs.load(), inRun ? 1 : 0);
+    scheduler().removeTimer(timer, !wait);  // removed before: ignored
     EXPECT_EQ(scheduler().timerNum(), 0u);
   }
 }
