@@ -12,6 +12,7 @@
 #include "support/boundedwait.h"
 
 extern "C" void ZorvTestLogCalls(char* log, int room);
+extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 
 namespace {
 
@@ -112,7 +113,13 @@ TEST_F(AtomicSaveTest, Cases) {
   zorv::test::TempDir dir;
   EXPECT_TRUE(FileUtils::WriteBinaryAtomic(Safe(dir / "empty"), nullptr, 0));
   EXPECT_FALSE(FileUtils::WriteBinaryAtomic(Safe(dir / "none"), nullptr, 1));
-  EXPECT_EQ(Snapshot(dir.path()), (std::vector<std::string>{"empty="}));
+  // A stale temporary that goes away between the two opens of a round is
+  // made anew on the next.
+  ASSERT_TRUE(zorv::test::WriteRawFile(dir / ".v.tmp", "stale"));
+  ZorvTestBeforeOpen(".v.tmp", 1, "-", -1);
+  EXPECT_TRUE(FileUtils::WriteTextAtomic(Safe(dir / "v"), "new"));
+  ZorvTestBeforeOpen("", 0, "", -1);
+  EXPECT_EQ(Snapshot(dir.path()), (std::vector<std::string>{"empty=", "v=new"}));
 }
 
 // A child saves two contents of 64 KiB and more in turn until it is killed

@@ -78,6 +78,8 @@ extern "C" int openat(int folder, const char* path, int flags, ...) {
     std::snprintf(moved, sizeof(moved), "%s.moved", path);
     if (g_swapTarget[0] == '\0') {
       ::close(g_closeFd);
+    } else if (std::strcmp(g_swapTarget, "-") == 0) {
+      (void)::unlinkat(folder, path, 0);
     } else if (::renameat(folder, path, folder, moved) != 0 ||
                ::symlinkat(g_swapTarget, folder, path) != 0) {
       std::fprintf(stderr, "swap of %s failed\n", path);
@@ -92,7 +94,8 @@ extern "C" int openat64(int folder, const char* path, int flags, ...)
 
 // Before the `skip`+1-th opening of an entry named `name` (by openat, in any
 // folder): with a `target`, the entry is renamed to name + ".moved" and a
-// link to `target` is put in its place; with an empty one, `fd` is closed.
+// link to `target` is put in its place; with "-" it is removed; with an
+// empty one, `fd` is closed.
 // Once per arming; an empty name disarms.
 extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd) {
   std::snprintf(g_swapTarget, sizeof(g_swapTarget), "%s", target);
