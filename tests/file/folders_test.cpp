@@ -114,6 +114,8 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"write to a path ending in a separator", {}, Op('t', "x/", "text"), false, {}},
       {"copy a tree", Tree(), Op('C', "root", "copy"), true, Plus(Tree(), Tree("copy/"))},
       {"copy an empty file", {"s/", "s/e="}, Op('C', "s", "copy"), true, {"s/", "s/e=", "copy/", "copy/e="}},
+      {"copy names that begin with dots", {"s/", "s/.a=x", "s/..b/"}, Op('C', "s", "c"), true,
+       {"s/", "s/.a=x", "s/..b/", "c/", "c/.a=x", "c/..b/"}},
       // Another spelling of the source as the target: refused before any
       // folder in it is entered (a file would be refused as its own copy).
       {"copy onto itself as 's/.'", {"s/", "s/sub/"}, Op('C', "s", "s/."), false, {"s/", "s/sub/"}},
