@@ -55,7 +55,8 @@ using Call = std::function<bool(const std::string&)>;
 // many descriptors are left below the child's limit; with `zeroAt` >= 0 its
 // descriptor 0 is closed just before the zeroAt+1-th opening of an entry
 // "d", which then gets that descriptor (a closed standard input, or another
-// thread's close). A descriptor closed twice during the call fails the child.
+// thread's close), and must be closed again when the call returns. A
+// descriptor closed twice during the call fails the child.
 Call InChild(int free, int zeroAt, Call call) {
   return [=](const std::string& b) {
     const pid_t child = zorv::test::Fork([&](int pipeEnd) {
@@ -72,6 +73,7 @@ Call InChild(int free, int zeroAt, Call call) {
       ZorvTestLogCalls(log, sizeof log);
       const bool ok = call(b);
       ZorvTestLogCalls(nullptr, 0);
+      if (zeroAt >= 0 && ::fcntl(0, F_GETFD) != -1) return 4;  // descriptor 0 kept
       return std::strchr(log, 'b') != nullptr ? 3 : ok ? 1 : 0;
     });
     const int code = child > 0 ? zorv::test::WaitChild(child) : -1;
@@ -107,6 +109,9 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
        InChild(-1, 1, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
       {"failed copy into a folder opened as descriptor 0", {"s/", "s/d/", "s/d/p?"},
        InChild(-1, 1, Op('C', "s", "copy")), false, {"s/", "s/d/", "s/d/p?"}},
+      {"failed listing of a folder opened as descriptor 0", {"t/", "t/d/"},
+       InChild(-1, 0, [](const std::string& b) { ZorvTestFailListing(1); return Op('R', "t")(b); }),
+       false, {"t/", "t/d/"}},
       {"write through '\\..'", {"a/"}, Op('t', "a/new\\..\\..\\evil/" + longName, "text"), false, {"a/"}},
       {"write through '/..'", {"a/"}, Op('t', "a/new/../../evil/deeper/" + longName, "text"), false, {"a/"}},
       {"failed write removes a chain", {}, Op('t', "made/one/two/" + longName, "text"), false, {}},
