@@ -5,6 +5,8 @@
 //   thread of the program may;
 // - fdopendir: fails a chosen call as the C library does when it has no
 //   memory for the listing;
+// - mkdirat: fails for a chosen name, as for a target the caller may not
+//   write (which root may);
 // - MemoryMonitor::Alloc: once fault injection has failed one allocation,
 //   fails every later one too, so that clean-up which needs memory shows;
 // - write, fsync and renameat: logged in order while a log is set, so that
@@ -56,6 +58,7 @@ void LogCall(char c) {
 }
 
 int g_listingSkip = -1;
+char g_makeFails[256];
 
 std::atomic<bool> g_sticky{false};
 std::atomic<bool> g_failing{false};
@@ -106,6 +109,19 @@ extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* targe
 
 // The `skip`+1-th fdopendir from now fails with ENOMEM; -1 disarms.
 extern "C" void ZorvTestFailListing(int skip) { g_listingSkip = skip; }
+
+// mkdirat of an entry named `name` fails with EACCES; an empty name disarms.
+extern "C" void ZorvTestFailMakeFolder(const char* name) {
+  std::snprintf(g_makeFails, sizeof(g_makeFails), "%s", name);
+}
+
+extern "C" int mkdirat(int folder, const char* path, mode_t mode) {
+  if (g_makeFails[0] != '\0' && std::strcmp(path, g_makeFails) == 0) {
+    errno = EACCES;
+    return -1;
+  }
+  return static_cast<int>(::syscall(SYS_mkdirat, folder, path, mode));
+}
 
 extern "C" DIR* fdopendir(int fd) {
   using FdOpenDirFunction = DIR* (*)(int);

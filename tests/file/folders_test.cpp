@@ -12,6 +12,7 @@
 extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 extern "C" void ZorvTestStickyAllocFailure(bool on);
 extern "C" void ZorvTestFailListing(int skip);
+extern "C" void ZorvTestFailMakeFolder(const char* name);
 extern "C" void ZorvTestLogCalls(char* log, int room);
 
 namespace {
@@ -119,6 +120,14 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"write to a path ending in a separator", {}, Op('t', "x/", "text"), false, {}},
       {"copy a tree", Tree(), Op('C', "root", "copy"), true, Plus(Tree(), Tree("copy/"))},
       {"copy an empty file", {"s/", "s/e="}, Op('C', "s", "copy"), true, {"s/", "s/e=", "copy/", "copy/e="}},
+      {"copy into a subfolder that cannot be made", {"s/", "s/d/"},
+       [](const std::string& b) {
+         ZorvTestFailMakeFolder("d");
+         const bool ok = Op('C', "s", "copy")(b);
+         ZorvTestFailMakeFolder("");
+         return ok;
+       },
+       false, {"s/", "s/d/"}},
       {"copy names that begin with dots", {"s/", "s/.a=x", "s/..b/"}, Op('C', "s", "c"), true,
        {"s/", "s/.a=x", "s/..b/", "c/", "c/.a=x", "c/..b/"}},
       // Another spelling of the source as the target: refused before any
