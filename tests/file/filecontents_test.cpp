@@ -15,6 +15,8 @@
 #include "foundation/memory/memorybuffer.h"
 #include "system/posixio.h"
 
+extern "C" void ZorvTestSeekEnd(long long size);
+
 namespace {
 
 using zorv::foundation::SafeString;
@@ -217,6 +219,20 @@ TEST_F(FileContentsTest, ProcFilesAndDevicesAreReadWhole) {
   SmallBuffer small(8, 0);  // too small for what a /proc file turns out to hold
   EXPECT_FALSE(FileUtils::ReadBinary("/proc/version", &small));
   if (!attached) GTEST_SKIP() << "no loop device; /proc/version was read";
+}
+
+// A device is copied up to the size that a seek to its end gives (the test
+// hooks make /dev/zero and /dev/null claim one): /dev/zero then gives that
+// many zero bytes; /dev/null ends before it, which fails the copy and
+// leaves no partial target.
+TEST_F(FileContentsTest, DeviceCopiedUpToItsSeekEnd) {
+  ZorvTestSeekEnd(9000);
+  EXPECT_TRUE(FileUtils::CopyFile("/dev/zero", P("zeros")));
+  EXPECT_EQ(ReadRawFile(dir_ / "zeros"), std::string(9000, '\0'));
+  ZorvTestSeekEnd(10);
+  EXPECT_FALSE(FileUtils::CopyFile("/dev/null", P("short")));
+  ZorvTestSeekEnd(-1);
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "short"));
 }
 
 TEST(ReadRoomTest, SumsAndGrowthNeverWrap) {

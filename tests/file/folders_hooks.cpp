@@ -7,6 +7,8 @@
 //   memory for the listing;
 // - mkdirat: fails for a chosen name, as for a target the caller may not
 //   write (which root may);
+// - lseek: a seek to the end gives a chosen size, as a device may claim
+//   more than it holds;
 // - MemoryMonitor::Alloc: once fault injection has failed one allocation,
 //   fails every later one too, so that clean-up which needs memory shows;
 // - write, fsync and renameat: logged in order while a log is set, so that
@@ -59,6 +61,7 @@ void LogCall(char c) {
 
 int g_listingSkip = -1;
 char g_makeFails[256];
+long long g_seekEnd = -1;
 
 std::atomic<bool> g_sticky{false};
 std::atomic<bool> g_failing{false};
@@ -121,6 +124,24 @@ extern "C" int mkdirat(int folder, const char* path, mode_t mode) {
     return -1;
   }
   return static_cast<int>(::syscall(SYS_mkdirat, folder, path, mode));
+}
+
+// The next seek to the end (offset 0, SEEK_END) moves to the end as usual
+// but reports `size`; -1 disarms.
+extern "C" void ZorvTestSeekEnd(long long size) { g_seekEnd = size; }
+
+// Declared by <unistd.h> under the name that takes a 64-bit offset, which is
+// the one the library calls on every target.
+extern "C" off_t lseek(int fd, off_t offset, int whence) {
+  using SeekFunction = long long (*)(int, long long, int);
+  static const SeekFunction real = reinterpret_cast<SeekFunction>(::dlsym(RTLD_NEXT, "lseek64"));
+  const long long at = real(fd, offset, whence);
+  if (at >= 0 && offset == 0 && whence == SEEK_END && g_seekEnd >= 0) {
+    const long long claimed = g_seekEnd;
+    g_seekEnd = -1;
+    return static_cast<off_t>(claimed);
+  }
+  return static_cast<off_t>(at);
 }
 
 extern "C" DIR* fdopendir(int fd) {
