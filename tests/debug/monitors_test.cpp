@@ -206,6 +206,14 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
   }
   EXPECT_EQ(ChronoMonitor::Count("test.Null", ""), 2u);
   EXPECT_EQ(ChronoMonitor::Count("", "test.Null"), 2u);
+  // Many pairs of one category, some of whose places in the table meet,
+  // are each their own.
+  for (int i = 0; i < 200; ++i) {
+    ChronoMonitor::Chronometer scope("test.Many", ("op" + std::to_string(i)).c_str());
+  }
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(ChronoMonitor::Count("test.Many", ("op" + std::to_string(i)).c_str()), 1u) << i;
+  }
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([] {
