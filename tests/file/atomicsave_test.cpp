@@ -1,8 +1,14 @@
 // Tests of the crash-safe saves: FileUtils::WriteTextAtomic and
 // WriteBinaryAtomic, and Archiver::saveAsAtomic.
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <random>
 #include <thread>
@@ -120,6 +126,46 @@ TEST_F(AtomicSaveTest, Cases) {
   EXPECT_TRUE(FileUtils::WriteTextAtomic(Safe(dir / "v"), "new"));
   ZorvTestBeforeOpen("", 0, "", -1);
   EXPECT_EQ(Snapshot(dir.path()), (std::vector<std::string>{"empty=", "v=new"}));
+}
+
+// A save that waits for another saver's lock on the temporary goes on
+// waiting when a signal (whose handler does not restart calls) ends the
+// wait, and saves once the lock is let go.
+TEST_F(AtomicSaveTest, SignalDuringTheWaitForTheLockIsSurvived) {
+  zorv::test::TempDir dir;
+  ASSERT_TRUE(zorv::test::WriteRawFile(dir / ".w.tmp", "other saver"));
+  const int holder = ::open((dir / ".w.tmp").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(holder, 0);
+  ASSERT_EQ(::flock(holder, LOCK_EX), 0);
+  struct sigaction quiet = {};
+  struct sigaction kept = {};
+  quiet.sa_handler = [](int) {};
+  ASSERT_EQ(::sigaction(SIGUSR1, &quiet, &kept), 0);
+  std::atomic<long> tid{0};
+  std::atomic<bool> done{false};
+  bool saved = false;
+  std::thread saver([&] {
+    tid = ::syscall(SYS_gettid);
+    saved = FileUtils::WriteTextAtomic(Safe(dir / "w"), "new");
+    done = true;
+  });
+  // Field 3 of the thread's stat is its state: S while it waits for the lock.
+  const auto waiting = [&] {
+    if (tid == 0) return false;
+    const std::string stat =
+        zorv::test::ReadRawFile("/proc/self/task/" + std::to_string(tid.load()) + "/stat");
+    const size_t name = stat.rfind(')');
+    return name != std::string::npos && name + 2 < stat.size() && stat[name + 2] == 'S';
+  };
+  for (int signal = 0; signal < 2; ++signal) {
+    EXPECT_TRUE(zorv::test::PollUntil([&] { return done || waiting(); }));
+    if (!done) ::pthread_kill(saver.native_handle(), SIGUSR1);
+  }
+  ::close(holder);
+  saver.join();
+  ::sigaction(SIGUSR1, &kept, nullptr);
+  EXPECT_TRUE(saved);
+  EXPECT_EQ(Snapshot(dir.path()), std::vector<std::string>{"w=new"});
 }
 
 // A child saves two contents of 64 KiB and more in turn until it is killed
