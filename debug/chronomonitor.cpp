@@ -158,10 +158,14 @@ void SetOsThreadName(const char* name, size_t length) {
 // Each thread remembers the entries of the last pairs it timed, by the
 // addresses of their texts, so that a scope that ends again with the same
 // texts skips hashing them. A hit is confirmed against the entry's own copy
-// of the texts: the same address may hold other text by now.
+// of the texts (the same address may hold other text by now), reached
+// through pointers kept in the slot: the entry's own fields share a cache
+// line with counters that other threads keep changing.
 struct CacheSlot {
   const char* category;
   const char* operation;
+  const char* categoryCopy;
+  const char* operationCopy;
   Stat* stat;
 };
 constexpr unsigned int kCacheSlots = 8;
@@ -173,12 +177,14 @@ Stat* FindCached(const char* category, const char* operation) {
       reinterpret_cast<uintptr_t>(category) ^ (reinterpret_cast<uintptr_t>(operation) >> 3);
   CacheSlot& slot = t_cache[(key ^ (key >> 7)) & (kCacheSlots - 1)];
   if (slot.category == category && slot.operation == operation &&
-      strcmp(slot.stat->category.load(std::memory_order_relaxed), category) == 0 &&
-      strcmp(slot.stat->operation, operation) == 0) {
+      strcmp(slot.categoryCopy, category) == 0 && strcmp(slot.operationCopy, operation) == 0) {
     return slot.stat;
   }
   Stat* stat = Find(category, operation, true);
-  if (stat != nullptr) slot = CacheSlot{category, operation, stat};
+  if (stat != nullptr) {
+    slot = CacheSlot{category, operation, stat->category.load(std::memory_order_relaxed),
+                     stat->operation, stat};
+  }
   return stat;
 }
 
