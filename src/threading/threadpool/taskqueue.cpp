@@ -22,7 +22,7 @@ namespace {
 constexpr unsigned int kMaxWorkers = 300;
 
 // How long a thread may spin, in nanoseconds of the monotonic clock, before
-// it blocks: on the queue's lock, which is held for a few instructions only,
+// it blocks: on a lock of the queue, which is held for a few instructions only,
 // and watching its waiter for an entry before it sleeps. Budgets in time, not
 // in attempts, since a processor's pause costs from one cycle (an ARM yield)
 // to a hundred and more (a recent x86 pause).
@@ -110,6 +110,11 @@ void Serve(TaskWaiter* waiter) {
   }
 }
 
+// Takes `lock`, spinning for at most `budget` nanoseconds before it blocks.
+void Acquire(QueueLock& lock, long long budget) {
+  if (!SpinUntil(budget, [&lock] { return lock.tryLock(); })) lock.lock();
+}
+
 ITask** NewRing(std::size_t slots) { return debug::Allocator<ITask*>().allocate(slots); }
 
 void FreeRing(ITask** ring, std::size_t slots) {
@@ -135,8 +140,7 @@ void QueueLock::unlock() {
   if (word_.exchange(kFree, std::memory_order_release) == kSleepers) WakeWord(&word_);
 }
 
-void RoomSignal::wait(QueueHold& hold, bool timed, unsigned int ms) {
-  const int seen = sequence_.load(std::memory_order_relaxed);
+void RoomSignal::wait(QueueHold& hold, int seen, bool timed, unsigned int ms) {
   hold.lock().unlock();
   timespec limit;
   limit.tv_sec = static_cast<time_t>(ms / 1000);
@@ -147,20 +151,19 @@ void RoomSignal::wait(QueueHold& hold, bool timed, unsigned int ms) {
 }
 
 void RoomSignal::notify(int count) {
-  sequence_.fetch_add(1, std::memory_order_relaxed);
+  sequence_.fetch_add(1, std::memory_order_seq_cst);
   (void)syscall(SYS_futex, reinterpret_cast<int*>(&sequence_), FUTEX_WAKE_PRIVATE, count, nullptr,
                 nullptr, 0);
 }
 
 TaskQueue::TaskQueue()
-    : lockSpinNanos(SpinBudget(kLockSpinNanos)),
-      watchNanos(SpinBudget(kWatchNanos)) {}
+    : lockSpinNanos(SpinBudget(kLockSpinNanos)), watchNanos(SpinBudget(kWatchNanos)) {}
 
 TaskQueue::~TaskQueue() { FreeRing(slots, capacity); }
 
 void TaskQueue::reserveMarkers(unsigned int markers) {
-  acquire();
-  QueueHold locker(lock);
+  Acquire(tailLock, lockSpinNanos);
+  QueueHold locker(tailLock);
   grow(markers);
   markerRoom += markers;
 }
@@ -168,20 +171,20 @@ void TaskQueue::reserveMarkers(unsigned int markers) {
 TaskQueue::Result TaskQueue::putMarker(bool last) {
   TaskWaiter* served;
   {
-    acquire();
-    QueueHold locker(lock);
-    if (!waitForRoom(locker)) return kClosed;
-    served = popWaiter(nullptr);
+    Acquire(tailLock, lockSpinNanos);
+    QueueHold locker(tailLock);
+    if (waitForRoom(locker, false, 0, 0) == kClosed) return kClosed;
     if (markerRoom != 0) {
       --markerRoom;
-    } else if (served == nullptr) {
+    } else {
       grow(1);  // more markers than were reserved for
     }
-    if (served == nullptr) push(nullptr);
+    append(nullptr);
+    served = serveWaiter();
     if (last) {
       // Under the same hold as the marker: no producer gets in behind it.
       closed = true;
-      if (full != 0) notFull.notify(INT_MAX);
+      if (full.load(std::memory_order_seq_cst) != 0) notFull.notify(INT_MAX);
     }
   }
   Serve(served);
@@ -191,10 +194,12 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
 TaskQueue::Result TaskQueue::put(ITask* task) {
   TaskWaiter* served;
   {
-    acquire();
-    QueueHold locker(lock);
-    if (!waitForRoom(locker)) return kClosed;
-    served = appendTask(task);
+    Acquire(tailLock, lockSpinNanos);
+    QueueHold locker(tailLock);
+    if (waitForRoom(locker, false, 0, 0) == kClosed) return kClosed;
+    grow(1);
+    append(task);
+    served = serveWaiter();
   }
   Serve(served);
   return kAdded;
@@ -203,73 +208,66 @@ TaskQueue::Result TaskQueue::put(ITask* task) {
 TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long long startTick) {
   TaskWaiter* served;
   {
-    acquire();
-    QueueHold locker(lock);
-    unsigned int remaining = ms;
-    for (;;) {
-      if (closed) return kClosed;
-      if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
-        break;
-      }
-      ++full;
-      notFull.wait(locker, true, remaining);
-      --full;
-      const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
-      if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) {
-        // The wake-up that ended this wait may have been meant for room that
-        // is now there: hand it on rather than leave a producer asleep.
-        if (full != 0 &&
-            queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
-          notFull.notify(1);
-        }
-        return kTimedOut;
-      }
-      remaining -= static_cast<unsigned int>(elapsed);
-    }
-    served = appendTask(task);
+    Acquire(tailLock, lockSpinNanos);
+    QueueHold locker(tailLock);
+    const Result room = waitForRoom(locker, true, ms, startTick);
+    if (room != kAdded) return room;
+    grow(1);
+    append(task);
+    served = serveWaiter();
   }
   Serve(served);
   return kAdded;
 }
 
 void TaskQueue::setBound(unsigned int bound) {
-  const unsigned int previous = maxTaskNum.exchange(bound, std::memory_order_relaxed);
-  if (bound <= previous) return;
-  // Under the lock, so that a producer between its check and its wait is
-  // not missed.
-  acquire();
-  QueueHold locker(lock);
-  if (full != 0) notFull.notify(INT_MAX);
+  const unsigned int previous = maxTaskNum.exchange(bound, std::memory_order_seq_cst);
+  // A producer counts itself in `full` before it reads the bound the last
+  // time: either it sees the new bound or it is counted here.
+  if (bound > previous && full.load(std::memory_order_seq_cst) != 0) notFull.notify(INT_MAX);
 }
 
 ITask* TaskQueue::take(TaskWaiter& self) {
   ITask** retired = nullptr;
   std::size_t retiredSlots = 0;
   ITask* task = nullptr;
-  bool waiting = false;
+  bool asleep = false;
+  bool roomMade = false;
   {
-    acquire();
-    QueueHold locker(lock);
-    const unsigned int count = queued.load(std::memory_order_relaxed);
-    if (count == 0) {
+    Acquire(headLock, lockSpinNanos);
+    QueueHold locker(headLock);
+    if (queued.load(std::memory_order_acquire) == 0) {
       self.state.store(TaskWaiter::kWaiting, std::memory_order_relaxed);
       self.task = nullptr;
       self.next = waiters;
       waiters = &self;
-      waiting = true;
-    } else {
-      task = slots[head];
-      head = (head + 1) & (capacity - 1);
-      queued.store(count - 1, std::memory_order_relaxed);
-      if (full != 0) notFull.notify(1);  // nobody to wake otherwise
-      if (count == 1 && capacity > kShrinkAbove) {
-        retiredSlots = capacity;
-        retired = shrink();
+      waiting.fetch_add(1, std::memory_order_seq_cst);
+      // A producer counts its entry in before it looks for waiters: either
+      // it finds this one, or its entry is seen here.
+      asleep = queued.load(std::memory_order_seq_cst) == 0;
+      if (!asleep) {
+        waiters = self.next;  // still the latest: waiters change under this lock only
+        waiting.fetch_sub(1, std::memory_order_relaxed);
+      }
+    }
+    if (!asleep) {
+      task = takeFront();
+      roomMade = full.load(std::memory_order_seq_cst) != 0;
+      if (queued.load(std::memory_order_relaxed) == 0 && capacity > kShrinkAbove &&
+          tailLock.tryLock()) {
+        // The ring is replaced only under both locks, and only while empty.
+        if (queued.load(std::memory_order_relaxed) == 0) {
+          retiredSlots = capacity;
+          retired = shrink();
+        }
+        tailLock.unlock();
       }
     }
   }
+  if (asleep) return await(self);
+  if (roomMade) notFull.notify(1);
   FreeRing(retired, retiredSlots);
-  return waiting ? await(self) : task;
+  return task;
 }
 
 // Only one consumer watches at a time before sleeping: more would take
@@ -298,55 +296,86 @@ ITask* TaskQueue::await(TaskWaiter& self) {
   return self.task;
 }
 
-void TaskQueue::acquire() {
-  if (!SpinUntil(lockSpinNanos, [this] { return lock.tryLock(); })) lock.lock();
+bool TaskQueue::hasRoom() const {
+  return queued.load(std::memory_order_seq_cst) < maxTaskNum.load(std::memory_order_seq_cst);
 }
 
-bool TaskQueue::waitForRoom(QueueHold& locker) {
+// Waits, under the tail lock, until the queue has room (kAdded) or is
+// closed (kClosed); with `timed`, kTimedOut once `ms` milliseconds from
+// `startTick` have passed, charged from the start tick on every pass. A
+// producer that gives up while there is room passes the wake-up it may have
+// taken on to the next waiting producer.
+TaskQueue::Result TaskQueue::waitForRoom(QueueHold& producer, bool timed, unsigned int ms,
+                                         unsigned long long startTick) {
+  unsigned int remaining = ms;
   for (;;) {
-    if (closed) return false;
-    if (queued.load(std::memory_order_relaxed) < maxTaskNum.load(std::memory_order_relaxed)) {
-      return true;
+    if (closed) return kClosed;
+    if (hasRoom()) return kAdded;
+    // Counted before the last look: a consumer that makes room after it
+    // sees the count and notifies, which moves the sequence read here on.
+    full.fetch_add(1, std::memory_order_seq_cst);
+    const int seen = notFull.sequence();
+    if (hasRoom()) {
+      full.fetch_sub(1, std::memory_order_relaxed);
+      return kAdded;
     }
-    ++full;
-    notFull.wait(locker, false, 0);
-    --full;
+    notFull.wait(producer, seen, timed, remaining);
+    full.fetch_sub(1, std::memory_order_relaxed);
+    if (!timed) continue;
+    const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
+    if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) {
+      if (full.load(std::memory_order_seq_cst) != 0 && hasRoom()) notFull.notify(1);
+      return kTimedOut;
+    }
+    remaining -= static_cast<unsigned int>(elapsed);
   }
 }
 
-// The latest waiting consumer, given `entry` and taken off the waiters; or
-// nullptr when none waits.
-TaskWaiter* TaskQueue::popWaiter(ITask* entry) {
+// Writes `entry` behind the last one and counts it in; the room is there.
+// Under the tail lock.
+void TaskQueue::append(ITask* entry) {
+  slots[tail] = entry;
+  tail = (tail + 1) & (capacity - 1);
+  // Release: a consumer that sees the count reads the slot written above.
+  queued.fetch_add(1, std::memory_order_seq_cst);
+}
+
+// Under the tail lock, after an entry was counted in: when a consumer waits,
+// takes the front entry for the latest waiter and returns the waiter, to be
+// served after the lock is left; otherwise nullptr.
+TaskWaiter* TaskQueue::serveWaiter() {
+  if (waiting.load(std::memory_order_seq_cst) == 0) return nullptr;
+  Acquire(headLock, lockSpinNanos);
+  QueueHold locker(headLock);
   TaskWaiter* waiter = waiters;
-  if (waiter != nullptr) {
-    waiters = waiter->next;
-    waiter->task = entry;
-  }
+  if (waiter == nullptr || queued.load(std::memory_order_acquire) == 0) return nullptr;
+  waiters = waiter->next;
+  waiting.fetch_sub(1, std::memory_order_relaxed);
+  waiter->task = takeFront();
+  // The entry left the ring: a producer waiting for room may go on.
+  if (full.load(std::memory_order_seq_cst) != 0) notFull.notify(1);
   return waiter;
 }
 
-// Hands `task` to a waiting consumer, returned for serving after the lock is
-// left; or, with none waiting, appends it, growing the ring first if the
-// markers' room would be lost.
-TaskWaiter* TaskQueue::appendTask(ITask* task) {
-  if (TaskWaiter* waiter = popWaiter(task)) return waiter;
-  grow(1);
-  push(task);
-  return nullptr;
-}
-
-// Appends an entry; the room is there.
-void TaskQueue::push(ITask* entry) {
-  const unsigned int count = queued.load(std::memory_order_relaxed);
-  slots[(head + count) & (capacity - 1)] = entry;
-  queued.store(count + 1, std::memory_order_relaxed);
+// Takes the front entry and counts it out; there is one. Under the head lock.
+ITask* TaskQueue::takeFront() {
+  ITask* entry = slots[head];
+  head = (head + 1) & (capacity - 1);
+  queued.fetch_sub(1, std::memory_order_seq_cst);
+  return entry;
 }
 
 // Makes room for `extra` more entries besides the markers' room, moving the
 // entries to the front of a ring twice as large (or more) when needed.
-// Throws std::bad_alloc, leaving the ring as it was.
+// Under the tail lock; takes the head lock to move the entries. Throws
+// std::bad_alloc, leaving the ring as it was.
 void TaskQueue::grow(std::size_t extra) {
-  const std::size_t count = queued.load(std::memory_order_relaxed);
+  // Consumers only ever lower the count, so a ring that is large enough now
+  // stays large enough until this producer appends.
+  if (queued.load(std::memory_order_acquire) + extra + markerRoom <= capacity) return;
+  Acquire(headLock, lockSpinNanos);
+  QueueHold locker(headLock);
+  const std::size_t count = queued.load(std::memory_order_acquire);
   const std::size_t needed = count + extra + markerRoom;
   if (needed <= capacity) return;
   std::size_t size = capacity == 0 ? kInitialSlots : capacity * 2;
@@ -357,11 +386,12 @@ void TaskQueue::grow(std::size_t extra) {
   slots = bigger;
   capacity = size;
   head = 0;
+  tail = count;
 }
 
 // Replaces the empty ring by a small one and returns the old slots for the
-// caller to free after leaving the lock; nullptr (nothing changed) when no
-// small ring can be had.
+// caller to free after leaving the locks; nullptr (nothing changed) when no
+// small ring can be had. Under both locks.
 ITask** TaskQueue::shrink() {
   std::size_t size = kInitialSlots;
   while (size < markerRoom) size *= 2;
@@ -375,6 +405,7 @@ ITask** TaskQueue::shrink() {
   slots = smaller;
   capacity = size;
   head = 0;
+  tail = 0;
   return old;
 }
 

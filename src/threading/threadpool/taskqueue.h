@@ -11,7 +11,6 @@
 #include "foundation/system/systemutils.h"
 #include "foundation/text/safestring.h"
 #include "foundation/threading/thread.h"
-
 #include "lang/accounting.h"
 
 namespace zorv {
@@ -36,7 +35,7 @@ struct TaskWaiter {
   bool watch = true;
 };
 
-// The lock of one task queue: a word that is free, taken, or taken with a
+// One of the two locks of a task queue: a word that is free, taken, or taken with a
 // thread perhaps asleep on it. It is never taken twice by one thread; a
 // thread that finds it taken sleeps on the word (TaskQueue spins first), and
 // only an unlock that may have a sleeper makes a wake-up call.
@@ -70,15 +69,17 @@ class QueueHold {
   QueueLock& lock_;
 };
 
-// Where producers wait for room: a count that every notification moves on,
-// so that a producer that read it under the lock cannot miss a notification
-// made after it left the lock. Waits may end early; callers check again.
+// Where producers wait for room: a count that every notification moves on.
+// A producer reads it (sequence()) before it checks for room the last time,
+// and sleeps only while it is unchanged, so that a notification made after
+// that check is never missed. Waits may end early; callers check again.
 class RoomSignal {
  public:
-  // Leaves the held lock, sleeps until notified (with `timed`, at most `ms`
-  // milliseconds) and takes the lock again.
-  void wait(QueueHold& hold, bool timed, unsigned int ms);
-  // Wakes up to `count` waiters; called under the lock.
+  int sequence() const { return sequence_.load(std::memory_order_seq_cst); }
+  // Leaves the held lock, sleeps while the count is still `seen` (with
+  // `timed`, at most `ms` milliseconds) and takes the lock again.
+  void wait(QueueHold& hold, int seen, bool timed, unsigned int ms);
+  // Wakes up to `count` waiters.
   void notify(int count);
 
  private:
@@ -86,32 +87,41 @@ class RoomSignal {
 };
 
 // A FIFO of task pointers with a bound on its length; a null entry is a stop
-// marker for a worker. One lock guards the entries, the count and the
-// waiting consumers; producers wait on notFull.
+// marker for a worker.
 //
-// The entries live in a ring of slots that doubles when full, so adding and
-// taking touch one slot and two indices under the lock, and a busy queue
-// allocates nothing. Room for the stop markers still to come is kept free at
-// every addition of a task, so that queueing a marker never allocates and
-// stopping cannot fail. A ring that grew past 4096 slots is given
-// back once it runs empty.
+// Producers and consumers take different locks: producers the tail lock,
+// consumers the head lock, so that a producer never waits for a consumer's
+// turn (nor a consumer for a producer's). The entries live in a ring of
+// slots: a producer writes the slot behind the last entry and then counts
+// it in `queued`; a consumer takes the front entry while `queued` says there
+// is one, and counts it out. The ring is replaced (doubled when full, made
+// small again once empty past 4096 slots) only under both locks. Room for
+// the stop markers still to come is kept free at every addition of a task,
+// so that queueing a marker never allocates and stopping cannot fail.
 //
 // A consumer that finds the queue empty does not wait on a condition of the
 // queue: it joins the waiters and leaves the lock, and the next entry is
-// handed straight to it. The consumer so never comes back for the lock to
-// collect its entry, and the producer wakes it after leaving the lock.
-// Waiters are served last-come first: the latest is the one most likely
-// still watching, and so served without a system call. While a consumer
-// waits the queue is empty, so entries still leave in the order they came.
+// handed straight to it by the producer that adds it. The consumer so never
+// comes back for the lock to collect its entry, and the producer wakes it
+// after leaving the locks. A consumer joins the waiters and then looks at
+// `queued` once more; a producer counts its entry in and then looks for
+// waiters: one of the two sees the other, so no entry waits while a consumer
+// sleeps. Waiters are served last-come first: the latest is the one most
+// likely still watching, and so served without a system call.
 //
-// The lock is taken after a short run of attempts: it is held for a few
-// instructions only, so with more workers than processors a short wait
-// usually finds it free, where blocking on it would cost the waiter a
-// sleep and the holder a wake-up call. Attempts and watches are bounded in
-// time (a few microseconds of the monotonic clock), not in counts, and on a
-// machine with one processor there are none: the thread that would end the
-// wait could not run meanwhile. The lock is this queue's own and is never
-// taken twice by one thread.
+// Producers wait for room the same way: one that finds the queue full counts
+// itself in `full`, reads the room signal's sequence and checks once more; a
+// consumer counts an entry out and then notifies if a producer is counted.
+//
+// Both locks are taken after a short run of attempts: each is held for a few
+// instructions only, so with more threads than processors a short wait
+// usually finds it free, where blocking on it would cost the waiter a sleep
+// and the holder a wake-up call. Attempts and watches are bounded in time (a
+// few microseconds of the monotonic clock), not in counts, and on a machine
+// with one processor there are none: the thread that would end the wait
+// could not run meanwhile. A thread that holds the tail lock may take the
+// head lock; one that holds the head lock only tries the tail lock. Neither
+// lock is ever taken twice by one thread.
 struct TaskQueue {
   enum Result { kAdded, kTimedOut, kClosed };
 
@@ -156,36 +166,35 @@ struct TaskQueue {
   // calling consumer's own waiter, used for the wait.
   ITask* take(TaskWaiter& self);
 
-  // Entries in the ring (tasks and stop markers). Changed only under the
-  // lock; atomic so that snapshots may be read without it.
+  // Entries in the ring (tasks and stop markers): counted in by producers
+  // after the slot is written, out by consumers after it is read.
   std::atomic<unsigned int> queued{0};
-  // The bound; written by setBound without the lock.
-  std::atomic<unsigned int> maxTaskNum{1000000};
 
  private:
-  void acquire();
-  bool waitForRoom(QueueHold& hold);
-  TaskWaiter* popWaiter(ITask* entry);
-  TaskWaiter* appendTask(ITask* task);
-  void push(ITask* entry);
+  // Keeps fields that different threads write on different cache lines.
+  struct Pad {
+    char bytes[64];
+  };
+
+  void append(ITask* entry);
+  TaskWaiter* serveWaiter();
+  ITask* takeFront();
+  bool hasRoom() const;
+  Result waitForRoom(QueueHold& producer, bool timed, unsigned int ms,
+                     unsigned long long startTick);
   void grow(std::size_t extra);
   ITask** shrink();
   ITask* await(TaskWaiter& self);
 
-  // The ring: `capacity` slots (a power of two, or 0 before the first
-  // growth), the front entry at `head`. Under the lock.
-  ITask** slots = nullptr;
-  std::size_t capacity = 0;
-  std::size_t head = 0;
-  // Slots kept free for the stop markers still to come; under the lock.
-  std::size_t markerRoom = 0;
-  // Set with the last stop marker; read and written under the lock.
-  bool closed = false;
-  // Consumers waiting for an entry, latest first; non-empty only while the
-  // queue is empty. Under the lock.
-  TaskWaiter* waiters = nullptr;
-  // Producers waiting on notFull; under the lock.
-  unsigned int full = 0;
+ public:
+  // The bound; written by setBound without a lock.
+  std::atomic<unsigned int> maxTaskNum{1000000};
+
+ private:
+  // Producers waiting for room, and consumers waiting for an entry: written
+  // when a thread starts or ends a wait, read at every put and take.
+  std::atomic<int> full{0};
+  std::atomic<int> waiting{0};
   // Consumers watching their waiter before they sleep: this queue's own
   // count, or one shared by the queues of a pool (see shareWatchers).
   std::atomic<int> ownWatchers{0};
@@ -194,8 +203,27 @@ struct TaskQueue {
   // was made on a machine with one processor.
   const long long lockSpinNanos;
   const long long watchNanos;
-  QueueLock lock;
+  // The ring: `capacity` slots (a power of two, or 0 before the first
+  // growth). Replaced only under both locks.
+  ITask** slots = nullptr;
+  std::size_t capacity = 0;
   RoomSignal notFull;
+  Pad padHead;
+
+  // Consumer side, under headLock: the front entry's slot, and the waiting
+  // consumers, latest first (non-empty only while the queue is empty).
+  QueueLock headLock;
+  std::size_t head = 0;
+  TaskWaiter* waiters = nullptr;
+  Pad padTail;
+
+  // Producer side, under tailLock: the slot behind the last entry, the
+  // slots kept free for the stop markers still to come, and whether the
+  // last marker closed the queue.
+  QueueLock tailLock;
+  std::size_t tail = 0;
+  std::size_t markerRoom = 0;
+  bool closed = false;
 };
 
 // The loop of a worker of the pool `owner`: names the thread `name` for the
