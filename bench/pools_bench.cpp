@@ -6,6 +6,8 @@
 // defaults to 1000000; a filter runs only the task figures of the pools whose
 // names contain one of its '|'-separated words ("" for all); reps (default 5)
 // is how many times each figure is measured.
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -98,22 +100,21 @@ class ZorvTask : public zf::threading::ITask {
 
 template <class Pool>
 Harness ZorvHarness(const char* name) {
-  return Harness{name, [](unsigned int workers) -> void* { return new Pool(workers); },
-                 [](void* p, size_t i, long long t) {
-                   static_cast<Pool*>(p)->addTask(new ZorvTask(t, i));
-                 },
-                 [](void* p) { delete static_cast<Pool*>(p); }};
+  return Harness{
+      name, [](unsigned int workers) -> void* { return new Pool(workers); },
+      [](void* p, size_t i, long long t) { static_cast<Pool*>(p)->addTask(new ZorvTask(t, i)); },
+      [](void* p) { delete static_cast<Pool*>(p); }};
 }
 
 // The same task created the accounted way, as the library's own callers do.
 template <class Pool>
 Harness ZorvAccountedHarness(const char* name) {
-  return Harness{name, [](unsigned int workers) -> void* { return new Pool(workers); },
-                 [](void* p, size_t i, long long t) {
-                   static_cast<Pool*>(p)->addTask(
-                       zf::lang::MakeDisposable<ZorvTask>("ZorvTask", t, i));
-                 },
-                 [](void* p) { delete static_cast<Pool*>(p); }};
+  return Harness{
+      name, [](unsigned int workers) -> void* { return new Pool(workers); },
+      [](void* p, size_t i, long long t) {
+        static_cast<Pool*>(p)->addTask(zf::lang::MakeDisposable<ZorvTask>("ZorvTask", t, i));
+      },
+      [](void* p) { delete static_cast<Pool*>(p); }};
 }
 
 // ---- The plain pool: std::mutex, std::condition_variable, std::deque ----
@@ -183,22 +184,20 @@ struct PlainTask : PlainPool::Task {
 };
 
 Harness PlainHarness() {
-  return Harness{"std mutex+condvar+deque",
-                 [](unsigned int workers) -> void* { return new PlainPool(workers); },
-                 [](void* p, size_t i, long long t) {
-                   static_cast<PlainPool*>(p)->add(new PlainTask(t, i));
-                 },
-                 [](void* p) { delete static_cast<PlainPool*>(p); }};
+  return Harness{
+      "std mutex+condvar+deque",
+      [](unsigned int workers) -> void* { return new PlainPool(workers); },
+      [](void* p, size_t i, long long t) { static_cast<PlainPool*>(p)->add(new PlainTask(t, i)); },
+      [](void* p) { delete static_cast<PlainPool*>(p); }};
 }
 
 // The plain pool paying the same per-task timing scope as the zorv pools.
 Harness TimedPlainHarness() {
-  return Harness{"std pool + timing scope per task",
-                 [](unsigned int workers) -> void* { return new PlainPool(workers, true); },
-                 [](void* p, size_t i, long long t) {
-                   static_cast<PlainPool*>(p)->add(new PlainTask(t, i));
-                 },
-                 [](void* p) { delete static_cast<PlainPool*>(p); }};
+  return Harness{
+      "std pool + timing scope per task",
+      [](unsigned int workers) -> void* { return new PlainPool(workers, true); },
+      [](void* p, size_t i, long long t) { static_cast<PlainPool*>(p)->add(new PlainTask(t, i)); },
+      [](void* p) { delete static_cast<PlainPool*>(p); }};
 }
 
 #ifdef ZORV_BENCH_POCO
@@ -371,6 +370,19 @@ Percentiles Latency(const Harness& h, unsigned int workers, size_t samples, bool
   return Compute(latency, 1000.0);
 }
 
+// The processor time of the whole process so far (every thread, user and
+// system), in seconds.
+double ProcessCpuSeconds() {
+  rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// Latency samples of an idle pool, and the pause before each latency run.
+constexpr size_t kIdleSamples = 4000;
+constexpr int kQuietMs = 300;
+
 // True when `name` contains one of the '|'-separated words of `filter`.
 bool Matches(const char* name, const char* filter) {
   if (filter == nullptr) return true;
@@ -398,8 +410,8 @@ double Median(std::vector<double> v) {
   return n % 2 == 1 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
 }
 
-void PrintSpread(const char* name, unsigned int workers, const std::vector<double>& v,
-                 double scale, const char* unit) {
+void PrintSpread(const char* name, unsigned int workers, const std::vector<double>& v, double scale,
+                 const char* unit) {
   std::printf("%-36s %3u %12.3f %12.3f %12.3f %s\n", name, workers, Median(v) / scale,
               *std::min_element(v.begin(), v.end()) / scale,
               *std::max_element(v.begin(), v.end()) / scale, unit);
@@ -432,9 +444,8 @@ void PrintRatios(const std::vector<Contender>& all, const std::vector<std::vecto
 
 void TaskBenchmarks(size_t tasks, const char* only) {
   const std::vector<Contender> all = Contenders();
-  const char* modeNames[] = {
-      "user: warm pool, sleep-poll for the last task, stop not timed",
-      "drain: pool created cold, timed until destroyed"};
+  const char* modeNames[] = {"user: warm pool, sleep-poll for the last task, stop not timed",
+                             "drain: pool created cold, timed until destroyed"};
   for (unsigned int workers : {2u, 4u}) {
     std::vector<std::vector<double>> tput[2];
     std::vector<std::vector<double>> idleP99(all.size());
@@ -443,13 +454,25 @@ void TaskBenchmarks(size_t tasks, const char* only) {
     std::vector<std::vector<double>> busyP99(all.size());
     tput[0].resize(all.size());
     tput[1].resize(all.size());
+    std::vector<std::vector<double>> cpuPerTask(all.size());
     for (int rep = 0; rep < kReps; ++rep) {
+      // Throughput first, every contender in turn; then the latencies, each
+      // after a quiet pause, so that no latency figure inherits the tail of
+      // the burst just before it (a burst that keeps both processors busy
+      // slows the wake-ups of the next second or so, whoever made it).
       for (size_t k = 0; k < all.size(); ++k) {
         const size_t h = (k + static_cast<size_t>(rep)) % all.size();
         if (!Matches(all[h].harness.name, only)) continue;
+        const double cpuBefore = ProcessCpuSeconds();
         tput[0][h].push_back(Throughput(all[h].harness, workers, tasks, Mode::kUser));
+        cpuPerTask[h].push_back((ProcessCpuSeconds() - cpuBefore) / static_cast<double>(tasks));
         tput[1][h].push_back(Throughput(all[h].harness, workers, tasks, Mode::kDrain));
-        const Percentiles idle = Latency(all[h].harness, workers, 2000, true);
+      }
+      for (size_t k = 0; k < all.size(); ++k) {
+        const size_t h = (k + static_cast<size_t>(rep)) % all.size();
+        if (!Matches(all[h].harness.name, only)) continue;
+        std::this_thread::sleep_for(std::chrono::milliseconds(kQuietMs));
+        const Percentiles idle = Latency(all[h].harness, workers, kIdleSamples, true);
         idleP50[h].push_back(idle.p50 * 1000);
         idleP99[h].push_back(idle.p99 * 1000);
         const Percentiles busy = Latency(all[h].harness, workers, 20000, false);
@@ -458,19 +481,29 @@ void TaskBenchmarks(size_t tasks, const char* only) {
       }
     }
     for (int m = 0; m < 2; ++m) {
-      std::printf("\nThroughput, %zu tiny tasks from one producer (%s);\n"
-                  "median, lowest, highest of %d runs\n",
-                  tasks, modeNames[m], kReps);
+      std::printf(
+          "\nThroughput, %zu tiny tasks from one producer (%s);\n"
+          "median, lowest, highest of %d runs\n",
+          tasks, modeNames[m], kReps);
       std::printf("%-36s %3s %12s %12s %12s\n", "pool", "wkr", "median", "low", "high");
       for (size_t h = 0; h < all.size(); ++h) {
         if (!tput[m][h].empty()) PrintSpread(all[h].harness.name, workers, tput[m][h], 1e6, "M/s");
       }
       PrintRatios(all, tput[m], workers, true);
     }
+    std::printf(
+        "\nProcessor time per task of the user throughput runs, all threads (user +\n"
+        "system); median, lowest, highest of %d runs\n",
+        kReps);
+    for (size_t h = 0; h < all.size(); ++h) {
+      if (!cpuPerTask[h].empty())
+        PrintSpread(all[h].harness.name, workers, cpuPerTask[h], 1e-6, "us");
+    }
+    PrintRatios(all, cpuPerTask, workers, false);
     const struct {
       const char* title;
       std::vector<std::vector<double>>* v;
-    } latencies[] = {{"idle pool, p99 (2000 samples, 200 us apart)", &idleP99},
+    } latencies[] = {{"idle pool, p99 (4000 samples, 200 us apart)", &idleP99},
                      {"idle pool, p50", &idleP50},
                      {"busy producer, p99 (20000 samples back to back)", &busyP99},
                      {"busy producer, p50", &busyP50}};
@@ -620,8 +653,9 @@ void TimerBenchmarks() {
     PlainTimerThread timers;
     for (int i = 0; i < kTimers; ++i) {
       const Clock::time_point now = Clock::now();
-      plan.due[i] = std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count() +
-                    delays[i] * 1000000LL;
+      plan.due[i] =
+          std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count() +
+          delays[i] * 1000000LL;
       timers.add(now + std::chrono::milliseconds(delays[i]), [&plan, i] {
         plan.fired[i] = NowNs();
         plan.count.fetch_add(1);
@@ -664,7 +698,8 @@ void AddRemoveBenchmark() {
   const int n = 100000;
   std::vector<IdleTimer*> timers;
   timers.reserve(n);
-  for (int i = 0; i < n; ++i) timers.push_back(new IdleTimer(60000 + static_cast<unsigned>(i % 1000)));
+  for (int i = 0; i < n; ++i)
+    timers.push_back(new IdleTimer(60000 + static_cast<unsigned>(i % 1000)));
   zf::threading::TimerScheduler scheduler;
   const long long start = NowNs();
   for (IdleTimer* t : timers) scheduler.addTimer(t);
