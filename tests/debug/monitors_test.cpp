@@ -209,7 +209,8 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
   // Many pairs of one category, some of whose places in the table meet,
   // are each their own.
   for (int i = 0; i < 200; ++i) {
-    ChronoMonitor::Chronometer scope("test.Many", ("op" + std::to_string(i)).c_str());
+    const std::string operation = "op" + std::to_string(i);
+    ChronoMonitor::Chronometer scope("test.Many", operation.c_str());
   }
   for (int i = 0; i < 200; ++i) {
     ASSERT_EQ(ChronoMonitor::Count("test.Many", ("op" + std::to_string(i)).c_str()), 1u) << i;
