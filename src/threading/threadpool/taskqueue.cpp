@@ -351,9 +351,10 @@ TaskWaiter* TaskQueue::serveWaiter() {
   if (waiter == nullptr || queued.load(std::memory_order_acquire) == 0) return nullptr;
   waiters = waiter->next;
   waiting.fetch_sub(1, std::memory_order_relaxed);
+  // No producer needs waking for the room this leaves: the count is back
+  // where it was before this producer, holding the tail lock throughout,
+  // counted its entry in, and that room was there when it looked.
   waiter->task = takeFront();
-  // The entry left the ring: a producer waiting for room may go on.
-  if (full.load(std::memory_order_seq_cst) != 0) notFull.notify(1);
   return waiter;
 }
 
