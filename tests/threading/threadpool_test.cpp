@@ -408,6 +408,42 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallAndPassesOnTheRo
   if (!added) late->dispose();  // still the caller's
 }
 
+// A stop() that queues its marker while the queue is full waits for room
+// like any producer; once the marker is in, every producer still waiting
+// for room is refused, more of them than later takes could wake one by one.
+TEST_F(ThreadPoolTest, StopWakesEveryProducerWaitingForRoom) {
+  constexpr int kProducers = 150;
+  Held<ThreadPool> h(1);
+  h.pool.setMaxTaskNum(100);
+  ASSERT_TRUE(h.hold());
+  for (int i = 0; i < 100; ++i) h.pool.addTask(h.make(i));
+  std::thread stopper([&] { h.pool.stop(); });
+  Thread::Sleep(20);  // lets the marker wait for room first
+  std::atomic<int> added{0};
+  std::atomic<int> refused{0};
+  std::vector<std::thread> producers;
+  for (int i = 0; i < kProducers; ++i) {
+    producers.emplace_back([&, i] {
+      try {
+        h.pool.addTask(h.make(1000 + i));
+        added.fetch_add(1);
+      } catch (const zf::lang::Exception&) {
+        refused.fetch_add(1);
+      }
+    });
+  }
+  Thread::Sleep(20);  // lets the producers wait for room
+  h.gate.open();
+  const bool allEnded = PollUntil([&] { return added.load() + refused.load() == kProducers; });
+  EXPECT_TRUE(allEnded) << added.load() << " added, " << refused.load() << " refused";
+  if (!allEnded) h.pool.setMaxTaskNum(1000000);  // wakes the ones left, to be refused
+  stopper.join();
+  for (std::thread& t : producers) t.join();
+  EXPECT_GT(refused.load(), 0);
+  EXPECT_EQ(h.tally.runs.load(), 101 + added.load());
+  EXPECT_EQ(h.tally.disposals.load(), h.tally.runs.load() + refused.load());
+}
+
 // An emptied ring that grew past 4096 slots shrinks to the smallest one that
 // keeps the room for the stop markers: with 64 workers, 64 slots, all of them
 // that room, so the next task held back in the queue makes the ring grow.
