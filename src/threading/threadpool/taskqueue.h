@@ -208,14 +208,14 @@ struct TaskQueue {
   ITask** slots = nullptr;
   std::size_t capacity = 0;
   RoomSignal notFull;
-  Pad padHead;
+  [[maybe_unused]] Pad padHead;
 
   // Consumer side, under headLock: the front entry's slot, and the waiting
   // consumers, latest first (non-empty only while the queue is empty).
   QueueLock headLock;
   std::size_t head = 0;
   TaskWaiter* waiters = nullptr;
-  Pad padTail;
+  [[maybe_unused]] Pad padTail;
 
   // Producer side, under tailLock: the slot behind the last entry, the
   // slots kept free for the stop markers still to come, and whether the
