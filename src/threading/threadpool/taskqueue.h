@@ -94,8 +94,10 @@ class RoomSignal {
 // turn (nor a consumer for a producer's). The entries live in a ring of
 // slots: a producer writes the slot behind the last entry and then counts
 // it in `queued`; a consumer takes the front entry while `queued` says there
-// is one, and counts it out. The ring is replaced (doubled when full, made
-// small again once empty past 4096 slots) only under both locks. Room for
+// is one, and counts it out. The ring is replaced only under both locks:
+// doubled by a producer when full, and made small again by the consumer
+// that empties a ring of more than 4096 slots, if no producer holds the
+// tail lock just then (the next consumer to empty it tries again). Room for
 // the stop markers still to come is kept free at every addition of a task,
 // so that queueing a marker never allocates and stopping cannot fail.
 //
