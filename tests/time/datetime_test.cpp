@@ -75,6 +75,14 @@ TEST_F(DateTimeTest, FieldsNormaliseAndSecondsAndFractionsAreClamped) {
   }
 }
 
+// The current second of the precise wall clock. time() may read a coarse
+// clock that turns to the next second a tick later.
+long long RealSeconds() {
+  timespec now = {0, 0};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<long long>(now.tv_sec);
+}
+
 // In UTC and three hours east of it: the fields are local time, seconds and
 // milliseconds round trip, Now is the current time, ToGMT gives UTC fields
 // and CurrentGMT is the UTC time.
@@ -91,10 +99,10 @@ TEST_F(DateTimeTest, LocalFieldsNowToGmtAndCurrentGmtInTwoZones) {
     const DateTime back(static_cast<unsigned long long>(utc), 5, 6);
     EXPECT_EQ(back.toSeconds(), utc) << "round trip";
     EXPECT_EQ(back.toMilliseconds(), utc * 1000 + 5) << "the microsecond is ignored";
-    const long long before = static_cast<long long>(::time(nullptr));
+    const long long before = RealSeconds();
     const DateTime now;
     EXPECT_GE(now.toSeconds(), before);
-    EXPECT_LE(now.toSeconds(), static_cast<long long>(::time(nullptr)));
+    EXPECT_LE(now.toSeconds(), RealSeconds());
     // ToGMT takes the low 32 bits as signed.
     // clang-format off
     const std::pair<unsigned long long, const char*> gmt[] = {
@@ -105,7 +113,7 @@ TEST_F(DateTimeTest, LocalFieldsNowToGmtAndCurrentGmtInTwoZones) {
     // CurrentGMT is ToGMT of the current second (retried across a boundary).
     std::string current, expected;
     for (int attempt = 0; attempt < 5 && (attempt == 0 || current != expected); ++attempt) {
-      const unsigned long long second = static_cast<unsigned long long>(::time(nullptr));
+      const unsigned long long second = static_cast<unsigned long long>(RealSeconds());
       current = Text(DateTime::CurrentGMT());
       expected = Text(DateTime::ToGMT(second));
     }
