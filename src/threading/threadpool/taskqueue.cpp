@@ -191,26 +191,20 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
   return kAdded;
 }
 
-TaskQueue::Result TaskQueue::put(ITask* task) {
-  TaskWaiter* served;
-  {
-    Acquire(tailLock, lockSpinNanos);
-    QueueHold locker(tailLock);
-    if (waitForRoom(locker, false, 0, 0) == kClosed) return kClosed;
-    grow(1);
-    append(task);
-    served = serveWaiter();
-  }
-  Serve(served);
-  return kAdded;
-}
+TaskQueue::Result TaskQueue::put(ITask* task) { return add(task, false, 0, 0); }
 
 TaskQueue::Result TaskQueue::tryPut(ITask* task, unsigned int ms, unsigned long long startTick) {
+  return add(task, true, ms, startTick);
+}
+
+// Appends `task` once there is room; see put and tryPut.
+TaskQueue::Result TaskQueue::add(ITask* task, bool timed, unsigned int ms,
+                                 unsigned long long startTick) {
   TaskWaiter* served;
   {
     Acquire(tailLock, lockSpinNanos);
     QueueHold locker(tailLock);
-    const Result room = waitForRoom(locker, true, ms, startTick);
+    const Result room = waitForRoom(locker, timed, ms, startTick);
     if (room != kAdded) return room;
     grow(1);
     append(task);

@@ -178,6 +178,7 @@ struct TaskQueue {
     char bytes[64];
   };
 
+  Result add(ITask* task, bool timed, unsigned int ms, unsigned long long startTick);
   void append(ITask* entry);
   TaskWaiter* serveWaiter();
   ITask* takeFront();
