@@ -55,7 +55,7 @@ struct AffinityThreadPoolPrivate {
   // It stays put while stop() runs, so that a task's worker does not change.
   std::atomic<unsigned int> workerCount{0};
   // Workers watching for a task before they sleep, over all queues.
-  std::atomic<int> watchers{0};
+  detail::WatchShare watchers;
   // Held through stop(): a second caller waits for the first to finish.
   Lock stopLock;
 };

@@ -101,13 +101,34 @@ void WakeWord(std::atomic<int>* word) {
                 0);
 }
 
-// Wakes `waiter` (if any) once its entry is stored; outside the lock.
-void Serve(TaskWaiter* waiter) {
+// Makes the wake-up call left in `share`, if one is; whoever takes it out
+// makes it.
+void WakeLeft(WatchShare& share) {
+  TaskWaiter* const sleeper = share.wakeSlot.exchange(nullptr, std::memory_order_seq_cst);
+  if (sleeper != nullptr) WakeWord(&sleeper->state);
+}
+
+// Wakes `waiter` (if any) once its entry is stored; outside the lock. A
+// sleeping waiter's wake-up call is left to the consumer of `share` that is
+// spinning just now, if there is one and the slot is free: the system call
+// then costs the producer nothing. The producer stores the waiter and then
+// looks at the flag again; the watcher clears the flag and then empties the
+// slot: either the producer sees the flag cleared and empties the slot
+// itself, or the watcher finds the waiter there.
+void Serve(TaskWaiter* waiter, WatchShare& share) {
   if (waiter == nullptr) return;
-  if (waiter->state.exchange(TaskWaiter::kServed, std::memory_order_acq_rel) ==
+  if (waiter->state.exchange(TaskWaiter::kServed, std::memory_order_acq_rel) !=
       TaskWaiter::kSleeping) {
-    WakeWord(&waiter->state);
+    return;
   }
+  if (share.spinning.load(std::memory_order_seq_cst) != 0) {
+    TaskWaiter* none = nullptr;
+    if (share.wakeSlot.compare_exchange_strong(none, waiter, std::memory_order_seq_cst)) {
+      if (share.spinning.load(std::memory_order_seq_cst) == 0) WakeLeft(share);
+      return;
+    }
+  }
+  WakeWord(&waiter->state);
 }
 
 // Takes `lock`, spinning for at most `budget` nanoseconds before it blocks.
@@ -187,7 +208,7 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
       if (full.load(std::memory_order_seq_cst) != 0) notFull.notify(INT_MAX);
     }
   }
-  Serve(served);
+  Serve(served, *watchers);
   return kAdded;
 }
 
@@ -210,7 +231,7 @@ TaskQueue::Result TaskQueue::add(ITask* task, bool timed, unsigned int ms,
     append(task);
     served = serveWaiter();
   }
-  Serve(served);
+  Serve(served, *watchers);
   return kAdded;
 }
 
@@ -264,17 +285,23 @@ ITask* TaskQueue::take(TaskWaiter& self) {
   return task;
 }
 
-// Only one consumer watches at a time before sleeping: more would take
-// processor time from the producers. A consumer whose last sleep was long
-// does not watch at all, so that an idle pool sleeps at once.
+// Only one consumer of a pool watches at a time before sleeping: more would
+// take processor time from the producers. While it watches, it makes the
+// wake-up calls that producers leave to it. A consumer whose last sleep was
+// long does not watch at all, so that an idle pool sleeps at once.
 ITask* TaskQueue::await(TaskWaiter& self) {
   if (watchNanos > 0 && self.watch) {
-    if (watchers->fetch_add(1, std::memory_order_relaxed) == 0) {
-      (void)SpinUntil(watchNanos, [&self] {
+    WatchShare& share = *watchers;
+    if (share.watchers.fetch_add(1, std::memory_order_relaxed) == 0) {
+      share.spinning.store(1, std::memory_order_seq_cst);
+      (void)SpinUntil(watchNanos, [&self, &share] {
+        if (share.wakeSlot.load(std::memory_order_relaxed) != nullptr) WakeLeft(share);
         return self.state.load(std::memory_order_acquire) == TaskWaiter::kServed;
       });
+      share.spinning.store(0, std::memory_order_seq_cst);
+      WakeLeft(share);
     }
-    watchers->fetch_sub(1, std::memory_order_relaxed);
+    share.watchers.fetch_sub(1, std::memory_order_relaxed);
   }
   int expected = TaskWaiter::kWaiting;
   if (!self.state.compare_exchange_strong(expected, TaskWaiter::kSleeping,

@@ -35,6 +35,16 @@ struct TaskWaiter {
   bool watch = true;
 };
 
+// What the consumers of one pool share about watching before they sleep:
+// how many are about to watch (only the first one does), whether that one is
+// spinning just now, and a sleeping waiter whose wake-up call a producer left
+// to it (see TaskQueue).
+struct WatchShare {
+  std::atomic<int> watchers{0};
+  std::atomic<int> spinning{0};
+  std::atomic<TaskWaiter*> wakeSlot{nullptr};
+};
+
 // One of the two locks of a task queue: a word that is free, taken, or taken with a
 // thread perhaps asleep on it. It is never taken twice by one thread; a
 // thread that finds it taken sleeps on the word (TaskQueue spins first), and
@@ -159,10 +169,11 @@ struct TaskQueue {
   // Sets the bound; producers waiting for room are woken when it grows.
   void setBound(unsigned int bound);
 
-  // Counts this queue's watching consumers in `count` instead of its own,
+  // Counts this queue's watching consumers in `share` instead of its own,
   // so that the queues of one pool let only one of their consumers watch at
-  // a time. Called before any consumer starts.
-  void shareWatchers(std::atomic<int>* count) { watchers = count; }
+  // a time, and that one makes the wake-up calls that any of the queues'
+  // producers leave. Called before any consumer starts.
+  void shareWatchers(WatchShare* share) { watchers = share; }
 
   // Takes the front entry, waiting while the queue is empty; `self` is the
   // calling consumer's own waiter, used for the wait.
@@ -199,9 +210,9 @@ struct TaskQueue {
   std::atomic<int> full{0};
   std::atomic<int> waiting{0};
   // Consumers watching their waiter before they sleep: this queue's own
-  // count, or one shared by the queues of a pool (see shareWatchers).
-  std::atomic<int> ownWatchers{0};
-  std::atomic<int>* watchers = &ownWatchers;
+  // share, or one shared by the queues of a pool (see shareWatchers).
+  WatchShare ownWatchers;
+  WatchShare* watchers = &ownWatchers;
   // Spin budgets in nanoseconds, fixed at construction; 0 where the queue
   // was made on a machine with one processor.
   const long long lockSpinNanos;
