@@ -54,8 +54,9 @@ struct AffinityThreadPoolPrivate {
   // The number of started workers, readable without a lock: 0 means stopped.
   // It stays put while stop() runs, so that a task's worker does not change.
   std::atomic<unsigned int> workerCount{0};
-  // Workers watching for a task before they sleep, over all queues.
-  detail::WatchShare watchers;
+  // Workers watching for a task before they sleep, over all queues; the
+  // watcher makes the wake-up calls of the others.
+  detail::WatchShare watchers{true};
   // Held through stop(): a second caller waits for the first to finish.
   Lock stopLock;
 };

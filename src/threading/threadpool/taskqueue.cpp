@@ -108,8 +108,8 @@ void WakeLeft(WatchShare& share) {
   if (sleeper != nullptr) WakeWord(&sleeper->state);
 }
 
-// Wakes `waiter` (if any) once its entry is stored; outside the lock. A
-// sleeping waiter's wake-up call is left to the consumer of `share` that is
+// Wakes `waiter` (if any) once its entry is stored; outside the lock. Where
+// `share` takes wake-up calls, a sleeping waiter's is left to the consumer
 // spinning just now, if there is one and the slot is free: the system call
 // then costs the producer nothing. The producer stores the waiter and then
 // looks at the flag again; the watcher clears the flag and then empties the
@@ -121,7 +121,7 @@ void Serve(TaskWaiter* waiter, WatchShare& share) {
       TaskWaiter::kSleeping) {
     return;
   }
-  if (share.spinning.load(std::memory_order_seq_cst) != 0) {
+  if (share.takesWakeUps && share.spinning.load(std::memory_order_seq_cst) != 0) {
     TaskWaiter* none = nullptr;
     if (share.wakeSlot.compare_exchange_strong(none, waiter, std::memory_order_seq_cst)) {
       if (share.spinning.load(std::memory_order_seq_cst) == 0) WakeLeft(share);
@@ -287,19 +287,22 @@ ITask* TaskQueue::take(TaskWaiter& self) {
 
 // Only one consumer of a pool watches at a time before sleeping: more would
 // take processor time from the producers. While it watches, it makes the
-// wake-up calls that producers leave to it. A consumer whose last sleep was
-// long does not watch at all, so that an idle pool sleeps at once.
+// wake-up calls that producers leave to it (see Serve). A consumer whose
+// last sleep was long does not watch at all, so that an idle pool sleeps at
+// once.
 ITask* TaskQueue::await(TaskWaiter& self) {
   if (watchNanos > 0 && self.watch) {
     WatchShare& share = *watchers;
     if (share.watchers.fetch_add(1, std::memory_order_relaxed) == 0) {
-      share.spinning.store(1, std::memory_order_seq_cst);
+      if (share.takesWakeUps) share.spinning.store(1, std::memory_order_seq_cst);
       (void)SpinUntil(watchNanos, [&self, &share] {
         if (share.wakeSlot.load(std::memory_order_relaxed) != nullptr) WakeLeft(share);
         return self.state.load(std::memory_order_acquire) == TaskWaiter::kServed;
       });
-      share.spinning.store(0, std::memory_order_seq_cst);
-      WakeLeft(share);
+      if (share.takesWakeUps) {
+        share.spinning.store(0, std::memory_order_seq_cst);
+        WakeLeft(share);
+      }
     }
     share.watchers.fetch_sub(1, std::memory_order_relaxed);
   }

@@ -38,8 +38,13 @@ struct TaskWaiter {
 // What the consumers of one pool share about watching before they sleep:
 // how many are about to watch (only the first one does), whether that one is
 // spinning just now, and a sleeping waiter whose wake-up call a producer left
-// to it (see TaskQueue).
+// to it (see TaskQueue). Wake-up calls are left only where `takesWakeUps`
+// is set: in a pool of one queue per worker, whose producers mostly serve
+// waiters asleep on other queues than the watcher's.
 struct WatchShare {
+  explicit WatchShare(bool takes = false) : takesWakeUps(takes) {}
+
+  const bool takesWakeUps;
   std::atomic<int> watchers{0};
   std::atomic<int> spinning{0};
   std::atomic<TaskWaiter*> wakeSlot{nullptr};
@@ -119,7 +124,11 @@ class RoomSignal {
 // `queued` once more; a producer counts its entry in and then looks for
 // waiters: one of the two sees the other, so no entry waits while a consumer
 // sleeps. Waiters are served last-come first: the latest is the one most
-// likely still watching, and so served without a system call.
+// likely still watching, and so served without a system call. In a pool
+// whose queues share one watcher (see shareWatchers), a producer that serves
+// a sleeping waiter while the watcher spins leaves the wake-up call to the
+// watcher instead of making it: the producer, usually the slower side, goes
+// on at once.
 //
 // Producers wait for room the same way: one that finds the queue full counts
 // itself in `full`, reads the room signal's sequence and checks once more; a
