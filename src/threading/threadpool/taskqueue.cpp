@@ -294,12 +294,17 @@ ITask* TaskQueue::await(TaskWaiter& self) {
   if (watchNanos > 0 && self.watch) {
     WatchShare& share = *watchers;
     if (share.watchers.fetch_add(1, std::memory_order_relaxed) == 0) {
-      if (share.takesWakeUps) share.spinning.store(1, std::memory_order_seq_cst);
-      (void)SpinUntil(watchNanos, [&self, &share] {
-        if (share.wakeSlot.load(std::memory_order_relaxed) != nullptr) WakeLeft(share);
+      const auto served = [&self] {
         return self.state.load(std::memory_order_acquire) == TaskWaiter::kServed;
-      });
-      if (share.takesWakeUps) {
+      };
+      if (!share.takesWakeUps) {
+        (void)SpinUntil(watchNanos, served);
+      } else {
+        share.spinning.store(1, std::memory_order_seq_cst);
+        (void)SpinUntil(watchNanos, [&share, &served] {
+          if (share.wakeSlot.load(std::memory_order_relaxed) != nullptr) WakeLeft(share);
+          return served();
+        });
         share.spinning.store(0, std::memory_order_seq_cst);
         WakeLeft(share);
       }
