@@ -27,7 +27,9 @@ struct Shard {
   internal::ForkSafeMutex mutex;
   Record** buckets;
   unsigned int bucketCount;
-  // Written under the mutex; read without it to skip empty shards.
+  // Written under the mutex; read without it to skip empty shards and to
+  // count the live objects (no counter shared by all shards, whose cache
+  // line every thread that records an object would have to take).
   std::atomic<unsigned int> count;
 };
 
@@ -37,7 +39,6 @@ constexpr unsigned int kShardBits = 5;
 constexpr unsigned int kShardCount = 1u << kShardBits;
 
 Shard g_shards[kShardCount];
-std::atomic<long long> g_live{0};
 std::atomic<int> g_trace{-1};
 
 // 0: shards not registered for fork yet; 1: registering; 2: done.
@@ -101,7 +102,6 @@ Record* Take(void* object) {
       *link = r->next;
       shard.count.store(shard.count.load(std::memory_order_relaxed) - 1,
                         std::memory_order_relaxed);
-      g_live.fetch_sub(1, std::memory_order_relaxed);
       return r;
     }
     link = &r->next;
@@ -117,7 +117,9 @@ Loader g_loader;
 }  // namespace
 
 unsigned long long ObjectMonitor::LiveObjects() {
-  return static_cast<unsigned long long>(g_live.load(std::memory_order_relaxed));
+  unsigned long long live = 0;
+  for (const Shard& shard : g_shards) live += shard.count.load(std::memory_order_relaxed);
+  return live;
 }
 
 int ObjectMonitor::_IsTrace() {
@@ -159,7 +161,6 @@ void ObjectMonitor::_IncLeak(void* object, const char* source, int line,
       head = record;
       shard.count.store(shard.count.load(std::memory_order_relaxed) + 1,
                         std::memory_order_relaxed);
-      g_live.fetch_add(1, std::memory_order_relaxed);
     }
   }
   free(replaced);
