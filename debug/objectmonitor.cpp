@@ -31,7 +31,15 @@ struct Shard {
   // count the live objects (no counter shared by all shards, whose cache
   // line every thread that records an object would have to take).
   std::atomic<unsigned int> count;
+  // Records of forgotten objects kept for the next ones (at most kSpares):
+  // a task is usually recorded by one thread and forgotten by another, and
+  // a record freed on the one thread and allocated on the other costs the
+  // allocator more than a record handed back through the shard.
+  Record* spares;
+  unsigned int spareCount;
 };
+
+constexpr unsigned int kSpares = 64;
 
 // 32 shards: the fork handlers hold every shard mutex at once, and tools that
 // follow lock ownership (ThreadSanitizer tracks 64 per thread) must keep up.
@@ -109,6 +117,16 @@ Record* Take(void* object) {
   return nullptr;
 }
 
+// Keeps `record` for reuse when there is room, else returns it for the
+// caller to free after leaving the shard's mutex. Under that mutex.
+Record* Spare(Shard& shard, Record* record) {
+  if (record == nullptr || shard.spareCount >= kSpares) return record;
+  record->next = shard.spares;
+  shard.spares = record;
+  ++shard.spareCount;
+  return nullptr;
+}
+
 struct Loader {
   Loader() { ObjectMonitor::_IsTrace(); }
 };
@@ -142,15 +160,21 @@ void ObjectMonitor::_Dealloc(unsigned char* block, unsigned int) { free(block); 
 void ObjectMonitor::_IncLeak(void* object, const char* source, int line,
                              const char* name, unsigned int size) {
   SetUp();
-  Record* record = static_cast<Record*>(malloc(sizeof(Record)));
-  if (record == nullptr) return;
-  *record = Record{object, source, name, line, size, nullptr};
   const uint32_t hash = Hash(object);
   Shard& shard = ShardOf(hash);
   Record* replaced;
   {
     internal::ScopedLock lock(shard.mutex);
-    replaced = Take(object);
+    Record* record = shard.spares;
+    if (record != nullptr) {
+      shard.spares = record->next;
+      --shard.spareCount;
+    } else {
+      record = static_cast<Record*>(malloc(sizeof(Record)));
+      if (record == nullptr) return;
+    }
+    *record = Record{object, source, name, line, size, nullptr};
+    replaced = Spare(shard, Take(object));
     if (shard.count.load(std::memory_order_relaxed) >= shard.bucketCount) Grow(shard);
     if (shard.bucketCount == 0) {
       free(record);
@@ -173,12 +197,12 @@ void ObjectMonitor::_DecLeakEx(void* object, const char*, int, const char*) {
   // one that synchronised with it: an empty shard cannot hold it. Objects
   // that were never recorded (tasks created with plain new) mostly end here.
   if (shard.count.load(std::memory_order_relaxed) == 0) return;
-  Record* record;
+  Record* unused;
   {
     internal::ScopedLock lock(shard.mutex);
-    record = Take(object);
+    unused = Spare(shard, Take(object));
   }
-  free(record);
+  free(unused);
 }
 
 ObjectMonitor::LeakInfo ObjectMonitor::_DecLeakInfoEx(void* object, const char*, int,
@@ -186,17 +210,18 @@ ObjectMonitor::LeakInfo ObjectMonitor::_DecLeakInfoEx(void* object, const char*,
   SetUp();
   Shard& shard = ShardOf(Hash(object));
   if (shard.count.load(std::memory_order_relaxed) == 0) return LeakInfo{nullptr, 0};
-  Record* record;
+  LeakInfo info{nullptr, 0};
+  Record* unused;
   {
     internal::ScopedLock lock(shard.mutex);
-    record = Take(object);
+    Record* record = Take(object);
+    if (record != nullptr) {
+      info.block = static_cast<unsigned char*>(record->object);
+      info.size = record->size;
+    }
+    unused = Spare(shard, record);
   }
-  LeakInfo info{nullptr, 0};
-  if (record != nullptr) {
-    info.block = static_cast<unsigned char*>(record->object);
-    info.size = record->size;
-    free(record);
-  }
+  free(unused);
   return info;
 }
 
