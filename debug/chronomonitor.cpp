@@ -2,10 +2,16 @@
 //
 // Statistics live in a fixed open-addressing table. A category/operation
 // pair is entered once under a mutex; after that, completing a scope finds
-// its entry and updates it with atomic operations only: the total, the
-// histogram bucket of its duration (the count is the sum of the buckets) and,
-// rarely, the maximum. The copies of the texts live in a fixed pool, so that
-// recording a scope never allocates memory.
+// its entry and updates it without a lock: the total, the histogram bucket
+// of its duration (the count is the sum of the buckets) and, rarely, the
+// maximum. The copies of the texts live in a fixed pool, so that recording
+// a scope never allocates memory.
+//
+// Threads that time the same pair would all add to the same cache lines, and
+// every addition would move them from processor to processor. So a thread
+// adds to a lane of its own for each of the first pairs it times (see Lane),
+// with plain loads and stores; readers add the lanes to the entry's own
+// counters, which the threads without a lane keep with atomic additions.
 //
 // Names are kept by pthread_t for as long as their thread lives: a thread
 // that names itself gets a value under a thread-specific key, whose
@@ -27,18 +33,55 @@ namespace foundation {
 namespace debug {
 namespace {
 
-struct Stat {
-  std::atomic<const char*> category;  // published last, with release
-  const char* operation;
+// The counters of one pair, or of one thread's share of one pair.
+struct Counters {
   std::atomic<unsigned long long> total;
   std::atomic<unsigned long long> max;
   std::atomic<unsigned long long> buckets[internal::kTimingBuckets];
 };
 
-unsigned long long CountOf(const Stat& stat) {
+struct Lane;
+
+struct Stat {
+  std::atomic<const char*> category;  // published last, with release
+  const char* operation;
+  Counters shared;
+  std::atomic<Lane*> lanes;  // this pair's lanes, latest first
+};
+
+// A thread's own counters for one pair. Only the thread that has taken the
+// lane writes them, so an addition is a load and a store, not an atomic
+// read-modify-write; readers may see a lane's total and buckets one scope
+// apart, as they may the shared counters. A lane stays bound to its pair
+// and listed in it for the life of the process: when its thread ends, the
+// lane is given up, counts and all, for the next thread that times the pair.
+struct alignas(64) Lane {
+  Counters counters;
+  Stat* stat;                // written before the lane is listed
+  Lane* next;                // next in the pair's list; written before listing
+  std::atomic<bool> taken;   // by a live thread
+  Lane* nextOwned;           // the owning thread's other lanes
+};
+
+constexpr unsigned int kLaneCount = 256;
+constexpr unsigned int kLanesPerThread = 8;
+Lane g_lanes[kLaneCount];
+std::atomic<unsigned int> g_lanesUsed{0};
+
+unsigned long long CountOf(const Counters& c) {
   unsigned long long count = 0;
-  for (const auto& bucket : stat.buckets) count += bucket.load(std::memory_order_relaxed);
+  for (const auto& bucket : c.buckets) count += bucket.load(std::memory_order_relaxed);
   return count;
+}
+
+// Calls visit(counters) for the pair's shared counters and for each lane.
+template <typename Visit>
+void ForEachCounters(const Stat& stat, Visit visit) {
+  visit(stat.shared);
+  for (const Lane* lane = stat.lanes.load(std::memory_order_acquire); lane != nullptr;
+       lane = lane->next) {
+    visit(lane->counters);
+  }
 }
 
 constexpr unsigned int kStatCount = 1024;
@@ -61,10 +104,13 @@ pthread_key_t g_nameKey;
 bool g_nameKeyTried = false;
 bool g_nameKeyReady = false;
 
+void TakeBackLanes();
+
 struct Registrar {
   Registrar() {
     internal::RegisterForkSafe(&g_statMutex);
     internal::RegisterForkSafe(&g_nameMutex);
+    pthread_atfork(nullptr, nullptr, &TakeBackLanes);
   }
 };
 Registrar g_registrar;
@@ -167,25 +213,129 @@ struct CacheSlot {
   const char* categoryCopy;
   const char* operationCopy;
   Stat* stat;
+  Lane* lane;  // the thread's lane for the pair, or null
 };
 constexpr unsigned int kCacheSlots = 8;
 __thread CacheSlot t_cache[kCacheSlots] __attribute__((tls_model("initial-exec")));
 
-Stat* FindCached(const char* category, const char* operation) {
-  if (category == nullptr || operation == nullptr) return Find(category, operation, true);
+// The lanes the thread has taken, and whether it may take more: not once
+// its lanes were given up as it ends (timing scopes may still end in other
+// destructors after that), nor when the key that gives them up at its end
+// could not be made.
+__thread Lane* t_owned __attribute__((tls_model("initial-exec")));
+__thread unsigned int t_ownedCount __attribute__((tls_model("initial-exec")));
+__thread bool t_lanesEnded __attribute__((tls_model("initial-exec")));
+
+pthread_key_t g_laneKey;
+std::atomic<int> g_laneKeyState{0};  // 0 not tried, 1 ready, 2 unavailable
+
+// Destructor of the lane key: gives up the ending thread's lanes.
+void GiveUpLanes(void*) {
+  // Another thread may take a lane as soon as it is given up, and relink it.
+  Lane* lane = t_owned;
+  while (lane != nullptr) {
+    Lane* next = lane->nextOwned;
+    lane->taken.store(false, std::memory_order_release);
+    lane = next;
+  }
+  t_owned = nullptr;
+  t_ownedCount = 0;
+  for (CacheSlot& slot : t_cache) slot.lane = nullptr;
+  t_lanesEnded = true;
+}
+
+// In a child process, only the forking thread is left: the lanes of the
+// others are given up, and the forking thread's stay its own.
+void TakeBackLanes() {
+  const unsigned int used = g_lanesUsed.load(std::memory_order_relaxed);
+  for (unsigned int i = 0; i < used && i < kLaneCount; ++i) {
+    g_lanes[i].taken.store(false, std::memory_order_relaxed);
+  }
+  for (Lane* lane = t_owned; lane != nullptr; lane = lane->nextOwned) {
+    lane->taken.store(true, std::memory_order_relaxed);
+  }
+}
+
+bool LaneKeyReady() {
+  int state = g_laneKeyState.load(std::memory_order_acquire);
+  if (state == 0) {
+    internal::ScopedLock lock(g_statMutex);
+    state = g_laneKeyState.load(std::memory_order_relaxed);
+    if (state == 0) {
+      state = pthread_key_create(&g_laneKey, &GiveUpLanes) == 0 ? 1 : 2;
+      g_laneKeyState.store(state, std::memory_order_release);
+    }
+  }
+  return state == 1;
+}
+
+// The calling thread's lane for `stat`: one it has, a given-up one of the
+// pair, or a fresh one from the pool. Null when the thread may take no more
+// or the pool is spent; the thread then adds to the shared counters.
+Lane* LaneFor(Stat* stat) {
+  for (Lane* lane = t_owned; lane != nullptr; lane = lane->nextOwned) {
+    if (lane->stat == stat) return lane;
+  }
+  if (t_lanesEnded || t_ownedCount >= kLanesPerThread || !LaneKeyReady()) return nullptr;
+  Lane* found = nullptr;
+  for (Lane* lane = stat->lanes.load(std::memory_order_acquire); lane != nullptr;
+       lane = lane->next) {
+    bool expected = false;
+    if (!lane->taken.load(std::memory_order_relaxed) &&
+        lane->taken.compare_exchange_strong(expected, true, std::memory_order_acquire,
+                                            std::memory_order_relaxed)) {
+      found = lane;
+      break;
+    }
+  }
+  if (found == nullptr) {
+    unsigned int index = g_lanesUsed.load(std::memory_order_relaxed);
+    do {
+      if (index >= kLaneCount) return nullptr;
+    } while (!g_lanesUsed.compare_exchange_weak(index, index + 1, std::memory_order_relaxed));
+    found = &g_lanes[index];
+    found->stat = stat;
+    found->taken.store(true, std::memory_order_relaxed);
+    Lane* head = stat->lanes.load(std::memory_order_relaxed);
+    do {
+      found->next = head;
+    } while (!stat->lanes.compare_exchange_weak(head, found, std::memory_order_release,
+                                                std::memory_order_relaxed));
+  }
+  if (t_owned == nullptr) pthread_setspecific(g_laneKey, &g_laneKey);
+  found->nextOwned = t_owned;
+  t_owned = found;
+  ++t_ownedCount;
+  return found;
+}
+
+// Where the calling thread adds a scope of the pair: its lane's counters or
+// the pair's shared ones (`*lane` tells which). Null for a pair that cannot
+// be entered.
+Counters* FindCached(const char* category, const char* operation, bool* lane) {
+  *lane = false;
+  if (category == nullptr || operation == nullptr) {
+    Stat* stat = Find(category, operation, true);
+    return stat == nullptr ? nullptr : &stat->shared;
+  }
   const uintptr_t key =
       reinterpret_cast<uintptr_t>(category) ^ (reinterpret_cast<uintptr_t>(operation) >> 3);
   CacheSlot& slot = t_cache[(key ^ (key >> 7)) & (kCacheSlots - 1)];
-  if (slot.category == category && slot.operation == operation &&
-      strcmp(slot.categoryCopy, category) == 0 && strcmp(slot.operationCopy, operation) == 0) {
-    return slot.stat;
+  if (slot.category != category || slot.operation != operation ||
+      strcmp(slot.categoryCopy, category) != 0 || strcmp(slot.operationCopy, operation) != 0) {
+    Stat* stat = Find(category, operation, true);
+    if (stat == nullptr) return nullptr;
+    slot = CacheSlot{category,       operation, stat->category.load(std::memory_order_relaxed),
+                     stat->operation, stat,     LaneFor(stat)};
   }
-  Stat* stat = Find(category, operation, true);
-  if (stat != nullptr) {
-    slot = CacheSlot{category, operation, stat->category.load(std::memory_order_relaxed),
-                     stat->operation, stat};
-  }
-  return stat;
+  if (slot.lane == nullptr) return &slot.stat->shared;
+  *lane = true;
+  return &slot.lane->counters;
+}
+
+// Adds one to a counter only the calling thread writes.
+inline void AddOwn(std::atomic<unsigned long long>& counter, unsigned long long value) {
+  counter.store(counter.load(std::memory_order_relaxed) + value, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -195,29 +345,52 @@ ChronoMonitor::Chronometer::Chronometer(const char* category, const char* operat
 
 ChronoMonitor::Chronometer::~Chronometer() {
   const unsigned long long elapsed = internal::MonotonicNanos() - start_;
-  Stat* stat = FindCached(category_, operation_);
-  if (stat == nullptr) return;
-  stat->buckets[internal::TimingBucket(elapsed)].fetch_add(1, std::memory_order_relaxed);
-  stat->total.fetch_add(elapsed, std::memory_order_relaxed);
-  unsigned long long seen = stat->max.load(std::memory_order_relaxed);
-  while (elapsed > seen &&
-         !stat->max.compare_exchange_weak(seen, elapsed, std::memory_order_relaxed)) {
+  bool own = false;
+  Counters* c = FindCached(category_, operation_, &own);
+  if (c == nullptr) return;
+  std::atomic<unsigned long long>& bucket = c->buckets[internal::TimingBucket(elapsed)];
+  if (own) {
+    AddOwn(bucket, 1);
+    AddOwn(c->total, elapsed);
+    if (elapsed > c->max.load(std::memory_order_relaxed)) {
+      c->max.store(elapsed, std::memory_order_relaxed);
+    }
+    return;
+  }
+  bucket.fetch_add(1, std::memory_order_relaxed);
+  c->total.fetch_add(elapsed, std::memory_order_relaxed);
+  unsigned long long seen = c->max.load(std::memory_order_relaxed);
+  while (elapsed > seen && !c->max.compare_exchange_weak(seen, elapsed, std::memory_order_relaxed)) {
   }
 }
 
 unsigned long long ChronoMonitor::Count(const char* category, const char* operation) {
-  Stat* stat = Find(category, operation, false);
-  return stat == nullptr ? 0 : CountOf(*stat);
+  const Stat* stat = Find(category, operation, false);
+  unsigned long long count = 0;
+  if (stat != nullptr) ForEachCounters(*stat, [&](const Counters& c) { count += CountOf(c); });
+  return count;
 }
 
 unsigned long long ChronoMonitor::TotalNanos(const char* category, const char* operation) {
-  Stat* stat = Find(category, operation, false);
-  return stat == nullptr ? 0 : stat->total.load(std::memory_order_relaxed);
+  const Stat* stat = Find(category, operation, false);
+  unsigned long long total = 0;
+  if (stat != nullptr) {
+    ForEachCounters(*stat,
+                    [&](const Counters& c) { total += c.total.load(std::memory_order_relaxed); });
+  }
+  return total;
 }
 
 unsigned long long ChronoMonitor::MaxNanos(const char* category, const char* operation) {
-  Stat* stat = Find(category, operation, false);
-  return stat == nullptr ? 0 : stat->max.load(std::memory_order_relaxed);
+  const Stat* stat = Find(category, operation, false);
+  unsigned long long max = 0;
+  if (stat != nullptr) {
+    ForEachCounters(*stat, [&](const Counters& c) {
+      const unsigned long long m = c.max.load(std::memory_order_relaxed);
+      if (m > max) max = m;
+    });
+  }
+  return max;
 }
 
 void ChronoMonitor::SetThreadName(const SafeString& name) {
@@ -276,16 +449,19 @@ void VisitChrono(ChronoVisitor visit, void* context) {
   for (Stat& stat : g_stats) {
     const char* c = stat.category.load(std::memory_order_acquire);
     if (c == nullptr) continue;
-    TimingStats stats;
+    TimingStats stats = {};
     stats.category = c;
     stats.operation = stat.operation;
-    stats.count = 0;
-    for (unsigned int b = 0; b < kTimingBuckets; ++b) {
-      stats.buckets[b] = stat.buckets[b].load(std::memory_order_relaxed);
-      stats.count += stats.buckets[b];
-    }
-    stats.totalNanos = stat.total.load(std::memory_order_relaxed);
-    stats.maxNanos = stat.max.load(std::memory_order_relaxed);
+    ForEachCounters(stat, [&stats](const Counters& counters) {
+      for (unsigned int b = 0; b < kTimingBuckets; ++b) {
+        const unsigned long long n = counters.buckets[b].load(std::memory_order_relaxed);
+        stats.buckets[b] += n;
+        stats.count += n;
+      }
+      stats.totalNanos += counters.total.load(std::memory_order_relaxed);
+      const unsigned long long m = counters.max.load(std::memory_order_relaxed);
+      if (m > stats.maxNanos) stats.maxNanos = m;
+    });
     visit(context, stats);
   }
 }

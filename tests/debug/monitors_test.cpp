@@ -215,14 +215,50 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
   for (int i = 0; i < 200; ++i) {
     ASSERT_EQ(ChronoMonitor::Count("test.Many", ("op" + std::to_string(i)).c_str()), 1u) << i;
   }
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([] {
-      for (int i = 0; i < 1000; ++i) ChronoMonitor::Chronometer scope("test.Parallel", "Exec");
-    });
+}
+
+// Threads add to counters of their own for their first pairs, from a pool
+// that 40 threads of 10 pairs each outrun; the rest go to the shared ones.
+// Every scope counts while its thread lives, after it ends, and again when
+// later threads take over the counters it gave up.
+TEST_F(MonitorsTest, ChronometerCountsEveryThreadsScopesWhileItLivesAndAfter) {
+  constexpr int kThreads = 40, kPairs = 10, kScopes = 5;
+  const auto op = [](int pair) { return "op" + std::to_string(pair); };
+  for (int round = 1; round <= 2; ++round) {
+    SCOPED_TRACE(round);
+    zorv::test::Gate gate;
+    std::atomic<int> timed{0};
+    std::vector<std::thread> threads;
+    {
+      zorv::test::GateOpener opener(gate);
+      for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+          for (int i = 0; i < kPairs * kScopes; ++i) {
+            const std::string operation = op((t + i) % kPairs);
+            ChronoMonitor::Chronometer scope("test.Lanes", operation.c_str());
+          }
+          timed.fetch_add(1);
+          gate.wait();
+        });
+      }
+      ASSERT_TRUE(zorv::test::PollUntil([&] { return timed.load() == kThreads; }));
+      for (int pair = 0; pair < kPairs; ++pair) {
+        EXPECT_EQ(ChronoMonitor::Count("test.Lanes", op(pair).c_str()),
+                  static_cast<unsigned long long>(round * kThreads * kScopes))
+            << "while the threads live, " << op(pair);
+      }
+    }
+    for (std::thread& t : threads) t.join();
+    for (int pair = 0; pair < kPairs; ++pair) {
+      const std::string operation = op(pair);
+      EXPECT_EQ(ChronoMonitor::Count("test.Lanes", operation.c_str()),
+                static_cast<unsigned long long>(round * kThreads * kScopes))
+          << "after they ended, " << operation;
+      EXPECT_GT(ChronoMonitor::MaxNanos("test.Lanes", operation.c_str()), 0u);
+      EXPECT_GE(ChronoMonitor::TotalNanos("test.Lanes", operation.c_str()),
+                ChronoMonitor::MaxNanos("test.Lanes", operation.c_str()));
+    }
   }
-  for (std::thread& t : threads) t.join();
-  EXPECT_EQ(ChronoMonitor::Count("test.Parallel", "Exec"), 4000u);
 }
 
 TEST_F(MonitorsTest, ThreadNamesLastAsLongAsTheirThreadsAndAreGivenToTheSystem) {
