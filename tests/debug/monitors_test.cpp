@@ -10,9 +10,11 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <random>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -167,6 +169,43 @@ TEST_F(MonitorsTest, ObjectRecordsCarryBlockAndSize) {
   ObjectMonitor::_DecLeakEx(&unknown, "x", 1, "~X");
   info = ObjectMonitor::_DecLeakInfoEx(&unknown, "x", 1, "~X");
   EXPECT_TRUE(info.block == nullptr && info.size == 0u);
+  // A failed allocation is recorded under a null pointer, once.
+  ObjectMonitor::_IncLeak(nullptr, "../test/here", 30, "Failed", 8);
+  ObjectMonitor::_IncLeak(nullptr, "../test/here", 31, "Failed", 16);
+  EXPECT_EQ(ObjectMonitor::LiveObjects(), objects + 1);
+  info = ObjectMonitor::_DecLeakInfoEx(nullptr, "../test/here", 32, "~Failed");
+  EXPECT_TRUE(info.block == nullptr && info.size == 16u);
+}
+
+// Neighbouring addresses crowd the record tables: every record must stay
+// findable, with its own size, whatever was forgotten around it and however
+// often the tables grew.
+TEST_F(MonitorsTest, ObjectRecordsSurviveTheirNeighboursComingAndGoing) {
+  constexpr unsigned int kObjects = 6000;
+  const unsigned long long base = ObjectMonitor::LiveObjects();
+  std::vector<char> memory(kObjects * 8);
+  std::vector<unsigned int> order(kObjects);
+  for (unsigned int i = 0; i < kObjects; ++i) {
+    order[i] = i;
+    ObjectMonitor::_IncLeak(&memory[i * 8], "../t", 1, "Dense", i);
+  }
+  ASSERT_EQ(ObjectMonitor::LiveObjects(), base + kObjects);
+  std::shuffle(order.begin(), order.end(), std::mt19937(7));
+  for (unsigned int k = 0; k < kObjects; k += 2) {
+    ObjectMonitor::_DecLeakEx(&memory[order[k] * 8], "../t", 2, "~Dense");
+  }
+  EXPECT_EQ(ObjectMonitor::LiveObjects(), base + kObjects / 2);
+  unsigned int lost = 0;
+  for (unsigned int k = 1; k < kObjects; k += 2) {
+    const ObjectMonitor::LeakInfo info =
+        ObjectMonitor::_DecLeakInfoEx(&memory[order[k] * 8], "../t", 3, "~Dense");
+    if (info.block != reinterpret_cast<unsigned char*>(&memory[order[k] * 8]) ||
+        info.size != order[k]) {
+      ++lost;
+    }
+  }
+  EXPECT_EQ(lost, 0u);
+  EXPECT_EQ(ObjectMonitor::LiveObjects(), base);
 }
 
 TEST_F(MonitorsTest, TraceSwitchFollowsEnvironmentAndNeverChanges) {
@@ -333,6 +372,7 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   ObjectMonitor::_IncLeak(&marker[2], "../lang/report", 77, oddName, 4);  // own group
   // Last by name, first by line.
   ObjectMonitor::_IncLeak(&marker[3], "../lang/report", 5, "Zed", 4);
+  ObjectMonitor::_IncLeak(nullptr, "../lang/report", 9, "Yak", 12);  // a failed allocation
   for (int i = 0; i < 100; ++i) {  // 98 short scopes and 2 of at least 2 ms
     ChronoMonitor::Chronometer scope("test.Report", "Print");
     if (i % 50 == 49) std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -343,11 +383,13 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const std::string text = report(ReportFormat::kText);
   const std::string json = report(ReportFormat::kJson);
   for (int& m : marker) ObjectMonitor::_DecLeakEx(&m, "../lang/report", 78, "~ReportedThing");
+  ObjectMonitor::_DecLeakEx(nullptr, "../lang/report", 10, "~Yak");
   EXPECT_EQ(text, printed);
   EXPECT_EQ((text + json).find('\0'), std::string::npos) << "bytes past a formatted piece";
   const char* const inOrder[] = {"==== zorv debug report ====\nlive objects: ",
                                  "\n  Odd \"name\"",
                                  "\n  ReportedThing at ../lang/report:77: 2 object(s), 8 bytes\n",
+                                 "\n  Yak at ../lang/report:9: 1 object(s), 12 bytes\n",
                                  "\n  Zed at ../lang/report:5: 1 object(s), 4 bytes\n",
                                  "\nlive blocks: ",
                                  "\nlive handles: ",
