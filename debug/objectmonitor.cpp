@@ -14,40 +14,37 @@ namespace foundation {
 namespace debug {
 namespace {
 
-// A live object's record, kept in its shard's table itself: forgetting an
-// object then reads one line of the table, where a list of separately
-// allocated records costs a line of the bucket array and another of the
-// record, both usually just written by the thread that recorded the object.
 struct Record {
-  void* object;  // null: a free slot
+  void* object;
   const char* source;
   const char* name;
   int line;
   unsigned int size;
+  Record* next;
 };
 
-// An open-addressing table (linear probing, at most half full while it can
-// grow). A removal moves later records of the same run back, so that a
-// lookup can stop at the first free slot.
 struct Shard {
   internal::ForkSafeMutex mutex;
-  Record* slots;
-  unsigned int capacity;  // a power of two, or 0 before the first record
+  Record** buckets;
+  unsigned int bucketCount;
   // Written under the mutex; read without it to skip empty shards and to
   // count the live objects (no counter shared by all shards, whose cache
   // line every thread that records an object would have to take).
   std::atomic<unsigned int> count;
-  // The record of a null object (a private object whose allocation failed
-  // is still recorded, under a null pointer), which no slot can hold.
-  Record nullRecord;
-  bool hasNull;
+  // Records of forgotten objects kept for the next ones (at most kSpares):
+  // a task is usually recorded by one thread and forgotten by another, and
+  // a record freed on the one thread and allocated on the other costs the
+  // allocator more than a record handed back through the shard.
+  Record* spares;
+  unsigned int spareCount;
 };
+
+constexpr unsigned int kSpares = 64;
 
 // 32 shards: the fork handlers hold every shard mutex at once, and tools that
 // follow lock ownership (ThreadSanitizer tracks 64 per thread) must keep up.
 constexpr unsigned int kShardBits = 5;
 constexpr unsigned int kShardCount = 1u << kShardBits;
-constexpr unsigned int kFirstCapacity = 64;
 
 Shard g_shards[kShardCount];
 std::atomic<int> g_trace{-1};
@@ -75,64 +72,59 @@ inline uint32_t Hash(const void* object) {
 
 Shard& ShardOf(uint32_t hash) { return g_shards[hash & (kShardCount - 1)]; }
 
-// The slot where the probe for `object` starts.
-inline unsigned int HomeOf(const Shard& shard, const void* object) {
-  return (Hash(object) >> kShardBits) & (shard.capacity - 1);
+inline unsigned int BucketOf(const Shard& shard, uint32_t hash) {
+  return (hash >> kShardBits) & (shard.bucketCount - 1);
 }
 
-// The slot of `object`, or of the free slot that ends its probe.
-unsigned int Probe(const Shard& shard, const void* object) {
-  unsigned int i = HomeOf(shard, object);
-  while (shard.slots[i].object != nullptr && shard.slots[i].object != object) {
-    i = (i + 1) & (shard.capacity - 1);
-  }
-  return i;
-}
-
-// Doubles the table (or makes the first one); false, keeping the table as
-// it was, when memory is short.
-bool Grow(Shard& shard) {
-  const unsigned int newCapacity = shard.capacity == 0 ? kFirstCapacity : shard.capacity * 2;
-  if (newCapacity == 0) return false;
-  Record* fresh = static_cast<Record*>(calloc(newCapacity, sizeof(Record)));
-  if (fresh == nullptr) return false;
-  Record* old = shard.slots;
-  const unsigned int oldCapacity = shard.capacity;
-  shard.slots = fresh;
-  shard.capacity = newCapacity;
-  for (unsigned int i = 0; i < oldCapacity; ++i) {
-    if (old[i].object != nullptr) shard.slots[Probe(shard, old[i].object)] = old[i];
-  }
-  free(old);
-  return true;
-}
-
-// Removes the record of `object`, copying it to `*taken` when given; false
-// when the object has no record. Under the shard's mutex.
-bool Take(Shard& shard, void* object, Record* taken) {
-  if (object == nullptr) {
-    if (!shard.hasNull) return false;
-    if (taken != nullptr) *taken = shard.nullRecord;
-    shard.hasNull = false;
-    shard.count.store(shard.count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-    return true;
-  }
-  if (shard.capacity == 0) return false;
-  const unsigned int mask = shard.capacity - 1;
-  unsigned int hole = Probe(shard, object);
-  if (shard.slots[hole].object == nullptr) return false;
-  if (taken != nullptr) *taken = shard.slots[hole];
-  // Moves back each later record of the run whose probe passes the hole.
-  for (unsigned int j = (hole + 1) & mask; shard.slots[j].object != nullptr; j = (j + 1) & mask) {
-    const unsigned int home = HomeOf(shard, shard.slots[j].object);
-    if (((j - home) & mask) >= ((j - hole) & mask)) {
-      shard.slots[hole] = shard.slots[j];
-      hole = j;
+// Doubles the bucket array; keeps the old one when memory is short.
+void Grow(Shard& shard) {
+  const unsigned int newCount = shard.bucketCount == 0 ? 64 : shard.bucketCount * 2;
+  Record** fresh = static_cast<Record**>(calloc(newCount, sizeof(Record*)));
+  if (fresh == nullptr) return;
+  const unsigned int oldCount = shard.bucketCount;
+  Record** old = shard.buckets;
+  shard.buckets = fresh;
+  shard.bucketCount = newCount;
+  for (unsigned int i = 0; i < oldCount; ++i) {
+    Record* r = old[i];
+    while (r != nullptr) {
+      Record* next = r->next;
+      const unsigned int b = BucketOf(shard, Hash(r->object));
+      r->next = fresh[b];
+      fresh[b] = r;
+      r = next;
     }
   }
-  shard.slots[hole].object = nullptr;
-  shard.count.store(shard.count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-  return true;
+  free(old);
+}
+
+// Unlinks and returns the record of object, or null.
+Record* Take(void* object) {
+  const uint32_t hash = Hash(object);
+  Shard& shard = ShardOf(hash);
+  if (shard.bucketCount == 0) return nullptr;
+  Record** link = &shard.buckets[BucketOf(shard, hash)];
+  while (*link != nullptr) {
+    Record* r = *link;
+    if (r->object == object) {
+      *link = r->next;
+      shard.count.store(shard.count.load(std::memory_order_relaxed) - 1,
+                        std::memory_order_relaxed);
+      return r;
+    }
+    link = &r->next;
+  }
+  return nullptr;
+}
+
+// Keeps `record` for reuse when there is room, else returns it for the
+// caller to free after leaving the shard's mutex. Under that mutex.
+Record* Spare(Shard& shard, Record* record) {
+  if (record == nullptr || shard.spareCount >= kSpares) return record;
+  record->next = shard.spares;
+  shard.spares = record;
+  ++shard.spareCount;
+  return nullptr;
 }
 
 struct Loader {
@@ -168,28 +160,34 @@ void ObjectMonitor::_Dealloc(unsigned char* block, unsigned int) { free(block); 
 void ObjectMonitor::_IncLeak(void* object, const char* source, int line,
                              const char* name, unsigned int size) {
   SetUp();
-  Shard& shard = ShardOf(Hash(object));
-  internal::ScopedLock lock(shard.mutex);
-  const unsigned int count = shard.count.load(std::memory_order_relaxed);
-  if (object == nullptr) {
-    if (!shard.hasNull) shard.count.store(count + 1, std::memory_order_relaxed);
-    shard.hasNull = true;
-    shard.nullRecord = Record{object, source, name, line, size};
-    return;
+  const uint32_t hash = Hash(object);
+  Shard& shard = ShardOf(hash);
+  Record* replaced;
+  {
+    internal::ScopedLock lock(shard.mutex);
+    Record* record = shard.spares;
+    if (record != nullptr) {
+      shard.spares = record->next;
+      --shard.spareCount;
+    } else {
+      record = static_cast<Record*>(malloc(sizeof(Record)));
+      if (record == nullptr) return;
+    }
+    *record = Record{object, source, name, line, size, nullptr};
+    replaced = Spare(shard, Take(object));
+    if (shard.count.load(std::memory_order_relaxed) >= shard.bucketCount) Grow(shard);
+    if (shard.bucketCount == 0) {
+      free(record);
+      record = nullptr;
+    } else {
+      Record*& head = shard.buckets[BucketOf(shard, hash)];
+      record->next = head;
+      head = record;
+      shard.count.store(shard.count.load(std::memory_order_relaxed) + 1,
+                        std::memory_order_relaxed);
+    }
   }
-  // Half full at most while the table can grow; when it cannot, the last
-  // free slot stays free, so that every probe ends.
-  if (2 * (count + 1) > shard.capacity && !Grow(shard) && count + 1 >= shard.capacity) {
-    if (shard.capacity == 0) return;
-    const unsigned int i = Probe(shard, object);
-    if (shard.slots[i].object == object) shard.slots[i] = Record{object, source, name, line, size};
-    return;
-  }
-  Record& slot = shard.slots[Probe(shard, object)];
-  if (slot.object == nullptr) {
-    shard.count.store(count + 1, std::memory_order_relaxed);
-  }
-  slot = Record{object, source, name, line, size};
+  free(replaced);
 }
 
 void ObjectMonitor::_DecLeakEx(void* object, const char*, int, const char*) {
@@ -199,8 +197,12 @@ void ObjectMonitor::_DecLeakEx(void* object, const char*, int, const char*) {
   // one that synchronised with it: an empty shard cannot hold it. Objects
   // that were never recorded (tasks created with plain new) mostly end here.
   if (shard.count.load(std::memory_order_relaxed) == 0) return;
-  internal::ScopedLock lock(shard.mutex);
-  (void)Take(shard, object, nullptr);
+  Record* unused;
+  {
+    internal::ScopedLock lock(shard.mutex);
+    unused = Spare(shard, Take(object));
+  }
+  free(unused);
 }
 
 ObjectMonitor::LeakInfo ObjectMonitor::_DecLeakInfoEx(void* object, const char*, int,
@@ -208,10 +210,19 @@ ObjectMonitor::LeakInfo ObjectMonitor::_DecLeakInfoEx(void* object, const char*,
   SetUp();
   Shard& shard = ShardOf(Hash(object));
   if (shard.count.load(std::memory_order_relaxed) == 0) return LeakInfo{nullptr, 0};
-  internal::ScopedLock lock(shard.mutex);
-  Record record;
-  if (!Take(shard, object, &record)) return LeakInfo{nullptr, 0};
-  return LeakInfo{static_cast<unsigned char*>(record.object), record.size};
+  LeakInfo info{nullptr, 0};
+  Record* unused;
+  {
+    internal::ScopedLock lock(shard.mutex);
+    Record* record = Take(object);
+    if (record != nullptr) {
+      info.block = static_cast<unsigned char*>(record->object);
+      info.size = record->size;
+    }
+    unused = Spare(shard, record);
+  }
+  free(unused);
+  return info;
 }
 
 namespace internal {
@@ -220,13 +231,10 @@ void VisitObjects(ObjectVisitor visit, void* context) {
   SetUp();
   for (Shard& shard : g_shards) {
     ScopedLock lock(shard.mutex);
-    if (shard.hasNull) {
-      const Record& r = shard.nullRecord;
-      visit(context, r.name, r.source, r.line, r.size);
-    }
-    for (unsigned int i = 0; i < shard.capacity; ++i) {
-      const Record& r = shard.slots[i];
-      if (r.object != nullptr) visit(context, r.name, r.source, r.line, r.size);
+    for (unsigned int b = 0; b < shard.bucketCount; ++b) {
+      for (Record* r = shard.buckets[b]; r != nullptr; r = r->next) {
+        visit(context, r->name, r->source, r->line, r->size);
+      }
     }
   }
 }

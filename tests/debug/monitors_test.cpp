@@ -179,15 +179,19 @@ TEST_F(MonitorsTest, ObjectRecordsCarryBlockAndSize) {
 
 // Neighbouring addresses crowd the record tables: every record must stay
 // findable, with its own size, whatever was forgotten around it and however
-// often the tables grew.
+// often the tables grew; and forgetting objects never recorded (plain `new`
+// tasks) must end whatever the tables' fill.
 TEST_F(MonitorsTest, ObjectRecordsSurviveTheirNeighboursComingAndGoing) {
   constexpr unsigned int kObjects = 6000;
   const unsigned long long base = ObjectMonitor::LiveObjects();
-  std::vector<char> memory(kObjects * 8);
+  std::vector<char> memory(kObjects * 8), strangers(512);
   std::vector<unsigned int> order(kObjects);
   for (unsigned int i = 0; i < kObjects; ++i) {
     order[i] = i;
     ObjectMonitor::_IncLeak(&memory[i * 8], "../t", 1, "Dense", i);
+    for (unsigned int k = 0; k < 8; ++k) {
+      ObjectMonitor::_DecLeakEx(&strangers[(i * 8 + k) % strangers.size()], "../t", 4, "~X");
+    }
   }
   ASSERT_EQ(ObjectMonitor::LiveObjects(), base + kObjects);
   std::shuffle(order.begin(), order.end(), std::mt19937(7));
