@@ -249,14 +249,17 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
   }
   EXPECT_EQ(ChronoMonitor::Count("test.Null", ""), 2u);
   EXPECT_EQ(ChronoMonitor::Count("", "test.Null"), 2u);
-  // Many pairs of one category, some of whose places in the table meet,
-  // are each their own.
+  // Many pairs of one category, and of one operation, some of whose places
+  // in the table meet, are each their own.
   for (int i = 0; i < 200; ++i) {
-    const std::string operation = "op" + std::to_string(i);
-    ChronoMonitor::Chronometer scope("test.Many", operation.c_str());
+    const std::string text = "op" + std::to_string(i);
+    ChronoMonitor::Chronometer scope("test.Many", text.c_str());
+    ChronoMonitor::Chronometer other(text.c_str(), "test.Many");
   }
   for (int i = 0; i < 200; ++i) {
-    ASSERT_EQ(ChronoMonitor::Count("test.Many", ("op" + std::to_string(i)).c_str()), 1u) << i;
+    const std::string text = "op" + std::to_string(i);
+    ASSERT_EQ(ChronoMonitor::Count("test.Many", text.c_str()), 1u) << i;
+    ASSERT_EQ(ChronoMonitor::Count(text.c_str(), "test.Many"), 1u) << i;
   }
 }
 
@@ -309,6 +312,7 @@ TEST_F(MonitorsTest, ThreadNamesLastAsLongAsTheirThreadsAndAreGivenToTheSystem) 
   SafeString whileRunning;
   char osName[32] = {};
   std::thread named([&] {
+    ChronoMonitor::SetThreadName(SafeString("first"));
     ChronoMonitor::SetThreadName(SafeString("zorv.foundation.threading.ThreadPool"));
     id = static_cast<unsigned long long>(pthread_self());
     whileRunning = ChronoMonitor::GetThreadName(id);
