@@ -8,6 +8,9 @@
 // is how many times each figure is measured.
 #include <sys/resource.h>
 
+#include <pthread.h>
+#include <semaphore.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -200,6 +203,98 @@ Harness TimedPlainHarness() {
       [](void* p) { delete static_cast<PlainPool*>(p); }};
 }
 
+// ---- The simpler hand-over: a stack of idle workers, one semaphore each ----
+
+// One adaptive mutex (glibc spins briefly before it sleeps) guards a deque
+// and a stack of idle workers; a producer that finds an idle worker hands
+// it the task and posts its binary semaphore, else it queues the task. The
+// zorv queue's hand-over built from stock primitives.
+class SemPool {
+ public:
+  explicit SemPool(unsigned int workers) {
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
+    pthread_mutex_init(&mutex_, &attr);
+    pthread_mutexattr_destroy(&attr);
+    for (unsigned int i = 0; i < workers; ++i) threads_.emplace_back([this] { loop(); });
+  }
+  ~SemPool() {
+    pthread_mutex_lock(&mutex_);
+    stopping_ = true;
+    while (idle_ != nullptr) {
+      Idle* w = idle_;
+      idle_ = w->next;
+      w->task = nullptr;
+      sem_post(&w->ready);
+    }
+    pthread_mutex_unlock(&mutex_);
+    for (std::thread& t : threads_) t.join();
+    pthread_mutex_destroy(&mutex_);
+  }
+  void add(PlainPool::Task* task) {
+    pthread_mutex_lock(&mutex_);
+    if (Idle* w = idle_) {
+      idle_ = w->next;
+      w->task = task;
+      pthread_mutex_unlock(&mutex_);
+      sem_post(&w->ready);
+      return;
+    }
+    queue_.push_back(task);
+    pthread_mutex_unlock(&mutex_);
+  }
+
+ private:
+  struct Idle {
+    sem_t ready;
+    PlainPool::Task* task = nullptr;
+    Idle* next = nullptr;
+  };
+
+  void loop() {
+    Idle self;
+    sem_init(&self.ready, 0, 0);
+    for (;;) {
+      PlainPool::Task* task = nullptr;
+      pthread_mutex_lock(&mutex_);
+      if (!queue_.empty()) {
+        task = queue_.front();
+        queue_.pop_front();
+        pthread_mutex_unlock(&mutex_);
+      } else if (stopping_) {
+        pthread_mutex_unlock(&mutex_);
+        break;
+      } else {
+        self.next = idle_;
+        idle_ = &self;
+        pthread_mutex_unlock(&mutex_);
+        while (sem_wait(&self.ready) != 0) {
+        }
+        task = self.task;
+        if (task == nullptr) break;
+      }
+      task->run();
+      delete task;
+    }
+    sem_destroy(&self.ready);
+  }
+
+  pthread_mutex_t mutex_;
+  std::deque<PlainPool::Task*> queue_;
+  Idle* idle_ = nullptr;
+  bool stopping_ = false;
+  std::vector<std::thread> threads_;
+};
+
+Harness SemHarness() {
+  return Harness{
+      "idle stack+sem_t+adaptive mutex",
+      [](unsigned int workers) -> void* { return new SemPool(workers); },
+      [](void* p, size_t i, long long t) { static_cast<SemPool*>(p)->add(new PlainTask(t, i)); },
+      [](void* p) { delete static_cast<SemPool*>(p); }};
+}
+
 #ifdef ZORV_BENCH_POCO
 // A Poco::NotificationQueue served by N Poco::Threads, each looping on
 // waitDequeueNotification(): Poco's idiomatic work queue.
@@ -276,10 +371,11 @@ Harness GlibHarness() {
 }
 #endif
 
-// The contenders; `peer` marks those the zorv pools are judged against.
+// The contenders; `peer` marks those the others are judged against, and
+// `judged` those whose ratios to the best peer are printed.
 struct Contender {
   Harness harness;
-  bool zorv;
+  bool judged;
   bool peer;
 };
 
@@ -292,6 +388,7 @@ std::vector<Contender> Contenders() {
                  true, false});
   all.push_back({PlainHarness(), false, true});
   all.push_back({TimedPlainHarness(), false, false});
+  all.push_back({SemHarness(), true, false});
 #ifdef ZORV_BENCH_POCO
   all.push_back({PocoHarness(), false, true});
 #endif
@@ -420,7 +517,7 @@ void PrintSpread(const char* name, unsigned int workers, const std::vector<doubl
 void PrintRatios(const std::vector<Contender>& all, const std::vector<std::vector<double>>& v,
                  unsigned int workers, bool higherIsBetter) {
   for (size_t z = 0; z < all.size(); ++z) {
-    if (!all[z].zorv || v[z].empty()) continue;
+    if (!all[z].judged || v[z].empty()) continue;
     std::vector<double> ratios;
     for (size_t rep = 0; rep < v[z].size(); ++rep) {
       double best = 0;
