@@ -186,21 +186,13 @@ struct PlainTask : PlainPool::Task {
   size_t index;
 };
 
-Harness PlainHarness() {
+// A pool of `Pool(workers, extra...)` fed with PlainTasks through add().
+template <class Pool, class... Extra>
+Harness PlainTaskHarness(const char* name, Extra... extra) {
   return Harness{
-      "std mutex+condvar+deque",
-      [](unsigned int workers) -> void* { return new PlainPool(workers); },
-      [](void* p, size_t i, long long t) { static_cast<PlainPool*>(p)->add(new PlainTask(t, i)); },
-      [](void* p) { delete static_cast<PlainPool*>(p); }};
-}
-
-// The plain pool paying the same per-task timing scope as the zorv pools.
-Harness TimedPlainHarness() {
-  return Harness{
-      "std pool + timing scope per task",
-      [](unsigned int workers) -> void* { return new PlainPool(workers, true); },
-      [](void* p, size_t i, long long t) { static_cast<PlainPool*>(p)->add(new PlainTask(t, i)); },
-      [](void* p) { delete static_cast<PlainPool*>(p); }};
+      name, [=](unsigned int workers) -> void* { return new Pool(workers, extra...); },
+      [](void* p, size_t i, long long t) { static_cast<Pool*>(p)->add(new PlainTask(t, i)); },
+      [](void* p) { delete static_cast<Pool*>(p); }};
 }
 
 // ---- The simpler hand-over: a stack of idle workers, one semaphore each ----
@@ -286,14 +278,6 @@ class SemPool {
   bool stopping_ = false;
   std::vector<std::thread> threads_;
 };
-
-Harness SemHarness() {
-  return Harness{
-      "idle stack+sem_t+adaptive mutex",
-      [](unsigned int workers) -> void* { return new SemPool(workers); },
-      [](void* p, size_t i, long long t) { static_cast<SemPool*>(p)->add(new PlainTask(t, i)); },
-      [](void* p) { delete static_cast<SemPool*>(p); }};
-}
 
 #ifdef ZORV_BENCH_POCO
 // A Poco::NotificationQueue served by N Poco::Threads, each looping on
@@ -386,9 +370,11 @@ std::vector<Contender> Contenders() {
       {ZorvHarness<zf::threading::AffinityThreadPool>("zorv AffinityThreadPool"), true, false});
   all.push_back({ZorvAccountedHarness<zf::threading::ThreadPool>("zorv ThreadPool, MakeDisposable"),
                  true, false});
-  all.push_back({PlainHarness(), false, true});
-  all.push_back({TimedPlainHarness(), false, false});
-  all.push_back({SemHarness(), true, false});
+  all.push_back({PlainTaskHarness<PlainPool>("std mutex+condvar+deque"), false, true});
+  // The plain pool paying the same per-task timing scope as the zorv pools.
+  all.push_back({PlainTaskHarness<PlainPool>("std pool + timing scope per task", true), false,
+                 false});
+  all.push_back({PlainTaskHarness<SemPool>("idle stack+sem_t+adaptive mutex"), true, false});
 #ifdef ZORV_BENCH_POCO
   all.push_back({PocoHarness(), false, true});
 #endif

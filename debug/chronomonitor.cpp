@@ -68,20 +68,28 @@ constexpr unsigned int kLanesPerThread = 8;
 Lane g_lanes[kLaneCount];
 std::atomic<unsigned int> g_lanesUsed{0};
 
-unsigned long long CountOf(const Counters& c) {
-  unsigned long long count = 0;
-  for (const auto& bucket : c.buckets) count += bucket.load(std::memory_order_relaxed);
-  return count;
+void AddUp(const Counters& c, internal::TimingStats& stats) {
+  for (unsigned int b = 0; b < internal::kTimingBuckets; ++b) {
+    const unsigned long long n = c.buckets[b].load(std::memory_order_relaxed);
+    stats.buckets[b] += n;
+    stats.count += n;
+  }
+  stats.totalNanos += c.total.load(std::memory_order_relaxed);
+  const unsigned long long m = c.max.load(std::memory_order_relaxed);
+  if (m > stats.maxNanos) stats.maxNanos = m;
 }
 
-// Calls visit(counters) for the pair's shared counters and for each lane.
-template <typename Visit>
-void ForEachCounters(const Stat& stat, Visit visit) {
-  visit(stat.shared);
+// The figures of a pair: its shared counters and its lanes added up.
+internal::TimingStats Snapshot(const Stat& stat) {
+  internal::TimingStats stats = {};
+  stats.category = stat.category.load(std::memory_order_acquire);
+  stats.operation = stat.operation;
+  AddUp(stat.shared, stats);
   for (const Lane* lane = stat.lanes.load(std::memory_order_acquire); lane != nullptr;
        lane = lane->next) {
-    visit(lane->counters);
+    AddUp(lane->counters, stats);
   }
+  return stats;
 }
 
 constexpr unsigned int kStatCount = 1024;
@@ -366,31 +374,17 @@ ChronoMonitor::Chronometer::~Chronometer() {
 
 unsigned long long ChronoMonitor::Count(const char* category, const char* operation) {
   const Stat* stat = Find(category, operation, false);
-  unsigned long long count = 0;
-  if (stat != nullptr) ForEachCounters(*stat, [&](const Counters& c) { count += CountOf(c); });
-  return count;
+  return stat == nullptr ? 0 : Snapshot(*stat).count;
 }
 
 unsigned long long ChronoMonitor::TotalNanos(const char* category, const char* operation) {
   const Stat* stat = Find(category, operation, false);
-  unsigned long long total = 0;
-  if (stat != nullptr) {
-    ForEachCounters(*stat,
-                    [&](const Counters& c) { total += c.total.load(std::memory_order_relaxed); });
-  }
-  return total;
+  return stat == nullptr ? 0 : Snapshot(*stat).totalNanos;
 }
 
 unsigned long long ChronoMonitor::MaxNanos(const char* category, const char* operation) {
   const Stat* stat = Find(category, operation, false);
-  unsigned long long max = 0;
-  if (stat != nullptr) {
-    ForEachCounters(*stat, [&](const Counters& c) {
-      const unsigned long long m = c.max.load(std::memory_order_relaxed);
-      if (m > max) max = m;
-    });
-  }
-  return max;
+  return stat == nullptr ? 0 : Snapshot(*stat).maxNanos;
 }
 
 void ChronoMonitor::SetThreadName(const SafeString& name) {
@@ -446,23 +440,9 @@ SafeString ChronoMonitor::GetThreadName(unsigned long long threadId) {
 namespace internal {
 
 void VisitChrono(ChronoVisitor visit, void* context) {
-  for (Stat& stat : g_stats) {
-    const char* c = stat.category.load(std::memory_order_acquire);
-    if (c == nullptr) continue;
-    TimingStats stats = {};
-    stats.category = c;
-    stats.operation = stat.operation;
-    ForEachCounters(stat, [&stats](const Counters& counters) {
-      for (unsigned int b = 0; b < kTimingBuckets; ++b) {
-        const unsigned long long n = counters.buckets[b].load(std::memory_order_relaxed);
-        stats.buckets[b] += n;
-        stats.count += n;
-      }
-      stats.totalNanos += counters.total.load(std::memory_order_relaxed);
-      const unsigned long long m = counters.max.load(std::memory_order_relaxed);
-      if (m > stats.maxNanos) stats.maxNanos = m;
-    });
-    visit(context, stats);
+  for (const Stat& stat : g_stats) {
+    if (stat.category.load(std::memory_order_acquire) == nullptr) continue;
+    visit(context, Snapshot(stat));
   }
 }
 
