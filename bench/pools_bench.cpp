@@ -6,11 +6,10 @@
 // defaults to 1000000; a filter runs only the task figures of the pools whose
 // names contain one of its '|'-separated words ("" for all); reps (default 5)
 // is how many times each figure is measured.
-#include <sys/resource.h>
-
 #include <pthread.h>
 #include <sched.h>
 #include <semaphore.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -64,17 +63,15 @@ std::atomic<long long> g_done{0};
 // Submit-to-start latency samples, when a run measures them.
 std::vector<long long>* g_latency = nullptr;
 // In idle latency runs: the processor the producer submitted from (-1 in
-// other runs), and how many tasks started on another one.
+// other runs), and which tasks started on another one.
 std::atomic<int> g_producerCpu{-1};
-std::atomic<int> g_startedElsewhere{0};
+std::vector<char>* g_elsewhere = nullptr;
 
 inline void TinyWork(long long submitted, size_t index) {
   if (g_latency != nullptr) {
     (*g_latency)[index] = NowNs() - submitted;
     const int producer = g_producerCpu.load(std::memory_order_relaxed);
-    if (producer >= 0 && sched_getcpu() != producer) {
-      g_startedElsewhere.fetch_add(1, std::memory_order_relaxed);
-    }
+    if (producer >= 0 && g_elsewhere != nullptr) (*g_elsewhere)[index] = sched_getcpu() != producer;
   }
   g_done.fetch_add(1, std::memory_order_relaxed);
 }
@@ -398,8 +395,8 @@ std::vector<Contender> Contenders() {
                  true, false});
   all.push_back({PlainTaskHarness<PlainPool>("std mutex+condvar+deque"), false, true});
   // The plain pool paying the same per-task timing scope as the zorv pools.
-  all.push_back({PlainTaskHarness<PlainPool>("std pool + timing scope per task", true), false,
-                 false});
+  all.push_back(
+      {PlainTaskHarness<PlainPool>("std pool + timing scope per task", true), false, false});
   all.push_back({PlainTaskHarness<SemPool>("idle stack+sem_t+adaptive mutex"), true, false});
   all.push_back({PlainTaskHarness<PlainRoundPool>("std queue per worker, in turn"), true, false});
 #ifdef ZORV_BENCH_POCO
@@ -455,17 +452,26 @@ double Throughput(const Harness& h, unsigned int workers, size_t tasks, Mode mod
   return static_cast<double>(tasks) / (static_cast<double>(elapsed) / 1e9);
 }
 
+// Where the tasks of an idle latency run started: the share (in %) that
+// started on another processor than the producer's, and the median
+// latency (ns) of those and of the others.
+struct Placement {
+  double elsewhere = 0;
+  double elsewhereP50 = 0;
+  double hereP50 = 0;
+};
+
 // Submit-to-start latency, one task at a time. Busy: the next task is
 // submitted as soon as the previous one started, the producer spinning.
 // Idle: the producer sleep-polls until the task ran, then leaves the pool
 // idle for 200 us, so that every sample is the hand-over to a worker that
-// had nothing to do; the share of tasks that started on another processor
-// than the producer's goes to `elsewhere` (in %).
+// had nothing to do; where the tasks started goes to `placement`.
 Percentiles Latency(const Harness& h, unsigned int workers, size_t samples, bool idle,
-                    double* elsewhere = nullptr) {
+                    Placement* placement = nullptr) {
   std::vector<long long> latency(samples, 0);
+  std::vector<char> elsewhere(samples, 0);
   g_done = 0;
-  g_startedElsewhere = 0;
+  g_elsewhere = &elsewhere;
   g_latency = &latency;
   void* pool = h.create(workers);
   for (size_t i = 0; i < samples; ++i) {
@@ -481,9 +487,14 @@ Percentiles Latency(const Harness& h, unsigned int workers, size_t samples, bool
   }
   h.drain(pool);
   g_latency = nullptr;
+  g_elsewhere = nullptr;
   g_producerCpu = -1;
-  if (elsewhere != nullptr) {
-    *elsewhere = 100.0 * g_startedElsewhere.load() / static_cast<double>(samples);
+  if (placement != nullptr) {
+    std::vector<long long> there, here;
+    for (size_t i = 0; i < samples; ++i) (elsewhere[i] ? there : here).push_back(latency[i]);
+    placement->elsewhere = 100.0 * static_cast<double>(there.size()) / static_cast<double>(samples);
+    placement->elsewhereP50 = Compute(there, 1.0).p50;
+    placement->hereP50 = Compute(here, 1.0).p50;
   }
   return Compute(latency, 1000.0);
 }
@@ -569,6 +580,8 @@ void TaskBenchmarks(size_t tasks, const char* only) {
     std::vector<std::vector<double>> idleP99(all.size());
     std::vector<std::vector<double>> idleP50(all.size());
     std::vector<std::vector<double>> idleElsewhere(all.size());
+    std::vector<std::vector<double>> idleElsewhereP50(all.size());
+    std::vector<std::vector<double>> idleHereP50(all.size());
     std::vector<std::vector<double>> busyP50(all.size());
     std::vector<std::vector<double>> busyP99(all.size());
     tput[0].resize(all.size());
@@ -591,10 +604,12 @@ void TaskBenchmarks(size_t tasks, const char* only) {
         const size_t h = (k + static_cast<size_t>(rep)) % all.size();
         if (!Matches(all[h].harness.name, only)) continue;
         std::this_thread::sleep_for(std::chrono::milliseconds(kQuietMs));
-        double elsewhere = 0;
-        const Percentiles idle = Latency(all[h].harness, workers, kIdleSamples, true, &elsewhere);
+        Placement placement;
+        const Percentiles idle = Latency(all[h].harness, workers, kIdleSamples, true, &placement);
         idleP50[h].push_back(idle.p50 * 1000);
-        idleElsewhere[h].push_back(elsewhere);
+        idleElsewhere[h].push_back(placement.elsewhere);
+        idleElsewhereP50[h].push_back(placement.elsewhereP50);
+        idleHereP50[h].push_back(placement.hereP50);
         idleP99[h].push_back(idle.p99 * 1000);
         const Percentiles busy = Latency(all[h].harness, workers, 20000, false);
         busyP50[h].push_back(busy.p50 * 1000);
@@ -640,12 +655,21 @@ void TaskBenchmarks(size_t tasks, const char* only) {
     // producer to sleep; one placed on the other processor waits for it to
     // wake from idle, an order of magnitude longer here. The idle p99 is
     // decided by whether that share passes 1 %.
-    std::printf(
-        "\nIdle pool, tasks started on another processor than the producer's, %%;\n"
-        "median, lowest, highest of %d runs\n",
-        kReps);
-    for (size_t h = 0; h < all.size(); ++h) {
-      if (!idleElsewhere[h].empty()) PrintSpread(all[h].harness.name, workers, idleElsewhere[h], 1, "%");
+    const struct {
+      const char* title;
+      const std::vector<std::vector<double>>* v;
+      double scale;
+      const char* unit;
+    } placements[] = {
+        {"tasks started on another processor than the producer's", &idleElsewhere, 1, "%"},
+        {"p50 of the tasks started on the producer's processor", &idleHereP50, 1e3, "us"},
+        {"p50 of the tasks started on another processor", &idleElsewhereP50, 1e3, "us"}};
+    for (const auto& p : placements) {
+      std::printf("\nIdle pool, %s; median, lowest, highest of %d runs\n", p.title, kReps);
+      for (size_t h = 0; h < all.size(); ++h) {
+        if (!(*p.v)[h].empty())
+          PrintSpread(all[h].harness.name, workers, (*p.v)[h], p.scale, p.unit);
+      }
     }
     std::fflush(stdout);
   }
