@@ -24,6 +24,12 @@ struct AffinityThreadPoolPrivate;
 // each task inside a debug-support timing scope
 // ("zorv.foundation.threading.AffinityThreadPool", "Exec").
 //
+// Latency: a task goes to the worker its affinity names even when another
+// one is awake, so tasks spread round-robin over an idle pool wake a
+// different sleeping thread each time, and the slowest wake-ups come later
+// than on a ThreadPool, which wakes the worker that slept last. Tasks that
+// need no order among themselves start sooner on a ThreadPool.
+//
 // Ownership: as ThreadPool. The pool owns every task it accepts and disposes
 // it after its run() returned or threw; a failed addTask disposes it; a
 // tryAddTask that returns false leaves it with the caller. The pool owns its
