@@ -117,6 +117,12 @@ TEST_F(MonitorsTest, BlocksAndHandlesAreCountedBySizeClass) {
     MemoryMonitor::Dealloc(nullptr, 5);  // ignored
     EXPECT_EQ(figures(report(ReportFormat::kJson)).bySize[ceiling], inClass);
   }
+  // Each class names its bounds.
+  const std::string json = report(ReportFormat::kJson);
+  for (const char* bounds : {R"({"min": 0, "max": 16, )", R"({"min": 17, "max": 32, )",
+                             R"({"min": 65537, "max": 4294967295, )"}) {
+    EXPECT_NE(json.find(bounds), std::string::npos) << bounds;
+  }
   const long long handles = SystemMonitor::LiveHandles();
   SystemMonitor::IncreaseHandle();
   EXPECT_EQ(SystemMonitor::LiveHandles(), handles + 1);
@@ -373,7 +379,8 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
 TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const char* const oddName =
       "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 \xed\xa0\x80 "
-      "\xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82 \xf5\x80\x80\x80 \xef\xbf\xbd\xf0\x9f\x98\x80";
+      "\xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82 \xf5\x80\x80\x80 \xef\xbf\xbd\xf0\x9f\x98\x80 "
+      "\xc2\x80\xe0\xa0\x80\xf0\x90\x80\x80";  // the lowest of 2, 3 and 4 bytes
   int marker[4] = {};
   ObjectMonitor::_IncLeak(&marker[0], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[1], "../lang/report", 77, "ReportedThing", 4);
@@ -421,7 +428,8 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   EXPECT_EQ(parsed.objects["Odd \"name\" \\ \x01\n\xc3\xbf caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 "
                            "\xc3\xad\xc2\xa0\xc2\x80 "
                            "\xf4\x8f\xbf\xbf\xc3\xb4\xc2\x90 \xc3\xa2\xc2\x82 "
-                           "\xc3\xb5\xc2\x80\xc2\x80\xc2\x80 \xef\xbf\xbd\xf0\x9f\x98\x80"],
+                           "\xc3\xb5\xc2\x80\xc2\x80\xc2\x80 \xef\xbf\xbd\xf0\x9f\x98\x80 "
+                           "\xc2\x80\xe0\xa0\x80\xf0\x90\x80\x80"],
             1);
   EXPECT_EQ(parsed.blocks, static_cast<long long>(MemoryMonitor::LiveBlocks()));
   EXPECT_EQ(parsed.bytes, static_cast<long long>(MemoryMonitor::LiveBytes()));
@@ -601,6 +609,36 @@ TEST_F(MonitorsTest, SignalReportWithoutPathGoesToTmpdirOnlyWhenClosed) {
   waitpid(child, nullptr, 0);
   ASSERT_TRUE(ok) << "no report from the child";
   EXPECT_EQ(access(path.c_str(), F_OK) == 0, !closeFails);
+}
+
+TEST_F(MonitorsTest, SignalReportSettingsThatNameNothingFallBack) {
+  // An unknown signal name sets nothing up: SIGHUP still ends the child.
+  const std::string hupReport = dir_ / "hup.json";
+  bool up = false;
+  pid_t child = startLeaker("ZORV_DEBUG_SIGNAL=HUP ZORV_DEBUG_REPORT_PATH=" + hupReport, &up);
+  ASSERT_GE(child, 0);
+  const bool ended = up && kill(child, SIGHUP) == 0 && zorv::test::PollUntil([&] {
+                       return waitpid(child, nullptr, WNOHANG) == child;
+                     });
+  if (!ended) {
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+  }
+  EXPECT_TRUE(up && ended) << "SIGHUP did not end the child";
+  EXPECT_NE(access(hupReport.c_str(), F_OK), 0);
+  // An empty TMPDIR counts as none: without a path the report goes to /tmp.
+  unlink((dir_ / "ready").c_str());
+  child = startLeaker("ZORV_DEBUG_REPORT_PATH= TMPDIR=", &up);
+  ASSERT_GE(child, 0);
+  const std::string name = "zorv-debug-" + std::to_string(child) + ".json";
+  const bool written = up && kill(child, SIGUSR1) == 0 && zorv::test::PollUntil([&] {
+                         return access(("/tmp/" + name).c_str(), F_OK) == 0;
+                       });
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  unlink(("/tmp/" + name).c_str());
+  unlink(("/" + name).c_str());
+  EXPECT_TRUE(written) << "no /tmp/" << name;
 }
 
 }  // namespace

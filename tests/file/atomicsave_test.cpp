@@ -73,6 +73,7 @@ TEST_F(AtomicSaveTest, Cases) {
       {"parent is a file", {"f=o"}, "f/z", false, "", 0, {"f=o"}},
       {"target is a folder", {"d/"}, "d", false, "", 0, {"d/"}},
       {"link loop", {"loop->loop"}, "loop", false, "", 0, {"loop->loop"}},
+      {"name is a parent reference", {"d/"}, "d/..", false, "", 0, {"d/"}},
       {"read-only folder", {"ro/"}, "ro/t", false, "ro", 0555, {"ro/"}},
       {"write fails", {"t=o"}, "t", false, "t", 0600, {"t=o"}, 4},
       {"empty path", {}, "", false, "", 0, {}},

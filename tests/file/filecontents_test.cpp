@@ -221,14 +221,22 @@ TEST_F(FileContentsTest, ProcFilesAndDevicesAreReadWhole) {
   if (!attached) GTEST_SKIP() << "no loop device; /proc/version was read";
 }
 
-// A device is copied up to the size that a seek to its end gives (the test
-// hooks make /dev/zero and /dev/null claim one): /dev/zero then gives that
-// many zero bytes; /dev/null ends before it, which fails the copy and
-// leaves no partial target.
-TEST_F(FileContentsTest, DeviceCopiedUpToItsSeekEnd) {
+// A device is read and copied up to the size that a seek to its end gives
+// (the test hooks make /dev/zero and /dev/null claim one): /dev/zero then
+// gives that many zero bytes; /dev/null ends before it, which fails the read
+// and the copy and leaves no partial target.
+TEST_F(FileContentsTest, DeviceReadAndCopiedUpToItsSeekEnd) {
   ZorvTestSeekEnd(9000);
+  MemoryBuffer zeros;
+  EXPECT_TRUE(FileUtils::ReadBinary("/dev/zero", &zeros));
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(zeros.data()), zeros.length()),
+            std::string(9000, '\0'));
+  ZorvTestSeekEnd(9000);  // one seek each
   EXPECT_TRUE(FileUtils::CopyFile("/dev/zero", P("zeros")));
   EXPECT_EQ(ReadRawFile(dir_ / "zeros"), std::string(9000, '\0'));
+  ZorvTestSeekEnd(10);
+  MemoryBuffer none;
+  EXPECT_FALSE(FileUtils::ReadBinary("/dev/null", &none));
   ZorvTestSeekEnd(10);
   EXPECT_FALSE(FileUtils::CopyFile("/dev/null", P("short")));
   ZorvTestSeekEnd(-1);
