@@ -16,6 +16,7 @@
 #include "system/posixio.h"
 
 extern "C" void ZorvTestSeekEnd(long long size);
+extern "C" void ZorvTestFailListing(int skip);
 
 namespace {
 
@@ -312,6 +313,9 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
       {"rename into a folder", {"a=A", "d/"}, Op('f', "a", "d/m"), true, {"d/", "d/m=A"}},
       {"rename a folder replaces a tree", {"f/", "f/x=F", "t/", "t/o/", "t/o/x=X"}, Op('d', "f", "t"),
        true, {"t/", "t/x=F"}},
+      {"rename a folder onto one that cannot be emptied", {"f/", "f/x=F", "t/", "t/o=X"},
+       [](const std::string& b) { ZorvTestFailListing(0); return Op('d', "f", "t")(b); }, false,
+       {"f/", "f/x=F", "t/", "t/o=X"}},
       {"rename a folder onto a link", sub, Op('d', "s", "l"), true, moved},
       {"rename a folder onto a link spelled l/", sub, Op('d', "s", "l/"), true, moved},
       {"rename a file onto a link", {"s=M", "t=T", "l->t"}, Op('f', "s", "l"), true, {"l=M", "t=T"}},
