@@ -17,6 +17,7 @@
 
 extern "C" void ZorvTestSeekEnd(long long size);
 extern "C" void ZorvTestFailListing(int skip);
+extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 
 namespace {
 
@@ -71,6 +72,11 @@ TEST_F(FileContentsTest, KindsAndSizes) {
     EXPECT_EQ(FileUtils::GetFileSize(path.c_str()), size);
     if (!file) ExpectReadsFail(path, true);
   }
+  // A file that goes away between its check and its opening has no size.
+  const std::string gone = dir_ / "file";
+  ZorvTestBeforeOpen(gone.c_str(), 0, "-", -1);
+  EXPECT_EQ(FileUtils::GetFileSize(gone.c_str()), 0u);
+  ZorvTestBeforeOpen("", 0, "", -1);
 }
 
 TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
@@ -316,6 +322,15 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
       {"rename a folder onto one that cannot be emptied", {"f/", "f/x=F", "t/", "t/o=X"},
        [](const std::string& b) { ZorvTestFailListing(0); return Op('d', "f", "t")(b); }, false,
        {"f/", "f/x=F", "t/", "t/o=X"}},
+      // The source turns into a dangling link just before it is opened to
+      // compare it with the target: the target stays.
+      {"rename a folder whose source goes away", {"f/", "f/x=F", "t/", "t/o=X"},
+       [](const std::string& b) {
+         ZorvTestBeforeOpen((b + "/f").c_str(), 0, "gone", -1);
+         const bool ok = Op('d', "f", "t")(b);
+         ZorvTestBeforeOpen("", 0, "", -1);
+         return ok;
+       }, false, {"f->gone", "f.moved/", "f.moved/x=F", "t/", "t/o=X"}},
       {"rename a folder onto a link", sub, Op('d', "s", "l"), true, moved},
       {"rename a folder onto a link spelled l/", sub, Op('d', "s", "l/"), true, moved},
       {"rename a file onto a link", {"s=M", "t=T", "l->t"}, Op('f', "s", "l"), true, {"l=M", "t=T"}},
