@@ -19,6 +19,7 @@
 
 extern "C" void ZorvTestLogCalls(char* log, int room);
 extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
+extern "C" void ZorvTestFailFolderSync(int error);
 
 namespace {
 
@@ -127,6 +128,16 @@ TEST_F(AtomicSaveTest, Cases) {
   EXPECT_TRUE(FileUtils::WriteTextAtomic(Safe(dir / "v"), "new"));
   ZorvTestBeforeOpen("", 0, "", -1);
   EXPECT_EQ(Snapshot(dir.path()), (std::vector<std::string>{"empty=", "v=new"}));
+  // A folder that cannot be synced fails the save, unless its file system
+  // cannot sync folders at all (EINVAL); the file is in place either way.
+  for (const auto& [error, saved] : {std::pair<int, bool>{EIO, false}, {EINVAL, true}}) {
+    SCOPED_TRACE(error);
+    ZorvTestFailFolderSync(error);
+    EXPECT_EQ(FileUtils::WriteTextAtomic(Safe(dir / "synced"), std::to_string(error).c_str()),
+              saved);
+    ZorvTestFailFolderSync(0);
+    EXPECT_EQ(zorv::test::ReadRawFile(dir / "synced"), std::to_string(error));
+  }
 }
 
 // A save that waits for another saver's lock on the temporary goes on

@@ -13,7 +13,9 @@
 //   fails every later one too, so that clean-up which needs memory shows;
 // - write, fsync and renameat: logged in order while a log is set, so that
 //   a test sees the order of a save's system calls; close is logged when
-//   its descriptor was not open (closed twice).
+//   its descriptor was not open (closed twice);
+// - fsync: fails once for a folder, as on a file system that cannot sync
+//   folders or has lost a write.
 // This file includes no <fcntl.h>, whose declarations of openat may be
 // renamed (64-bit offsets) or wrapped (fortified builds).
 #include <dirent.h>
@@ -62,6 +64,7 @@ void LogCall(char c) {
 int g_listingSkip = -1;
 char g_makeFails[256];
 long long g_seekEnd = -1;
+int g_folderSyncError = 0;
 
 std::atomic<bool> g_sticky{false};
 std::atomic<bool> g_failing{false};
@@ -178,9 +181,18 @@ extern "C" ssize_t write(int fd, const void* data, size_t count) {
   return ::syscall(SYS_write, fd, data, count);
 }
 
+// The next fsync of a folder fails with `error`; 0 disarms.
+extern "C" void ZorvTestFailFolderSync(int error) { g_folderSyncError = error; }
+
 extern "C" int fsync(int fd) {
   struct stat info;
-  if (g_log != nullptr) LogCall(::fstat(fd, &info) == 0 && S_ISDIR(info.st_mode) ? 'd' : 'f');
+  const bool folder = ::fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
+  if (g_log != nullptr) LogCall(folder ? 'd' : 'f');
+  if (folder && g_folderSyncError != 0) {
+    errno = g_folderSyncError;
+    g_folderSyncError = 0;
+    return -1;
+  }
   return static_cast<int>(::syscall(SYS_fsync, fd));
 }
 
