@@ -18,6 +18,7 @@
 extern "C" void ZorvTestSeekEnd(long long size);
 extern "C" void ZorvTestFailListing(int skip);
 extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
+extern "C" void ZorvTestFailStat(const char* path, int skip);
 
 namespace {
 
@@ -317,6 +318,14 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
       {"remove a file", {"f=x"}, Op('r', "f"), true, {}},
       {"rename replaces a file", {"a=A", "b=B"}, Op('f', "a", "b"), true, {"b=A"}},
       {"rename into a folder", {"a=A", "d/"}, Op('f', "a", "d/m"), true, {"d/", "d/m=A"}},
+      // The source goes away between its check and its comparison.
+      {"rename whose source goes away", {"a=A", "b=B"},
+       [](const std::string& b) {
+         ZorvTestFailStat((b + "/a").c_str(), 1);
+         const bool ok = Op('f', "a", "b")(b);
+         ZorvTestFailStat("", 0);
+         return ok;
+       }, false, {"a=A", "b=B"}},
       {"rename a folder replaces a tree", {"f/", "f/x=F", "t/", "t/o/", "t/o/x=X"}, Op('d', "f", "t"),
        true, {"t/", "t/x=F"}},
       {"rename a folder onto one that cannot be emptied", {"f/", "f/x=F", "t/", "t/o=X"},

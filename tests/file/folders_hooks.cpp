@@ -15,7 +15,9 @@
 //   a test sees the order of a save's system calls; close is logged when
 //   its descriptor was not open (closed twice);
 // - fsync: fails once for a folder, as on a file system that cannot sync
-//   folders or has lost a write.
+//   folders or has lost a write;
+// - stat: fails for a chosen path, as when the entry goes away between two
+//   calls or "/" cannot be read.
 // This file includes no <fcntl.h>, whose declarations of openat may be
 // renamed (64-bit offsets) or wrapped (fortified builds).
 #include <dirent.h>
@@ -50,6 +52,9 @@ char g_openName[256];
 int g_openSkip = 0;
 char g_swapTarget[4096];
 int g_closeFd = -1;
+
+char g_statName[4096];
+int g_statSkip = 0;
 
 char* g_log = nullptr;
 int g_logRoom = 0;
@@ -179,6 +184,25 @@ extern "C" void ZorvTestLogCalls(char* log, int room) {
 extern "C" ssize_t write(int fd, const void* data, size_t count) {
   LogCall('w');
   return ::syscall(SYS_write, fd, data, count);
+}
+
+// The `skip`+1-th stat of `path` from now fails with ENOENT; an empty path
+// disarms.
+extern "C" void ZorvTestFailStat(const char* path, int skip) {
+  g_statSkip = skip;
+  std::snprintf(g_statName, sizeof(g_statName), "%s", path);
+}
+
+// Declared by <sys/stat.h> under the name that takes 64-bit sizes, which is
+// the one the library calls on every target.
+extern "C" int stat(const char* path, struct stat* info) {
+  if (g_statName[0] != '\0' && std::strcmp(path, g_statName) == 0 && g_statSkip-- == 0) {
+    g_statName[0] = '\0';
+    errno = ENOENT;
+    return -1;
+  }
+  constexpr int kCurrentFolder = -100;  // AT_FDCWD on Linux
+  return ::fstatat(kCurrentFolder, path, info, 0);
 }
 
 // The next fsync of a folder fails with `error`; 0 disarms.

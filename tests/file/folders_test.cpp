@@ -14,6 +14,7 @@ extern "C" void ZorvTestStickyAllocFailure(bool on);
 extern "C" void ZorvTestFailListing(int skip);
 extern "C" void ZorvTestFailMakeFolder(const char* name);
 extern "C" void ZorvTestLogCalls(char* log, int room);
+extern "C" void ZorvTestFailStat(const char* path, int skip);
 
 namespace {
 
@@ -285,6 +286,11 @@ TEST_F(FoldersTest, EverySpellingOfTheRootIsRefused) {
   EXPECT_EQ(code, 0) << (code >= 10 ? "accepted: " + spellings[code - 10] : "child failed");
   EXPECT_EQ(ReadRawFile(dir_ / "sentinel/keep"), "x");
   EXPECT_TRUE(RawExists(link));
+  // Without the identity of "/" nothing is removed at all.
+  ZorvTestFailStat("/", 0);
+  EXPECT_FALSE(FileUtils::RemoveFolder((dir_ / "sentinel").c_str()));
+  ZorvTestFailStat("", 0);
+  EXPECT_EQ(ReadRawFile(dir_ / "sentinel/keep"), "x");
 }
 
 // A caller chrooted without a chdir reaches its own root by a relative
