@@ -98,10 +98,9 @@ void Grow(Shard& shard) {
   free(old);
 }
 
-// Unlinks and returns the record of object, or null.
-Record* Take(void* object) {
-  const uint32_t hash = Hash(object);
-  Shard& shard = ShardOf(hash);
+// Unlinks and returns the record of `object` (whose hash is `hash`) from
+// its shard, or null. Under the shard's mutex.
+Record* Take(Shard& shard, uint32_t hash, void* object) {
   if (shard.bucketCount == 0) return nullptr;
   Record** link = &shard.buckets[BucketOf(shard, hash)];
   while (*link != nullptr) {
@@ -174,7 +173,7 @@ void ObjectMonitor::_IncLeak(void* object, const char* source, int line,
       if (record == nullptr) return;
     }
     *record = Record{object, source, name, line, size, nullptr};
-    replaced = Spare(shard, Take(object));
+    replaced = Spare(shard, Take(shard, hash, object));
     if (shard.count.load(std::memory_order_relaxed) >= shard.bucketCount) Grow(shard);
     if (shard.bucketCount == 0) {
       free(record);
@@ -190,31 +189,24 @@ void ObjectMonitor::_IncLeak(void* object, const char* source, int line,
   free(replaced);
 }
 
-void ObjectMonitor::_DecLeakEx(void* object, const char*, int, const char*) {
-  SetUp();
-  Shard& shard = ShardOf(Hash(object));
-  // An object is recorded before it can be forgotten, by the same thread or
-  // one that synchronised with it: an empty shard cannot hold it. Objects
-  // that were never recorded (tasks created with plain new) mostly end here.
-  if (shard.count.load(std::memory_order_relaxed) == 0) return;
-  Record* unused;
-  {
-    internal::ScopedLock lock(shard.mutex);
-    unused = Spare(shard, Take(object));
-  }
-  free(unused);
+void ObjectMonitor::_DecLeakEx(void* object, const char* source, int line, const char* name) {
+  (void)_DecLeakInfoEx(object, source, line, name);
 }
 
 ObjectMonitor::LeakInfo ObjectMonitor::_DecLeakInfoEx(void* object, const char*, int,
                                                       const char*) {
   SetUp();
-  Shard& shard = ShardOf(Hash(object));
+  const uint32_t hash = Hash(object);
+  Shard& shard = ShardOf(hash);
+  // An object is recorded before it can be forgotten, by the same thread or
+  // one that synchronised with it: an empty shard cannot hold it. Objects
+  // that were never recorded (tasks created with plain new) mostly end here.
   if (shard.count.load(std::memory_order_relaxed) == 0) return LeakInfo{nullptr, 0};
   LeakInfo info{nullptr, 0};
   Record* unused;
   {
     internal::ScopedLock lock(shard.mutex);
-    Record* record = Take(object);
+    Record* record = Take(shard, hash, object);
     if (record != nullptr) {
       info.block = static_cast<unsigned char*>(record->object);
       info.size = record->size;
