@@ -108,19 +108,15 @@ void WakeLeft(WatchShare& share) {
   if (sleeper != nullptr) WakeWord(&sleeper->state);
 }
 
-// Wakes `waiter` (if any) once its entry is stored; outside the lock. Where
-// `share` takes wake-up calls, a sleeping waiter's is left to the consumer
-// spinning just now, if there is one and the slot is free: the system call
-// then costs the producer nothing. The producer stores the waiter and then
-// looks at the flag again; the watcher clears the flag and then empties the
-// slot: either the producer sees the flag cleared and empties the slot
-// itself, or the watcher finds the waiter there.
-void Serve(TaskWaiter* waiter, WatchShare& share) {
+// Wakes `waiter` (if any), whose entry is stored and its state set to
+// kServed; outside the locks. Where `share` takes wake-up calls, the call is
+// left to the consumer spinning just now, if there is one and the slot is
+// free: the system call then costs the producer nothing. The producer stores
+// the waiter and then looks at the flag again; the watcher clears the flag
+// and then empties the slot: either the producer sees the flag cleared and
+// empties the slot itself, or the watcher finds the waiter there.
+void Wake(TaskWaiter* waiter, WatchShare& share) {
   if (waiter == nullptr) return;
-  if (waiter->state.exchange(TaskWaiter::kServed, std::memory_order_acq_rel) !=
-      TaskWaiter::kSleeping) {
-    return;
-  }
   if (share.takesWakeUps && share.spinning.load(std::memory_order_seq_cst) != 0) {
     TaskWaiter* none = nullptr;
     if (share.wakeSlot.compare_exchange_strong(none, waiter, std::memory_order_seq_cst)) {
@@ -208,7 +204,7 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
       if (full.load(std::memory_order_seq_cst) != 0) notFull.notify(INT_MAX);
     }
   }
-  Serve(served, *watchers);
+  Wake(served, *watchers);
   return kAdded;
 }
 
@@ -231,7 +227,7 @@ TaskQueue::Result TaskQueue::add(ITask* task, bool timed, unsigned int ms,
     append(task);
     served = serveWaiter();
   }
-  Serve(served, *watchers);
+  Wake(served, *watchers);
   return kAdded;
 }
 
@@ -268,15 +264,7 @@ ITask* TaskQueue::take(TaskWaiter& self) {
     if (!asleep) {
       task = takeFront();
       roomMade = full.load(std::memory_order_seq_cst) != 0;
-      if (queued.load(std::memory_order_relaxed) == 0 && capacity > kShrinkAbove &&
-          tailLock.tryLock()) {
-        // The ring is replaced only under both locks, and only while empty.
-        if (queued.load(std::memory_order_relaxed) == 0) {
-          retiredSlots = capacity;
-          retired = shrink();
-        }
-        tailLock.unlock();
-      }
+      retired = shrinkEmptied(retiredSlots);
     }
   }
   if (asleep) return await(self);
@@ -287,7 +275,7 @@ ITask* TaskQueue::take(TaskWaiter& self) {
 
 // Only one consumer of a pool watches at a time before sleeping: more would
 // take processor time from the producers. While it watches, it makes the
-// wake-up calls that producers leave to it (see Serve). A consumer whose
+// wake-up calls that producers leave to it (see Wake). A consumer whose
 // last sleep was long does not watch at all, so that an idle pool sleeps at
 // once.
 ITask* TaskQueue::await(TaskWaiter& self) {
@@ -322,6 +310,7 @@ ITask* TaskQueue::await(TaskWaiter& self) {
     SleepOnWord(&self.state, TaskWaiter::kSleeping);
   }
   if (watchNanos > 0) self.watch = MonotonicNanos() - asleepSince < kRewatchNanos;
+  handOn();
   return self.task;
 }
 
@@ -369,22 +358,65 @@ void TaskQueue::append(ITask* entry) {
   queued.fetch_add(1, std::memory_order_seq_cst);
 }
 
-// Under the tail lock, after an entry was counted in: when a consumer waits,
-// takes the front entry for the latest waiter and returns the waiter, to be
-// served after the lock is left; otherwise nullptr.
+// Under the tail lock, after an entry was counted in: hands the front entry
+// to the latest waiter, if one waits; returns the waiter when it sleeps and
+// needs waking, after the lock is left, and otherwise nullptr.
 TaskWaiter* TaskQueue::serveWaiter() {
   if (waiting.load(std::memory_order_seq_cst) == 0) return nullptr;
   Acquire(headLock, lockSpinNanos);
   QueueHold locker(headLock);
-  TaskWaiter* waiter = waiters;
-  if (waiter == nullptr || queued.load(std::memory_order_acquire) == 0) return nullptr;
+  if (waiters == nullptr || queued.load(std::memory_order_acquire) == 0) return nullptr;
+  // No producer needs waking for the room a hand-over leaves: the count is
+  // back where it was before this producer, holding the tail lock
+  // throughout, counted its entry in, and that room was there when it looked.
+  return handOver();
+}
+
+// Under the head lock, with an entry queued and a consumer waiting: gives the
+// front entry to the latest waiter if it is still watching, which needs no
+// wake-up call, or else if no other sleeper's wake-up is under way. Returns
+// the waiter to wake, or nullptr. While one woken consumer is on its way, the
+// entries stay queued for it: it hands the next one on as soon as it runs
+// (see handOn), so that a burst costs its producer one wake-up call, not one
+// per sleeping consumer.
+TaskWaiter* TaskQueue::handOver() {
+  TaskWaiter* const waiter = waiters;
+  // Published by the state change below; the waiter reads it only after.
+  waiter->task = slots[head];
+  int state = TaskWaiter::kWaiting;
+  const bool watching = waiter->state.compare_exchange_strong(state, TaskWaiter::kServed,
+                                                              std::memory_order_acq_rel);
+  if (!watching && waking) return nullptr;
   waiters = waiter->next;
   waiting.fetch_sub(1, std::memory_order_relaxed);
-  // No producer needs waking for the room this leaves: the count is back
-  // where it was before this producer, holding the tail lock throughout,
-  // counted its entry in, and that room was there when it looked.
-  waiter->task = takeFront();
+  (void)takeFront();
+  if (watching) return nullptr;
+  waking = true;
+  waiter->state.store(TaskWaiter::kServed, std::memory_order_release);
   return waiter;
+}
+
+// Called by a consumer woken with an entry: ends the wake-up under way and,
+// while entries are queued, hands them to the consumers still waiting, up to
+// and including the first one asleep, whose wake-up it makes.
+void TaskQueue::handOn() {
+  TaskWaiter* woken = nullptr;
+  ITask** retired = nullptr;
+  std::size_t retiredSlots = 0;
+  {
+    Acquire(headLock, lockSpinNanos);
+    QueueHold locker(headLock);
+    waking = false;
+    if (waiters != nullptr && queued.load(std::memory_order_acquire) != 0) {
+      do {
+        woken = handOver();
+      } while (woken == nullptr && waiters != nullptr &&
+               queued.load(std::memory_order_acquire) != 0);
+      retired = shrinkEmptied(retiredSlots);
+    }
+  }
+  Wake(woken, *watchers);
+  FreeRing(retired, retiredSlots);
 }
 
 // Takes the front entry and counts it out; there is one. Under the head lock.
@@ -417,6 +449,25 @@ void TaskQueue::grow(std::size_t extra) {
   capacity = size;
   head = 0;
   tail = count;
+}
+
+// Under the head lock, after entries were taken: when they emptied a ring of
+// more than kShrinkAbove slots and no producer holds the tail lock, replaces
+// it by a small one. Returns the old slots (and their count in `count`) for
+// the caller to free after leaving the lock, or nullptr.
+ITask** TaskQueue::shrinkEmptied(std::size_t& count) {
+  if (queued.load(std::memory_order_relaxed) != 0 || capacity <= kShrinkAbove ||
+      !tailLock.tryLock()) {
+    return nullptr;
+  }
+  ITask** retired = nullptr;
+  // The ring is replaced only under both locks, and only while empty.
+  if (queued.load(std::memory_order_relaxed) == 0) {
+    count = capacity;
+    retired = shrink();
+  }
+  tailLock.unlock();
+  return retired;
 }
 
 // Replaces the empty ring by a small one and returns the old slots for the

@@ -122,9 +122,14 @@ class RoomSignal {
 // comes back for the lock to collect its entry, and the producer wakes it
 // after leaving the locks. A consumer joins the waiters and then looks at
 // `queued` once more; a producer counts its entry in and then looks for
-// waiters: one of the two sees the other, so no entry waits while a consumer
-// sleeps. Waiters are served last-come first: the latest is the one most
-// likely still watching, and so served without a system call. In a pool
+// waiters: one of the two sees the other. Waiters are served last-come
+// first: the latest is the one most likely still watching, and so served
+// without a system call. Only one sleeping consumer is woken at a time:
+// while a woken one has not yet run, producers leave their entries queued,
+// and the woken one, as soon as it runs, hands the next entry to the next
+// waiter and makes that wake-up call itself. So a burst into a pool of
+// sleeping workers costs the producer one wake-up call, and an entry never
+// waits while consumers sleep and no wake-up is under way. In a pool
 // whose queues share one watcher (see shareWatchers), a producer that serves
 // a sleeping waiter while the watcher spins leaves the wake-up call to the
 // watcher instead of making it: the producer, usually the slower side, goes
@@ -201,11 +206,14 @@ struct TaskQueue {
   Result add(ITask* task, bool timed, unsigned int ms, unsigned long long startTick);
   void append(ITask* entry);
   TaskWaiter* serveWaiter();
+  TaskWaiter* handOver();
+  void handOn();
   ITask* takeFront();
   bool hasRoom() const;
   Result waitForRoom(QueueHold& producer, bool timed, unsigned int ms,
                      unsigned long long startTick);
   void grow(std::size_t extra);
+  ITask** shrinkEmptied(std::size_t& count);
   ITask** shrink();
   ITask* await(TaskWaiter& self);
 
@@ -233,11 +241,13 @@ struct TaskQueue {
   RoomSignal notFull;
   [[maybe_unused]] Pad padHead;
 
-  // Consumer side, under headLock: the front entry's slot, and the waiting
-  // consumers, latest first (non-empty only while the queue is empty).
+  // Consumer side, under headLock: the front entry's slot, the waiting
+  // consumers, latest first, and whether a consumer was woken with an entry
+  // and has not yet run (see handOver).
   QueueLock headLock;
   std::size_t head = 0;
   TaskWaiter* waiters = nullptr;
+  bool waking = false;
   [[maybe_unused]] Pad padTail;
 
   // Producer side, under tailLock: the slot behind the last entry, the
