@@ -466,6 +466,29 @@ TEST_F(ThreadPoolTest, AnEmptiedRingShrinksToTheRoomOfTheMarkers) {
   EXPECT_THROW(h.pool.addTask(task), std::bad_alloc) << "the small ring has room to spare";
 }
 
+// Sleeping workers are woken one at a time, each handing the next queued
+// task on to the next sleeper; those hand-overs make room as takes do, so a
+// producer waiting on a full queue is let in although no worker comes back
+// for a task (all of them wait at the gate).
+TEST_F(ThreadPoolTest, HandOversAmongSleepingWorkersLetAWaitingProducerIn) {
+  constexpr int kWorkers = 210, kTasks = 200;
+  Held<ThreadPool> h(kWorkers);
+  h.pool.setMaxTaskNum(100);
+  Thread::Sleep(50);  // lets the workers fall asleep
+  std::thread producer([&] {
+    for (int i = 0; i < kTasks; ++i) {
+      ProbeTask* task = h.make(i);
+      task->gate = &h.gate;
+      h.pool.addTask(task);
+    }
+  });
+  const bool allRunning = PollUntil([&] { return h.tally.running.load() == kTasks; });
+  h.gate.open();
+  if (!allRunning) h.pool.setMaxTaskNum(1000);  // lets the producer go
+  producer.join();
+  EXPECT_TRUE(allRunning) << h.tally.running.load() << " of " << kTasks << " running";
+}
+
 // ---- AffinityThreadPool ----
 
 using AffinityThreadPoolTest = zorv::test::LeakCheckedTest;

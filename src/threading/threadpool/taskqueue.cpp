@@ -403,19 +403,26 @@ void TaskQueue::handOn() {
   TaskWaiter* woken = nullptr;
   ITask** retired = nullptr;
   std::size_t retiredSlots = 0;
+  int handed = 0;
+  bool roomMade = false;
   {
     Acquire(headLock, lockSpinNanos);
     QueueHold locker(headLock);
     waking = false;
-    if (waiters != nullptr && queued.load(std::memory_order_acquire) != 0) {
-      do {
-        woken = handOver();
-      } while (woken == nullptr && waiters != nullptr &&
-               queued.load(std::memory_order_acquire) != 0);
+    while (woken == nullptr && waiters != nullptr &&
+           queued.load(std::memory_order_acquire) != 0) {
+      woken = handOver();
+      ++handed;
+    }
+    if (handed != 0) {
+      roomMade = full.load(std::memory_order_seq_cst) != 0;
       retired = shrinkEmptied(retiredSlots);
     }
   }
   Wake(woken, *watchers);
+  // Unlike a producer's hand-over, these leave room that producers may be
+  // waiting for: one notification per entry, as take() makes.
+  if (roomMade) notFull.notify(handed);
   FreeRing(retired, retiredSlots);
 }
 
