@@ -21,6 +21,11 @@ struct ThreadPoolPrivate;
 // debug-support timing scope ("zorv.foundation.threading.ThreadPool",
 // "Exec").
 //
+// Wake-ups: idle workers sleep. A task added to an idle pool goes to the
+// worker that slept last; a burst wakes one worker, which wakes the next as
+// soon as it runs, so the producer makes one wake-up call for the burst and
+// the burst's first tasks start one wake-up apart.
+//
 // Ownership: the pool owns every task it accepts. A worker disposes the task
 // after its run() returned or threw (a run() that throws gets the task's
 // interrupted() hook called; the worker goes on with the next task). The
