@@ -118,9 +118,10 @@ class RoomSignal {
 //
 // A consumer that finds the queue empty does not wait on a condition of the
 // queue: it joins the waiters and leaves the lock, and the next entry is
-// handed straight to it by the producer that adds it. The consumer so never
-// comes back for the lock to collect its entry, and the producer wakes it
-// after leaving the locks. A consumer joins the waiters and then looks at
+// handed straight to it by the producer that adds it (or by the consumer
+// woken last, see below). The consumer so never has to collect its entry,
+// and whoever hands it over wakes it after leaving the locks. A consumer
+// joins the waiters and then looks at
 // `queued` once more; a producer counts its entry in and then looks for
 // waiters: one of the two sees the other. Waiters are served last-come
 // first: the latest is the one most likely still watching, and so served
