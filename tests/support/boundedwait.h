@@ -6,9 +6,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
+
+#include <sys/types.h>
 
 namespace zorv {
 namespace test {
@@ -81,6 +85,16 @@ inline bool PollUntil(const std::function<bool()>& done,
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+// True while the thread `tid` of this process sleeps in the kernel (a
+// blocking call), as /proc reports it; false also when it cannot be read.
+inline bool Asleep(pid_t tid) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  const std::size_t end = line.rfind(')');  // the name may hold spaces
+  return end != std::string::npos && line.compare(end, 3, ") S") == 0;
 }
 
 }  // namespace test

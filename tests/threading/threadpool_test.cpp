@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include <unistd.h>
+
 #include "foundation/debug/chronomonitor.h"
 #include "foundation/debug/memorymonitor.h"
 #include "foundation/debug/objectmonitor.h"
@@ -29,6 +31,7 @@ using zf::threading::AffinityThreadPool;
 using zf::threading::ITask;
 using zf::threading::Thread;
 using zf::threading::ThreadPool;
+using zorv::test::Asleep;
 using zorv::test::Gate;
 using zorv::test::GateOpener;
 using zorv::test::NewTask;
@@ -408,17 +411,22 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallAndPassesOnTheRo
   if (!added) late->dispose();  // still the caller's
 }
 
-// A stop() that queues its marker while the queue is full waits for room
-// like any producer; once the marker is in, every producer still waiting
-// for room is refused, more of them than later takes could wake one by one.
+// A stop() that queues its marker while the queue is full waits for room,
+// ahead of the producers waiting too: the first room made, here by a larger
+// bound that wakes them all, is the marker's. Then every producer still
+// waiting is refused, more of them than later takes could wake one by one.
 TEST_F(ThreadPoolTest, StopWakesEveryProducerWaitingForRoom) {
   constexpr int kProducers = 150;
   Held<ThreadPool> h(1);
   h.pool.setMaxTaskNum(100);
   ASSERT_TRUE(h.hold());
   for (int i = 0; i < 100; ++i) h.pool.addTask(h.make(i));
-  std::thread stopper([&] { h.pool.stop(); });
-  Thread::Sleep(20);  // lets the marker wait for room first
+  std::atomic<pid_t> stopperId{0};
+  std::thread stopper([&] {
+    stopperId = gettid();
+    h.pool.stop();
+  });
+  ASSERT_TRUE(PollUntil([&] { return stopperId != 0 && Asleep(stopperId); }));
   std::atomic<int> added{0};
   std::atomic<int> refused{0};
   std::vector<std::thread> producers;
@@ -433,13 +441,14 @@ TEST_F(ThreadPoolTest, StopWakesEveryProducerWaitingForRoom) {
     });
   }
   Thread::Sleep(20);  // lets the producers wait for room
+  h.pool.setMaxTaskNum(101);
   h.gate.open();
   const bool allEnded = PollUntil([&] { return added.load() + refused.load() == kProducers; });
   EXPECT_TRUE(allEnded) << added.load() << " added, " << refused.load() << " refused";
   if (!allEnded) h.pool.setMaxTaskNum(1000000);  // wakes the ones left, to be refused
   stopper.join();
   for (std::thread& t : producers) t.join();
-  EXPECT_GT(refused.load(), 0);
+  EXPECT_EQ(added.load(), 0);
   EXPECT_EQ(h.tally.runs.load(), 101 + added.load());
   EXPECT_EQ(h.tally.disposals.load(), h.tally.runs.load() + refused.load());
 }

@@ -190,7 +190,11 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
   {
     Acquire(tailLock, lockSpinNanos);
     QueueHold locker(tailLock);
-    if (waitForRoom(locker, false, 0, 0) == kClosed) return kClosed;
+    // Counted as waiting for the whole wait: producers leave it the room.
+    markersWaiting.fetch_add(1, std::memory_order_seq_cst);
+    const Result room = waitForRoom(locker, true, false, 0, 0);
+    markersWaiting.fetch_sub(1, std::memory_order_seq_cst);
+    if (room == kClosed) return kClosed;
     if (markerRoom != 0) {
       --markerRoom;
     } else {
@@ -198,10 +202,11 @@ TaskQueue::Result TaskQueue::putMarker(bool last) {
     }
     append(nullptr);
     served = serveWaiter();
-    if (last) {
-      // Under the same hold as the marker: no producer gets in behind it.
-      closed = true;
-      if (full.load(std::memory_order_seq_cst) != 0) notFull.notify(INT_MAX);
+    // Under the same hold as the last marker: no producer gets in behind
+    // it. Producers that left the room to a waiting marker look again.
+    if (last) closed = true;
+    if (full.load(std::memory_order_seq_cst) != 0 && (last || hasRoom())) {
+      notFull.notify(INT_MAX);
     }
   }
   Wake(served, *watchers);
@@ -221,7 +226,7 @@ TaskQueue::Result TaskQueue::add(ITask* task, bool timed, unsigned int ms,
   {
     Acquire(tailLock, lockSpinNanos);
     QueueHold locker(tailLock);
-    const Result room = waitForRoom(locker, timed, ms, startTick);
+    const Result room = waitForRoom(locker, false, timed, ms, startTick);
     if (room != kAdded) return room;
     grow(1);
     append(task);
@@ -268,7 +273,7 @@ ITask* TaskQueue::take(TaskWaiter& self) {
     }
   }
   if (asleep) return await(self);
-  if (roomMade) notFull.notify(1);
+  if (roomMade) notifyRoom(1);
   FreeRing(retired, retiredSlots);
   return task;
 }
@@ -318,22 +323,34 @@ bool TaskQueue::hasRoom() const {
   return queued.load(std::memory_order_seq_cst) < maxTaskNum.load(std::memory_order_seq_cst);
 }
 
+// Wakes producers waiting for the room of `count` entries just taken out:
+// every one of them while a stop marker waits too, since those woken first
+// may be producers that leave the room to the marker.
+void TaskQueue::notifyRoom(int count) {
+  notFull.notify(markersWaiting.load(std::memory_order_seq_cst) != 0 ? INT_MAX : count);
+}
+
 // Waits, under the tail lock, until the queue has room (kAdded) or is
 // closed (kClosed); with `timed`, kTimedOut once `ms` milliseconds from
 // `startTick` have passed, charged from the start tick on every pass. A
 // producer that gives up while there is room passes the wake-up it may have
-// taken on to the next waiting producer.
-TaskQueue::Result TaskQueue::waitForRoom(QueueHold& producer, bool timed, unsigned int ms,
-                                         unsigned long long startTick) {
+// taken on to the next waiting producer. A stop marker (`marker`) goes in
+// before every producer: while one waits, producers leave the room to it,
+// so that producers coming and going cannot keep a stop() waiting.
+TaskQueue::Result TaskQueue::waitForRoom(QueueHold& producer, bool marker, bool timed,
+                                         unsigned int ms, unsigned long long startTick) {
+  const auto roomFor = [&] {
+    return hasRoom() && (marker || markersWaiting.load(std::memory_order_seq_cst) == 0);
+  };
   unsigned int remaining = ms;
   for (;;) {
     if (closed) return kClosed;
-    if (hasRoom()) return kAdded;
+    if (roomFor()) return kAdded;
     // Counted before the last look: a consumer that makes room after it
     // sees the count and notifies, which moves the sequence read here on.
     full.fetch_add(1, std::memory_order_seq_cst);
     const int seen = notFull.sequence();
-    if (hasRoom()) {
+    if (roomFor()) {
       full.fetch_sub(1, std::memory_order_relaxed);
       return kAdded;
     }
@@ -342,7 +359,7 @@ TaskQueue::Result TaskQueue::waitForRoom(QueueHold& producer, bool timed, unsign
     if (!timed) continue;
     const unsigned long long elapsed = system::SystemUtils::GetTick() - startTick;
     if (elapsed > 0xFFFFFFFFull || elapsed >= remaining) {
-      if (full.load(std::memory_order_seq_cst) != 0 && hasRoom()) notFull.notify(1);
+      if (full.load(std::memory_order_seq_cst) != 0 && hasRoom()) notifyRoom(1);
       return kTimedOut;
     }
     remaining -= static_cast<unsigned int>(elapsed);
@@ -422,7 +439,7 @@ void TaskQueue::handOn() {
   Wake(woken, *watchers);
   // Unlike a producer's hand-over, these leave room that producers may be
   // waiting for: one notification per entry, as take() makes.
-  if (roomMade) notFull.notify(handed);
+  if (roomMade) notifyRoom(handed);
   FreeRing(retired, retiredSlots);
 }
 

@@ -139,6 +139,7 @@ class RoomSignal {
 // Producers wait for room the same way: one that finds the queue full counts
 // itself in `full`, reads the room signal's sequence and checks once more; a
 // consumer counts an entry out and then notifies if a producer is counted.
+// A stop marker waiting for room is served before any producer.
 //
 // Both locks are taken after a short run of attempts: each is held for a few
 // instructions only, so with more threads than processors a short wait
@@ -162,7 +163,8 @@ struct TaskQueue {
   void reserveMarkers(unsigned int markers);
 
   // Appends a stop marker in the room kept for it, waiting while the queue
-  // is full; a waiting consumer is given the marker directly. With `last`
+  // is full, ahead of every producer waiting too; a waiting consumer is
+  // given the marker directly. With `last`
   // the queue is closed in the same step: every later put and tryPut is
   // refused with kClosed, and producers waiting for room are woken to be
   // refused, so that no task ever lands behind the last marker. kClosed
@@ -211,7 +213,8 @@ struct TaskQueue {
   void handOn();
   ITask* takeFront();
   bool hasRoom() const;
-  Result waitForRoom(QueueHold& producer, bool timed, unsigned int ms,
+  void notifyRoom(int count);
+  Result waitForRoom(QueueHold& producer, bool marker, bool timed, unsigned int ms,
                      unsigned long long startTick);
   void grow(std::size_t extra);
   ITask** shrinkEmptied(std::size_t& count);
@@ -227,6 +230,8 @@ struct TaskQueue {
   // when a thread starts or ends a wait, read at every put and take.
   std::atomic<int> full{0};
   std::atomic<int> waiting{0};
+  // Stop markers waiting for room; producers leave the room to them.
+  std::atomic<int> markersWaiting{0};
   // Consumers watching their waiter before they sleep: this queue's own
   // share, or one shared by the queues of a pool (see shareWatchers).
   WatchShare ownWatchers;
