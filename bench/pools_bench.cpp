@@ -67,7 +67,25 @@ std::vector<long long>* g_latency = nullptr;
 std::atomic<int> g_producerCpu{-1};
 std::vector<char>* g_elsewhere = nullptr;
 
+// In burst runs: the size of a burst (0 in other runs), how many of its
+// tasks have started, and when the last of them did.
+int g_burstSize = 0;
+std::atomic<int> g_burstStarted{0};
+std::atomic<long long> g_burstLastStart{0};
+
+// Holds the worker until every task of the burst has started, so that each
+// task of a burst needs a worker of its own; gives up after a second (a pool
+// that queued two of them for one worker), which shows in the figure.
+void HoldForBurst() {
+  if (g_burstStarted.fetch_add(1) + 1 == g_burstSize) g_burstLastStart = NowNs();
+  const long long giveUp = NowNs() + 1000000000LL;
+  while (g_burstStarted.load() < g_burstSize && NowNs() < giveUp) {
+    std::this_thread::sleep_for(std::chrono::microseconds(20));
+  }
+}
+
 inline void TinyWork(long long submitted, size_t index) {
+  if (g_burstSize != 0) HoldForBurst();
   if (g_latency != nullptr) {
     (*g_latency)[index] = NowNs() - submitted;
     const int producer = g_producerCpu.load(std::memory_order_relaxed);
@@ -499,6 +517,29 @@ Percentiles Latency(const Harness& h, unsigned int workers, size_t samples, bool
   return Compute(latency, 1000.0);
 }
 
+// Burst start latency: into an idle pool of `workers` workers, one task per
+// worker at once, each holding its worker until all have started; the time
+// from the first submit to the last start, once per burst, after a pause
+// that lets every worker fall asleep.
+Percentiles BurstStart(const Harness& h, unsigned int workers, size_t bursts) {
+  g_done = 0;
+  g_latency = nullptr;
+  g_burstSize = static_cast<int>(workers);  // before the workers start
+  void* pool = h.create(workers);
+  std::vector<long long> starts;
+  for (size_t b = 0; b <= bursts; ++b) {  // the first burst starts the workers
+    g_burstStarted = 0;
+    const long long first = NowNs();
+    for (unsigned int w = 0; w < workers; ++w) h.submit(pool, 0, first);
+    SleepPollUntil(static_cast<long long>((b + 1) * workers));
+    if (b != 0) starts.push_back(g_burstLastStart.load() - first);
+    std::this_thread::sleep_for(std::chrono::microseconds(500));
+  }
+  h.drain(pool);
+  g_burstSize = 0;  // after the workers ended
+  return Compute(starts, 1000.0);
+}
+
 // The processor time of the whole process so far (every thread, user and
 // system), in seconds.
 double ProcessCpuSeconds() {
@@ -510,6 +551,7 @@ double ProcessCpuSeconds() {
 
 // Latency samples of an idle pool, and the pause before each latency run.
 constexpr size_t kIdleSamples = 4000;
+constexpr size_t kBursts = 1000;
 constexpr int kQuietMs = 300;
 
 // True when `name` contains one of the '|'-separated words of `filter`.
@@ -584,6 +626,8 @@ void TaskBenchmarks(size_t tasks, const char* only) {
     std::vector<std::vector<double>> idleHereP50(all.size());
     std::vector<std::vector<double>> busyP50(all.size());
     std::vector<std::vector<double>> busyP99(all.size());
+    std::vector<std::vector<double>> burstP50(all.size());
+    std::vector<std::vector<double>> burstP99(all.size());
     tput[0].resize(all.size());
     tput[1].resize(all.size());
     std::vector<std::vector<double>> cpuPerTask(all.size());
@@ -614,6 +658,10 @@ void TaskBenchmarks(size_t tasks, const char* only) {
         const Percentiles busy = Latency(all[h].harness, workers, 20000, false);
         busyP50[h].push_back(busy.p50 * 1000);
         busyP99[h].push_back(busy.p99 * 1000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(kQuietMs));
+        const Percentiles burst = BurstStart(all[h].harness, workers, kBursts);
+        burstP50[h].push_back(burst.p50 * 1000);
+        burstP99[h].push_back(burst.p99 * 1000);
       }
     }
     for (int m = 0; m < 2; ++m) {
@@ -642,7 +690,11 @@ void TaskBenchmarks(size_t tasks, const char* only) {
     } latencies[] = {{"idle pool, p99 (4000 samples, 200 us apart)", &idleP99},
                      {"idle pool, p50", &idleP50},
                      {"busy producer, p99 (20000 samples back to back)", &busyP99},
-                     {"busy producer, p50", &busyP50}};
+                     {"busy producer, p50", &busyP50},
+                     {"burst into an idle pool, one task per worker, first submit to last "
+                      "start, p50 (1000 bursts)",
+                      &burstP50},
+                     {"the same bursts, p99", &burstP99}};
     for (const auto& l : latencies) {
       std::printf("\nSubmit-to-start latency, %s; median, lowest, highest of %d runs\n", l.title,
                   kReps);
