@@ -391,19 +391,20 @@ TaskWaiter* TaskQueue::serveWaiter() {
 
 // Under the head lock, with an entry queued and a consumer waiting: gives the
 // front entry to the latest waiter if it is still watching, which needs no
-// wake-up call, or else if no other sleeper's wake-up is under way. Returns
-// the waiter to wake, or nullptr. While one woken consumer is on its way, the
-// entries stay queued for it: it hands the next one on as soon as it runs
+// wake-up call, or else if no other sleeper's wake-up is under way or
+// `fanOut` says that the caller is the woken consumer handing entries on.
+// Returns the waiter to wake, or nullptr. While one woken consumer is on its
+// way, the entries stay queued for it: it hands them on as soon as it runs
 // (see handOn), so that a burst costs its producer one wake-up call, not one
 // per sleeping consumer.
-TaskWaiter* TaskQueue::handOver() {
+TaskWaiter* TaskQueue::handOver(bool fanOut) {
   TaskWaiter* const waiter = waiters;
   // Published by the state change below; the waiter reads it only after.
   waiter->task = slots[head];
   int state = TaskWaiter::kWaiting;
   const bool watching = waiter->state.compare_exchange_strong(state, TaskWaiter::kServed,
                                                               std::memory_order_acq_rel);
-  if (!watching && waking) return nullptr;
+  if (!watching && waking && !fanOut) return nullptr;
   waiters = waiter->next;
   waiting.fetch_sub(1, std::memory_order_relaxed);
   (void)takeFront();
@@ -415,9 +416,12 @@ TaskWaiter* TaskQueue::handOver() {
 
 // Called by a consumer woken with an entry: ends the wake-up under way and,
 // while entries are queued, hands them to the consumers still waiting, up to
-// and including the first one asleep, whose wake-up it makes.
+// kFanOut of them asleep, whose wake-up calls it makes. Each one woken so
+// calls this in turn, so entries queued past the last of them are handed on
+// by the next.
 void TaskQueue::handOn() {
-  TaskWaiter* woken = nullptr;
+  TaskWaiter* woken[kFanOut];
+  int wakeUps = 0;
   ITask** retired = nullptr;
   std::size_t retiredSlots = 0;
   int handed = 0;
@@ -426,9 +430,10 @@ void TaskQueue::handOn() {
     Acquire(headLock, lockSpinNanos);
     QueueHold locker(headLock);
     waking = false;
-    while (woken == nullptr && waiters != nullptr &&
+    while (wakeUps < kFanOut && waiters != nullptr &&
            queued.load(std::memory_order_acquire) != 0) {
-      woken = handOver();
+      TaskWaiter* const sleeper = handOver(true);
+      if (sleeper != nullptr) woken[wakeUps++] = sleeper;
       ++handed;
     }
     if (handed != 0) {
@@ -436,7 +441,7 @@ void TaskQueue::handOn() {
       retired = shrinkEmptied(retiredSlots);
     }
   }
-  Wake(woken, *watchers);
+  for (int i = 0; i < wakeUps; ++i) Wake(woken[i], *watchers);
   // Unlike a producer's hand-over, these leave room that producers may be
   // waiting for: one notification per entry, as take() makes.
   if (roomMade) notifyRoom(handed);

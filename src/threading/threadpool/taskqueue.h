@@ -125,12 +125,14 @@ class RoomSignal {
 // `queued` once more; a producer counts its entry in and then looks for
 // waiters: one of the two sees the other. Waiters are served last-come
 // first: the latest is the one most likely still watching, and so served
-// without a system call. Only one sleeping consumer is woken at a time:
+// without a system call. A producer wakes one sleeping consumer at a time:
 // while a woken one has not yet run, producers leave their entries queued,
-// and the woken one, as soon as it runs, hands the next entry to the next
-// waiter and makes that wake-up call itself. So a burst into a pool of
-// sleeping workers costs the producer one wake-up call, and an entry never
-// waits while consumers sleep and no wake-up is under way. In a pool
+// and the woken one, as soon as it runs, hands the entries queued meanwhile
+// to the waiters (up to kFanOut of them asleep) and makes those wake-up
+// calls itself. So a burst into a pool of sleeping workers costs the
+// producer one wake-up call, the other workers are woken all at once and
+// not one after the other, and an entry never waits while consumers sleep
+// and no wake-up is under way. In a pool
 // whose queues share one watcher (see shareWatchers), a producer that serves
 // a sleeping waiter while the watcher spins leaves the wake-up call to the
 // watcher instead of making it: the producer, usually the slower side, goes
@@ -209,7 +211,10 @@ struct TaskQueue {
   Result add(ITask* task, bool timed, unsigned int ms, unsigned long long startTick);
   void append(ITask* entry);
   TaskWaiter* serveWaiter();
-  TaskWaiter* handOver();
+  TaskWaiter* handOver(bool fanOut = false);
+  // How many sleepers a woken consumer wakes at most (see handOn); those
+  // woken go on where it stopped.
+  static constexpr int kFanOut = 8;
   void handOn();
   ITask* takeFront();
   bool hasRoom() const;

@@ -22,9 +22,9 @@ struct ThreadPoolPrivate;
 // "Exec").
 //
 // Wake-ups: idle workers sleep. A task added to an idle pool goes to the
-// worker that slept last; a burst wakes one worker, which wakes the next as
-// soon as it runs, so the producer makes one wake-up call for the burst and
-// the burst's first tasks start one wake-up apart.
+// worker that slept last; a burst wakes one worker, which hands the tasks
+// queued meanwhile to the other sleeping workers and wakes them as soon as
+// it runs, so the producer makes one wake-up call for the burst.
 //
 // Ownership: the pool owns every task it accepts. A worker disposes the task
 // after its run() returned or threw (a run() that throws gets the task's
