@@ -412,26 +412,28 @@ TEST_F(ThreadPoolTest, TryAddTaskChargesTheWholeTimeSinceTheCallAndPassesOnTheRo
 }
 
 // A stop() that queues its marker while the queue is full waits for room,
-// ahead of the producers waiting too: the first room made, here by a larger
-// bound that wakes them all, is the marker's. Then every producer still
-// waiting is refused, more of them than later takes could wake one by one.
+// ahead of the producers that waited before it: the room that the first
+// take makes is the marker's. Then every producer still waiting is refused,
+// more of them than later takes could wake one by one.
 TEST_F(ThreadPoolTest, StopWakesEveryProducerWaitingForRoom) {
   constexpr int kProducers = 150;
   Held<ThreadPool> h(1);
   h.pool.setMaxTaskNum(100);
   ASSERT_TRUE(h.hold());
   for (int i = 0; i < 100; ++i) h.pool.addTask(h.make(i));
-  std::atomic<pid_t> stopperId{0};
-  std::thread stopper([&] {
-    stopperId = gettid();
-    h.pool.stop();
-  });
-  ASSERT_TRUE(PollUntil([&] { return stopperId != 0 && Asleep(stopperId); }));
   std::atomic<int> added{0};
   std::atomic<int> refused{0};
-  std::vector<std::thread> producers;
+  std::vector<std::atomic<pid_t>> ids(kProducers + 1);
+  std::vector<std::thread> threads;
+  const auto asleep = [&](int n) {
+    for (int i = 0; i < n; ++i) {
+      if (ids[i] == 0 || !Asleep(ids[i])) return false;
+    }
+    return true;
+  };
   for (int i = 0; i < kProducers; ++i) {
-    producers.emplace_back([&, i] {
+    threads.emplace_back([&, i] {
+      ids[i] = gettid();
       try {
         h.pool.addTask(h.make(1000 + i));
         added.fetch_add(1);
@@ -440,14 +442,17 @@ TEST_F(ThreadPoolTest, StopWakesEveryProducerWaitingForRoom) {
       }
     });
   }
-  Thread::Sleep(20);  // lets the producers wait for room
-  h.pool.setMaxTaskNum(101);
+  EXPECT_TRUE(PollUntil([&] { return asleep(kProducers); }));
+  threads.emplace_back([&] {
+    ids[kProducers] = gettid();
+    h.pool.stop();
+  });
+  EXPECT_TRUE(PollUntil([&] { return asleep(kProducers + 1); }));
   h.gate.open();
   const bool allEnded = PollUntil([&] { return added.load() + refused.load() == kProducers; });
   EXPECT_TRUE(allEnded) << added.load() << " added, " << refused.load() << " refused";
   if (!allEnded) h.pool.setMaxTaskNum(1000000);  // wakes the ones left, to be refused
-  stopper.join();
-  for (std::thread& t : producers) t.join();
+  for (std::thread& t : threads) t.join();
   EXPECT_EQ(added.load(), 0);
   EXPECT_EQ(h.tally.runs.load(), 101 + added.load());
   EXPECT_EQ(h.tally.disposals.load(), h.tally.runs.load() + refused.load());
