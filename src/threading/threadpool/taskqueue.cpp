@@ -2,6 +2,7 @@
 #include "threading/threadpool/taskqueue.h"
 
 #include <linux/futex.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -280,9 +281,12 @@ ITask* TaskQueue::take(TaskWaiter& self) {
 
 // Only one consumer of a pool watches at a time before sleeping: more would
 // take processor time from the producers. While it watches, it makes the
-// wake-up calls that producers leave to it (see Wake). A consumer whose
-// last sleep was long does not watch at all, so that an idle pool sleeps at
-// once.
+// wake-up calls that producers leave to it (see Wake). In a pool of one
+// queue per worker, a consumer that finds another one watching gives its
+// processor away once before it sleeps: with more workers than processors,
+// its queue's producer often adds the next entry meanwhile, which then costs
+// neither a sleep nor a wake-up call. A consumer whose last sleep was long
+// does neither, so that an idle pool sleeps at once.
 ITask* TaskQueue::await(TaskWaiter& self) {
   if (watchNanos > 0 && self.watch) {
     WatchShare& share = *watchers;
@@ -301,6 +305,8 @@ ITask* TaskQueue::await(TaskWaiter& self) {
         share.spinning.store(0, std::memory_order_seq_cst);
         WakeLeft(share);
       }
+    } else if (share.takesWakeUps) {
+      sched_yield();
     }
     share.watchers.fetch_sub(1, std::memory_order_relaxed);
   }
