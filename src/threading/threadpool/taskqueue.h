@@ -132,11 +132,10 @@ class RoomSignal {
 // calls itself. So a burst into a pool of sleeping workers costs the
 // producer one wake-up call, the other workers are woken all at once and
 // not one after the other, and an entry never waits while consumers sleep
-// and no wake-up is under way. In a pool
-// whose queues share one watcher (see shareWatchers), a producer that serves
-// a sleeping waiter while the watcher spins leaves the wake-up call to the
-// watcher instead of making it: the producer, usually the slower side, goes
-// on at once.
+// and no wake-up is under way. In a pool whose queues share one watcher (see
+// shareWatchers), a producer that serves a sleeping waiter while the watcher
+// spins leaves the wake-up call to the watcher instead of making it: the
+// producer, usually the slower side, goes on at once.
 //
 // Producers wait for room the same way: one that finds the queue full counts
 // itself in `full`, reads the room signal's sequence and checks once more; a
@@ -166,11 +165,10 @@ struct TaskQueue {
 
   // Appends a stop marker in the room kept for it, waiting while the queue
   // is full, ahead of every producer waiting too; a waiting consumer is
-  // given the marker directly. With `last`
-  // the queue is closed in the same step: every later put and tryPut is
-  // refused with kClosed, and producers waiting for room are woken to be
-  // refused, so that no task ever lands behind the last marker. kClosed
-  // once the queue was closed.
+  // given the marker directly. With `last` the queue is closed in the same
+  // step: every later put and tryPut is refused with kClosed, and producers
+  // waiting for room are woken to be refused, so that no task ever lands
+  // behind the last marker. kClosed once the queue was closed.
   Result putMarker(bool last);
 
   // Appends `task`, waiting while the queue is full. kClosed once the queue
