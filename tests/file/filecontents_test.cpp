@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <climits>
@@ -249,6 +250,9 @@ TEST_F(FileContentsTest, DeviceReadAndCopiedUpToItsSeekEnd) {
   EXPECT_FALSE(FileUtils::CopyFile("/dev/null", P("short")));
   ZorvTestSeekEnd(-1);
   EXPECT_FALSE(std::filesystem::exists(dir_ / "short"));
+  ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+  MemoryBuffer piped;
+  EXPECT_FALSE(FileUtils::ReadBinary(P("fifo"), &piped));  // no end to seek to
 }
 
 TEST(ReadRoomTest, SumsAndGrowthNeverWrap) {
