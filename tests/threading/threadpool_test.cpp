@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include <sched.h>
 #include <unistd.h>
 
 #include "foundation/debug/chronomonitor.h"
@@ -501,6 +502,55 @@ TEST_F(ThreadPoolTest, HandOversAmongSleepingWorkersLetAWaitingProducerIn) {
   if (!allRunning) h.pool.setMaxTaskNum(1000);  // lets the producer go
   producer.join();
   EXPECT_TRUE(allRunning) << h.tally.running.load() << " of " << kTasks << " running";
+}
+
+// A task for an idle pool goes to a worker that went to sleep on the
+// producer's processor, although another one went to sleep after it: that
+// one would start only once its own, idle processor came out of idle.
+TEST_F(ThreadPoolTest, AnIdlePoolWakesAWorkerThatSleptOnTheProducersProcessor) {
+  cpu_set_t allowed;
+  std::vector<int> cpus;
+  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0) {
+    for (int cpu = 0; cpu < CPU_SETSIZE && cpus.size() < 2; ++cpu) {
+      if (CPU_ISSET(cpu, &allowed)) cpus.push_back(cpu);
+    }
+  }
+  if (cpus.size() < 2 || sched_getcpu() < 0) GTEST_SKIP() << "needs two processors";
+  const auto pin = [](int cpu) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(cpu, &one);
+    return sched_setaffinity(0, sizeof one, &one) == 0 && sched_getcpu() == cpu;
+  };
+  struct Unpin {
+    cpu_set_t& all;
+    ~Unpin() { (void)sched_setaffinity(0, sizeof all, &all); }
+  } unpin{allowed};
+  ASSERT_TRUE(pin(cpus[0]));  // the producer
+  Held<ThreadPool> h(2);
+  Gate gates[2];
+  GateOpener openers[2] = {GateOpener(gates[0]), GateOpener(gates[1])};
+  std::atomic<pid_t> worker[2] = {{0}, {0}};
+  for (int i = 0; i < 2; ++i) {  // worker i sleeps on processor i, worker 1 last
+    ProbeTask* task = h.make(i);
+    task->body = [&, i] {
+      worker[i] = pin(cpus[i]) ? gettid() : -1;
+      gates[i].wait();
+    };
+    h.pool.addTask(task);
+  }
+  ASSERT_TRUE(PollUntil([&] { return worker[0] != 0 && worker[1] != 0; }));
+  ASSERT_TRUE(worker[0] > 0 && worker[1] > 0) << "a worker could not be pinned";
+  for (int i = 0; i < 2; ++i) {
+    gates[i].open();
+    ASSERT_TRUE(PollUntil([&] { return h.tally.runs == i + 1 && Asleep(worker[i]); }));
+  }
+  std::atomic<pid_t> ranOn{0};
+  ProbeTask* task = h.make(2);
+  task->body = [&] { ranOn = gettid(); };
+  h.pool.addTask(task);
+  ASSERT_TRUE(PollUntil([&] { return ranOn != 0; }));
+  EXPECT_EQ(ranOn.load(), worker[0].load()) << "the latest sleeper, on another processor, ran it";
 }
 
 // ---- AffinityThreadPool ----

@@ -310,6 +310,7 @@ ITask* TaskQueue::await(TaskWaiter& self) {
     }
     share.watchers.fetch_sub(1, std::memory_order_relaxed);
   }
+  if (watchNanos > 0) self.cpu.store(sched_getcpu(), std::memory_order_relaxed);
   int expected = TaskWaiter::kWaiting;
   if (!self.state.compare_exchange_strong(expected, TaskWaiter::kSleeping,
                                           std::memory_order_acquire)) {
@@ -389,10 +390,38 @@ TaskWaiter* TaskQueue::serveWaiter() {
   Acquire(headLock, lockSpinNanos);
   QueueHold locker(headLock);
   if (waiters == nullptr || queued.load(std::memory_order_acquire) == 0) return nullptr;
+  if (!waking && lockSpinNanos > 0) preferLocalSleeper();
   // No producer needs waking for the room a hand-over leaves: the count is
   // back where it was before this producer, holding the tail lock
   // throughout, counted its entry in, and that room was there when it looked.
   return handOver();
+}
+
+// Under the head lock, with a consumer waiting: when the latest waiter sleeps
+// and went to sleep on another processor than the caller's, moves the first
+// of the next kLocalScan waiters that went to sleep on the caller's to the
+// front, so that handOver serves it. Waiters only ever go to sleep on their
+// own, so a hint read here may be stale; it costs a slower start, not a
+// wrong one.
+void TaskQueue::preferLocalSleeper() {
+  TaskWaiter* const latest = waiters;
+  if (latest->next == nullptr ||
+      latest->state.load(std::memory_order_relaxed) != TaskWaiter::kSleeping) {
+    return;
+  }
+  const int here = sched_getcpu();
+  if (here < 0 || latest->cpu.load(std::memory_order_relaxed) == here) return;
+  TaskWaiter* before = latest;
+  for (int looked = 0; looked < kLocalScan && before->next != nullptr; ++looked) {
+    TaskWaiter* const candidate = before->next;
+    if (candidate->cpu.load(std::memory_order_relaxed) == here) {
+      before->next = candidate->next;
+      candidate->next = latest;
+      waiters = candidate;
+      return;
+    }
+    before = candidate;
+  }
 }
 
 // Under the head lock, with an entry queued and a consumer waiting: gives the

@@ -30,6 +30,10 @@ struct TaskWaiter {
   std::atomic<int> state{kWaiting};
   ITask* task = nullptr;
   TaskWaiter* next = nullptr;
+  // The processor the consumer last went to sleep on (-1 before it first
+  // slept, or where the queue does not look): a hint for producers, which
+  // prefer to wake a sleeper of their own processor (see TaskQueue).
+  std::atomic<int> cpu{-1};
   // Whether this consumer watches for an entry before it sleeps: only while
   // its recent waits ended soon (see TaskQueue::await).
   bool watch = true;
@@ -125,7 +129,14 @@ class RoomSignal {
 // `queued` once more; a producer counts its entry in and then looks for
 // waiters: one of the two sees the other. Waiters are served last-come
 // first: the latest is the one most likely still watching, and so served
-// without a system call. A producer wakes one sleeping consumer at a time:
+// without a system call. Where the latest one sleeps and went to sleep on
+// another processor than the producer's, a sleeper that went to sleep on
+// the producer's own processor is served instead, if one of the next few
+// did: the kernel wakes a thread on its last processor when that one is
+// idle, so the other one would have to come out of idle (tens of
+// microseconds), where this one starts as soon as the producer pauses, and
+// a pool once split from its producer would stay split. A producer wakes
+// one sleeping consumer at a time:
 // while a woken one has not yet run, producers leave their entries queued,
 // and the woken one, as soon as it runs, hands the entries queued meanwhile
 // to the waiters (up to kFanOut of them asleep) and makes those wake-up
@@ -209,6 +220,10 @@ struct TaskQueue {
   Result add(ITask* task, bool timed, unsigned int ms, unsigned long long startTick);
   void append(ITask* entry);
   TaskWaiter* serveWaiter();
+  void preferLocalSleeper();
+  // How many waiters past the latest a producer looks at for one that
+  // slept on its processor.
+  static constexpr int kLocalScan = 4;
   TaskWaiter* handOver(bool fanOut = false);
   // How many sleepers a woken consumer wakes at most (see handOn); those
   // woken go on where it stopped.

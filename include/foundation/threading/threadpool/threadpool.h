@@ -22,7 +22,11 @@ struct ThreadPoolPrivate;
 // "Exec").
 //
 // Wake-ups: idle workers sleep. A task added to an idle pool goes to the
-// worker that slept last; a burst wakes one worker, which hands the tasks
+// worker that slept last, unless that one went to sleep on another
+// processor than the caller's and one of the next few sleepers went to
+// sleep on the caller's: that one is woken instead, since it starts as soon
+// as the caller pauses, where the other processor would first have to come
+// out of idle. A burst wakes one worker, which hands the tasks
 // queued meanwhile to the other sleeping workers and wakes them as soon as
 // it runs, so the producer makes one wake-up call for the burst.
 //
