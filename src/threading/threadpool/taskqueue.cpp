@@ -390,6 +390,7 @@ TaskWaiter* TaskQueue::serveWaiter() {
   Acquire(headLock, lockSpinNanos);
   QueueHold locker(headLock);
   if (waiters == nullptr || queued.load(std::memory_order_acquire) == 0) return nullptr;
+  // With one processor (no spin budget) every sleeper is on the producer's.
   if (!waking && lockSpinNanos > 0) preferLocalSleeper();
   // No producer needs waking for the room a hand-over leaves: the count is
   // back where it was before this producer, holding the tail lock
@@ -400,9 +401,9 @@ TaskWaiter* TaskQueue::serveWaiter() {
 // Under the head lock, with a consumer waiting: when the latest waiter sleeps
 // and went to sleep on another processor than the caller's, moves the first
 // of the next kLocalScan waiters that went to sleep on the caller's to the
-// front, so that handOver serves it. Waiters only ever go to sleep on their
-// own, so a hint read here may be stale; it costs a slower start, not a
-// wrong one.
+// front, so that handOver serves it. A waiter writes its processor before it
+// goes to sleep, and it is read here without ordering: a stale one costs a
+// slower start, never a wrong hand-over.
 void TaskQueue::preferLocalSleeper() {
   TaskWaiter* const latest = waiters;
   if (latest->next == nullptr ||
