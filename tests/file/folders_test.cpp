@@ -170,17 +170,17 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
        {"s/", "s/sub/", "s/sub/sock?"}}};
   // clang-format on
   // Refused calls, which change nothing: an empty path, what exists, a file
-  // where a folder is wanted, a missing source or target folder, a copy
-  // onto itself.
+  // where a folder is wanted, a missing folder or parent folder, a missing
+  // source or target folder, a copy onto itself.
   const struct {
     char op;
     const char* path;
     const char* to;
   } refused[] = {
-      {'m', "", ""},        {'m', "root", ""}, {'m', "f", ""},        {'m', "f/sub/deeper", ""},
-      {'R', "", ""},        {'R', "f", ""},    {'R', "missing", ""},  {'C', "root", "root"},
-      {'C', "root", "x/y"}, {'C', "f", "c"},   {'C', "missing", "c"}, {'C', "", "c"},
-      {'C', "root", ""},    {'C', "root", "f"}};
+      {'m', "", ""},         {'m', "root", ""},    {'m', "f", ""},       {'m', "f/sub/deeper", ""},
+      {'R', "", ""},         {'R', "f", ""},       {'R', "missing", ""}, {'R', "missing/sub", ""},
+      {'C', "root", "root"}, {'C', "root", "x/y"}, {'C', "f", "c"},      {'C', "missing", "c"},
+      {'C', "", "c"},        {'C', "root", ""},    {'C', "root", "f"}};
   const std::vector<std::string> plain = Plus(Tree(), file);
   for (const auto& r : refused)
     cases.push_back({r.path, plain, Op(r.op, r.path, r.to), false, plain});
