@@ -253,6 +253,8 @@ TEST_F(FileContentsTest, DeviceReadAndCopiedUpToItsSeekEnd) {
   ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
   MemoryBuffer piped;
   EXPECT_FALSE(FileUtils::ReadBinary(P("fifo"), &piped));  // no end to seek to
+  EXPECT_TRUE(FileUtils::ReadBinary("/dev/null", &piped));  // its end is at 0
+  EXPECT_EQ(piped.length(), 0u);
 }
 
 TEST(ReadRoomTest, SumsAndGrowthNeverWrap) {
