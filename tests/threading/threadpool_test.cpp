@@ -481,6 +481,20 @@ TEST_F(ThreadPoolTest, AnEmptiedRingShrinksToTheRoomOfTheMarkers) {
   EXPECT_THROW(h.pool.addTask(task), std::bad_alloc) << "the small ring has room to spare";
 }
 
+// A ring that never grew past 4096 slots is kept when a take empties it:
+// the allocation that fails next is still the next one after the take.
+TEST_F(ThreadPoolTest, TakingTheLastTaskOfASmallRingAllocatesNothing) {
+  Held<ThreadPool> h(1);
+  ASSERT_TRUE(h.hold());
+  h.pool.addTask(h.make(1));  // queued behind the held task
+  zorv::test::FailAfterGuard fail(1);
+  h.gate.open();
+  ASSERT_TRUE(PollUntil([&] { return h.tally.runs == 2; }));
+  unsigned char* const block = zf::debug::MemoryMonitor::Alloc(8);
+  EXPECT_EQ(block, nullptr) << "the queue allocated when it ran empty";
+  if (block != nullptr) zf::debug::MemoryMonitor::Dealloc(block, 8);
+}
+
 // Sleeping workers are woken one at a time, each handing the next queued
 // task on to the next sleeper; those hand-overs make room as takes do, so a
 // producer waiting on a full queue is let in although no worker comes back
