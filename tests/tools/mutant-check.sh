@@ -16,6 +16,11 @@ if [ "$(id -u)" = 0 ] && [ "${ZORV_MUTANTS_AS_ROOT:-}" != 1 ]; then
        "or set ZORV_MUTANTS_AS_ROOT=1 in a throw-away container" >&2
   exit 2
 fi
+# A mutant may leave a forked copy of a test running after ctest gave up on
+# the test (a child that loops); it would take a processor from every later
+# mutant. Whatever still runs from this build's tests is ended on the way out.
+reap() { pkill -KILL -f "^$PWD/tests/" 2>/dev/null || true; }
+trap reap EXIT
 source_dir=$(cd "$(dirname "$(readlink -f "$0")")/../.." && pwd)
 changed=$(git -C "$source_dir" diff --name-only | grep -E '^(src|debug)/' | head -n 1)
 area=debug
