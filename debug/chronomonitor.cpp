@@ -27,6 +27,7 @@
 #include <atomic>
 
 #include "internal.h"
+#include "scopeclock.h"
 
 namespace zorv {
 namespace foundation {
@@ -349,10 +350,10 @@ inline void AddOwn(std::atomic<unsigned long long>& counter, unsigned long long 
 }  // namespace
 
 ChronoMonitor::Chronometer::Chronometer(const char* category, const char* operation)
-    : category_(category), operation_(operation), start_(internal::MonotonicNanos()) {}
+    : category_(category), operation_(operation), start_(internal::ScopeClockStart()) {}
 
 ChronoMonitor::Chronometer::~Chronometer() {
-  const unsigned long long elapsed = internal::MonotonicNanos() - start_;
+  const unsigned long long elapsed = internal::ScopeClockElapsed(start_);
   bool own = false;
   Counters* c = FindCached(category_, operation_, &own);
   if (c == nullptr) return;

@@ -234,12 +234,8 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
     // Equal texts at other addresses are the same pair.
     const std::string category = "test.Category", operation = "Op";
     ChronoMonitor::Chronometer scope(category.c_str(), operation.c_str());
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   EXPECT_EQ(ChronoMonitor::Count("test.Category", "Op"), 6u);
-  EXPECT_GE(ChronoMonitor::MaxNanos("test.Category", "Op"), 2000000u);
-  EXPECT_GE(ChronoMonitor::TotalNanos("test.Category", "Op"),
-            ChronoMonitor::MaxNanos("test.Category", "Op"));
   // Other text at the same address is another pair.
   char category[32] = "test.Reused.A";
   { ChronoMonitor::Chronometer scope(category, "Op"); }
@@ -266,6 +262,35 @@ TEST_F(MonitorsTest, ChronometerCountsScopesPerCategoryAndOperation) {
     const std::string text = "op" + std::to_string(i);
     ASSERT_EQ(ChronoMonitor::Count("test.Many", text.c_str()), 1u) << i;
     ASSERT_EQ(ChronoMonitor::Count(text.c_str(), "test.Many"), 1u) << i;
+  }
+}
+
+// A scope's time lies between the steady clock's spans just inside and just
+// outside it, whichever clock it reads: the process's first scopes read the
+// monotonic clock, later ones may read a counter whose rate was measured
+// against it (known to some ppm, and read out of order by a few ns).
+TEST_F(MonitorsTest, ChronometerAgreesWithTheSteadyClock) {
+  using Clock = std::chrono::steady_clock;
+  const auto nanos = [](Clock::duration d) {
+    return static_cast<unsigned long long>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(d).count());
+  };
+  const Clock::time_point end = Clock::now() + std::chrono::milliseconds(200);
+  for (int round = 0; Clock::now() < end; ++round) {
+    const unsigned long long before = ChronoMonitor::TotalNanos("test.Clock", "Spin");
+    const Clock::time_point outerStart = Clock::now();
+    Clock::time_point innerStart, innerEnd;
+    {
+      ChronoMonitor::Chronometer scope("test.Clock", "Spin");
+      innerStart = Clock::now();
+      do innerEnd = Clock::now(); while (innerEnd - innerStart < std::chrono::milliseconds(1));
+    }
+    const unsigned long long outer = nanos(Clock::now() - outerStart);
+    const unsigned long long inner = nanos(innerEnd - innerStart);
+    const unsigned long long timed = ChronoMonitor::TotalNanos("test.Clock", "Spin") - before;
+    ASSERT_GE(timed + inner / 1000 + 1000, inner) << round;
+    ASSERT_LE(timed, outer + outer / 1000 + 1000) << round;
+    ASSERT_GE(ChronoMonitor::MaxNanos("test.Clock", "Spin"), timed) << round;
   }
 }
 

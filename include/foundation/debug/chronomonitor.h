@@ -20,6 +20,11 @@ namespace debug {
 // the scopes of its first 8 pairs in counters of its own (256 such sets in
 // the process, handed on when a thread ends), so that threads timing the
 // same pair do not contend; the figures read are the sums.
+//
+// Durations are read from the monotonic clock. On x86-64, where the
+// processor's time-stamp counter runs at a constant rate and the kernel
+// keeps time by it, scopes read that counter instead once its rate has been
+// measured against the monotonic clock, 50 ms after the first scope ended.
 class ZORV_DEBUG_EXPORT ChronoMonitor {
  public:
   // A scope that times an operation: the time from construction to
