@@ -14,6 +14,7 @@
 
 #include <cpuid.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -69,6 +70,17 @@ bool ReadPair(unsigned long long* ticks, unsigned long long* nanos) {
   }
   return false;
 }
+
+// A child forked while another thread took a step starts again.
+void ResetInChild() {
+  int busy = kBusy;
+  g_state.compare_exchange_strong(busy, kUntried, std::memory_order_relaxed);
+}
+
+struct Registrar {
+  Registrar() { pthread_atfork(nullptr, nullptr, &ResetInChild); }
+};
+Registrar g_registrar;
 
 }  // namespace
 
