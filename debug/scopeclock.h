@@ -3,8 +3,8 @@
 // A scope reads the clock twice, and with the monotonic clock those two
 // readings cost more than all its bookkeeping. On x86-64, where the
 // time-stamp counter runs at a constant rate in every state and the kernel
-// keeps time by it, a scope reads the counter instead (a third of the cost)
-// and converts ticks to nanoseconds with a factor measured against the
+// keeps time by it, a scope reads the counter instead (less than half the
+// cost) and converts ticks to nanoseconds with a factor measured against the
 // monotonic clock. Until that factor is known (the first 50 ms after the
 // first scope ends), and everywhere else, scopes read the monotonic clock.
 //
