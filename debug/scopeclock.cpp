@@ -71,6 +71,12 @@ bool ReadPair(unsigned long long* ticks, unsigned long long* nanos) {
   return false;
 }
 
+// Scopes stay on the monotonic clock, and no longer call here.
+void GiveUp() {
+  g_nanosPerTick.store(kNoCounter, std::memory_order_relaxed);
+  g_state.store(kUnusable, std::memory_order_relaxed);
+}
+
 // A child forked while another thread took a step starts again.
 void ResetInChild() {
   int busy = kBusy;
@@ -89,7 +95,7 @@ void CalibrateScopeClock(unsigned long long monotonicNow) {
   if (state == kUntried) {
     if (!g_state.compare_exchange_strong(state, kBusy, std::memory_order_acquire)) return;
     if (!CounterKeepsTime()) {
-      g_state.store(kUnusable, std::memory_order_relaxed);
+      GiveUp();
       return;
     }
     unsigned long long ticks = 0, nanos = 0;
@@ -117,7 +123,7 @@ void CalibrateScopeClock(unsigned long long monotonicNow) {
       (static_cast<ScopeClockWide>(nanos - g_anchorNanos) << 32) / (ticks - g_anchorTicks));
   // Believable rates only: 100 MHz to 100 GHz.
   if (factor < (1ull << 32) / 100 || factor > (10ull << 32)) {
-    g_state.store(kUnusable, std::memory_order_relaxed);
+    GiveUp();
     return;
   }
   g_nanosPerTick.store(factor, std::memory_order_relaxed);

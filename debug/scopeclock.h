@@ -28,8 +28,10 @@ namespace debug {
 namespace internal {
 
 #if defined(ZORV_DEBUG_SCOPE_TICKS)
-// Nanoseconds per tick in 32.32 fixed point; 0 while unknown or unusable.
+// Nanoseconds per tick in 32.32 fixed point; 0 while unknown, kNoCounter
+// once the counter turned out unusable.
 extern std::atomic<unsigned long long> g_nanosPerTick;
+constexpr unsigned long long kNoCounter = 1;
 
 constexpr unsigned long long kTicksMark = 1ull << 63;
 
@@ -40,7 +42,7 @@ __extension__ typedef unsigned __int128 ScopeClockWide;
 void CalibrateScopeClock(unsigned long long monotonicNow);
 
 inline unsigned long long ScopeClockStart() {
-  if (g_nanosPerTick.load(std::memory_order_relaxed) != 0) return __rdtsc() | kTicksMark;
+  if (g_nanosPerTick.load(std::memory_order_relaxed) > kNoCounter) return __rdtsc() | kTicksMark;
   return MonotonicNanos();
 }
 

@@ -1,14 +1,14 @@
 // The clock of timing scopes, driven through a copy of its own: it moves to
 // the processor's counter where the kernel reports a counter that runs at
 // one rate and keeps time by it, and stays on the monotonic clock elsewhere.
+#include "scopeclock.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <fstream>
 #include <string>
 #include <thread>
-
-#include "scopeclock.h"
 
 namespace {
 
