@@ -32,8 +32,7 @@ std::atomic<int> g_state{kUntried};
 
 // The first pair; written by the thread that anchors, published with
 // kAnchored.
-unsigned long long g_anchorTicks;
-unsigned long long g_anchorNanos;
+ScopeClockPair g_anchor;
 
 constexpr unsigned long long kWindowNanos = 50000000;
 // A pair whose bracket is wider than this is taken again: at 1 GHz or
@@ -54,19 +53,14 @@ bool CounterKeepsTime() {
   char name[16] = {};
   const ssize_t n = read(fd, name, sizeof name - 1);
   close(fd);
-  return n >= 3 && memcmp(name, "tsc", 3) == 0 && (n == 3 || name[3] == '\n');
+  return ClockSourceIsCounter(name, static_cast<long>(n));
 }
 
-bool ReadPair(unsigned long long* ticks, unsigned long long* nanos) {
+bool ReadPair(ScopeClockPair* pair) {
   for (int attempt = 0; attempt < 4; ++attempt) {
     const unsigned long long before = __rdtsc();
     const unsigned long long now = MonotonicNanos();
-    const unsigned long long after = __rdtsc();
-    if (after > before && after - before <= kMaxBracketTicks) {
-      *ticks = before + (after - before) / 2;
-      *nanos = now;
-      return true;
-    }
+    if (PairFromBracket(before, now, __rdtsc(), pair)) return true;
   }
   return false;
 }
@@ -90,6 +84,33 @@ Registrar g_registrar;
 
 }  // namespace
 
+bool ClockSourceIsCounter(const char* text, long n) {
+  return n >= 3 && memcmp(text, "tsc", 3) == 0 && (n == 3 || text[3] == '\n');
+}
+
+bool PairFromBracket(unsigned long long before, unsigned long long nanos, unsigned long long after,
+                     ScopeClockPair* pair) {
+  // The mark of a tick reading must stay free.
+  if (after <= before || after - before > kMaxBracketTicks || after >= kTicksMark) return false;
+  pair->ticks = before + (after - before) / 2;
+  pair->nanos = nanos;
+  return true;
+}
+
+bool WindowElapsed(const ScopeClockPair& first, unsigned long long nanos) {
+  return nanos >= first.nanos && nanos - first.nanos >= kWindowNanos;
+}
+
+unsigned long long FactorFromPairs(const ScopeClockPair& first, const ScopeClockPair& second) {
+  if (second.ticks <= first.ticks || second.nanos <= first.nanos) return 0;
+  const unsigned long long factor = static_cast<unsigned long long>(
+      (static_cast<ScopeClockWide>(second.nanos - first.nanos) << 32) /
+      (second.ticks - first.ticks));
+  // Believable rates only: 100 MHz to 100 GHz.
+  if (factor < (1ull << 32) / 100 || factor > (10ull << 32)) return 0;
+  return factor;
+}
+
 void CalibrateScopeClock(unsigned long long monotonicNow) {
   int state = g_state.load(std::memory_order_acquire);
   if (state == kUntried) {
@@ -98,31 +119,24 @@ void CalibrateScopeClock(unsigned long long monotonicNow) {
       GiveUp();
       return;
     }
-    unsigned long long ticks = 0, nanos = 0;
-    // The mark of a tick reading must stay free.
-    if (!ReadPair(&ticks, &nanos) || ticks >= kTicksMark) {
+    ScopeClockPair pair;
+    if (!ReadPair(&pair)) {
       g_state.store(kUntried, std::memory_order_release);
       return;
     }
-    g_anchorTicks = ticks;
-    g_anchorNanos = nanos;
+    g_anchor = pair;
     g_state.store(kAnchored, std::memory_order_release);
     return;
   }
-  if (state != kAnchored || monotonicNow < g_anchorNanos ||
-      monotonicNow - g_anchorNanos < kWindowNanos) {
-    return;
-  }
+  if (state != kAnchored || !WindowElapsed(g_anchor, monotonicNow)) return;
   if (!g_state.compare_exchange_strong(state, kBusy, std::memory_order_acquire)) return;
-  unsigned long long ticks = 0, nanos = 0;
-  if (!ReadPair(&ticks, &nanos) || ticks <= g_anchorTicks || nanos <= g_anchorNanos) {
+  ScopeClockPair pair;
+  if (!ReadPair(&pair)) {
     g_state.store(kAnchored, std::memory_order_release);
     return;
   }
-  const unsigned long long factor = static_cast<unsigned long long>(
-      (static_cast<ScopeClockWide>(nanos - g_anchorNanos) << 32) / (ticks - g_anchorTicks));
-  // Believable rates only: 100 MHz to 100 GHz.
-  if (factor < (1ull << 32) / 100 || factor > (10ull << 32)) {
+  const unsigned long long factor = FactorFromPairs(g_anchor, pair);
+  if (factor == 0) {
     GiveUp();
     return;
   }

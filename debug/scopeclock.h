@@ -41,6 +41,28 @@ __extension__ typedef unsigned __int128 ScopeClockWide;
 // the first pair of readings, and a later one to measure the factor from.
 void CalibrateScopeClock(unsigned long long monotonicNow);
 
+// The steps of the calibration, apart from the readings they judge.
+// A counter reading and a monotonic reading taken at the same moment.
+struct ScopeClockPair {
+  unsigned long long ticks;
+  unsigned long long nanos;
+};
+// Whether `n` bytes read from the kernel's current_clocksource file name the
+// counter ("tsc", with or without its newline).
+bool ClockSourceIsCounter(const char* text, long n);
+// The pair of a monotonic reading taken between two counter readings, or
+// false when the counter ran backwards or the bracket is wider than 4096
+// ticks (the thread lost its processor in between), or the counter has come
+// to the mark bit.
+bool PairFromBracket(unsigned long long before, unsigned long long nanos, unsigned long long after,
+                     ScopeClockPair* pair);
+// Whether a monotonic reading is at least 50 ms after the first pair's.
+bool WindowElapsed(const ScopeClockPair& first, unsigned long long nanos);
+// Nanoseconds per tick in 32.32 fixed point between two pairs; 0 when the
+// second pair is not later in both clocks, or the rate is not between
+// 100 MHz and 100 GHz.
+unsigned long long FactorFromPairs(const ScopeClockPair& first, const ScopeClockPair& second);
+
 inline unsigned long long ScopeClockStart() {
   if (g_nanosPerTick.load(std::memory_order_relaxed) > kNoCounter) return __rdtsc() | kTicksMark;
   return MonotonicNanos();
