@@ -98,11 +98,11 @@ bool PairFromBracket(unsigned long long before, unsigned long long nanos, unsign
 }
 
 bool WindowElapsed(const ScopeClockPair& first, unsigned long long nanos) {
-  return nanos >= first.nanos && nanos - first.nanos >= kWindowNanos;
+  return nanos >= first.nanos + kWindowNanos;
 }
 
 unsigned long long FactorFromPairs(const ScopeClockPair& first, const ScopeClockPair& second) {
-  if (second.ticks <= first.ticks || second.nanos <= first.nanos) return 0;
+  if (second.ticks <= first.ticks || !WindowElapsed(first, second.nanos)) return 0;
   const unsigned long long factor = static_cast<unsigned long long>(
       (static_cast<ScopeClockWide>(second.nanos - first.nanos) << 32) /
       (second.ticks - first.ticks));

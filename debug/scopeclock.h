@@ -58,9 +58,9 @@ bool PairFromBracket(unsigned long long before, unsigned long long nanos, unsign
                      ScopeClockPair* pair);
 // Whether a monotonic reading is at least 50 ms after the first pair's.
 bool WindowElapsed(const ScopeClockPair& first, unsigned long long nanos);
-// Nanoseconds per tick in 32.32 fixed point between two pairs; 0 when the
-// second pair is not later in both clocks, or the rate is not between
-// 100 MHz and 100 GHz.
+// Nanoseconds per tick in 32.32 fixed point between two pairs; 0 unless
+// the second pair is later in ticks and 50 ms later in nanoseconds, and the
+// rate is between 100 MHz and 100 GHz.
 unsigned long long FactorFromPairs(const ScopeClockPair& first, const ScopeClockPair& second);
 
 inline unsigned long long ScopeClockStart() {

@@ -104,7 +104,9 @@ TEST(ScopeClockTest, CalibrationStepsJudgeTheirReadings) {
     EXPECT_EQ(internal::FactorFromPairs(first, {first.ticks + row.ticks, first.nanos + 50000000}),
               row.factor);
   }
-  EXPECT_EQ(internal::FactorFromPairs(first, {first.ticks + 150000000, first.nanos}), 0u);
+  // A second pair less than 50 ms later.
+  EXPECT_EQ(internal::FactorFromPairs(first, {first.ticks + 150000000, first.nanos + 49999999}),
+            0u);
 }
 #endif
 
