@@ -447,6 +447,7 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
             2);
   EXPECT_NEAR(meanUs * 100, totalMs * 1000, 1.0);
   ReportFigures parsed = figures(json);
+  EXPECT_NE(json.find(R"("Odd \"name\" \\ \u0001\n\u00ff caf)"), std::string::npos) << json;
   EXPECT_EQ(parsed.version, 1);
   EXPECT_EQ(parsed.objects["ReportedThing"], 2);
   // Bytes that are not UTF-8 come back as the code points of their values.
