@@ -425,14 +425,13 @@ namespace {
 // when the table holds what would not read back the same.
 bool SavedText(const detail::SectionTable& sections, SafeString& out) {
   // Only the first header may hold '=': later on such a line reads as a key.
+  // A table holds one such section at most (a parse keeps only its first
+  // header's, setValue takes none), and it is written first.
   auto first = sections.end();
   size_t total = 0;
   for (auto section = sections.begin(); section != sections.end(); ++section) {
     if (!ReadsBackAsIs(section->first)) return false;
-    if (section->first.find('=') != SafeString::npos) {
-      if (first != sections.end()) return false;
-      first = section;
-    }
+    if (section->first.find('=') != SafeString::npos) first = section;
     total += section->first.size() + 4;
     for (const auto& pair : section->second) {
       if (!ReadsBackAsIs(pair.first) || pair.first.find('=') != SafeString::npos ||

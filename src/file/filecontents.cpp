@@ -616,6 +616,10 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
   if (!in.valid()) return false;
   Descriptor out(Open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
   if (!out.valid()) return false;
+  // A failed copy removes its partial file, but never a device or FIFO that
+  // the target named.
+  struct stat target;
+  const bool ownFile = ::fstat(out.get(), &target) == 0 && S_ISREG(target.st_mode);
 
   // A regular file is copied to its end, whatever size it says it has
   // (files under /proc say 0); any other file (a device) only up to the
@@ -640,13 +644,13 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
       // No memory for the buffers: no partial copy stays behind.
       in.close();
       out.close();
-      (void)RemoveFile(to);
+      if (ownFile) (void)RemoveFile(to);
       throw;
     }
   }
   in.close();
   if (!out.close()) ok = false;
-  if (!ok) (void)RemoveFile(to);
+  if (!ok && ownFile) (void)RemoveFile(to);
   return ok;
 }
 

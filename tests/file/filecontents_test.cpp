@@ -4,6 +4,7 @@
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <array>
 #include <climits>
@@ -250,6 +251,13 @@ TEST_F(FileContentsTest, DeviceReadAndCopiedUpToItsSeekEnd) {
   EXPECT_FALSE(FileUtils::CopyFile("/dev/null", P("short")));
   ZorvTestSeekEnd(-1);
   EXPECT_FALSE(std::filesystem::exists(dir_ / "short"));
+  // A copy onto a device that refuses to be written fails and leaves the
+  // device's node; the node is made here (as /dev/full), which needs root.
+  if (::mknod((dir_ / "full").c_str(), S_IFCHR | 0666, makedev(1, 7)) == 0) {
+    EXPECT_FALSE(FileUtils::CopyFile(P("zeros"), P("full")));
+    struct stat info;
+    EXPECT_TRUE(::lstat((dir_ / "full").c_str(), &info) == 0 && S_ISCHR(info.st_mode));
+  }
   ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
   MemoryBuffer piped;
   EXPECT_FALSE(FileUtils::ReadBinary(P("fifo"), &piped));  // no end to seek to
@@ -356,6 +364,8 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
       {"copy of a FIFO", {"fifo?"}, Op('c', "fifo", "copy"), false, {"fifo?"}},
       {"failed copy removes the partial target", {"s=" + s5}, Op('c', "s", "d"), false, {"s=" + s5},
        2 * 4096 + 100},
+      {"failed copy of more than a buffer", {"s=" + s5 + s5 + s5 + s5}, Op('c', "s", "d"), false,
+       {"s=" + s5 + s5 + s5 + s5}, 2 * 4096 + 100},
       {"copy to a name too long", {"s=S", "d/"}, Op('c', "s", "d/" + longName), false, {"d/", "s=S"}}};
   // Calls that change nothing: missing or empty paths, the same path or
   // another spelling of it (which may succeed), a folder where a file is

@@ -111,6 +111,7 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"failed create keeps a parent", {"old/"}, Op('m', "old/chain/" + longName), false, {"old/"}},
       {"failed create through '..'", {"a/"}, Op('m', "a/new\\..\\..\\evil/" + longName), false, {"a/"}},
       {"remove a tree", Tree(), Op('R', "root"), true, {}},
+      {"remove a folder named '.a'", {"d/", "d/.a/", "d/.a/f=x"}, Op('R', "d/.a"), true, {"d/"}},
       // The folder and its parent open, no descriptor for the entry: nothing goes.
       {"remove without descriptors", {"d/", "d/f=x"}, InChild(2, -1, Op('R', "d")), false,
        {"d/", "d/f=x"}},
