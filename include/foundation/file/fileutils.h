@@ -213,7 +213,8 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // path is empty, the two name the same file, `from` is not a file (or a
   // device that cannot be sized, as a FIFO), the folder of `to` is missing
   // (it is not created), `to` is a folder, a device ends early, or a read or
-  // write fails; a partial copy is then deleted.
+  // write fails; a partial copy is then deleted (a device or FIFO that `to`
+  // names is left in place).
   [[nodiscard]] static bool CopyFile(const SafeString& from, const SafeString& to);
 
   // ---- Folder operations ----------------------------------------------------
