@@ -257,7 +257,7 @@ bool PlanAtomic(const SafeString& path, AtomicPlan& plan) {
     plan.folder = slash == 0 ? SafeString("/") : target.substr(0, slash);
     plan.name = target.substr(slash + 1);
   }
-  if (plan.name.empty() || plan.name == "." || plan.name == "..") return false;
+  if (!detail::IsEntryName(plan.name.c_str())) return false;
   // One name per target, cut to stay a valid name; targets that share the
   // cut name take turns on it like any two savers.
   plan.temporary = ".";

@@ -45,6 +45,11 @@ SafeString NormalisePath(const SafeString& path);
 void WalkFolder(const SafeString& root, const SafeString& prefix, unsigned int flags,
                 collection::Vector<SafeString>& out);
 
+// Whether `name` can name an entry of its own in a folder: not empty, and
+// neither "." nor "..", which lead to a folder that exists whenever its
+// parent does.
+bool IsEntryName(const char* name) noexcept;
+
 // Removes the entry `name` of the folder `parent` (the current folder when
 // `parent` is null): a real folder with everything in it, anything else,
 // links included, as it is. Links are never followed, the root folder is

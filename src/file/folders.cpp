@@ -64,9 +64,7 @@ class FolderStream {
     for (;;) {
       struct dirent* entry = ::readdir(dir_);
       if (entry == nullptr) return nullptr;
-      const char* name = entry->d_name;
-      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-      return entry;
+      if (detail::IsEntryName(entry->d_name)) return entry;
     }
   }
 
@@ -101,10 +99,6 @@ bool RootId(FolderId* root) {
   if (::stat("/", &info) != 0) return false;
   *root = FolderId{info.st_dev, info.st_ino, nullptr};
   return true;
-}
-
-bool IsDotName(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
 // Whether an entry counts as a folder by the directory-bit test of IsFolder
@@ -318,9 +312,14 @@ void WalkFolder(const SafeString& root, const SafeString& prefix, unsigned int f
   Walk(OpenFolderAt(AT_FDCWD, root.c_str(), true), root, prefix, flags, out, nullptr);
 }
 
+bool IsEntryName(const char* name) noexcept {
+  return name[0] != '\0' &&
+         !(name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')));
+}
+
 bool RemoveEntry(const char* parent, const char* name) noexcept {
   FolderId root;
-  if (!RootId(&root) || IsDotName(name) || name[0] == '\0') return false;
+  if (!IsEntryName(name) || !RootId(&root)) return false;
   if (parent == nullptr) return RemoveEntryAt(AT_FDCWD, name, root);
   Descriptor folder(OpenFolderAt(AT_FDCWD, parent, true));
   return folder.valid() && RemoveEntryAt(folder.get(), name, root);
@@ -397,7 +396,7 @@ bool FileUtils::RemoveFolder(const SafeString& path) {
   // The root ("/", "//") and names that lead back up ("/.", "a/..") are
   // refused before anything else is looked at.
   FolderId root;
-  if (name.empty() || IsDotName(name.c_str()) || !RootId(&root)) return false;
+  if (!detail::IsEntryName(name.c_str()) || !RootId(&root)) return false;
   Descriptor parent(OpenParent(folder));
   if (!parent.valid()) return false;
   struct stat info;
@@ -432,7 +431,7 @@ bool FileUtils::CopyFolder(const SafeString& from, const SafeString& to) {
   // No memory is needed from here on.
   bool made = false;
   int copy;
-  if (name.empty() || IsDotName(name.c_str())) {
+  if (!detail::IsEntryName(name.c_str())) {
     // "/", "a/." and "a/..": folders that exist whenever their parent does.
     copy = OpenFolderAt(AT_FDCWD, target.c_str(), true);
   } else {
