@@ -638,19 +638,28 @@ TEST_F(MonitorsTest, SignalReportWithoutPathGoesToTmpdirOnlyWhenClosed) {
 }
 
 TEST_F(MonitorsTest, SignalReportSettingsThatNameNothingFallBack) {
-  // An unknown signal name sets nothing up: SIGHUP still ends the child.
+  // An unknown signal name, or a path longer than a path can be, sets
+  // nothing up: the signal still ends the child.
   const std::string hupReport = dir_ / "hup.json";
+  const std::string longPath = dir_ / std::string(PATH_MAX, 'x');
   bool up = false;
-  pid_t child = startLeaker("ZORV_DEBUG_SIGNAL=HUP ZORV_DEBUG_REPORT_PATH=" + hupReport, &up);
-  ASSERT_GE(child, 0);
-  const bool ended = up && kill(child, SIGHUP) == 0 && zorv::test::PollUntil([&] {
-                       return waitpid(child, nullptr, WNOHANG) == child;
-                     });
-  if (!ended) {
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+  pid_t child;
+  for (const auto& [settings, signal] :
+       {std::make_pair("ZORV_DEBUG_SIGNAL=HUP ZORV_DEBUG_REPORT_PATH=" + hupReport, SIGHUP),
+        std::make_pair("ZORV_DEBUG_SIGNAL=USR2 ZORV_DEBUG_REPORT_PATH=" + longPath, SIGUSR2)}) {
+    SCOPED_TRACE(signal);
+    unlink((dir_ / "ready").c_str());
+    child = startLeaker(settings, &up);
+    ASSERT_GE(child, 0);
+    const bool ended = up && kill(child, signal) == 0 && zorv::test::PollUntil([&] {
+                         return waitpid(child, nullptr, WNOHANG) == child;
+                       });
+    if (!ended) {
+      kill(child, SIGKILL);
+      waitpid(child, nullptr, 0);
+    }
+    EXPECT_TRUE(up && ended) << "the signal did not end the child";
   }
-  EXPECT_TRUE(up && ended) << "SIGHUP did not end the child";
   EXPECT_NE(access(hupReport.c_str(), F_OK), 0);
   // An empty TMPDIR counts as none: without a path the report goes to /tmp.
   unlink((dir_ / "ready").c_str());

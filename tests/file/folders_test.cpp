@@ -155,6 +155,8 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
        [](const std::string& b) { ZorvTestFailListing(0); return Op('C', "root", "copy")(b); }, false, Tree()},
       {"copy into a folder", Plus(Tree(), ownT), Op('C', "root", "t"), true,
        Plus(Tree(), Plus(Tree("t/"), {"t/own=mine"}))},
+      {"copy into a folder that has the subfolder", {"s/", "s/d/", "s/d/f=x", "t/", "t/d/", "t/d/o=y"},
+       Op('C', "s", "t"), true, {"s/", "s/d/", "s/d/f=x", "t/", "t/d/", "t/d/f=x", "t/d/o=y"}},
       // A FIFO counts as a file but cannot be copied; an existing target stays.
       {"failed copy removes its target", {"s/", "s/d/", "s/d/f=x", "s/d/p?"}, Op('C', "s", "copy"), false,
        {"s/", "s/d/", "s/d/f=x", "s/d/p?"}},
