@@ -4,7 +4,7 @@
 #include <sys/time.h>
 #include <time.h>
 
-#include "foundation/text/stringutils.h"
+#include "text/numberdigits.h"
 
 namespace zorv {
 namespace foundation {
@@ -14,6 +14,15 @@ namespace {
 // The low 32 bits of `seconds` as a signed time.
 time_t Low32(unsigned long long seconds) {
   return static_cast<time_t>(static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds)));
+}
+
+// Writes `value` with at least two digits (as "%02d" does) so that it ends
+// just before `end`; returns the first digit's address.
+char* PutPadded(unsigned int value, char* end) {
+  if (value >= 10) return text::numberdigits::WriteDigits(value, end);
+  end -= 2;
+  text::numberdigits::WritePair(value, end);
+  return end;
 }
 
 }  // namespace
@@ -86,10 +95,22 @@ long long DateTime::toMilliseconds() const {
 }
 
 SafeString DateTime::toString() const {
-  return text::StringUtils::_InternalFormat("%d-%02d-%02d %02d:%02d:%02d", static_cast<int>(year_),
-                                            static_cast<int>(month_), static_cast<int>(day_),
-                                            static_cast<int>(hour_), static_cast<int>(minute_),
-                                            static_cast<int>(second_));
+  // "%d-%02d-%02d %02d:%02d:%02d" of the fields, written back to front.
+  const unsigned int fields[] = {month_, day_, hour_, minute_, second_};
+  const char before[] = "-- ::";
+  char out[32];
+  char* const end = out + sizeof out;
+  char* first = end;
+  for (int i = 4; i >= 0; --i) {
+    first = PutPadded(fields[i], first);
+    *--first = before[i];
+  }
+  first = text::numberdigits::WriteDigits(year_, first);
+  try {
+    return SafeString(first, static_cast<size_t>(end - first));
+  } catch (...) {
+    return SafeString();
+  }
 }
 
 DateTime DateTime::ToGMT(unsigned long long seconds) {

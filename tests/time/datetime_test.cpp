@@ -73,6 +73,8 @@ TEST_F(DateTimeTest, FieldsNormaliseAndSecondsAndFractionsAreClamped) {
     EXPECT_EQ(value.millisecond(), c.expectMillisecond);
     EXPECT_EQ(value.microsecond(), c.expectMicrosecond);
   }
+  zorv::test::FailAfterGuard fail(1);
+  EXPECT_TRUE(DateTime(0ULL, 0, 0).toString().empty()) << "no memory for the text";
 }
 
 // The current second of the precise wall clock. time() may read a coarse
