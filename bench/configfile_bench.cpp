@@ -1,5 +1,5 @@
-// Parsing and saving a 10 MB configuration text (10,000 sections x 20 keys)
-// with Archiver, against GLib's GKeyFile and inih storing into
+// Parsing, reading and saving a 10 MB configuration text (10,000 sections x
+// 20 keys) with Archiver, against GLib's GKeyFile and inih storing into
 // std::unordered_map, when those peers are available. Before the timings,
 // each parser's peak memory is taken in a child process of its own.
 #include <benchmark/benchmark.h>
@@ -9,8 +9,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <random>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "foundation/config/configarchiver.h"
 
@@ -166,6 +169,80 @@ void InihParseStringIntoUnorderedMap(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
 }
 BENCHMARK(InihParseStringIntoUnorderedMap)->Unit(benchmark::kMillisecond);
+#endif
+
+// Reading values the way a program does: 4,096 (section, key) names of the
+// table, each looked up in turn and its value copied out; one in eight
+// names a key that is not there.
+const std::vector<std::pair<std::string, std::string> >& LookupNames() {
+  static const std::vector<std::pair<std::string, std::string> > names = [] {
+    std::mt19937 random(3u);
+    std::vector<std::pair<std::string, std::string> > n;
+    char section[32];
+    char key[32];
+    for (int i = 0; i < 4096; ++i) {
+      std::snprintf(section, sizeof section, "section_%05d", static_cast<int>(random() % kSections));
+      const int k = static_cast<int>(random() % (kKeys + kKeys / 7));
+      std::snprintf(key, sizeof key, "setting_%02d", k);
+      n.emplace_back(section, key);
+    }
+    return n;
+  }();
+  return names;
+}
+
+void ArchiverLookup(benchmark::State& state) {
+  Archiver archiver;
+  archiver.parseText(ConfigText().c_str());
+  std::vector<std::pair<zorv::foundation::SafeString, zorv::foundation::SafeString> > names;
+  for (const auto& n : LookupNames()) names.emplace_back(n.first.c_str(), n.second.c_str());
+  zorv::foundation::SafeString out;
+  size_t i = 0;
+  for (auto _ : state) {
+    const auto& n = names[i++ % names.size()];
+    benchmark::DoNotOptimize(archiver.value(n.first, n.second, out));
+  }
+}
+BENCHMARK(ArchiverLookup);
+
+#ifdef ZORV_BENCH_HAVE_GLIB
+void GKeyFileLookup(benchmark::State& state) {
+  const std::string& text = ConfigText();
+  GKeyFile* keyFile = g_key_file_new();
+  g_key_file_load_from_data(keyFile, text.data(), text.size(), G_KEY_FILE_NONE, nullptr);
+  size_t i = 0;
+  for (auto _ : state) {
+    const auto& n = LookupNames()[i++ % LookupNames().size()];
+    gchar* value = g_key_file_get_value(keyFile, n.first.c_str(), n.second.c_str(), nullptr);
+    benchmark::DoNotOptimize(value);
+    g_free(value);
+  }
+  g_key_file_free(keyFile);
+}
+BENCHMARK(GKeyFileLookup);
+#endif
+
+#ifdef ZORV_BENCH_HAVE_INIH
+void InihUnorderedMapLookup(benchmark::State& state) {
+  InihTable table;
+  ini_parse_string(ConfigText().c_str(), &StoreInih, &table);
+  std::string out;
+  size_t i = 0;
+  for (auto _ : state) {
+    const auto& n = LookupNames()[i++ % LookupNames().size()];
+    const auto section = table.find(n.first);
+    bool found = false;
+    if (section != table.end()) {
+      const auto key = section->second.find(n.second);
+      if (key != section->second.end()) {
+        out = key->second;
+        found = true;
+      }
+    }
+    benchmark::DoNotOptimize(found);
+  }
+}
+BENCHMARK(InihUnorderedMapLookup);
 #endif
 
 // The peak resident memory that one parse adds (table built and dropped),
