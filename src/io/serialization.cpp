@@ -43,12 +43,13 @@ namespace {
 // Deserialize from a plain MemoryBuffer: the same steps and results as
 // through its virtual operations, with the string's bytes copied straight
 // into `value` (reusing its room) instead of into a zero-filled temporary.
-// A MemoryBuffer's read cannot fail once its length says the bytes are
-// there, and assign leaves `value` as it was when it throws.
+// A MemoryBuffer's read position never passes its length, its read cannot
+// fail once the length says the bytes are there, and assign leaves `value`
+// as it was when it throws.
 bool TakeFromBuffer(memory::MemoryBuffer& buffer, SafeString& value) {
   const unsigned long long start = buffer.tellRead();
   const unsigned long long length = buffer.length();
-  if (start > length || length - start < 8) return false;
+  if (length - start < 8) return false;
   const char* at = reinterpret_cast<const char*>(buffer.data()) + start;
   unsigned long long size;
   std::memcpy(&size, at, sizeof size);
