@@ -1,7 +1,9 @@
-// CopyFile of a 100 MB file against std::filesystem::copy_file, and
+// CopyFile of a 100 MB file against std::filesystem::copy_file;
 // SearchFiles over a tree of 100,000 files against
-// std::filesystem::recursive_directory_iterator. The file and the tree are
-// made under $TMPDIR (or /tmp) at start and removed at the end.
+// std::filesystem::recursive_directory_iterator; and ReadText of a small
+// file and of a sysfs attribute (what a program polls) against std::ifstream,
+// GLib's g_file_get_contents and a plain open/read/close. The files and the
+// tree are made under $TMPDIR (or /tmp) at start and removed at the end.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,11 +11,17 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "foundation/file/fileutils.h"
+
+#ifdef ZORV_BENCH_HAVE_GLIB
+#include <glib.h>
+#endif
 
 namespace {
 
@@ -144,6 +152,81 @@ void StdRecursiveDirectoryIterator100k(benchmark::State& state) {
   state.counters["files"] = static_cast<double>(found);
 }
 BENCHMARK(StdRecursiveDirectoryIterator100k)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Small files read whole: a 200-byte settings file, and a sysfs attribute
+// (the loopback's MTU), which says 4,096 bytes and holds a few.
+const std::string& SmallFile() {
+  static const std::string path = [] {
+    std::string p = WorkFolder() + "/small.ini";
+    FILE* file = std::fopen(p.c_str(), "wb");
+    if (file == nullptr) return std::string();
+    for (int i = 0; i < 8; ++i) std::fprintf(file, "setting_%02d = value %05d, text\n", i, i * 37);
+    std::fclose(file);
+    return p;
+  }();
+  return path;
+}
+
+const char* const kSysfsFile = "/sys/class/net/lo/mtu";
+
+const std::string& SmallPath(const benchmark::State& state) {
+  static const std::string sysfs = kSysfsFile;
+  return state.range(0) == 0 ? SmallFile() : sysfs;
+}
+
+void ReadTextSmall(benchmark::State& state) {
+  const SafeString path(SmallPath(state).c_str());
+  SafeString text;
+  for (auto _ : state) {
+    if (!FileUtils::ReadText(path, text)) state.SkipWithError("ReadText failed");
+  }
+}
+BENCHMARK(ReadTextSmall)->Arg(0)->Arg(1)->ArgName("sysfs");
+
+void StdIfstreamSmall(benchmark::State& state) {
+  const std::string& path = SmallPath(state);
+  for (auto _ : state) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (!in) state.SkipWithError("ifstream failed");
+    benchmark::DoNotOptimize(text.str());
+  }
+}
+BENCHMARK(StdIfstreamSmall)->Arg(0)->Arg(1)->ArgName("sysfs");
+
+void PlainReadSmall(benchmark::State& state) {
+  const std::string& path = SmallPath(state);
+  std::string text;
+  for (auto _ : state) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) state.SkipWithError("open failed");
+    char buffer[4096];
+    text.clear();
+    for (;;) {
+      const ssize_t n = ::read(fd, buffer, sizeof buffer);
+      if (n <= 0) break;
+      text.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    benchmark::DoNotOptimize(text.data());
+  }
+}
+BENCHMARK(PlainReadSmall)->Arg(0)->Arg(1)->ArgName("sysfs");
+
+#ifdef ZORV_BENCH_HAVE_GLIB
+void GlibGetContentsSmall(benchmark::State& state) {
+  const std::string& path = SmallPath(state);
+  for (auto _ : state) {
+    gchar* text = nullptr;
+    gsize length = 0;
+    if (!g_file_get_contents(path.c_str(), &text, &length, nullptr)) state.SkipWithError("failed");
+    benchmark::DoNotOptimize(text);
+    g_free(text);
+  }
+}
+BENCHMARK(GlibGetContentsSmall)->Arg(0)->Arg(1)->ArgName("sysfs");
+#endif
 
 }  // namespace
 
