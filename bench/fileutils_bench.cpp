@@ -153,7 +153,7 @@ void StdRecursiveDirectoryIterator100k(benchmark::State& state) {
 }
 BENCHMARK(StdRecursiveDirectoryIterator100k)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Small files read whole: a 200-byte settings file, and a sysfs attribute
+// Small files read whole: a 248-byte settings file, and a sysfs attribute
 // (the loopback's MTU), which says 4,096 bytes and holds a few.
 const std::string& SmallFile() {
   static const std::string path = [] {
