@@ -39,17 +39,17 @@ using system::posixio::ReadFully;
 using system::posixio::ReadSome;
 using system::posixio::WriteFully;
 
-// Reads `fd` to its end into the room that `store` keeps. The room starts at
-// the size the file said it has; once that is full, a small read past it
+// Reads `fd` to its end into the room that `store` keeps, behind the `used`
+// bytes already there. The room starts at the size the file said it has;
+// once that is full, a small read past it
 // finds out whether more follows (a file under /proc says 0 bytes, a file
 // that grows says too few) before the room grows, so that a file that told
 // its size right is read into exactly that room. `store` offers room(),
 // at(offset) and grow(room), which is false when the room was refused.
 // Returns false on a read error, a refused room, or when the file goes on
-// beyond `limit` bytes; `used` is the number of bytes read either way.
+// beyond `limit` bytes; `used` is the number of bytes in the room either way.
 template <class Store>
 bool ReadToEnd(int fd, Store& store, unsigned long long limit, unsigned long long& used) {
-  used = 0;
   for (;;) {
     const unsigned long long room = store.room();
     if (used < room) {
@@ -153,31 +153,44 @@ bool CopyChunks(int in, int out, bool toEnd, unsigned long long size) {
   return WriteFully(out, output.data(), outEnd);
 }
 
+// The first read of a text, into a buffer on the stack. A file that ends
+// within it (most settings and every sysfs attribute) costs that read and
+// the one that finds its end, and no question about its size.
+constexpr size_t kFirstRead = 4096;
+
 // Opens `path` for reading, reads it to its end and places the bytes behind
 // any byte-order mark in `out`: FF FE or FE FF (two bytes) or EF BB BF
-// (three). False, with `out` untouched, when opening or reading fails or
-// the file holds more bytes than a string can (SafeString::max_size()).
+// (three). False, with `out` untouched, when opening or reading fails (a
+// folder fails its first read) or the file holds more bytes than a string
+// can (SafeString::max_size()).
 bool ReadAfterMark(const SafeString& path, SafeString& out) {
   Descriptor fd(Open(path.c_str(), O_RDONLY));
   if (!fd.valid()) return false;
-  struct stat info;
-  unsigned long long said = 0;
-  if (::fstat(fd.get(), &info) == 0) {
-    if (S_ISDIR(info.st_mode)) return false;
-    if (S_ISREG(info.st_mode) && info.st_size > 0) {
+  unsigned char first[kFirstRead];
+  const long long got = ReadFully(fd.get(), first, sizeof first);
+  if (got < 0) return false;
+  unsigned long long used = static_cast<unsigned long long>(got);
+  SafeString bytes;
+  if (used < sizeof first) {
+    bytes.assign(reinterpret_cast<const char*>(first), static_cast<size_t>(used));
+  } else {
+    // More may follow: the room is what a regular file says it holds.
+    struct stat info;
+    unsigned long long said = used;
+    if (::fstat(fd.get(), &info) == 0 && S_ISREG(info.st_mode) &&
+        static_cast<unsigned long long>(info.st_size) > said) {
       said = static_cast<unsigned long long>(info.st_size);
     }
+    const unsigned long long limit = bytes.max_size();
+    if (said > limit) return false;
+    bytes.resize(static_cast<size_t>(said));
+    std::memcpy(&bytes[0], first, sizeof first);
+    StringStore store(bytes);
+    if (!ReadToEnd(fd.get(), store, limit, used)) return false;
+    bytes.resize(static_cast<size_t>(used));
+    // Room grown past the end goes back.
+    if (bytes.capacity() > bytes.size()) bytes.shrink_to_fit();
   }
-  SafeString bytes;
-  const unsigned long long limit = bytes.max_size();
-  if (said > limit) return false;
-  bytes.resize(static_cast<size_t>(said));
-  StringStore store(bytes);
-  unsigned long long used = 0;
-  if (!ReadToEnd(fd.get(), store, limit, used)) return false;
-  bytes.resize(static_cast<size_t>(used));
-  // Room grown past the end goes back.
-  if (bytes.capacity() > bytes.size()) bytes.shrink_to_fit();
   size_t skip = 0;
   const unsigned char* b = reinterpret_cast<const unsigned char*>(bytes.data());
   if (used >= 2 && ((b[0] == 0xFF && b[1] == 0xFE) || (b[0] == 0xFE && b[1] == 0xFF))) {
