@@ -41,10 +41,10 @@ using system::posixio::WriteFully;
 
 // Reads `fd` to its end into the room that `store` keeps, behind the `used`
 // bytes already there. The room starts at the size the file said it has;
-// once that is full, a small read past it
-// finds out whether more follows (a file under /proc says 0 bytes, a file
-// that grows says too few) before the room grows, so that a file that told
-// its size right is read into exactly that room. `store` offers room(),
+// once that is full, a small read past it finds out whether more follows (a
+// file under /proc says 0 bytes, a file that grows says too few) before the
+// room grows, so that a file that told its size right is read into exactly
+// that room. `store` offers room(),
 // at(offset) and grow(room), which is false when the room was refused.
 // Returns false on a read error, a refused room, or when the file goes on
 // beyond `limit` bytes; `used` is the number of bytes in the room either way.
