@@ -153,6 +153,20 @@ bool CopyChunks(int in, int out, bool toEnd, unsigned long long size) {
   return WriteFully(out, output.data(), outEnd);
 }
 
+// Lets the kernel copy the first `size` bytes of `in` to `out` where it can
+// (both regular files, a kernel and file systems that support it), without
+// the bytes passing through this process. Stops quietly at the first
+// refusal, error or early end: whatever is left, CopyChunks copies from
+// where this stopped, and meets any real error there again.
+void CopyInKernel(int in, int out, unsigned long long size) {
+  while (size > 0) {
+    const size_t want = static_cast<size_t>(size < kMostPerRead ? size : kMostPerRead);
+    const ssize_t copied = ::copy_file_range(in, nullptr, out, nullptr, want, 0);
+    if (copied <= 0) return;
+    size -= static_cast<unsigned long long>(copied);
+  }
+}
+
 // The first read of a text, into a buffer on the stack. A file that ends
 // within it (most settings and every sysfs attribute) costs that read and
 // the one that finds its end, and no question about its size.
@@ -651,6 +665,12 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
     end = -1;
   }
   if (end >= 0) {
+    // A regular file's bytes up to the size it says go through the kernel
+    // when it can; files under /proc and /sys say 0 or 4096 bytes, where it
+    // may copy nothing, and the chunks read them to their end.
+    if (toEnd && info.st_size > 0) {
+      CopyInKernel(in.get(), out.get(), static_cast<unsigned long long>(info.st_size));
+    }
     try {
       ok = CopyChunks(in.get(), out.get(), toEnd, static_cast<unsigned long long>(end));
     } catch (...) {
