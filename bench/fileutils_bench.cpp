@@ -1,4 +1,5 @@
-// CopyFile of a 100 MB file against std::filesystem::copy_file;
+// CopyFile of a 100 MB file and of a small one against
+// std::filesystem::copy_file;
 // SearchFiles over a tree of 100,000 files against
 // std::filesystem::recursive_directory_iterator; and ReadText of a small
 // file and of a sysfs attribute (what a program polls) against std::ifstream,
@@ -110,6 +111,30 @@ void StdCopyFile100MB(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kCopyBytes));
 }
 BENCHMARK(StdCopyFile100MB)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// A small file copied (the settings file of ReadTextSmall, 248 bytes).
+const std::string& SmallFile();
+
+void CopyFileSmall(benchmark::State& state) {
+  const SafeString from(SmallFile().c_str());
+  const SafeString to((WorkFolder() + "/small.copy").c_str());
+  for (auto _ : state) {
+    if (!FileUtils::CopyFile(from, to)) state.SkipWithError("CopyFile failed");
+  }
+}
+BENCHMARK(CopyFileSmall);
+
+void StdCopyFileSmall(benchmark::State& state) {
+  const fs::path from(SmallFile());
+  const fs::path to(WorkFolder() + "/small.stdcopy");
+  std::error_code error;
+  for (auto _ : state) {
+    if (!fs::copy_file(from, to, fs::copy_options::overwrite_existing, error)) {
+      state.SkipWithError("copy_file failed");
+    }
+  }
+}
+BENCHMARK(StdCopyFileSmall);
 
 void SearchFiles100k(benchmark::State& state) {
   const SafeString root(Tree().c_str());

@@ -666,9 +666,9 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
   }
   if (end >= 0) {
     // A regular file's bytes up to the size it says go through the kernel
-    // when it can; files under /proc and /sys say 0 or 4096 bytes, where it
-    // may copy nothing, and the chunks read them to their end.
-    if (toEnd && info.st_size > 0) {
+    // when it can, if they fill more than a buffer (for less, a read and a
+    // write cost less); the chunks read on to the end.
+    if (toEnd && info.st_size > static_cast<off_t>(kStreamBuffer)) {
       CopyInKernel(in.get(), out.get(), static_cast<unsigned long long>(info.st_size));
     }
     try {

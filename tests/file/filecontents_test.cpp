@@ -344,7 +344,7 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
   const std::string nul("first\n\0after nul", 16);
   const std::string bin("\0\1\2\xFF\0", 5);
   std::string big;
-  for (int i = 0; i < 3 * 4096 + 17; ++i) big += static_cast<char>(i * 7);
+  for (int i = 0; i < 17 * 4096 + 17; ++i) big += static_cast<char>(i * 7);
   const std::string s5(5 * 4096, 's');
   const std::vector<std::string> sub = {"s/", "s/m=M", "t/", "t/k=K", "l->t"};
   const std::vector<std::string> moved = {"l/", "l/m=M", "t/", "t/k=K"};
