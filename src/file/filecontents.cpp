@@ -15,6 +15,7 @@
 
 #include "file/fileinternal.h"
 #include "file/readroom.h"
+#include "foundation/debug/allocator.h"
 #include "foundation/file/fileutils.h"
 #include "foundation/memory/buffer.h"
 
@@ -112,15 +113,39 @@ class BufferStore {
   unsigned long long start_;
 };
 
+// Room for one side of a copy, from the accounted heap: at least a chunk,
+// at most kStreamBuffer bytes, and no more than `expected` asks for, so
+// that a small file's copy takes small blocks. Not cleared, since every
+// byte is written before it is read.
+class CopyBuffer {
+ public:
+  explicit CopyBuffer(unsigned long long expected)
+      : size_(expected < kCopyChunk      ? kCopyChunk
+              : expected < kStreamBuffer ? static_cast<size_t>(expected)
+                                         : kStreamBuffer),
+        data_(debug::Allocator<char>().allocate(size_)) {}
+  ~CopyBuffer() { debug::Allocator<char>().deallocate(data_, size_); }
+  CopyBuffer(const CopyBuffer&) = delete;
+  CopyBuffer& operator=(const CopyBuffer&) = delete;
+  char* data() { return data_; }
+  size_t size() const { return size_; }
+
+ private:
+  const size_t size_;
+  char* const data_;
+};
+
 // Copies `in` to `out` in chunks of at most 4096 bytes: to the end of `in`
 // when `toEnd`, otherwise exactly `size` bytes, counted down. Both sides are
 // buffered (like file streams, with larger buffers), so that a chunk is a
 // copy between buffers and the system is called once per buffer rather than
-// once per chunk. False on a read or write error, or when `in` ends before
-// `size` bytes without `toEnd`.
-bool CopyChunks(int in, int out, bool toEnd, unsigned long long size) {
-  collection::Vector<char> input(kStreamBuffer);
-  collection::Vector<char> output(kStreamBuffer);
+// once per chunk; `expected` (what the file says it holds) sizes the
+// buffers. False on a read or write error, or when `in` ends before `size`
+// bytes without `toEnd`.
+bool CopyChunks(int in, int out, bool toEnd, unsigned long long size,
+                unsigned long long expected) {
+  CopyBuffer input(expected);
+  CopyBuffer output(expected);
   size_t inBegin = 0;
   size_t inEnd = 0;
   size_t outEnd = 0;
@@ -672,7 +697,9 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
       CopyInKernel(in.get(), out.get(), static_cast<unsigned long long>(info.st_size));
     }
     try {
-      ok = CopyChunks(in.get(), out.get(), toEnd, static_cast<unsigned long long>(end));
+      const unsigned long long size = static_cast<unsigned long long>(end);
+      ok = CopyChunks(in.get(), out.get(), toEnd, size,
+                      toEnd ? static_cast<unsigned long long>(info.st_size) + 1 : size);
     } catch (...) {
       // No memory for the buffers: no partial copy stays behind.
       in.close();
