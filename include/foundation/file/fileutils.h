@@ -208,7 +208,9 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
 
   // Copies the bytes of the file `from` to `to` in 4096-byte chunks,
   // replacing an existing file: a regular file to its end (as the readers
-  // do), a device up to the size a seek to its end gives. The copy gets the
+  // do), a device up to the size a seek to its end gives. Between two
+  // regular files of more than 64 KiB the kernel copies the bytes where it
+  // can (copy_file_range), and the chunks whatever it leaves. The copy gets the
   // default mode of a new file; owner and times are not copied. False when a
   // path is empty, the two name the same file, `from` is not a file (or a
   // device that cannot be sized, as a FIFO), the folder of `to` is missing
