@@ -699,7 +699,7 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
     try {
       const unsigned long long size = static_cast<unsigned long long>(end);
       ok = CopyChunks(in.get(), out.get(), toEnd, size,
-                      toEnd ? static_cast<unsigned long long>(info.st_size) + 1 : size);
+                      toEnd ? static_cast<unsigned long long>(info.st_size) : size);
     } catch (...) {
       // No memory for the buffers: no partial copy stays behind.
       in.close();

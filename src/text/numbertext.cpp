@@ -163,12 +163,11 @@ __attribute__((always_inline)) inline bool ParseDecimal(const char* p, size_t n,
   // The sign is taken without a branch: signed texts come with either.
   const bool negative = p[0] == '-';
   size_t i = static_cast<size_t>(negative) + static_cast<size_t>(p[0] == '+');
-  // Most texts go on with a digit other than '0'. An empty text's
-  // terminating zero is no digit.
+  // Most texts go on with a digit other than '0'.
   if (static_cast<unsigned char>(p[i]) - static_cast<unsigned int>('1') >= 9u) {
-    if (n == 0) return false;
     while (i + 1 < n && p[i] == '0') ++i;
   }
+  // An empty text or a lone sign leaves no digit.
   size_t left = n - i;
   if (left < 1 || left > limit) return false;
   const char* q = p + i;

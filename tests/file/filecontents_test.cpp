@@ -351,6 +351,12 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
   // clang-format off
   std::vector<zorv::test::FileCase> cases = {
       {"parents made", {}, Op('t', "x/y/z.txt", nul), true, {"x/", "x/y/", "x/y/z.txt=" + nul}},
+      {"parent made for a path from the working folder", {},
+       [](const std::string& b) {
+         const std::string back = std::filesystem::current_path();
+         const bool ok = ::chdir(b.c_str()) == 0 && FileUtils::WriteText("made/f", "r");
+         return ::chdir(back.c_str()) == 0 && ok;
+       }, true, {"made/", "made/f=r"}},
       {"contents replaced", {"f=longer old"}, Op('t', "f", "short"), true, {"f=short"}},
       {"emptied", {"f=old"}, Op('t', "f", ""), true, {"f="}},
       {"binary", {}, Op('b', "d/b", bin), true, {"d/", "d/b=" + bin}},
