@@ -45,8 +45,8 @@ using system::posixio::WriteFully;
 // once that is full, a small read past it finds out whether more follows (a
 // file under /proc says 0 bytes, a file that grows says too few) before the
 // room grows, so that a file that told its size right is read into exactly
-// that room. `store` offers room(),
-// at(offset) and grow(room), which is false when the room was refused.
+// that room. `store` offers room(), at(offset) and grow(room), which is
+// false when the room was refused.
 // Returns false on a read error, a refused room, or when the file goes on
 // beyond `limit` bytes; `used` is the number of bytes in the room either way.
 template <class Store>
@@ -182,14 +182,16 @@ bool CopyChunks(int in, int out, bool toEnd, unsigned long long size,
 // (both regular files, a kernel and file systems that support it), without
 // the bytes passing through this process. Stops quietly at the first
 // refusal, error or early end: whatever is left, CopyChunks copies from
-// where this stopped, and meets any real error there again.
-void CopyInKernel(int in, int out, unsigned long long size) {
+// where this stopped, and meets any real error there again. Returns the
+// number of bytes it left of `size`.
+unsigned long long CopyInKernel(int in, int out, unsigned long long size) {
   while (size > 0) {
     const size_t want = static_cast<size_t>(size < kMostPerRead ? size : kMostPerRead);
     const ssize_t copied = ::copy_file_range(in, nullptr, out, nullptr, want, 0);
-    if (copied <= 0) return;
+    if (copied <= 0) break;
     size -= static_cast<unsigned long long>(copied);
   }
+  return size;
 }
 
 // The first read of a text, into a buffer on the stack. A file that ends
@@ -692,14 +694,13 @@ bool FileUtils::CopyFile(const SafeString& from, const SafeString& to) {
   if (end >= 0) {
     // A regular file's bytes up to the size it says go through the kernel
     // when it can, if they fill more than a buffer (for less, a read and a
-    // write cost less); the chunks read on to the end.
-    if (toEnd && info.st_size > static_cast<off_t>(kStreamBuffer)) {
-      CopyInKernel(in.get(), out.get(), static_cast<unsigned long long>(info.st_size));
-    }
+    // write cost less); the chunks read on to the end, with buffers sized
+    // for what the kernel left.
+    const unsigned long long size = static_cast<unsigned long long>(end);
+    unsigned long long expected = toEnd ? static_cast<unsigned long long>(info.st_size) : size;
+    if (toEnd && expected > kStreamBuffer) expected = CopyInKernel(in.get(), out.get(), expected);
     try {
-      const unsigned long long size = static_cast<unsigned long long>(end);
-      ok = CopyChunks(in.get(), out.get(), toEnd, size,
-                      toEnd ? static_cast<unsigned long long>(info.st_size) : size);
+      ok = CopyChunks(in.get(), out.get(), toEnd, size, expected);
     } catch (...) {
       // No memory for the buffers: no partial copy stays behind.
       in.close();
