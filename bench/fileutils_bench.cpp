@@ -136,6 +136,32 @@ void StdCopyFileSmall(benchmark::State& state) {
 }
 BENCHMARK(StdCopyFileSmall);
 
+// The file name of a path, as a program takes it for a log line.
+const char* const kNamedPath = "/usr/share/zorv/settings/network.ini";
+
+void GetFileNameOfPath(benchmark::State& state) {
+  const SafeString path(kNamedPath);
+  for (auto _ : state) benchmark::DoNotOptimize(FileUtils::GetFileName(path));
+}
+BENCHMARK(GetFileNameOfPath);
+
+void StdPathFilename(benchmark::State& state) {
+  const fs::path path(kNamedPath);
+  for (auto _ : state) benchmark::DoNotOptimize(path.filename());
+}
+BENCHMARK(StdPathFilename);
+
+#ifdef ZORV_BENCH_HAVE_GLIB
+void GlibPathGetBasename(benchmark::State& state) {
+  for (auto _ : state) {
+    gchar* name = g_path_get_basename(kNamedPath);
+    benchmark::DoNotOptimize(name);
+    g_free(name);
+  }
+}
+BENCHMARK(GlibPathGetBasename);
+#endif
+
 void SearchFiles100k(benchmark::State& state) {
   const SafeString root(Tree().c_str());
   const Vector<SafeString> none;

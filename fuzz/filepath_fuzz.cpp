@@ -32,6 +32,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       FileUtils::LinkPath(normal, SafeString()) != normal) {
     __builtin_trap();
   }
+  // The name is the last part of the normalised path ("/" for the root), for
+  // paths without a zero byte (which can leave an empty part behind).
+  if (first.find('\0') == SafeString::npos) {
+    const size_t slash = normal.rfind('/');
+    SafeString last = normal;
+    if (normal != "/" && slash != SafeString::npos) last.erase(0, slash + 1);
+    if (name != last) __builtin_trap();
+  }
   // The extension holds no dot and the name holds the stem.
   if (ext.find('.') != SafeString::npos) __builtin_trap();
   if (name.compare(0, stem.size(), stem) != 0) __builtin_trap();

@@ -55,11 +55,17 @@ SafeString NormalisePath(const SafeString& path) { return JoinPath(SplitPath(pat
 
 }  // namespace detail
 
+// The last part that SplitPath would give, found from the end without
+// splitting the rest: the bytes after the last separator that has any
+// behind it, cut at a zero byte; "/" for a path of separators only.
 SafeString FileUtils::GetFileName(const SafeString& path) {
-  if (path.empty()) return SafeString();
-  collection::Vector<SafeString> parts = detail::SplitPath(path);
-  if (parts.empty()) return SafeString();
-  return parts.back();
+  const char* const bytes = path.data();
+  size_t end = path.size();
+  while (end > 0 && detail::IsSeparator(bytes[end - 1])) --end;
+  if (end == 0) return path.empty() ? SafeString() : SafeString("/");
+  size_t start = end;
+  while (start > 0 && !detail::IsSeparator(bytes[start - 1])) --start;
+  return detail::Component(bytes + start, end - start);
 }
 
 SafeString FileUtils::GetFileExt(const SafeString& path) {
