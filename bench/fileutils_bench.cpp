@@ -112,9 +112,21 @@ void StdCopyFile100MB(benchmark::State& state) {
 }
 BENCHMARK(StdCopyFile100MB)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// A small file copied (the settings file of ReadTextSmall, 248 bytes).
-const std::string& SmallFile();
+// A 248-byte settings file, read whole and copied by the small-file
+// benchmarks.
+const std::string& SmallFile() {
+  static const std::string path = [] {
+    std::string p = WorkFolder() + "/small.ini";
+    FILE* file = std::fopen(p.c_str(), "wb");
+    if (file == nullptr) return std::string();
+    for (int i = 0; i < 8; ++i) std::fprintf(file, "setting_%02d = value %05d, text\n", i, i * 37);
+    std::fclose(file);
+    return p;
+  }();
+  return path;
+}
 
+// The small file copied.
 void CopyFileSmall(benchmark::State& state) {
   const SafeString from(SmallFile().c_str());
   const SafeString to((WorkFolder() + "/small.copy").c_str());
@@ -204,20 +216,8 @@ void StdRecursiveDirectoryIterator100k(benchmark::State& state) {
 }
 BENCHMARK(StdRecursiveDirectoryIterator100k)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Small files read whole: a 248-byte settings file, and a sysfs attribute
-// (the loopback's MTU), which says 4,096 bytes and holds a few.
-const std::string& SmallFile() {
-  static const std::string path = [] {
-    std::string p = WorkFolder() + "/small.ini";
-    FILE* file = std::fopen(p.c_str(), "wb");
-    if (file == nullptr) return std::string();
-    for (int i = 0; i < 8; ++i) std::fprintf(file, "setting_%02d = value %05d, text\n", i, i * 37);
-    std::fclose(file);
-    return p;
-  }();
-  return path;
-}
-
+// Small files read whole: that file, and a sysfs attribute (the loopback's
+// MTU), which says 4,096 bytes and holds a few.
 const char* const kSysfsFile = "/sys/class/net/lo/mtu";
 
 const std::string& SmallPath(const benchmark::State& state) {
