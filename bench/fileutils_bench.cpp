@@ -150,6 +150,8 @@ BENCHMARK(StdCopyFileSmall);
 
 // The file name of a path, as a program takes it for a log line.
 const char* const kNamedPath = "/usr/share/zorv/settings/network.ini";
+const char* const kLinkFolder = "/usr/share/zorv/settings";
+const char* const kLinkName = "network.ini";
 
 void GetFileNameOfPath(benchmark::State& state) {
   const SafeString path(kNamedPath);
@@ -172,6 +174,55 @@ void GlibPathGetBasename(benchmark::State& state) {
   }
 }
 BENCHMARK(GlibPathGetBasename);
+#endif
+
+// The folder of a path and a path joined from two: what a program does to
+// find its settings. std::filesystem works on a path object made beforehand;
+// GLib's g_build_filename, like LinkPath, puts one separator at the seam.
+void GetFolderPathOfPath(benchmark::State& state) {
+  const SafeString path(kNamedPath);
+  for (auto _ : state) benchmark::DoNotOptimize(FileUtils::GetFolderPath(path));
+}
+BENCHMARK(GetFolderPathOfPath);
+
+void StdPathParentPath(benchmark::State& state) {
+  const fs::path path(kNamedPath);
+  for (auto _ : state) benchmark::DoNotOptimize(path.parent_path());
+}
+BENCHMARK(StdPathParentPath);
+
+void LinkPathOfTwo(benchmark::State& state) {
+  const SafeString folder(kLinkFolder);
+  const SafeString name(kLinkName);
+  for (auto _ : state) benchmark::DoNotOptimize(FileUtils::LinkPath(folder, name));
+}
+BENCHMARK(LinkPathOfTwo);
+
+void StdPathAppend(benchmark::State& state) {
+  const fs::path folder(kLinkFolder);
+  const fs::path name(kLinkName);
+  for (auto _ : state) benchmark::DoNotOptimize(folder / name);
+}
+BENCHMARK(StdPathAppend);
+
+#ifdef ZORV_BENCH_HAVE_GLIB
+void GlibPathGetDirname(benchmark::State& state) {
+  for (auto _ : state) {
+    gchar* folder = g_path_get_dirname(kNamedPath);
+    benchmark::DoNotOptimize(folder);
+    g_free(folder);
+  }
+}
+BENCHMARK(GlibPathGetDirname);
+
+void GlibBuildFilename(benchmark::State& state) {
+  for (auto _ : state) {
+    gchar* path = g_build_filename(kLinkFolder, kLinkName, nullptr);
+    benchmark::DoNotOptimize(path);
+    g_free(path);
+  }
+}
+BENCHMARK(GlibBuildFilename);
 #endif
 
 void SearchFiles100k(benchmark::State& state) {

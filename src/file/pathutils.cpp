@@ -51,7 +51,69 @@ SafeString JoinPath(const collection::Vector<SafeString>& parts) {
   return result;
 }
 
-SafeString NormalisePath(const SafeString& path) { return JoinPath(SplitPath(path)); }
+namespace {
+
+// Builds JoinPath(SplitPath(a) + SplitPath(b) + ...) in one pass, without
+// the vector of parts: each component is appended as it is found, with a
+// '/' ahead of it unless it is the first or the text so far is empty or
+// already ends in '/'.
+class PathBuilder {
+ public:
+  explicit PathBuilder(size_t room) { text_.reserve(room); }
+
+  // Appends the components of bytes[0, length) as SplitPath finds them.
+  void addParts(const char* bytes, size_t length) {
+    bool none = true;
+    size_t start = 0;
+    for (size_t i = 0; i < length; ++i) {
+      if (!IsSeparator(bytes[i])) continue;
+      if (i > start) {
+        add(bytes + start, i - start);
+        none = false;
+      } else if (none) {
+        add("/", 1);
+        none = false;
+      }
+      start = i + 1;
+    }
+    if (start < length) add(bytes + start, length - start);
+  }
+
+  // Appends one component, cut at a zero byte.
+  void add(const char* bytes, size_t count) {
+    const void* zero = std::memchr(bytes, '\0', count);
+    if (zero != nullptr) count = static_cast<size_t>(static_cast<const char*>(zero) - bytes);
+    if (count_ > 0 && !text_.empty() && text_.back() != '/') text_ += '/';
+    text_.append(bytes, count);
+    ++count_;
+  }
+
+  SafeString take() { return std::move(text_); }
+
+ private:
+  SafeString text_;
+  size_t count_ = 0;
+};
+
+// Where the last component of a path starts and ends: [*start, *end). Both
+// are 0 for a path of separators only (or an empty one).
+void FindLast(const SafeString& path, size_t* start, size_t* end) {
+  const char* const bytes = path.data();
+  size_t last = path.size();
+  while (last > 0 && IsSeparator(bytes[last - 1])) --last;
+  size_t first = last;
+  while (first > 0 && !IsSeparator(bytes[first - 1])) --first;
+  *start = first;
+  *end = last;
+}
+
+}  // namespace
+
+SafeString NormalisePath(const SafeString& path) {
+  PathBuilder builder(path.size());
+  builder.addParts(path.data(), path.size());
+  return builder.take();
+}
 
 }  // namespace detail
 
@@ -59,13 +121,11 @@ SafeString NormalisePath(const SafeString& path) { return JoinPath(SplitPath(pat
 // splitting the rest: the bytes after the last separator that has any
 // behind it, cut at a zero byte; "/" for a path of separators only.
 SafeString FileUtils::GetFileName(const SafeString& path) {
-  const char* const bytes = path.data();
-  size_t end = path.size();
-  while (end > 0 && detail::IsSeparator(bytes[end - 1])) --end;
+  size_t start;
+  size_t end;
+  detail::FindLast(path, &start, &end);
   if (end == 0) return path.empty() ? SafeString() : SafeString("/");
-  size_t start = end;
-  while (start > 0 && !detail::IsSeparator(bytes[start - 1])) --start;
-  return detail::Component(bytes + start, end - start);
+  return detail::Component(path.data() + start, end - start);
 }
 
 SafeString FileUtils::GetFileExt(const SafeString& path) {
@@ -84,30 +144,39 @@ SafeString FileUtils::GetNoExtFileName(const SafeString& path) {
   return name;
 }
 
+// The functions below give what splitting the whole path into components
+// and joining them again would give; they append the components one by one.
+
 SafeString FileUtils::GetFolderPath(const SafeString& path) {
-  if (path.empty()) return SafeString();
-  collection::Vector<SafeString> parts = detail::SplitPath(path);
-  if (!parts.empty()) parts.pop_back();
-  return detail::JoinPath(parts);
+  size_t start;
+  size_t end;
+  detail::FindLast(path, &start, &end);
+  // A path of separators only is the root alone, which has no folder.
+  if (end == 0) return SafeString();
+  detail::PathBuilder builder(start);
+  builder.addParts(path.data(), start);
+  return builder.take();
 }
 
 SafeString FileUtils::GetNoExtPath(const SafeString& path) {
   if (path.empty()) return SafeString();
-  collection::Vector<SafeString> parts = detail::SplitPath(path);
-  if (parts.empty()) return SafeString();
-  SafeString last = GetNoExtFileName(parts.back());
-  parts.back() = last;
-  return detail::JoinPath(parts);
+  size_t start;
+  size_t end;
+  detail::FindLast(path, &start, &end);
+  if (end == 0) return SafeString("/");
+  detail::PathBuilder builder(end);
+  builder.addParts(path.data(), start);
+  const SafeString name = detail::Component(path.data() + start, end - start);
+  const size_t dot = name.rfind('.');
+  builder.add(name.data(), dot == SafeString::npos ? name.size() : dot);
+  return builder.take();
 }
 
 SafeString FileUtils::LinkPath(const SafeString& first, const SafeString& second) {
-  collection::Vector<SafeString> parts;
-  if (!first.empty()) parts = detail::SplitPath(first);
-  if (!second.empty()) {
-    collection::Vector<SafeString> more = detail::SplitPath(second);
-    for (SafeString& part : more) parts.push_back(std::move(part));
-  }
-  return detail::JoinPath(parts);
+  detail::PathBuilder builder(first.size() + second.size() + 1);
+  builder.addParts(first.data(), first.size());
+  builder.addParts(second.data(), second.size());
+  return builder.take();
 }
 
 }  // namespace file

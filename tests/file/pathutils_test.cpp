@@ -42,7 +42,7 @@ TEST_F(PathUtilsTest, Table) {
       {'n', "dir/sub/", "sub"}, {'n', "//server\\share\\f", "f"}, {'n', zeroInName, "next"},
       {'n', zeroInLast, "na"}, {'e', "archive.tar.gz", "gz"}, {'e', zeroInLast, ""},
       {'s', ".profile", ""}, {'f', "/usr//lib/", "/usr"}, {'f', zeroInName, "dir/fi"},
-      {'x', "a\\b\\c.d.e", "a/b/c.d"}, {'l', "a\\b", "a/b/c/d", "c\\\\d"}, {'l', "/", "//", "/"}};
+      {'x', "a\\b\\c.d.e", "a/b/c.d"}, {'x', zeroInLast, "dir/na"}, {'l', "a\\b", "a/b/c/d", "c\\\\d"}, {'l', "/", "//", "/"}};
   // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(1, c.function) + "('" + c.path + "'" +
