@@ -330,6 +330,83 @@ void GlibGetContentsSmall(benchmark::State& state) {
 BENCHMARK(GlibGetContentsSmall)->Arg(0)->Arg(1)->ArgName("sysfs");
 #endif
 
+// A 248-byte settings text written whole into a folder one level below the
+// work folder, which exists: replacing a file in place, and the crash-safe
+// save (a temporary synced and renamed over the file) against GLib's, which
+// does the same but leaves the folder unsynced.
+std::string SettingsText() {
+  std::string text;
+  char line[64];
+  for (int i = 0; i < 8; ++i) {
+    std::snprintf(line, sizeof line, "setting_%02d = value %05d, text\n", i, i * 37);
+    text += line;
+  }
+  return text;
+}
+
+std::string WritePath(const char* name) {
+  const std::string folder = WorkFolder() + "/settings";
+  ::mkdir(folder.c_str(), 0755);
+  return folder + "/" + name;
+}
+
+void WriteTextSmall(benchmark::State& state) {
+  const SafeString path(WritePath("written.ini").c_str());
+  const SafeString text(SettingsText().c_str());
+  for (auto _ : state) {
+    if (!FileUtils::WriteText(path, text)) state.SkipWithError("WriteText failed");
+  }
+}
+BENCHMARK(WriteTextSmall);
+
+void StdOfstreamSmall(benchmark::State& state) {
+  const std::string path = WritePath("ofstream.ini");
+  const std::string text = SettingsText();
+  for (auto _ : state) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+    out.close();
+    if (!out) state.SkipWithError("ofstream failed");
+  }
+}
+BENCHMARK(StdOfstreamSmall);
+
+void PlainWriteSmall(benchmark::State& state) {
+  const std::string path = WritePath("plain.ini");
+  const std::string text = SettingsText();
+  for (auto _ : state) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0 || ::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+      state.SkipWithError("write failed");
+    }
+    ::close(fd);
+  }
+}
+BENCHMARK(PlainWriteSmall);
+
+void WriteTextAtomicSmall(benchmark::State& state) {
+  const SafeString path(WritePath("saved.ini").c_str());
+  const SafeString text(SettingsText().c_str());
+  for (auto _ : state) {
+    if (!FileUtils::WriteTextAtomic(path, text)) state.SkipWithError("WriteTextAtomic failed");
+  }
+}
+BENCHMARK(WriteTextAtomicSmall)->UseRealTime();
+
+#ifdef ZORV_BENCH_HAVE_GLIB
+void GlibSetContentsSmall(benchmark::State& state) {
+  const std::string path = WritePath("glib.ini");
+  const std::string text = SettingsText();
+  for (auto _ : state) {
+    if (!g_file_set_contents(path.c_str(), text.data(), static_cast<gssize>(text.size()),
+                             nullptr)) {
+      state.SkipWithError("g_file_set_contents failed");
+    }
+  }
+}
+BENCHMARK(GlibSetContentsSmall)->UseRealTime();
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
