@@ -94,7 +94,8 @@ TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
       {std::string("\xFE\xFF\0h", 4), std::string("\0h", 2), {std::string("\0h", 2)}},
       {"a\r\nb", "a\r\nb", {"a\r", "b"}}, {"a\n\nb\n", "a\n\nb\n", {"a", "", "b"}},
       {"\n\n", "\n\n", {"", ""}}, {"a\rb\n", "a\rb\n", {"a\rb"}},
-      {"\xEF\xBB\xBFx\ny", "x\ny", {"x", "y"}}};
+      {"\xEF\xBB\xBFx\ny", "x\ny", {"x", "y"}}, {"\xFF\xFF", "\xFF\xFF", {"\xFF\xFF"}},
+      {"\xFE\xFE", "\xFE\xFE", {"\xFE\xFE"}}};
   // clang-format on
   for (const auto& [content, expected, expectedLines] : cases) {
     SCOPED_TRACE("content '" + content + "'");
