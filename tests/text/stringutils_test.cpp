@@ -7,6 +7,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
+#include <cctype>
 #include <cfenv>
 #include <cfloat>
 #include <climits>
@@ -68,6 +69,18 @@ TEST_F(StringUtilsTest, ComparisonsPrefixesAndCommonPrefix) {
     EXPECT_EQ(StringUtils::StartWith(a, b), startWith);
     EXPECT_EQ(StringUtils::EndWith(a, b), endWith);
     EXPECT_EQ(StringUtils::GetPublicPrefix(a, b), common);
+    // Behind a head that is equal without case, of lengths on both sides of
+    // where a comparison stops going byte by byte, the same result.
+    if (a == nullptr || b == nullptr) continue;
+    const std::string head = "Network.Interface.Eth0.Gateway.Metric..";
+    for (size_t length : {15u, 16u, 17u, 39u}) {
+      std::string lowered = head.substr(0, length);
+      for (char& c : lowered) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      SCOPED_TRACE(length);
+      EXPECT_EQ(StringUtils::CompareNoCase((head.substr(0, length) + a).c_str(),
+                                           (lowered + b).c_str()),
+                compareNoCase);
+    }
   }
 }
 
