@@ -5,6 +5,7 @@
 #include <locale.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cfenv>
 #include <charconv>
 #include <cmath>
@@ -511,18 +512,25 @@ bool StringUtils::Split(const char* text, char separator,
     pieces.emplace_back();
     return false;
   }
-  bool found = false;
-  const char* start = text;
-  const char* p = text;
-  for (; *p != '\0'; ++p) {
-    if (*p == separator) {
-      pieces.emplace_back(start, static_cast<size_t>(p - start));
-      start = p + 1;
-      found = true;
-    }
+  const size_t length = std::strlen(text);
+  const char* const end = text + length;
+  // Count the pieces first: the vector grows once, not piece by piece
+  // (and at least to twice its room, so that many small splits into one
+  // vector still grow it geometrically).
+  size_t count = 1;
+  for (const char* p = text; p != end; ++p) count += *p == separator ? 1 : 0;
+  const size_t needed = pieces.size() + count;
+  if (needed > pieces.capacity()) {
+    pieces.reserve(std::max(needed, std::min(2 * pieces.capacity(), pieces.max_size())));
   }
-  pieces.emplace_back(start, static_cast<size_t>(p - start));
-  return found;
+  const char* start = text;
+  for (const void* hit; (hit = std::memchr(start, separator, static_cast<size_t>(end - start)));) {
+    const char* at = static_cast<const char*>(hit);
+    pieces.emplace_back(start, static_cast<size_t>(at - start));
+    start = at + 1;
+  }
+  pieces.emplace_back(start, static_cast<size_t>(end - start));
+  return count > 1;
 }
 
 foundation::SafeString StringUtils::Format(const char* format, ...) {

@@ -132,7 +132,7 @@ TEST_F(StringUtilsTest, SplitAppendsEveryPiece) {
       {"a,,b,", ',', true, {"old", "a", "", "b", ""}}, {"abc", ',', false, {"old", "abc"}},
       {"", ',', false, {"old", ""}}, {",a", ',', true, {"old", "", "a"}},
       {"k=v=x", '=', true, {"old", "k", "v", "x"}}, {"abc", '\0', false, {"old", "abc"}},
-      {nullptr, ',', false, {"old", ""}}};
+      {nullptr, ',', false, {"old", ""}}, {"a\xff\xff" "b", '\xff', true, {"old", "a", "", "b"}}};
   // clang-format on
   for (const auto& [text, separator, found, expected] : cases) {
     SCOPED_TRACE(Shown(text));
