@@ -2,12 +2,15 @@
 // waiting.
 //
 // Everything a child needs (its argument vector, the signal state it starts
-// the program with) is made ready in the parent before fork. The child of a
-// threaded host may only make system calls that are safe after fork: it never
-// allocates, takes no lock and never returns from its branch.
+// the program with) is made ready in the parent before the child is made
+// (with vfork: it borrows the parent's memory until its exec). The child of
+// a threaded host may only make system calls that are safe after fork: it
+// never allocates, takes no lock, writes no memory but its own stack frames
+// and never returns from its branch.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stddef.h>
 #include <string.h>
@@ -93,11 +96,21 @@ void CloseInheritedDescriptors() {
   CloseListedDescriptors();
 }
 
-// The child's whole branch. SIGCHLD goes back to its default (an ignored
-// signal stays ignored across exec) and no signal stays blocked; if the exec
-// fails the child ends at once, without the caller's exit handlers, static
-// destructors or stdio buffers.
+// The child's whole branch. It shares the caller's memory until it runs its
+// program (see Start), so a handler of the caller must never run in it:
+// every caught signal goes back to its default first (as exec would do
+// anyway), while all signals are still blocked. SIGCHLD goes back to its
+// default too (an ignored signal stays ignored across exec) and then no
+// signal stays blocked; if the exec fails the child ends at once, without
+// the caller's exit handlers, static destructors or stdio buffers.
 [[noreturn]] void RunChild(const char* path, char* const argv[], const ChildSignals& signals) {
+  for (int number = 1; number < NSIG; ++number) {
+    struct sigaction current;
+    if (sigaction(number, nullptr, &current) == 0 && current.sa_handler != SIG_DFL &&
+        current.sa_handler != SIG_IGN) {
+      sigaction(number, &signals.childDefault, nullptr);
+    }
+  }
   sigaction(SIGCHLD, &signals.childDefault, nullptr);
   CloseInheritedDescriptors();
   sigprocmask(SIG_SETMASK, &signals.noneBlocked, nullptr);
@@ -105,15 +118,31 @@ void CloseInheritedDescriptors() {
   _exit(0);
 }
 
-// Starts `path` with `argv` in a child process; false when fork fails.
-// Children are reaped by the system: they never become zombies, and nobody
-// in this process can wait for their exit status any more.
+// The child with vfork: it borrows the caller's memory and stack until its
+// exec, so starting it costs the same whatever the caller's size (fork
+// would copy the page tables, and the caller would then take a fault on the
+// first write to each of its pages). The calling thread waits meanwhile.
+pid_t SpawnChild(const char* path, char* const argv[], const ChildSignals& signals) {
+  const pid_t child = vfork();
+  if (child == 0) RunChild(path, argv, signals);
+  return child;
+}
+
+// Starts `path` with `argv` in a child process; false when no child could be
+// created. Children are reaped by the system: they never become zombies, and
+// nobody in this process can wait for their exit status any more. No signal
+// reaches the calling thread while the child borrows its memory; the
+// thread's mask is back as it was on return.
 bool Start(const char* path, char* const argv[]) {
   const ChildSignals signals;
   const int saved = errno;
   signal(SIGCHLD, SIG_IGN);
-  const pid_t child = fork();
-  if (child == 0) RunChild(path, argv, signals);
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  const pid_t child = SpawnChild(path, argv, signals);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   errno = saved;
   return child != -1;
 }

@@ -104,8 +104,8 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
 
   // Makes `start` in a forked caller process, which then reports its own id,
   // the result, whether it threw, whether SIGCHLD is ignored afterwards (it
-  // must be after a child was started, so that the system reaps the child)
-  // and the blocks the call left; true when it started a child. With `exhaust`, allocation n = 1,
+  // must be after a child was started, so that the system reaps the child),
+  // whether the thread's signal mask is as before and the blocks the call left; true when it started a child. With `exhaust`, allocation n = 1,
   // 2, ... fails in turn until the call starts a child. With `pending`, the caller's standard
   // output is the report pipe with bytes buffered by a stdio stream that only the caller's exit
   // work would write out: any byte on the pipe besides the report fails the test.
@@ -120,6 +120,8 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
           }
           const pid_t self = getpid();
           const unsigned long long blocks = MemoryMonitor::LiveBlocks();
+          sigset_t maskBefore, maskAfter;
+          pthread_sigmask(SIG_SETMASK, nullptr, &maskBefore);
           bool started = false, threw = false;
           for (unsigned int n = exhaust ? 1 : 0; !started && n <= 100 && getpid() == self; ++n) {
             zorv::test::FailAfterGuard failing(n);
@@ -132,9 +134,14 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
           }
           struct sigaction chld;
           sigaction(SIGCHLD, nullptr, &chld);
+          pthread_sigmask(SIG_SETMASK, nullptr, &maskAfter);
+          bool maskKept = true;
+          for (int s = 1; s < NSIG; ++s) {
+            maskKept = maskKept && sigismember(&maskBefore, s) == sigismember(&maskAfter, s);
+          }
           char line[100];
-          const int n = snprintf(line, sizeof line, "%d %d %d %d %lld\n", getpid(), started, threw,
-                                 chld.sa_handler == SIG_IGN,
+          const int n = snprintf(line, sizeof line, "%d %d %d %d %d %lld\n", getpid(), started,
+                                 threw, chld.sa_handler == SIG_IGN, maskKept,
                                  static_cast<long long>(MemoryMonitor::LiveBlocks() - blocks));
           return write(pending ? 1 : to, line, static_cast<size_t>(n)) == n ? 0 : 1;
         },
@@ -142,10 +149,10 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
     EXPECT_GT(caller, 0);
     const std::string text = zorv::test::ReadFrom(from);
     close(from);
-    int pid = 0, started = 0, threw = 0, ignored = 0, used = 0;
+    int pid = 0, started = 0, threw = 0, ignored = 0, maskKept = 0, used = 0;
     long long leaked = 0;
-    const bool parsed = sscanf(text.c_str(), "%d %d %d %d %lld\n%n", &pid, &started, &threw,
-                               &ignored, &leaked, &used) == 5 &&
+    const bool parsed = sscanf(text.c_str(), "%d %d %d %d %d %lld\n%n", &pid, &started, &threw,
+                               &ignored, &maskKept, &leaked, &used) == 6 &&
                         static_cast<size_t>(used) == text.size();
     if (!parsed || pid != caller) kill(caller, SIGKILL);  // it may run the child's program
     EXPECT_EQ(zorv::test::WaitChild(caller), parsed && pid == caller ? 0 : -1);
@@ -155,6 +162,7 @@ class ProcessTest : public zorv::test::LeakCheckedTest {
     EXPECT_EQ(threw, 0);
     EXPECT_EQ(leaked, 0) << "blocks left behind by the call";
     EXPECT_TRUE(ignored != 0 || started == 0) << "SIGCHLD is not left ignored";
+    EXPECT_EQ(maskKept, 1) << "the calling thread's signal mask changed";
     return started != 0 && pid == caller;
   }
 
