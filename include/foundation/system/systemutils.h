@@ -37,23 +37,28 @@ class ZORV_FOUNDATION_EXPORT SystemUtils {
 
   // ---- Process control ----
   //
-  // Children are started without waiting: the result says only whether the
-  // child process could be created (fork), never whether its program ran or
-  // how it ended. Each call sets SIGCHLD to SIG_IGN for the whole process,
-  // and it stays so: children are reaped by the system and never become
-  // zombies, but nobody in the process can wait for their exit status any
-  // more (waitpid then fails with ECHILD).
+  // Children are started without waiting for them: the result says only
+  // whether the child process could be created, never whether its program
+  // ran or how it ended. The child is made with vfork: it borrows the
+  // caller's memory until it has started its program (or failed to), and
+  // the calling thread waits that long, with every signal blocked; so a
+  // start costs the same whatever the caller's size, and the caller takes
+  // no copy-on-write faults afterwards. Each call sets SIGCHLD to SIG_IGN
+  // for the whole process, and it stays so: children are reaped by the
+  // system and never become zombies, but nobody in the process can wait for
+  // their exit status any more (waitpid then fails with ECHILD).
   //
-  // The argument vector is made ready before fork; the child allocates
-  // nothing, takes no lock and makes only system calls that are safe in the
-  // child of a threaded process, so it is complete even when memory is short
-  // and never comes back into the caller's code. Before it runs its program
-  // the child sets SIGCHLD back to its default and unblocks every signal, so
-  // the program can wait for children of its own, and closes every descriptor
-  // above 2 that it inherited; standard input, output and error stay shared
-  // with the caller. When the program cannot be run, the child ends at once
-  // with _exit(0): no exit handlers, static destructors or stdio flushes of
-  // the caller run in it. None of these throws.
+  // The argument vector is made ready before the child is made; the child
+  // allocates nothing, takes no lock and makes only system calls that are
+  // safe in the child of a threaded process, so it is complete even when
+  // memory is short and never comes back into the caller's code. Before it
+  // runs its program the child sets every caught signal and SIGCHLD back to
+  // their defaults and unblocks every signal, so the program can wait for
+  // children of its own, and closes every descriptor above 2 that it
+  // inherited; standard input, output and error stay shared with the
+  // caller. When the program cannot be run, the child ends at once with
+  // _exit(0): no exit handlers, static destructors or stdio flushes of the
+  // caller run in it. None of these throws.
 
   // Runs `command` through "/bin/sh -c" in a child process. Returns false
   // when `command` is null or no child could be created.
