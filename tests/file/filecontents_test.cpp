@@ -427,7 +427,7 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
       {'d', "p", "p/", true}, {'d', "p/q", "./p/q", true}, {'f', "la", "a.txt", false},
       {'d', "lp", "p", false}, {'d', "lp", "lp/", true}, {'d', "p/q", "p", false},
       {'d', "p/q/", "p/", false}, {'d', "p/q", "lp/..", false}, {'d', "p", "p/q", false},
-      {'d', "p/ld", "p", false}};
+      {'d', "p/ld", "p", false}, {'d', "d", "a", false}};
   // clang-format on
   const std::vector<std::string> tree = {"a=A",   "d/", "a.txt=A", "hard=>a.txt", "la->a.txt",
                                          "lp->p", "p/", "p/q/",    "p/q/f=F",     "p/ld->../d"};
