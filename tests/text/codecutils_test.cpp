@@ -44,11 +44,12 @@ TEST_F(CodecTest, Base64EncodeAndDecode) {
        "\xe3\x9e\xbb\xf3\xdf\xbf", 48), true},
       // Missing padding is not tolerated; the third character alone drops
       // two bytes; '=' and a blank decode as zero bits; inner padding is not
-      // looked at.
+      // looked at; a zero byte is no character of the alphabet either.
       {"Zm9", false, "", false}, {"Zm9vYg", false, "", false}, {"Zm=v", true, "f", false},
       {"Zm9=", true, "fo", false}, {"====", true, std::string(1, '\0'), false},
       {"Zg==Zm9v", true, std::string("f\0\0foo", 6), false}, {"Zm 9", true, "f`=", false},
-      {"Zm9v\n", false, "", false}, {"\x80\x81\xff\xfe", true, std::string(3, '\0'), false}};
+      {"Zm9v\n", false, "", false}, {"\x80\x81\xff\xfe", true, std::string(3, '\0'), false},
+      {std::string("AA\0A", 4), true, std::string(3, '\0'), false}};
   // clang-format on
   for (const auto& [text, result, bytes, encodes] : cases) {
     SCOPED_TRACE(text);
