@@ -123,6 +123,11 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
        true, {}},
       {"copy into a folder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
        InChild(-1, 1, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
+      {"copy from a folder opened as descriptor 0", {"d/", "d/f=x"},
+       InChild(-1, 0, [](const std::string& b) {  // the source opened by its name "d"
+         return ::chdir(b.c_str()) == 0 && FileUtils::CopyFolder("d", "copy");
+       }),
+       true, {"d/", "d/f=x", "copy/", "copy/f=x"}},
       {"failed copy into a folder opened as descriptor 0", {"s/", "s/d/", "s/d/p?"},
        InChild(-1, 1, Op('C', "s", "copy")), false, {"s/", "s/d/", "s/d/p?"}},
       {"failed listing of a folder opened as descriptor 0", {"t/", "t/d/"},
