@@ -172,6 +172,7 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       // existing target is neither waited on nor removed, and a socket
       // (which cannot be copied) fails a copy.
       {"remove sockets and FIFOs", {"d/", "d/s/", "d/s/sock@", "d/s/fifo?"}, Op('R', "d"), true, {}},
+      {"remove a socket as a folder", {"d/", "d/sock@"}, Op('R', "d/sock"), false, {"d/", "d/sock?"}},
       {"FIFO held open in a target", {"tree/", "tree/pipe=f", "ex/", "ex/pipe?"},
        WithReader("ex/pipe", Op('C', "tree", "ex")), false,
        {"tree/", "tree/pipe=f", "ex/", "ex/pipe?"}},
