@@ -248,17 +248,19 @@ bool ReadAfterMark(const SafeString& path, SafeString& out) {
 bool WriteWhole(const SafeString& path, const char* data, size_t size) {
   if (path.empty() || FileUtils::IsFolder(path)) return false;
   // The parents are made for the normalised path, and that path is opened.
+  // Where they all exist (the usual case) the file opens at once; they are
+  // looked at and made only when the kernel finds one missing.
   detail::ParentFolders parents;
   parents.plan(path);
-  if (!parents.make()) return false;
-  bool written = false;
-  {
-    Descriptor fd(Open(parents.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
-    if (fd.valid()) {
-      written = WriteFully(fd.get(), data, size);
-      fd.close();
-    }
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
+  Descriptor fd(Open(parents.path().c_str(), kFlags, 0666));
+  if (!fd.valid()) {
+    if (errno != ENOENT || !parents.make()) return false;
+    Descriptor made(Open(parents.path().c_str(), kFlags, 0666));
+    fd.swap(made);
   }
+  const bool written = fd.valid() && WriteFully(fd.get(), data, size);
+  fd.close();
   if (!written) parents.rollBack();
   return written;
 }
