@@ -63,6 +63,13 @@ class PathBuilder {
 
   // Appends the components of bytes[0, length) as SplitPath finds them.
   void addParts(const char* bytes, size_t length) {
+    // A first path that is normal already (the usual case) is its own
+    // result.
+    if (count_ == 0 && IsNormal(bytes, length)) {
+      text_.append(bytes, length);
+      count_ = length;
+      return;
+    }
     bool none = true;
     size_t start = 0;
     for (size_t i = 0; i < length; ++i) {
@@ -90,10 +97,30 @@ class PathBuilder {
 
   SafeString take() { return std::move(text_); }
 
+  // True when splitting and joining give the bytes back: only '/' as
+  // separator, never two in a row nor one at the end (but for "/" alone),
+  // and no zero byte.
+  static bool IsNormal(const char* bytes, size_t length) {
+    if (length > 1 && bytes[length - 1] == '/') return false;
+    for (size_t i = 0; i < length; ++i) {
+      const char c = bytes[i];
+      if (c == '\\' || c == '\0' || (c == '/' && i > 0 && bytes[i - 1] == '/')) return false;
+    }
+    return true;
+  }
+
  private:
   SafeString text_;
   size_t count_ = 0;
 };
+
+// The length of bytes[0, length) without the separators at its end, but
+// for the first byte: the same components, and a text that IsNormal can
+// take whole.
+size_t WithoutTrailingSeparators(const char* bytes, size_t length) {
+  while (length > 1 && IsSeparator(bytes[length - 1])) --length;
+  return length;
+}
 
 // Where the last component of a path starts and ends: [*start, *end). Both
 // are 0 for a path of separators only (or an empty one).
@@ -154,7 +181,7 @@ SafeString FileUtils::GetFolderPath(const SafeString& path) {
   // A path of separators only is the root alone, which has no folder.
   if (end == 0) return SafeString();
   detail::PathBuilder builder(start);
-  builder.addParts(path.data(), start);
+  builder.addParts(path.data(), detail::WithoutTrailingSeparators(path.data(), start));
   return builder.take();
 }
 
@@ -165,7 +192,7 @@ SafeString FileUtils::GetNoExtPath(const SafeString& path) {
   detail::FindLast(path, &start, &end);
   if (end == 0) return SafeString("/");
   detail::PathBuilder builder(end);
-  builder.addParts(path.data(), start);
+  builder.addParts(path.data(), detail::WithoutTrailingSeparators(path.data(), start));
   const SafeString name = detail::Component(path.data() + start, end - start);
   const size_t dot = name.rfind('.');
   builder.add(name.data(), dot == SafeString::npos ? name.size() : dot);
