@@ -17,10 +17,10 @@
 
 #include "foundation/config/configarchiver.h"
 
-#ifdef ZORV_BENCH_HAVE_GLIB
+#ifdef ZORV_BENCH_GLIB
 #include <glib.h>
 #endif
-#ifdef ZORV_BENCH_HAVE_INIH
+#ifdef ZORV_BENCH_INIH
 #include <ini.h>
 #endif
 
@@ -118,7 +118,7 @@ void ArchiverSaveAs(benchmark::State& state) {
 }
 BENCHMARK(ArchiverSaveAs)->Unit(benchmark::kMillisecond);
 
-#ifdef ZORV_BENCH_HAVE_GLIB
+#ifdef ZORV_BENCH_GLIB
 void GKeyFileLoadFromData(benchmark::State& state) {
   const std::string& text = ConfigText();
   for (auto _ : state) {
@@ -148,7 +148,7 @@ void GKeyFileSaveToFile(benchmark::State& state) {
 BENCHMARK(GKeyFileSaveToFile)->Unit(benchmark::kMillisecond);
 #endif
 
-#ifdef ZORV_BENCH_HAVE_INIH
+#ifdef ZORV_BENCH_INIH
 using InihTable = std::unordered_map<std::string, std::unordered_map<std::string, std::string> >;
 
 int StoreInih(void* user, const char* section, const char* name, const char* value) {
@@ -215,7 +215,7 @@ void ArchiverLookup(benchmark::State& state) {
 }
 BENCHMARK(ArchiverLookup);
 
-#ifdef ZORV_BENCH_HAVE_GLIB
+#ifdef ZORV_BENCH_GLIB
 void GKeyFileLookup(benchmark::State& state) {
   const std::string& text = LookupText();
   GKeyFile* keyFile = g_key_file_new();
@@ -232,7 +232,7 @@ void GKeyFileLookup(benchmark::State& state) {
 BENCHMARK(GKeyFileLookup);
 #endif
 
-#ifdef ZORV_BENCH_HAVE_INIH
+#ifdef ZORV_BENCH_INIH
 void InihUnorderedMapLookup(benchmark::State& state) {
   InihTable table;
   ini_parse_string(LookupText().c_str(), &StoreInih, &table);
@@ -289,7 +289,7 @@ void ReportPeakMemory() {
                  Archiver archiver;
                  archiver.parseText(text.c_str());
                }) / 1024.0);
-#ifdef ZORV_BENCH_HAVE_GLIB
+#ifdef ZORV_BENCH_GLIB
   std::fprintf(stderr, "  GKeyFile              %6.1f MiB\n", PeakKiB([&text] {
                  GKeyFile* keyFile = g_key_file_new();
                  g_key_file_load_from_data(keyFile, text.data(), text.size(), G_KEY_FILE_NONE,
@@ -297,7 +297,7 @@ void ReportPeakMemory() {
                  g_key_file_free(keyFile);
                }) / 1024.0);
 #endif
-#ifdef ZORV_BENCH_HAVE_INIH
+#ifdef ZORV_BENCH_INIH
   std::fprintf(stderr, "  inih + unordered_map  %6.1f MiB\n", PeakKiB([&text] {
                  InihTable table;
                  ini_parse_string(text.c_str(), &StoreInih, &table);

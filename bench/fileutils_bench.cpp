@@ -20,7 +20,7 @@
 
 #include "foundation/file/fileutils.h"
 
-#ifdef ZORV_BENCH_HAVE_GLIB
+#ifdef ZORV_BENCH_GLIB
 #include <glib.h>
 #endif
 
@@ -165,7 +165,7 @@ void StdPathFilename(benchmark::State& state) {
 }
 BENCHMARK(StdPathFilename);
 
-#ifdef ZORV_BENCH_HAVE_GLIB
+#ifdef ZORV_BENCH_GLIB
 void GlibPathGetBasename(benchmark::State& state) {
   for (auto _ : state) {
     gchar* name = g_path_get_basename(kNamedPath);
@@ -205,7 +205,7 @@ void StdPathAppend(benchmark::State& state) {
 }
 BENCHMARK(StdPathAppend);
 
-#ifdef ZORV_BENCH_HAVE_GLIB
+#ifdef ZORV_BENCH_GLIB
 void GlibPathGetDirname(benchmark::State& state) {
   for (auto _ : state) {
     gchar* folder = g_path_get_dirname(kNamedPath);
@@ -316,7 +316,7 @@ void PlainReadSmall(benchmark::State& state) {
 }
 BENCHMARK(PlainReadSmall)->Arg(0)->Arg(1)->ArgName("sysfs");
 
-#ifdef ZORV_BENCH_HAVE_GLIB
+#ifdef ZORV_BENCH_GLIB
 void GlibGetContentsSmall(benchmark::State& state) {
   const std::string& path = SmallPath(state);
   for (auto _ : state) {
@@ -393,7 +393,7 @@ void WriteTextAtomicSmall(benchmark::State& state) {
 }
 BENCHMARK(WriteTextAtomicSmall)->UseRealTime();
 
-#ifdef ZORV_BENCH_HAVE_GLIB
+#ifdef ZORV_BENCH_GLIB
 void GlibSetContentsSmall(benchmark::State& state) {
   const std::string path = WritePath("glib.ini");
   const std::string text = SettingsText();
