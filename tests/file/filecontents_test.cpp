@@ -338,6 +338,18 @@ TEST(DescriptorTest, OnlyAnOpenDescriptorClosesWithSuccess) {
   EXPECT_FALSE(posixio::WriteFully(-1, "x", 1));
 }
 
+// `call` while the `skip`+1-th stat or lstat of the case's entry `name`
+// fails, as when the entry goes away meanwhile.
+std::function<bool(const std::string&)> FailingStat(const char* name, int skip,
+                                                    std::function<bool(const std::string&)> call) {
+  return [=](const std::string& b) {
+    ZorvTestFailStat((b + "/" + name).c_str(), skip);
+    const bool ok = call(b);
+    ZorvTestFailStat("", 0);
+    return ok;
+  };
+}
+
 TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
   // A name longer than any file system allows: the parents can be made, the
   // file cannot be opened.
@@ -371,14 +383,12 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
       {"remove a file", {"f=x"}, Op('r', "f"), true, {}},
       {"rename replaces a file", {"a=A", "b=B"}, Op('f', "a", "b"), true, {"b=A"}},
       {"rename into a folder", {"a=A", "d/"}, Op('f', "a", "d/m"), true, {"d/", "d/m=A"}},
-      // The source goes away between its check and its comparison.
-      {"rename whose source goes away", {"a=A", "b=B"},
-       [](const std::string& b) {
-         ZorvTestFailStat((b + "/a").c_str(), 1);
-         const bool ok = Op('f', "a", "b")(b);
-         ZorvTestFailStat("", 0);
-         return ok;
-       }, false, {"a=A", "b=B"}},
+      // The source goes away between its check and its comparisons (the
+      // entry's own, then what it leads to).
+      {"rename whose source goes away", {"a=A", "b=B"}, FailingStat("a", 1, Op('f', "a", "b")), false,
+       {"a=A", "b=B"}},
+      {"rename whose source goes away later", {"a=A", "b=B"}, FailingStat("a", 2, Op('f', "a", "b")),
+       false, {"a=A", "b=B"}},
       {"rename a folder replaces a tree", {"f/", "f/x=F", "t/", "t/o/", "t/o/x=X"}, Op('d', "f", "t"),
        true, {"t/", "t/x=F"}},
       {"rename a folder onto one that cannot be emptied", {"f/", "f/x=F", "t/", "t/o=X"},

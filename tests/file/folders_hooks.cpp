@@ -16,8 +16,8 @@
 //   its descriptor was not open (closed twice);
 // - fsync: fails once for a folder, as on a file system that cannot sync
 //   folders or has lost a write;
-// - stat: fails for a chosen path, as when the entry goes away between two
-//   calls or "/" cannot be read.
+// - stat and lstat: fail for a chosen path, as when the entry goes away
+//   between two calls or "/" cannot be read.
 // This file includes no <fcntl.h>, whose declarations of openat may be
 // renamed (64-bit offsets) or wrapped (fortified builds).
 #include <dirent.h>
@@ -186,8 +186,8 @@ extern "C" ssize_t write(int fd, const void* data, size_t count) {
   return ::syscall(SYS_write, fd, data, count);
 }
 
-// The `skip`+1-th stat of `path` from now fails with ENOENT; an empty path
-// disarms.
+// The `skip`+1-th stat or lstat of `path` from now (both counted) fails
+// with ENOENT; an empty path disarms.
 extern "C" void ZorvTestFailStat(const char* path, int skip) {
   g_statSkip = skip;
   std::snprintf(g_statName, sizeof(g_statName), "%s", path);
@@ -203,6 +203,18 @@ extern "C" int stat(const char* path, struct stat* info) {
   }
   constexpr int kCurrentFolder = -100;  // AT_FDCWD on Linux
   return ::fstatat(kCurrentFolder, path, info, 0);
+}
+
+// The same for lstat (under its 64-bit name too, as stat).
+extern "C" int lstat(const char* path, struct stat* info) {
+  if (g_statName[0] != '\0' && std::strcmp(path, g_statName) == 0 && g_statSkip-- == 0) {
+    g_statName[0] = '\0';
+    errno = ENOENT;
+    return -1;
+  }
+  constexpr int kCurrentFolder = -100;  // AT_FDCWD on Linux
+  constexpr int kNoFollow = 0x100;      // AT_SYMLINK_NOFOLLOW on Linux
+  return ::fstatat(kCurrentFolder, path, info, kNoFollow);
 }
 
 // The next fsync of a folder fails with `error`; 0 disarms.
