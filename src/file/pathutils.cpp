@@ -67,7 +67,7 @@ class PathBuilder {
     // result.
     if (count_ == 0 && IsNormal(bytes, length)) {
       text_.append(bytes, length);
-      count_ = length;
+      if (length > 0) count_ = 1;
       return;
     }
     bool none = true;
