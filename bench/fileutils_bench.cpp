@@ -176,6 +176,20 @@ void GlibPathGetBasename(benchmark::State& state) {
 BENCHMARK(GlibPathGetBasename);
 #endif
 
+// The size of the small file: what a program asks before it reads one.
+void GetFileSizeSmall(benchmark::State& state) {
+  const SafeString path(SmallFile().c_str());
+  for (auto _ : state) benchmark::DoNotOptimize(FileUtils::GetFileSize(path));
+}
+BENCHMARK(GetFileSizeSmall);
+
+void StdFileSizeSmall(benchmark::State& state) {
+  const fs::path path(SmallFile());
+  std::error_code error;
+  for (auto _ : state) benchmark::DoNotOptimize(fs::file_size(path, error));
+}
+BENCHMARK(StdFileSizeSmall);
+
 // The folder of a path and a path joined from two: what a program does to
 // find its settings. std::filesystem works on a path object made beforehand;
 // GLib's g_build_filename, like LinkPath, puts one separator at the seam.
