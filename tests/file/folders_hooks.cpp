@@ -74,6 +74,20 @@ int g_folderSyncError = 0;
 std::atomic<bool> g_sticky{false};
 std::atomic<bool> g_failing{false};
 
+constexpr int kCurrentFolder = -100;  // AT_FDCWD on Linux
+constexpr int kNoFollow = 0x100;      // AT_SYMLINK_NOFOLLOW on Linux
+
+// True, with errno ENOENT, when `path` is the one armed by ZorvTestFailStat
+// and its turn has come (which disarms it).
+bool StatFails(const char* path) {
+  if (g_statName[0] == '\0' || std::strcmp(path, g_statName) != 0 || g_statSkip-- != 0) {
+    return false;
+  }
+  g_statName[0] = '\0';
+  errno = ENOENT;
+  return true;
+}
+
 }  // namespace
 
 // These definitions replace the C library's and are called from the test
@@ -196,25 +210,12 @@ extern "C" void ZorvTestFailStat(const char* path, int skip) {
 // Declared by <sys/stat.h> under the name that takes 64-bit sizes, which is
 // the one the library calls on every target.
 extern "C" int stat(const char* path, struct stat* info) {
-  if (g_statName[0] != '\0' && std::strcmp(path, g_statName) == 0 && g_statSkip-- == 0) {
-    g_statName[0] = '\0';
-    errno = ENOENT;
-    return -1;
-  }
-  constexpr int kCurrentFolder = -100;  // AT_FDCWD on Linux
-  return ::fstatat(kCurrentFolder, path, info, 0);
+  return StatFails(path) ? -1 : ::fstatat(kCurrentFolder, path, info, 0);
 }
 
 // The same for lstat (under its 64-bit name too, as stat).
 extern "C" int lstat(const char* path, struct stat* info) {
-  if (g_statName[0] != '\0' && std::strcmp(path, g_statName) == 0 && g_statSkip-- == 0) {
-    g_statName[0] = '\0';
-    errno = ENOENT;
-    return -1;
-  }
-  constexpr int kCurrentFolder = -100;  // AT_FDCWD on Linux
-  constexpr int kNoFollow = 0x100;      // AT_SYMLINK_NOFOLLOW on Linux
-  return ::fstatat(kCurrentFolder, path, info, kNoFollow);
+  return StatFails(path) ? -1 : ::fstatat(kCurrentFolder, path, info, kNoFollow);
 }
 
 // The next fsync of a folder fails with `error`; 0 disarms.
