@@ -21,37 +21,26 @@ SafeString Component(const char* begin, size_t count) {
   return SafeString(begin, count);
 }
 
-}  // namespace
-
-collection::Vector<SafeString> SplitPath(const SafeString& path) {
-  collection::Vector<SafeString> parts;
-  const char* bytes = path.data();
-  const size_t length = path.size();
+// Calls part(begin, count) for each component of bytes[0, length), in
+// order: the bytes between separators (runs of them collapse, one at the end
+// disappears), and "/" for a leading run.
+template <class Part>
+void ForEachPart(const char* bytes, size_t length, Part part) {
+  bool none = true;
   size_t start = 0;
   for (size_t i = 0; i < length; ++i) {
     if (!IsSeparator(bytes[i])) continue;
     if (i > start) {
-      parts.push_back(Component(bytes + start, i - start));
-    } else if (parts.empty()) {
-      parts.push_back(SafeString("/"));
+      part(bytes + start, i - start);
+      none = false;
+    } else if (none) {
+      part("/", 1);
+      none = false;
     }
     start = i + 1;
   }
-  if (start < length) parts.push_back(Component(bytes + start, length - start));
-  return parts;
+  if (start < length) part(bytes + start, length - start);
 }
-
-SafeString JoinPath(const collection::Vector<SafeString>& parts) {
-  SafeString result;
-  const size_t count = parts.size();
-  for (size_t n = 0; n < count; ++n) {
-    result += parts[n];
-    if (n + 1 < count && !result.empty() && result.back() != '/') result += '/';
-  }
-  return result;
-}
-
-namespace {
 
 // Builds JoinPath(SplitPath(a) + SplitPath(b) + ...) in one pass, without
 // the vector of parts: each component is appended as it is found, with a
@@ -70,20 +59,7 @@ class PathBuilder {
       if (length > 0) count_ = 1;
       return;
     }
-    bool none = true;
-    size_t start = 0;
-    for (size_t i = 0; i < length; ++i) {
-      if (!IsSeparator(bytes[i])) continue;
-      if (i > start) {
-        add(bytes + start, i - start);
-        none = false;
-      } else if (none) {
-        add("/", 1);
-        none = false;
-      }
-      start = i + 1;
-    }
-    if (start < length) add(bytes + start, length - start);
+    ForEachPart(bytes, length, [this](const char* part, size_t count) { add(part, count); });
   }
 
   // Appends one component, cut at a zero byte.
@@ -135,6 +111,20 @@ void FindLast(const SafeString& path, size_t* start, size_t* end) {
 }
 
 }  // namespace
+
+collection::Vector<SafeString> SplitPath(const SafeString& path) {
+  collection::Vector<SafeString> parts;
+  ForEachPart(path.data(), path.size(), [&parts](const char* part, size_t count) {
+    parts.push_back(Component(part, count));
+  });
+  return parts;
+}
+
+SafeString JoinPath(const collection::Vector<SafeString>& parts) {
+  PathBuilder builder(0);
+  for (const SafeString& part : parts) builder.add(part.data(), part.size());
+  return builder.take();
+}
 
 SafeString NormalisePath(const SafeString& path) {
   PathBuilder builder(path.size());

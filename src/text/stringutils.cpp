@@ -517,8 +517,7 @@ bool StringUtils::Split(const char* text, char separator,
   // Count the pieces first: the vector grows once, not piece by piece
   // (and at least to twice its room, so that many small splits into one
   // vector still grow it geometrically).
-  size_t count = 1;
-  for (const char* p = text; p != end; ++p) count += *p == separator ? 1 : 0;
+  const size_t count = 1 + static_cast<size_t>(std::count(text, end, separator));
   const size_t needed = pieces.size() + count;
   if (needed > pieces.capacity()) {
     pieces.reserve(std::max(needed, std::min(2 * pieces.capacity(), pieces.max_size())));
