@@ -153,11 +153,23 @@ const char* const kNamedPath = "/usr/share/zorv/settings/network.ini";
 const char* const kLinkFolder = "/usr/share/zorv/settings";
 const char* const kLinkName = "network.ini";
 
-void GetFileNameOfPath(benchmark::State& state) {
+// A path function of the library, and one of GLib's, over kNamedPath.
+void ZorvOfPath(benchmark::State& state, SafeString (*function)(const SafeString&)) {
   const SafeString path(kNamedPath);
-  for (auto _ : state) benchmark::DoNotOptimize(FileUtils::GetFileName(path));
+  for (auto _ : state) benchmark::DoNotOptimize(function(path));
 }
-BENCHMARK(GetFileNameOfPath);
+
+#ifdef ZORV_BENCH_GLIB
+void GlibOfPath(benchmark::State& state, gchar* (*function)(const gchar*)) {
+  for (auto _ : state) {
+    gchar* result = function(kNamedPath);
+    benchmark::DoNotOptimize(result);
+    g_free(result);
+  }
+}
+#endif
+
+BENCHMARK_CAPTURE(ZorvOfPath, GetFileName, &FileUtils::GetFileName);
 
 void StdPathFilename(benchmark::State& state) {
   const fs::path path(kNamedPath);
@@ -166,14 +178,7 @@ void StdPathFilename(benchmark::State& state) {
 BENCHMARK(StdPathFilename);
 
 #ifdef ZORV_BENCH_GLIB
-void GlibPathGetBasename(benchmark::State& state) {
-  for (auto _ : state) {
-    gchar* name = g_path_get_basename(kNamedPath);
-    benchmark::DoNotOptimize(name);
-    g_free(name);
-  }
-}
-BENCHMARK(GlibPathGetBasename);
+BENCHMARK_CAPTURE(GlibOfPath, g_path_get_basename, &g_path_get_basename);
 #endif
 
 // The size of the small file: what a program asks before it reads one.
@@ -193,11 +198,7 @@ BENCHMARK(StdFileSizeSmall);
 // The folder of a path and a path joined from two: what a program does to
 // find its settings. std::filesystem works on a path object made beforehand;
 // GLib's g_build_filename, like LinkPath, puts one separator at the seam.
-void GetFolderPathOfPath(benchmark::State& state) {
-  const SafeString path(kNamedPath);
-  for (auto _ : state) benchmark::DoNotOptimize(FileUtils::GetFolderPath(path));
-}
-BENCHMARK(GetFolderPathOfPath);
+BENCHMARK_CAPTURE(ZorvOfPath, GetFolderPath, &FileUtils::GetFolderPath);
 
 void StdPathParentPath(benchmark::State& state) {
   const fs::path path(kNamedPath);
@@ -220,14 +221,7 @@ void StdPathAppend(benchmark::State& state) {
 BENCHMARK(StdPathAppend);
 
 #ifdef ZORV_BENCH_GLIB
-void GlibPathGetDirname(benchmark::State& state) {
-  for (auto _ : state) {
-    gchar* folder = g_path_get_dirname(kNamedPath);
-    benchmark::DoNotOptimize(folder);
-    g_free(folder);
-  }
-}
-BENCHMARK(GlibPathGetDirname);
+BENCHMARK_CAPTURE(GlibOfPath, g_path_get_dirname, &g_path_get_dirname);
 
 void GlibBuildFilename(benchmark::State& state) {
   for (auto _ : state) {

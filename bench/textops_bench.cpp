@@ -162,36 +162,19 @@ void ToLowerPoco(benchmark::State& state) {
 BENCHMARK(ToLowerPoco);
 #endif
 
-void CompareNoCaseZorv(benchmark::State& state) {
+void CompareNoCase(benchmark::State& state, int (*compare)(const char*, const char*)) {
   const char* a = kKey;
   const char* b = CompareWith(state);
   for (auto _ : state) {
     benchmark::DoNotOptimize(a);
-    benchmark::DoNotOptimize(StringUtils::CompareNoCase(a, b));
+    benchmark::DoNotOptimize(compare(a, b));
   }
 }
-BENCHMARK(CompareNoCaseZorv)->Arg(0)->Arg(1)->ArgName("differ");
-
-void CompareNoCaseStrcasecmp(benchmark::State& state) {
-  const char* a = kKey;
-  const char* b = CompareWith(state);
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(a);
-    benchmark::DoNotOptimize(strcasecmp(a, b));
-  }
-}
-BENCHMARK(CompareNoCaseStrcasecmp)->Arg(0)->Arg(1)->ArgName("differ");
-
+BENCHMARK_CAPTURE(CompareNoCase, Zorv, &StringUtils::CompareNoCase)
+    ->Arg(0)->Arg(1)->ArgName("differ");
+BENCHMARK_CAPTURE(CompareNoCase, Strcasecmp, &strcasecmp)->Arg(0)->Arg(1)->ArgName("differ");
 #ifdef ZORV_BENCH_GLIB
-void CompareNoCaseGlib(benchmark::State& state) {
-  const char* a = kKey;
-  const char* b = CompareWith(state);
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(a);
-    benchmark::DoNotOptimize(g_ascii_strcasecmp(a, b));
-  }
-}
-BENCHMARK(CompareNoCaseGlib)->Arg(0)->Arg(1)->ArgName("differ");
+BENCHMARK_CAPTURE(CompareNoCase, Glib, &g_ascii_strcasecmp)->Arg(0)->Arg(1)->ArgName("differ");
 #endif
 
 #ifdef ZORV_BENCH_POCO
