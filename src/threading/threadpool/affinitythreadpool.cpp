@@ -76,12 +76,13 @@ class MyThread : public Thread {
     queue.shareWatchers(&pool->watchers);
   }
 
-  void run() override { detail::RunWorker(pool_, queue, pool_->name, kCategory); }
+  void run() override { detail::RunWorker(pool_, queue, waiter_, pool_->name, kCategory); }
 
   detail::TaskQueue queue;
 
  private:
   detail::AffinityThreadPoolPrivate* pool_;
+  detail::TaskWaiter waiter_;
 };
 
 }  // namespace _AffinityThreadPool

@@ -562,17 +562,16 @@ thread_local const void* tlsWorkerOwner = nullptr;
 
 }  // namespace
 
-void RunWorker(const void* owner, TaskQueue& queue, const SafeString& name, const char* category) {
+void RunWorker(const void* owner, TaskQueue& queue, TaskWaiter& self, const SafeString& name,
+               const char* category) {
   tlsWorkerOwner = owner;
   try {
     debug::ChronoMonitor::SetThreadName(name);
   } catch (...) {
     // The name is for reports only.
   }
-  // This worker's place among the consumers waiting for an entry.
-  TaskWaiter waiter;
   for (;;) {
-    ITask* const task = queue.take(waiter);
+    ITask* const task = queue.take(self);
     if (task == nullptr) return;
     {
       debug::ChronoMonitor::Chronometer scope(category, "Exec");

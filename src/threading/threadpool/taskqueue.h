@@ -20,6 +20,9 @@ namespace detail {
 
 // A consumer's place in the line of those that found the queue empty and
 // wait for an entry of their own; each consumer has one for its lifetime.
+// It lives in the worker object, not on the worker's stack: producers touch
+// it from other threads, and a stack is handed to the next thread as soon as
+// its own ends, while the worker object is deleted only after the join.
 // The producer that serves it stores the entry and then the state; the
 // consumer sleeps on the state word only when it is still kWaiting after a
 // short watch, and the producer makes the wake-up call only for a consumer
@@ -287,8 +290,9 @@ struct TaskQueue {
 // debug-support reports, then takes tasks from `queue` until a stop marker,
 // running each inside the timing scope of `category` and disposing it. A
 // run() that throws gets the task's interruption hook called; the exception
-// goes no further.
-void RunWorker(const void* owner, TaskQueue& queue, const SafeString& name, const char* category);
+// goes no further. `self` is the worker's place among the waiting consumers.
+void RunWorker(const void* owner, TaskQueue& queue, TaskWaiter& self, const SafeString& name,
+               const char* category);
 
 // True when the calling thread runs RunWorker for the pool `owner`.
 bool IsWorkerOf(const void* owner);

@@ -60,10 +60,13 @@ class MyThread : public Thread {
  public:
   explicit MyThread(detail::ThreadPoolPrivate* pool) : pool_(pool) {}
 
-  void run() override { detail::RunWorker(pool_, pool_->queue, pool_->name, kCategory); }
+  void run() override {
+    detail::RunWorker(pool_, pool_->queue, waiter_, pool_->name, kCategory);
+  }
 
  private:
   detail::ThreadPoolPrivate* pool_;
+  detail::TaskWaiter waiter_;
 };
 
 }  // namespace _ThreadPool
