@@ -19,7 +19,8 @@
 #include "foundation/memory/memorybuffer.h"
 #include "system/posixio.h"
 
-extern "C" void ZorvTestSeekEnd(long long size);
+extern "C" void ZorvTestSeekEnd(long long size, bool startFails = false);
+extern "C" void ZorvTestFailRead(int skip, int error);
 extern "C" void ZorvTestFailListing(int skip);
 extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 extern "C" void ZorvTestFailStat(const char* path, int skip);
@@ -190,6 +191,30 @@ TEST_F(FileContentsTest, ReadersSizeTheirRoom) {
   }
 }
 
+// A read that fails midway through a file fails the whole call, wherever it
+// falls: in the first 4 KiB, in the rest, or in the last look for more. A
+// text keeps what it held.
+TEST_F(FileContentsTest, AReadThatFailsMidwayFailsTheCall) {
+  const std::string content(10000, 'm');
+  ASSERT_TRUE(WriteRawFile(dir_ / "t", content));
+  for (int skip = 0; skip < 3; ++skip) {
+    SCOPED_TRACE(skip);
+    SafeString text("kept");
+    ZorvTestFailRead(skip, EIO);
+    EXPECT_FALSE(FileUtils::ReadText(P("t"), text));
+    EXPECT_EQ(S(text), "kept");
+    Vector<SafeString> lines;
+    ZorvTestFailRead(skip, EIO);
+    EXPECT_FALSE(FileUtils::ReadText(P("t"), lines));
+    if (skip < 2) {  // the whole file comes in the first read here
+      MemoryBuffer buffer;
+      ZorvTestFailRead(skip, EIO);
+      EXPECT_FALSE(FileUtils::ReadBinary(P("t"), &buffer));
+    }
+    ZorvTestFailRead(-1, 0);
+  }
+}
+
 // Files under /proc say they hold 0 bytes, yet are read, and copied, to
 // their end; a device is read by ReadBinary from its start up to the size a
 // seek to its end gives: a loop device over a file of 1 KiB shows that file
@@ -247,23 +272,38 @@ TEST_F(FileContentsTest, ProcFilesAndDevicesAreReadWhole) {
 // A device is read and copied up to the size that a seek to its end gives
 // (the test hooks make /dev/zero and /dev/null claim one): /dev/zero then
 // gives that many zero bytes; /dev/null ends before it, which fails the read
-// and the copy and leaves no partial target.
+// and the copy and leaves no partial target; so does a device that cannot
+// seek back to its start.
 TEST_F(FileContentsTest, DeviceReadAndCopiedUpToItsSeekEnd) {
-  ZorvTestSeekEnd(9000);
-  MemoryBuffer zeros;
-  EXPECT_TRUE(FileUtils::ReadBinary("/dev/zero", &zeros));
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(zeros.data()), zeros.length()),
-            std::string(9000, '\0'));
-  ZorvTestSeekEnd(9000);  // one seek each
-  EXPECT_TRUE(FileUtils::CopyFile("/dev/zero", P("zeros")));
-  EXPECT_EQ(ReadRawFile(dir_ / "zeros"), std::string(9000, '\0'));
-  ZorvTestSeekEnd(10);
-  MemoryBuffer none;
-  EXPECT_FALSE(FileUtils::ReadBinary("/dev/null", &none));
-  ZorvTestSeekEnd(10);
-  EXPECT_FALSE(FileUtils::CopyFile("/dev/null", P("short")));
-  ZorvTestSeekEnd(-1);
-  EXPECT_FALSE(std::filesystem::exists(dir_ / "short"));
+  struct Case {
+    const char* device;
+    long long claimed;
+    bool startFails;
+    bool ok;
+  };
+  const Case cases[] = {
+      {"/dev/zero", 9000, false, true},
+      {"/dev/null", 10, false, false},
+      {"/dev/zero", 9000, true, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.device) + (c.startFails ? ", no seek back" : ""));
+    ZorvTestSeekEnd(c.claimed, c.startFails);  // one seek each
+    MemoryBuffer read;
+    EXPECT_EQ(FileUtils::ReadBinary(c.device, &read), c.ok);
+    if (c.ok) {
+      EXPECT_EQ(std::string(reinterpret_cast<char*>(read.data()), read.length()),
+                std::string(9000, '\0'));
+    }
+    ZorvTestSeekEnd(c.claimed, c.startFails);
+    EXPECT_EQ(FileUtils::CopyFile(c.device, P("copy")), c.ok);
+    ZorvTestSeekEnd(-1);
+    if (c.ok) {
+      EXPECT_EQ(ReadRawFile(dir_ / "copy"), std::string(9000, '\0'));
+      std::filesystem::rename(dir_ / "copy", dir_ / "zeros");
+    }
+    EXPECT_FALSE(std::filesystem::exists(dir_ / "copy"));
+  }
   // A copy onto a device that refuses to be written fails and leaves the
   // device's node; the node is made here (as /dev/full), which needs root.
   if (::mknod((dir_ / "full").c_str(), S_IFCHR | 0666, makedev(1, 7)) == 0) {

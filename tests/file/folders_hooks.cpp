@@ -8,7 +8,9 @@
 // - mkdirat: fails for a chosen name, as for a target the caller may not
 //   write (which root may);
 // - lseek: a seek to the end gives a chosen size, as a device may claim
-//   more than it holds;
+//   more than it holds, and a seek back to the start may fail;
+// - read: fails a chosen call, as a disk that goes bad midway through a
+//   file does;
 // - MemoryMonitor::Alloc: once fault injection has failed one allocation,
 //   fails every later one too, so that clean-up which needs memory shows;
 // - write, fsync and renameat: logged in order while a log is set, so that
@@ -69,6 +71,9 @@ void LogCall(char c) {
 int g_listingSkip = -1;
 char g_makeFails[256];
 long long g_seekEnd = -1;
+bool g_seekStartFails = false;
+int g_readSkip = -1;
+int g_readError = 0;
 int g_folderSyncError = 0;
 
 std::atomic<bool> g_sticky{false};
@@ -149,14 +154,23 @@ extern "C" int mkdirat(int folder, const char* path, mode_t mode) {
 }
 
 // The next seek to the end (offset 0, SEEK_END) moves to the end as usual
-// but reports `size`; -1 disarms.
-extern "C" void ZorvTestSeekEnd(long long size) { g_seekEnd = size; }
+// but reports `size`; -1 disarms. With `startFails`, the next seek back to
+// the start (offset 0, SEEK_SET) then fails with ESPIPE.
+extern "C" void ZorvTestSeekEnd(long long size, bool startFails) {
+  g_seekEnd = size;
+  g_seekStartFails = startFails;
+}
 
 // Declared by <unistd.h> under the name that takes a 64-bit offset, which is
 // the one the library calls on every target.
 extern "C" off_t lseek(int fd, off_t offset, int whence) {
   using SeekFunction = long long (*)(int, long long, int);
   static const SeekFunction real = reinterpret_cast<SeekFunction>(::dlsym(RTLD_NEXT, "lseek64"));
+  if (offset == 0 && whence == SEEK_SET && g_seekStartFails) {
+    g_seekStartFails = false;
+    errno = ESPIPE;
+    return -1;
+  }
   const long long at = real(fd, offset, whence);
   if (at >= 0 && offset == 0 && whence == SEEK_END && g_seekEnd >= 0) {
     const long long claimed = g_seekEnd;
@@ -193,6 +207,20 @@ extern "C" void ZorvTestLogCalls(char* log, int room) {
   g_logRoom = room;
   if (log != nullptr && room > 0) log[0] = '\0';
   g_log = log;
+}
+
+// The `skip`+1-th read from now fails with `error`; a negative skip disarms.
+extern "C" void ZorvTestFailRead(int skip, int error) {
+  g_readError = error;
+  g_readSkip = skip;
+}
+
+extern "C" ssize_t read(int fd, void* data, size_t count) {
+  if (g_readSkip >= 0 && g_readSkip-- == 0) {
+    errno = g_readError;
+    return -1;
+  }
+  return ::syscall(SYS_read, fd, data, count);
 }
 
 extern "C" ssize_t write(int fd, const void* data, size_t count) {
