@@ -198,13 +198,17 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     bool execute;
     bool exhaust;
     bool noCloseRange;
+    bool noStdin;  // descriptor 0 closed: the child's listing then gets it
   };
   // clang-format off
   const Case cases[] = {
-      {"Command", false, false, false}, {"Command, allocations failing", false, true, false},
-      {"Execute", true, false, false}, {"Execute, allocations failing", true, true, false},
-      {"Execute, descriptors listed one by one", true, false, true},
-      {"Command, descriptors listed one by one", false, false, true}};
+      {"Command", false, false, false, false},
+      {"Command, allocations failing", false, true, false, false},
+      {"Execute", true, false, false, false},
+      {"Execute, allocations failing", true, true, false, false},
+      {"Execute, descriptors listed one by one", true, false, true, false},
+      {"Command, descriptors listed one by one", false, false, true, false},
+      {"Command, listed one by one, no descriptor 0", false, false, true, true}};
   // clang-format on
   TempDir dir;
   // What a careless child passes on: a file and a pipe without close-on-exec,
@@ -234,13 +238,20 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     const std::string program = dir / name, out = dir / (name + ".out");
     const std::string command =
         "word=made; echo $word$word > '" + out + "'; exec '" + program + "' 30";
-    ASSERT_TRUE(Call(
+    const int savedIn = c.noStdin ? fcntl(0, F_DUPFD_CLOEXEC, 3) : -1;
+    if (c.noStdin) close(0);
+    const bool started = Call(
         [&] {
           if (c.noCloseRange) zorv::test::FailSyscall(kCloseRange, ENOSYS);
           return c.execute ? SystemUtils::Execute(program.c_str(), "30")
                            : SystemUtils::Command(command.c_str());
         },
-        c.exhaust));
+        c.exhaust);
+    if (savedIn >= 0) {
+      dup2(savedIn, 0);
+      close(savedIn);
+    }
+    ASSERT_TRUE(started);
     ASSERT_TRUE(PollUntil([&] { return !ProcessesNamed(name).empty(); }))
         << "the child did not run its program";
     EXPECT_EQ(ReadRawFile(out), c.execute ? "" : "mademade\n");
@@ -256,7 +267,10 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
       continue;
     }
     const auto inherited = Entries(fds);
-    for (const std::string& fd : standard) EXPECT_EQ(inherited.count(fd), 1u) << fd << " closed";
+    for (const std::string& fd : standard) {
+      if (c.noStdin && fd == "0") continue;
+      EXPECT_EQ(inherited.count(fd), 1u) << fd << " closed";
+    }
     // The dynamic loader may briefly hold one of its own right after exec.
     for (const auto& fd : inherited) {
       if (atoi(fd.first.c_str()) <= 2) continue;
