@@ -78,11 +78,14 @@ TEST_F(FileContentsTest, KindsAndSizes) {
     EXPECT_EQ(FileUtils::GetFileSize(path.c_str()), size);
     if (!file) ExpectReadsFail(path, true);
   }
-  // A file that goes away between its check and its opening has no size.
-  const std::string gone = dir_ / "file";
-  ZorvTestBeforeOpen(gone.c_str(), 0, "-", -1);
-  EXPECT_EQ(FileUtils::GetFileSize(gone.c_str()), 0u);
-  ZorvTestBeforeOpen("", 0, "", -1);
+  // A file that this process could not open for reading has no size (root
+  // may open it all the same).
+  const std::string locked = dir_ / "file";
+  ASSERT_EQ(::chmod(locked.c_str(), 0), 0);
+  const int opened = ::open(locked.c_str(), O_RDONLY | O_CLOEXEC);
+  if (opened >= 0) ::close(opened);
+  EXPECT_EQ(FileUtils::GetFileSize(locked.c_str()), opened >= 0 ? 5u : 0u);
+  ASSERT_EQ(::chmod(locked.c_str(), 0644), 0);
 }
 
 TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
@@ -273,22 +276,26 @@ TEST_F(FileContentsTest, ProcFilesAndDevicesAreReadWhole) {
 // (the test hooks make /dev/zero and /dev/null claim one): /dev/zero then
 // gives that many zero bytes; /dev/null ends before it, which fails the read
 // and the copy and leaves no partial target; so does a device that cannot
-// seek back to its start.
+// seek back to its start, or whose first read fails.
 TEST_F(FileContentsTest, DeviceReadAndCopiedUpToItsSeekEnd) {
   struct Case {
+    const char* name;
     const char* device;
     long long claimed;
     bool startFails;
+    bool readFails;
     bool ok;
   };
   const Case cases[] = {
-      {"/dev/zero", 9000, false, true},
-      {"/dev/null", 10, false, false},
-      {"/dev/zero", 9000, true, false},
+      {"zeros", "/dev/zero", 9000, false, false, true},
+      {"ends early", "/dev/null", 10, false, false, false},
+      {"no seek back", "/dev/zero", 9000, true, false, false},
+      {"read fails", "/dev/zero", 9000, false, true, false},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.device) + (c.startFails ? ", no seek back" : ""));
+    SCOPED_TRACE(c.name);
     ZorvTestSeekEnd(c.claimed, c.startFails);  // one seek each
+    ZorvTestFailRead(c.readFails ? 0 : -1, EIO);
     MemoryBuffer read;
     EXPECT_EQ(FileUtils::ReadBinary(c.device, &read), c.ok);
     if (c.ok) {
@@ -296,8 +303,10 @@ TEST_F(FileContentsTest, DeviceReadAndCopiedUpToItsSeekEnd) {
                 std::string(9000, '\0'));
     }
     ZorvTestSeekEnd(c.claimed, c.startFails);
+    ZorvTestFailRead(c.readFails ? 0 : -1, EIO);
     EXPECT_EQ(FileUtils::CopyFile(c.device, P("copy")), c.ok);
     ZorvTestSeekEnd(-1);
+    ZorvTestFailRead(-1, 0);
     if (c.ok) {
       EXPECT_EQ(ReadRawFile(dir_ / "copy"), std::string(9000, '\0'));
       std::filesystem::rename(dir_ / "copy", dir_ / "zeros");
