@@ -35,14 +35,19 @@ TEST_F(PathUtilsTest, Table) {
     const char* expected;
     const char* second = nullptr;
   };
+  // Separators only, too many for the string's inline room: nothing before
+  // the text is looked at.
+  const std::string separators = std::string(10, '\\') + std::string(10, '/');
   // The random paths below reach every other case; these rows show each
-  // function once and hold the zero bytes the random paths never have.
+  // function once and hold the zero bytes and the long runs of separators
+  // that the random paths never have.
   // clang-format off
   const std::vector<Case> cases = {
       {'n', "dir/sub/", "sub"}, {'n', "//server\\share\\f", "f"}, {'n', zeroInName, "next"},
       {'n', zeroInLast, "na"}, {'e', "archive.tar.gz", "gz"}, {'e', zeroInLast, ""},
       {'s', ".profile", ""}, {'f', "/usr//lib/", "/usr"}, {'f', zeroInName, "dir/fi"},
-      {'x', "a\\b\\c.d.e", "a/b/c.d"}, {'x', zeroInLast, "dir/na"}, {'l', "a\\b", "a/b/c/d", "c\\\\d"}, {'l', "/", "//", "/"}};
+      {'x', "a\\b\\c.d.e", "a/b/c.d"}, {'x', zeroInLast, "dir/na"}, {'l', "a\\b", "a/b/c/d", "c\\\\d"}, {'l', "/", "//", "/"},
+      {'n', separators, "/"}, {'f', separators, ""}, {'x', separators, "/"}};
   // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(1, c.function) + "('" + c.path + "'" +
