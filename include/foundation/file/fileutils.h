@@ -92,7 +92,9 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   [[nodiscard]] static bool IsFile(const SafeString& path);
 
   // The size in bytes of a file (64-bit on every target); 0 when the path is
-  // not a file, cannot be opened or cannot be sought (a FIFO).
+  // not a file, cannot be opened for reading or cannot be sought (a FIFO).
+  // A regular file is not opened: its size is its status's, once the
+  // permission check says that it could be opened.
   static unsigned long long GetFileSize(const SafeString& path);
 
   // ---- Whole-file reading ---------------------------------------------------
