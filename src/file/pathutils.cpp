@@ -1,4 +1,5 @@
 // FileUtils: the pure path functions and the splitter and joiner behind them.
+#include <cstdint>
 #include <cstring>
 
 #include "file/fileinternal.h"
@@ -13,6 +14,17 @@ namespace detail {
 namespace {
 
 inline bool IsSeparator(char c) { return c == '/' || c == '\\'; }
+
+// A machine word of bytes, and the bytes of `word` equal to `byte`, each
+// marked by its high bit: exact (no carry from one byte into the next), so
+// that marks can be shifted onto neighbouring bytes.
+using Word = uintptr_t;
+constexpr Word kEveryByte = ~Word(0) / 0xFF;
+inline Word ByteMatches(Word word, unsigned char byte) {
+  const Word x = word ^ (kEveryByte * byte);
+  const Word low7 = kEveryByte * 0x7F;
+  return ~(((x & low7) + low7) | x) & (kEveryByte * 0x80);
+}
 
 // The bytes [begin, begin + count) up to an embedded zero byte.
 SafeString Component(const char* begin, size_t count) {
@@ -78,7 +90,23 @@ class PathBuilder {
   // and no zero byte.
   static bool IsNormal(const char* bytes, size_t length) {
     if (length > 1 && bytes[length - 1] == '/') return false;
-    for (size_t i = 0; i < length; ++i) {
+    size_t i = 0;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    // A word at a time: a byte's mark shifted up by 8 bits lands on the
+    // byte after it, and the last byte's mark is carried into the next word.
+    Word slashBefore = 0;
+    for (; i + sizeof(Word) <= length; i += sizeof(Word)) {
+      Word word;
+      std::memcpy(&word, bytes + i, sizeof word);
+      const Word slashes = ByteMatches(word, '/');
+      if ((ByteMatches(word, '\\') | ByteMatches(word, 0) |
+           (slashes & ((slashes << 8) | slashBefore))) != 0) {
+        return false;
+      }
+      slashBefore = slashes >> (8 * sizeof(Word) - 8);
+    }
+#endif
+    for (; i < length; ++i) {
       const char c = bytes[i];
       if (c == '\\' || c == '\0' || (c == '/' && i > 0 && bytes[i - 1] == '/')) return false;
     }
