@@ -538,16 +538,23 @@ bool FileUtils::IsFolder(const SafeString& path) {
   return ::stat(path.c_str(), &info) == 0 && (info.st_mode & kDirectoryBit) != 0;
 }
 
+namespace {
+
+// IsFile, keeping the status that tells it.
+bool StatOfFile(const SafeString& path, struct stat& info) {
+  return !path.empty() && ::stat(path.c_str(), &info) == 0 && (info.st_mode & kDirectoryBit) == 0;
+}
+
+}  // namespace
+
 bool FileUtils::IsFile(const SafeString& path) {
-  if (path.empty()) return false;
   struct stat info;
-  return ::stat(path.c_str(), &info) == 0 && (info.st_mode & kDirectoryBit) == 0;
+  return StatOfFile(path, info);
 }
 
 unsigned long long FileUtils::GetFileSize(const SafeString& path) {
-  if (path.empty()) return 0;
   struct stat info;
-  if (::stat(path.c_str(), &info) != 0 || (info.st_mode & kDirectoryBit) != 0) return 0;
+  if (!StatOfFile(path, info)) return 0;
   // A regular file's size is in its status. It counts when the file could be
   // opened for reading, which the permission check answers without the
   // open, the seek and the close (nor the events an open gives watchers).

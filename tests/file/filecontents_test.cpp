@@ -294,16 +294,18 @@ TEST_F(FileContentsTest, DeviceReadAndCopiedUpToItsSeekEnd) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    ZorvTestSeekEnd(c.claimed, c.startFails);  // one seek each
-    ZorvTestFailRead(c.readFails ? 0 : -1, EIO);
+    const auto arm = [&c] {  // for one call each
+      ZorvTestSeekEnd(c.claimed, c.startFails);
+      ZorvTestFailRead(c.readFails ? 0 : -1, EIO);
+    };
+    arm();
     MemoryBuffer read;
     EXPECT_EQ(FileUtils::ReadBinary(c.device, &read), c.ok);
     if (c.ok) {
       EXPECT_EQ(std::string(reinterpret_cast<char*>(read.data()), read.length()),
                 std::string(9000, '\0'));
     }
-    ZorvTestSeekEnd(c.claimed, c.startFails);
-    ZorvTestFailRead(c.readFails ? 0 : -1, EIO);
+    arm();
     EXPECT_EQ(FileUtils::CopyFile(c.device, P("copy")), c.ok);
     ZorvTestSeekEnd(-1);
     ZorvTestFailRead(-1, 0);
