@@ -37,7 +37,8 @@ std::vector<unsigned char> Prefixed(unsigned long long length, const std::string
   return bytes;
 }
 
-// A buffer whose length() claims `missing` bytes more than it holds.
+// A buffer whose length() claims `missing` bytes more than it holds (fewer,
+// when `missing` wraps below zero).
 class PromisingBuffer : public MemoryBuffer {
  public:
   explicit PromisingBuffer(unsigned long long missing) : missing_(missing) {}
@@ -75,7 +76,8 @@ TEST_F(SerializationTest, DeserializeReadsOnePrefixedString) {
       {"4 GiB - 16", Prefixed(0xFFFFFFF0ull, ""), 0xFFFFFFF0ull, -1, "unchanged", 0},
       {"2 GiB", Prefixed(0x80000000ull, ""), 0x80000000ull, -1, "unchanged", 0},
       {"no memory", Prefixed(40, ""), 40, -1, "unchanged", 0},
-      {"no memory, all there", Prefixed(40, std::string(40, 'z')), 0, -1, "unchanged", 0}};
+      {"no memory, all there", Prefixed(40, std::string(40, 'z')), 0, -1, "unchanged", 0},
+      {"length short of the read position", Prefixed(0, ""), ~0ull, 0, "unchanged", 8}};
   // clang-format on
   for (const auto& c : cases) {
     for (const bool plain : {false, true}) {
