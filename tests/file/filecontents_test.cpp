@@ -454,6 +454,14 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
          ZorvTestBeforeOpen("", 0, "", -1);
          return ok;
        }, false, {"f->gone", "f.moved/", "f.moved/x=F", "t/", "t/o=X"}},
+      // Whether either folder holds the other cannot be told: nothing goes.
+      {"rename a folder when a parent cannot be opened", {"f/", "f/x=F", "t/"},
+       [](const std::string& b) {
+         ZorvTestBeforeOpen("..", 0, "!", -1);
+         const bool ok = Op('d', "f", "t")(b);
+         ZorvTestBeforeOpen("", 0, "", -1);
+         return ok;
+       }, false, {"f/", "f/x=F", "t/"}},
       {"rename a folder onto a link", sub, Op('d', "s", "l"), true, moved},
       {"rename a folder onto a link spelled l/", sub, Op('d', "s", "l/"), true, moved},
       {"rename a file onto a link", {"s=M", "t=T", "l->t"}, Op('f', "s", "l"), true, {"l=M", "t=T"}},

@@ -2,7 +2,8 @@
 // library's calls reach them first:
 // - openat: swaps a named entry for a link just before it is opened, the
 //   race a tree walk has to survive, or closes a descriptor then, as another
-//   thread of the program may;
+//   thread of the program may, or fails as for a folder that may not be
+//   searched (which root may);
 // - fdopendir: fails a chosen call as the C library does when it has no
 //   memory for the listing;
 // - mkdirat: fails for a chosen name, as for a target the caller may not
@@ -109,6 +110,10 @@ extern "C" int openat(int folder, const char* path, int flags, ...) {
     g_openName[0] = '\0';
     char moved[sizeof(g_openName) + 8];
     std::snprintf(moved, sizeof(moved), "%s.moved", path);
+    if (std::strcmp(g_swapTarget, "!") == 0) {
+      errno = EACCES;
+      return -1;
+    }
     if (g_swapTarget[0] == '\0') {
       ::close(g_closeFd);
     } else if (std::strcmp(g_swapTarget, "-") == 0) {
@@ -127,8 +132,8 @@ extern "C" int openat64(int folder, const char* path, int flags, ...)
 
 // Before the `skip`+1-th opening of an entry named `name` (by openat, in any
 // folder): with a `target`, the entry is renamed to name + ".moved" and a
-// link to `target` is put in its place; with "-" it is removed; with an
-// empty one, `fd` is closed.
+// link to `target` is put in its place; with "-" it is removed; with "!"
+// the opening fails with EACCES; with an empty one, `fd` is closed.
 // Once per arming; an empty name disarms.
 extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd) {
   std::snprintf(g_swapTarget, sizeof(g_swapTarget), "%s", target);
