@@ -56,11 +56,20 @@ long long MonotonicNanos() {
   return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
 }
 
-// The spin budget for `nanos`: none on a machine with a single processor,
-// where the thread that would end the wait cannot run while this one spins.
+// The spin budget for `nanos`: none where the calling thread may run on a
+// single processor (a single-core machine, or a process held to one core),
+// since the thread that would end the wait cannot run while this one spins.
+// The pool's workers are made by this thread and may run where it may.
 long long SpinBudget(long long nanos) {
-  const unsigned int hinted = std::thread::hardware_concurrency();
-  const long processors = hinted != 0 ? static_cast<long>(hinted) : sysconf(_SC_NPROCESSORS_ONLN);
+  cpu_set_t allowed;
+  long processors = 0;
+  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0) {
+    processors = CPU_COUNT(&allowed);
+  } else {
+    // More processors than the set holds.
+    const unsigned int hinted = std::thread::hardware_concurrency();
+    processors = hinted != 0 ? static_cast<long>(hinted) : sysconf(_SC_NPROCESSORS_ONLN);
+  }
   return processors > 1 ? nanos : 0;
 }
 

@@ -257,8 +257,8 @@ struct TaskQueue {
   // share, or one shared by the queues of a pool (see shareWatchers).
   WatchShare ownWatchers;
   WatchShare* watchers = &ownWatchers;
-  // Spin budgets in nanoseconds, fixed at construction; 0 where the queue
-  // was made on a machine with one processor.
+  // Spin budgets in nanoseconds, fixed at construction; 0 where the thread
+  // that made the queue may run on one processor only.
   const long long lockSpinNanos;
   const long long watchNanos;
   // The ring: `capacity` slots (a power of two, or 0 before the first
