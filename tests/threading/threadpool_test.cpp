@@ -536,12 +536,14 @@ TEST_F(ThreadPoolTest, AnIdlePoolWakesAWorkerThatSleptOnTheProducersProcessor) {
     CPU_SET(cpu, &one);
     return sched_setaffinity(0, sizeof one, &one) == 0 && sched_getcpu() == cpu;
   };
+  // Made before the producer is held to one processor: a pool made there
+  // would count one processor and never look for a sleeper near it.
+  Held<ThreadPool> h(2);
   struct Unpin {
     cpu_set_t& all;
     ~Unpin() { (void)sched_setaffinity(0, sizeof all, &all); }
   } unpin{allowed};
   ASSERT_TRUE(pin(cpus[0]));  // the producer
-  Held<ThreadPool> h(2);
   Gate gates[2];
   GateOpener openers[2] = {GateOpener(gates[0]), GateOpener(gates[1])};
   std::atomic<pid_t> worker[2] = {{0}, {0}};
