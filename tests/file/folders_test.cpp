@@ -342,8 +342,8 @@ TEST_F(FoldersTest, Searches) {
   const std::string r = dir_ / "root";
   const std::vector<std::string> top = {"a.txt", "atxt", "b.dat", "notes.txt"};
   // Bit 0 wins over bit 1, the kind bits of the caller are ignored, the
-  // search path is normalised, a file matched by two suffixes is listed
-  // once, sockets count as folders and FIFOs as files, and links are listed
+  // search path is normalised, a suffix may be a whole name, a file matched
+  // by two suffixes is listed once, sockets count as folders and FIFOs as files, and links are listed
   // but never entered.
   // clang-format off
   const std::tuple<bool, std::string, unsigned int, Vector<SafeString>, std::vector<std::string>>
@@ -361,6 +361,7 @@ TEST_F(FoldersTest, Searches) {
       {false, r, 6, {".TXT"}, {"a.txt", "b.txt", "c.TXT", "notes.txt"}},
       {false, r, 2, {".dat", ".txt"}, {"a.txt", "b.dat", "notes.txt"}},
       {false, r, 2, {""}, top}, {false, r, 2, {"a-very-long-suffix-indeed.txt"}, {}},
+      {false, r, 2, {"ATXT"}, {"atxt"}},
       {false, r, 2, {"txt", ".txt"}, {"a.txt", "atxt", "notes.txt"}},
       {true, dir_ / "kinds", 2, {}, {"self", "sock"}}, {false, dir_ / "kinds", 2, {}, {"fifo"}},
       {false, dir_ / "loop", 5, {}, {"/sub/f"}}, {true, dir_ / "loop", 5, {}, {"/out", "/sub", "/sub/up"}},
