@@ -343,8 +343,8 @@ TEST_F(FoldersTest, Searches) {
   const std::vector<std::string> top = {"a.txt", "atxt", "b.dat", "notes.txt"};
   // Bit 0 wins over bit 1, the kind bits of the caller are ignored, the
   // search path is normalised, a suffix may be a whole name, a file matched
-  // by two suffixes is listed once, sockets count as folders and FIFOs as files, and links are listed
-  // but never entered.
+  // by two suffixes is listed once, sockets count as folders and FIFOs as
+  // files, and links are listed but never entered.
   // clang-format off
   const std::tuple<bool, std::string, unsigned int, Vector<SafeString>, std::vector<std::string>>
       cases[] = {
