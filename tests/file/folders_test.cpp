@@ -247,6 +247,8 @@ TEST_F(FoldersTest, HostileTreesStayInside) {
        {"tree/in"}},
       {"swapped while removed", victim, 'R', "tree", "", true, {}, {"tree"}, 0},
       {"target swapped while copied", victim, 'C', "tree", "copy", false, {}, {"copy"}, 1},
+      {"a file swapped for a folder while copied", {"tree/", "tree/victim=f"}, 'C', "tree", "copy",
+       false, {}, {"copy"}, 0},
       // Refused before anything is opened.
       {"a copy onto itself", victim, 'C', "tree/victim", "tree/victim", false, {"tree/victim/f"},
        {"tree/victim.moved"}, 0},
