@@ -130,28 +130,40 @@ TEST_F(MonitorsTest, BlocksAndHandlesAreCountedBySizeClass) {
 }
 
 TEST_F(MonitorsTest, CountsStayExactAcrossManyConcurrentShortLivedThreads) {
-  // More threads than the monitor has per-thread slots, 30 at a time, each
-  // counting blocks and objects and leaving a block for the main thread to
-  // free: slots are handed on with their counts (the objects back at the
-  // start, as the fixture checks).
+  // Rounds of threads, each counting blocks and objects and leaving a block
+  // for the main thread to free. Ten rounds of 30: slots are handed on with
+  // their counts. Then 300 at once, held until all have counted a block:
+  // more than the monitor has per-thread slots, so the last ones count in
+  // the shared one together. (The objects come back to the start, as the
+  // fixture checks.)
   const unsigned long long blocks = MemoryMonitor::LiveBlocks(), bytes = MemoryMonitor::LiveBytes();
-  std::vector<unsigned char*> left(300, nullptr);
-  for (size_t round = 0; round < left.size(); round += 30) {
+  std::vector<unsigned char*> left(600, nullptr);
+  size_t next = 0;
+  for (const size_t count : {30, 30, 30, 30, 30, 30, 30, 30, 30, 30, 300}) {
+    zorv::test::Gate go;
+    zorv::test::GateOpener opener(go);
+    std::atomic<size_t> ready{0};
     std::vector<std::thread> threads;
-    for (size_t i = round; i < round + 30; ++i) {
-      threads.emplace_back([&left, i] {
+    for (size_t i = next; i < next + count; ++i) {
+      threads.emplace_back([&, i] {
+        left[i] = MemoryMonitor::Alloc(10);
+        ready.fetch_add(1);
+        (void)go.wait();
         unsigned char* held[16] = {};
-        for (unsigned int k = 0; k < 2016; ++k) {  // blocks of mixed sizes, 16 held at a time
+        const unsigned int pairs = count > 30 ? 20000 : 2000;
+        for (unsigned int k = 0; k < pairs + 16; ++k) {  // mixed sizes, 16 held at a time
           if (k >= 16) MemoryMonitor::Dealloc(held[k % 16], (k - 16) % 64);
-          if (k < 2000) held[k % 16] = MemoryMonitor::Alloc(k % 64);
+          if (k < pairs) held[k % 16] = MemoryMonitor::Alloc(k % 64);
         }
         int slots[200];
         for (int& slot : slots) ObjectMonitor::_IncLeak(&slot, "../t", 1, "Slot", 4);
         for (int& slot : slots) ObjectMonitor::_DecLeakEx(&slot, "../t", 2, "~Slot");
-        left[i] = MemoryMonitor::Alloc(10);
       });
     }
+    EXPECT_TRUE(zorv::test::PollUntil([&] { return ready.load() == count; }));
+    go.open();
     for (std::thread& t : threads) t.join();
+    next += count;
   }
   EXPECT_EQ(MemoryMonitor::LiveBlocks(), blocks + left.size());
   EXPECT_EQ(MemoryMonitor::LiveBytes(), bytes + 10 * left.size());
