@@ -223,6 +223,7 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
   for (size_t n : {509u, 510u, 511u, 512u, 513u, 1000u}) {
     ExpectLikeTheCLibrary("%s%d", std::string(n - 2, 'q').c_str(), 42);
     ExpectLikeTheCLibrary(std::string(n - 2, 'q') + "%d", 42);
+    ExpectLikeTheCLibrary("%s%8d|%-8d", std::string(n - 15, 'q').c_str(), 42, 42);
   }
   std::fesetround(FE_UPWARD);
   ExpectLikeTheCLibrary("%.1f %.0f", 0.25, 2.5);
