@@ -101,6 +101,51 @@ bool RootId(FolderId* root) {
   return true;
 }
 
+// What a removal never enters: the root, the folder it starts in and the
+// folders above that one (the nearest kKeptAbove of them), and, passed down
+// its recursion, the folders on its own path. Such a folder met inside the
+// tree (mounted there again, or reached by a name that leads back up) fails
+// the removal before anything in it is touched.
+constexpr int kKeptAbove = 64;
+
+struct Kept {
+  FolderId root;
+  FolderId above[kKeptAbove];
+  int count;
+};
+
+// Reads what a removal starting in the folder `start` keeps (AT_FDCWD: the
+// current folder); false when the root cannot be read. The folders above
+// are read as far as the walk up goes: a folder that may not be searched
+// ends it early.
+bool ReadKept(int start, Kept* kept) {
+  if (!RootId(&kept->root)) return false;
+  kept->count = 0;
+  constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  struct stat here;
+  if (::fstatat(start, ".", &here, 0) != 0) return true;
+  Descriptor current;
+  while (kept->count < kKeptAbove) {
+    kept->above[kept->count++] = FolderId{here.st_dev, here.st_ino, nullptr};
+    Descriptor parent(OpenAt(current.valid() ? current.get() : start, "..", kFlags));
+    struct stat above;
+    if (!parent.valid() || ::fstat(parent.get(), &above) != 0) break;
+    // The root is its own parent.
+    if (above.st_dev == here.st_dev && above.st_ino == here.st_ino) break;
+    here = above;
+    current.swap(parent);
+  }
+  return true;
+}
+
+bool IsKept(const Kept& kept, const struct stat& info, const FolderId* path) {
+  if (SameFolder(kept.root, info) || OnPath(path, info)) return true;
+  for (int i = 0; i < kept.count; ++i) {
+    if (SameFolder(kept.above[i], info)) return true;
+  }
+  return false;
+}
+
 // Whether an entry counts as a folder by the directory-bit test of IsFolder
 // (which follows links). The entry type saves the stat call where it
 // already answers: block devices and sockets carry the directory bit in
@@ -173,19 +218,21 @@ void Walk(int fd, const SafeString& root, const SafeString& prefix, unsigned int
   }
 }
 
-bool RemoveEntryAt(int parent, const char* name, const FolderId& root);
+bool RemoveEntryAt(int parent, const char* name, const Kept& kept, const FolderId* path);
 
-// Empties the folder open as `fd` (taken over). Stops at the first failure.
-bool EmptyFolder(int fd, const FolderId& root) {
+// Empties the folder open as `fd` (taken over), below the folders `path`.
+// Stops at the first failure.
+bool EmptyFolder(int fd, const Kept& kept, const FolderId* path) {
   FolderStream dir(fd);
   if (!dir.valid()) return false;
   struct stat info;
-  if (::fstat(dir.fd(), &info) != 0 || SameFolder(root, info)) return false;
+  if (::fstat(dir.fd(), &info) != 0 || IsKept(kept, info, path)) return false;
+  const FolderId self{info.st_dev, info.st_ino, path};
   for (int pass = 0; pass < kEmptyPasses; ++pass) {
     bool found = false;
     while (struct dirent* entry = dir.next()) {
       found = true;
-      if (!RemoveEntryAt(dir.fd(), entry->d_name, root)) return false;
+      if (!RemoveEntryAt(dir.fd(), entry->d_name, kept, &self)) return false;
     }
     if (!found) return true;
     dir.rewind();
@@ -197,13 +244,13 @@ bool EmptyFolder(int fd, const FolderId& root) {
 // emptied and removed, anything else (links, files, devices, FIFOs,
 // sockets) is unlinked. The folder is opened without following a link, so
 // an entry that turns into a link is unlinked instead of entered.
-bool RemoveEntryAt(int parent, const char* name, const FolderId& root) {
+bool RemoveEntryAt(int parent, const char* name, const Kept& kept, const FolderId* path) {
   int fd = OpenFolderAt(parent, name, false);
   if (fd < 0) {
     if (errno != ENOTDIR && errno != ELOOP) return false;
     return ::unlinkat(parent, name, 0) == 0;
   }
-  if (!EmptyFolder(fd, root)) return false;
+  if (!EmptyFolder(fd, kept, path)) return false;
   return ::unlinkat(parent, name, AT_REMOVEDIR) == 0;
 }
 
@@ -248,7 +295,7 @@ bool CopyFileAt(int from, int to, const char* name) {
 // levels above; a source folder among them (a link back up, or the target
 // inside the source) fails the copy. A subfolder made here is removed again
 // when its copy fails. Needs no accounted memory.
-bool CopyContents(int from, int to, const FolderId* up, const FolderId& root) {
+bool CopyContents(int from, int to, const FolderId* up, const Kept& kept) {
   FolderStream source(from);
   Descriptor target(to);
   if (!source.valid() || !target.valid()) return false;
@@ -276,9 +323,9 @@ bool CopyContents(int from, int to, const FolderId* up, const FolderId& root) {
       return false;
     }
     int copy = OpenFolderAt(target.get(), name, false);
-    if (copy < 0 || !CopyContents(sub, copy, &path, root)) {
+    if (copy < 0 || !CopyContents(sub, copy, &path, kept)) {
       if (copy < 0) ::close(sub);
-      if (made) (void)RemoveEntryAt(target.get(), name, root);
+      if (made) (void)RemoveEntryAt(target.get(), name, kept, &path);
       return false;
     }
   }
@@ -318,11 +365,12 @@ bool IsEntryName(const char* name) noexcept {
 }
 
 bool RemoveEntry(const char* parent, const char* name) noexcept {
-  FolderId root;
-  if (!IsEntryName(name) || !RootId(&root)) return false;
-  if (parent == nullptr) return RemoveEntryAt(AT_FDCWD, name, root);
-  Descriptor folder(OpenFolderAt(AT_FDCWD, parent, true));
-  return folder.valid() && RemoveEntryAt(folder.get(), name, root);
+  if (!IsEntryName(name)) return false;
+  Descriptor folder(parent == nullptr ? -1 : OpenFolderAt(AT_FDCWD, parent, true));
+  if (parent != nullptr && !folder.valid()) return false;
+  const int at = folder.valid() ? folder.get() : AT_FDCWD;
+  Kept kept;
+  return ReadKept(at, &kept) && RemoveEntryAt(at, name, kept, nullptr);
 }
 
 void ParentFolders::plan(const SafeString& path) {
@@ -395,14 +443,14 @@ bool FileUtils::RemoveFolder(const SafeString& path) {
   SplitLast(detail::NormalisePath(path), folder, name);
   // The root ("/", "//") and names that lead back up ("/.", "a/..") are
   // refused before anything else is looked at.
-  FolderId root;
-  if (!detail::IsEntryName(name.c_str()) || !RootId(&root)) return false;
+  if (!detail::IsEntryName(name.c_str())) return false;
   Descriptor parent(OpenParent(folder));
-  if (!parent.valid()) return false;
+  Kept kept;
+  if (!parent.valid() || !ReadKept(parent.get(), &kept)) return false;
   struct stat info;
   // Whatever the path leads to must not be the root, nor the root mounted
   // elsewhere (same device and inode).
-  if (::fstatat(parent.get(), name.c_str(), &info, 0) != 0 || SameFolder(root, info) ||
+  if (::fstatat(parent.get(), name.c_str(), &info, 0) != 0 || SameFolder(kept.root, info) ||
       (info.st_mode & kDirectoryBit) == 0) {
     return false;
   }
@@ -410,7 +458,7 @@ bool FileUtils::RemoveFolder(const SafeString& path) {
   // A link to a folder goes as a link; sockets and block devices fail.
   if (S_ISLNK(info.st_mode)) return ::unlinkat(parent.get(), name.c_str(), 0) == 0;
   if (!S_ISDIR(info.st_mode)) return false;
-  return RemoveEntryAt(parent.get(), name.c_str(), root);
+  return RemoveEntryAt(parent.get(), name.c_str(), kept, nullptr);
 }
 
 bool FileUtils::CopyFolder(const SafeString& from, const SafeString& to) {
@@ -419,12 +467,11 @@ bool FileUtils::CopyFolder(const SafeString& from, const SafeString& to) {
   SafeString folder;
   SafeString name;
   SplitLast(target, folder, name);
-  FolderId root;
-  if (!RootId(&root)) return false;
   int source = OpenFolderAt(AT_FDCWD, detail::NormalisePath(from).c_str(), true);
   if (source < 0) return false;
   Descriptor parent(OpenParent(folder));
-  if (!parent.valid()) {
+  Kept kept;
+  if (!parent.valid() || !ReadKept(parent.get(), &kept)) {
     ::close(source);
     return false;
   }
@@ -442,11 +489,11 @@ bool FileUtils::CopyFolder(const SafeString& from, const SafeString& to) {
   }
   if (copy < 0) {
     ::close(source);
-    if (made) (void)RemoveEntryAt(parent.get(), name.c_str(), root);
+    if (made) (void)RemoveEntryAt(parent.get(), name.c_str(), kept, nullptr);
     return false;
   }
-  if (CopyContents(source, copy, nullptr, root)) return true;
-  if (made) (void)RemoveEntryAt(parent.get(), name.c_str(), root);
+  if (CopyContents(source, copy, nullptr, kept)) return true;
+  if (made) (void)RemoveEntryAt(parent.get(), name.c_str(), kept, nullptr);
   return false;
 }
 

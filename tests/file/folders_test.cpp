@@ -2,6 +2,7 @@
 // and the searches with their flag word and path forms.
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <tuple>
@@ -334,6 +335,43 @@ TEST_F(FoldersTest, TheRootMetInsideATreeIsKept) {
   if (code == 77) GTEST_SKIP() << "no chroot here";
   EXPECT_EQ(code, 0);
   EXPECT_TRUE(RawExists(dir_ / "tree/inner"));
+}
+
+// A folder of the removal's own path, or one above it, mounted again inside
+// the tree: the removal fails there, and nothing beside the tree is touched.
+// Made in a mount namespace of a child (a user namespace too when not root).
+TEST_F(FoldersTest, AFolderAboveMountedInsideIsKept) {
+  const struct {
+    const char* name;
+    const char* mountedFolder;  // mounted at "mnt", below the path removed
+    const char* removed;
+  } cases[] = {{"the folder holding the tree", "g", "g/b"},
+               {"a folder further up", "g", "g/p/b"},
+               {"the tree itself, mounted inside", "g/p/b", "g/p/b"}};
+  int index = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string base = dir_ / std::to_string(index++);
+    const std::string removed = base + "/" + c.removed;
+    ASSERT_EQ(::mkdir(base.c_str(), 0755), 0);
+    ASSERT_TRUE(Build(base, {"g/", "g/k1=x", "g/k2=x", "g/b/", "g/p/", "g/p/k3=x", "g/p/b/", "g/z=x"}));
+    ASSERT_TRUE(Build(removed, {"mnt/"}));
+    const pid_t child = zorv::test::Fork([&](int) {
+      if (::unshare(::geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0 ||
+          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+          ::mount((base + "/" + c.mountedFolder).c_str(), (removed + "/mnt").c_str(), nullptr, MS_BIND,
+                  nullptr) != 0) {
+        return 77;
+      }
+      return FileUtils::RemoveFolder(removed.c_str()) ? 1 : 0;
+    });
+    ASSERT_GT(child, 0);
+    const int code = zorv::test::WaitChild(child);
+    if (code == 77) GTEST_SKIP() << "no mount namespace here";
+    EXPECT_EQ(code, 0);
+    for (const char* kept : {"g/k1", "g/k2", "g/p/k3", "g/z"}) EXPECT_TRUE(RawExists(base + "/" + kept)) << kept;
+    EXPECT_TRUE(RawExists(removed + "/mnt"));
+  }
 }
 
 TEST_F(FoldersTest, Searches) {

@@ -240,9 +240,13 @@ class ZORV_FOUNDATION_EXPORT FileUtils {
   // a link to one), ends in "." or "..", or leads to the root folder in any
   // spelling ("/", "//", "/tmp/..", a link to "/"): any path whose folder
   // has the device and inode of "/" is refused, and no folder with them is
-  // ever emptied (the root mounted elsewhere). False as well when anything
-  // cannot be removed; the first failure stops the removal and what was
-  // removed stays removed. Needs open descriptors, not memory, per level.
+  // ever emptied (the root mounted elsewhere). Nor is a folder that holds
+  // the path (up to 64 levels up) or lies on the removal's own way down,
+  // met again inside the tree (mounted there once more): the removal fails
+  // there, and nothing beside the tree is touched. False as well when
+  // anything cannot be removed; the first failure stops the removal and
+  // what was removed stays removed. Needs open descriptors, not memory, per
+  // level.
   [[nodiscard]] static bool RemoveFolder(const SafeString& path);
 
   // Copies the contents of the folder `from` into `to` (both normalised),
