@@ -322,6 +322,17 @@ TEST_F(FileContentsTest, DeviceReadAndCopiedUpToItsSeekEnd) {
     struct stat info;
     EXPECT_TRUE(::lstat((dir_ / "full").c_str(), &info) == 0 && S_ISCHR(info.st_mode));
   }
+  // The same for a FIFO that a reader holds open, when the source's read
+  // fails: the FIFO stays.
+  ASSERT_EQ(::mkfifo((dir_ / "target").c_str(), 0600), 0);
+  const int reader = ::open((dir_ / "target").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_TRUE(WriteRawFile(dir_ / "small", "bytes"));
+  ZorvTestFailRead(0, EIO);
+  EXPECT_FALSE(FileUtils::CopyFile(P("small"), P("target")));
+  ZorvTestFailRead(-1, 0);
+  ::close(reader);
+  struct stat fifo;
+  EXPECT_TRUE(::lstat((dir_ / "target").c_str(), &fifo) == 0 && S_ISFIFO(fifo.st_mode));
   ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
   MemoryBuffer piped;
   EXPECT_FALSE(FileUtils::ReadBinary(P("fifo"), &piped));  // no end to seek to

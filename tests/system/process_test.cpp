@@ -13,6 +13,7 @@
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "foundation/debug/memorymonitor.h"
@@ -279,6 +281,35 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   for (int fd : {file, pipeFds[0], pipeFds[1], ninety}) close(fd);
+}
+
+// A handler of the caller never runs in a started child, also for a signal
+// that reaches the child before its program runs. The caller (in a process
+// group of its own) signals the whole group while it starts programs.
+TEST_F(ProcessTest, TheCallersHandlersNeverRunInAChild) {
+  const pid_t caller = zorv::test::Fork([](int) {
+    static volatile int* ranElsewhere;
+    static pid_t self;
+    void* shared = mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (setpgid(0, 0) != 0 || shared == MAP_FAILED) return 2;
+    ranElsewhere = static_cast<volatile int*>(shared);
+    self = getpid();
+    struct sigaction action = {};
+    action.sa_handler = [](int) {
+      if (getpid() != self) *ranElsewhere = 1;
+    };
+    sigaction(SIGUSR1, &action, nullptr);
+    std::atomic<bool> done{false};
+    std::thread sender([&done] {
+      while (!done) kill(0, SIGUSR1);
+    });
+    for (int i = 0; i < 300 && *ranElsewhere == 0; ++i) (void)SystemUtils::Execute("/bin/true", "");
+    done = true;
+    sender.join();
+    return *ranElsewhere;
+  });
+  ASSERT_GT(caller, 0);
+  EXPECT_EQ(zorv::test::WaitChild(caller), 0);
 }
 
 TEST_F(ProcessTest, ExecuteSplitsAtBlanksTrimsSetsModeExecuteOnlyAndEndsAFailedChild) {
