@@ -458,23 +458,9 @@ SafeString EntryFolder(const SafeString& path) {
 // the spelling. True as well when the walk cannot be made: the answer is
 // used to refuse a removal.
 bool AtOrBelow(const SafeString& folder, const Identity& outer) {
-  constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  Descriptor current(Open(folder.c_str(), kFlags));
-  if (!current.valid()) return true;
-  struct stat here;
-  if (::fstat(current.get(), &here) != 0) return true;
-  // Far deeper than any path that the system accepts.
-  for (int depth = 0; depth < 65536; ++depth) {
-    if (here.st_dev == outer.device && here.st_ino == outer.inode) return true;
-    Descriptor parent(OpenAt(current.get(), "..", kFlags));
-    struct stat above;
-    if (!parent.valid() || ::fstat(parent.get(), &above) != 0) return true;
-    // The root is its own parent.
-    if (above.st_dev == here.st_dev && above.st_ino == here.st_ino) return false;
-    here = above;
-    current.swap(parent);
-  }
-  return true;
+  return detail::WalkUpFrom(AT_FDCWD, folder.c_str(), [&outer](const struct stat& here) {
+           return here.st_dev != outer.device || here.st_ino != outer.inode;
+         }) != detail::WalkUp::kAtRoot;
 }
 
 // The common checks of RenameFile and RenameFolder, then the rename. Before

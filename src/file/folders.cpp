@@ -121,20 +121,10 @@ struct Kept {
 bool ReadKept(int start, Kept* kept) {
   if (!RootId(&kept->root)) return false;
   kept->count = 0;
-  constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  struct stat here;
-  if (::fstatat(start, ".", &here, 0) != 0) return true;
-  Descriptor current;
-  while (kept->count < kKeptAbove) {
+  (void)detail::WalkUpFrom(start, ".", [kept](const struct stat& here) {
     kept->above[kept->count++] = FolderId{here.st_dev, here.st_ino, nullptr};
-    Descriptor parent(OpenAt(current.valid() ? current.get() : start, "..", kFlags));
-    struct stat above;
-    if (!parent.valid() || ::fstat(parent.get(), &above) != 0) break;
-    // The root is its own parent.
-    if (above.st_dev == here.st_dev && above.st_ino == here.st_ino) break;
-    here = above;
-    current.swap(parent);
-  }
+    return kept->count < kKeptAbove;
+  });
   return true;
 }
 
