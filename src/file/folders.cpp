@@ -9,6 +9,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -104,32 +105,59 @@ bool RootId(FolderId* root) {
 // What a removal never enters: the root, the folder it starts in and the
 // folders above that one (the nearest kKeptAbove of them), and, passed down
 // its recursion, the folders on its own path. Such a folder met inside the
-// tree (mounted there again, or reached by a name that leads back up) fails
-// the removal before anything in it is touched.
+// tree (reached by a name that leads back up, or mounted there once more)
+// fails the removal before anything in it is touched. A folder above can
+// only be met again as the root of a mount, so the folders above are read
+// when the first such root turns up: never, for most trees.
 constexpr int kKeptAbove = 64;
 
 struct Kept {
+  int start;  // the folder the removal starts in (AT_FDCWD: the current one)
   FolderId root;
+  FolderId here;  // the start's own identity
+  int count;      // folders above read into `above`; -1 before they are read
   FolderId above[kKeptAbove];
-  int count;
 };
 
-// Reads what a removal starting in the folder `start` keeps (AT_FDCWD: the
-// current folder); false when the root cannot be read. The folders above
-// are read as far as the walk up goes: a folder that may not be searched
-// ends it early.
-bool ReadKept(int start, Kept* kept) {
-  if (!RootId(&kept->root)) return false;
-  kept->count = 0;
-  (void)detail::WalkUpFrom(start, ".", [kept](const struct stat& here) {
-    kept->above[kept->count++] = FolderId{here.st_dev, here.st_ino, nullptr};
-    return kept->count < kKeptAbove;
-  });
+// Begins what a removal starting in the folder `start` keeps; false when the
+// root or the start cannot be read.
+bool StartKept(int start, Kept* kept) {
+  struct stat info;
+  if (!RootId(&kept->root) || ::fstatat(start, ".", &info, 0) != 0) return false;
+  kept->start = start;
+  kept->here = FolderId{info.st_dev, info.st_ino, nullptr};
+  kept->count = -1;
   return true;
 }
 
-bool IsKept(const Kept& kept, const struct stat& info, const FolderId* path) {
-  if (SameFolder(kept.root, info) || OnPath(path, info)) return true;
+// The identity of the folder open as `fd`, and whether it may be the root of
+// a mount: always where the kernel cannot tell (before Linux 5.8).
+bool IdentityOf(int fd, struct stat* info, bool* mountRoot) {
+#ifdef STATX_ATTR_MOUNT_ROOT
+  struct statx x;
+  if (::statx(fd, "", AT_EMPTY_PATH, STATX_INO, &x) == 0 && (x.stx_mask & STATX_INO) != 0) {
+    info->st_dev = makedev(x.stx_dev_major, x.stx_dev_minor);
+    info->st_ino = x.stx_ino;
+    *mountRoot = (x.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) == 0 ||
+                 (x.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+    return true;
+  }
+#endif
+  *mountRoot = true;
+  return ::fstat(fd, info) == 0;
+}
+
+bool IsKept(Kept& kept, const struct stat& info, bool mountRoot, const FolderId* path) {
+  if (SameFolder(kept.root, info) || SameFolder(kept.here, info) || OnPath(path, info)) return true;
+  if (!mountRoot) return false;
+  if (kept.count < 0) {
+    // As far as the walk up goes: a folder that may not be searched ends it.
+    kept.count = 0;
+    (void)detail::WalkUpFrom(kept.start, "..", [&kept](const struct stat& above) {
+      kept.above[kept.count++] = FolderId{above.st_dev, above.st_ino, nullptr};
+      return kept.count < kKeptAbove;
+    });
+  }
   for (int i = 0; i < kept.count; ++i) {
     if (SameFolder(kept.above[i], info)) return true;
   }
@@ -208,15 +236,16 @@ void Walk(int fd, const SafeString& root, const SafeString& prefix, unsigned int
   }
 }
 
-bool RemoveEntryAt(int parent, const char* name, const Kept& kept, const FolderId* path);
+bool RemoveEntryAt(int parent, const char* name, Kept& kept, const FolderId* path);
 
 // Empties the folder open as `fd` (taken over), below the folders `path`.
 // Stops at the first failure.
-bool EmptyFolder(int fd, const Kept& kept, const FolderId* path) {
+bool EmptyFolder(int fd, Kept& kept, const FolderId* path) {
   FolderStream dir(fd);
   if (!dir.valid()) return false;
   struct stat info;
-  if (::fstat(dir.fd(), &info) != 0 || IsKept(kept, info, path)) return false;
+  bool mountRoot;
+  if (!IdentityOf(dir.fd(), &info, &mountRoot) || IsKept(kept, info, mountRoot, path)) return false;
   const FolderId self{info.st_dev, info.st_ino, path};
   for (int pass = 0; pass < kEmptyPasses; ++pass) {
     bool found = false;
@@ -234,7 +263,7 @@ bool EmptyFolder(int fd, const Kept& kept, const FolderId* path) {
 // emptied and removed, anything else (links, files, devices, FIFOs,
 // sockets) is unlinked. The folder is opened without following a link, so
 // an entry that turns into a link is unlinked instead of entered.
-bool RemoveEntryAt(int parent, const char* name, const Kept& kept, const FolderId* path) {
+bool RemoveEntryAt(int parent, const char* name, Kept& kept, const FolderId* path) {
   int fd = OpenFolderAt(parent, name, false);
   if (fd < 0) {
     if (errno != ENOTDIR && errno != ELOOP) return false;
@@ -285,7 +314,7 @@ bool CopyFileAt(int from, int to, const char* name) {
 // levels above; a source folder among them (a link back up, or the target
 // inside the source) fails the copy. A subfolder made here is removed again
 // when its copy fails. Needs no accounted memory.
-bool CopyContents(int from, int to, const FolderId* up, const Kept& kept) {
+bool CopyContents(int from, int to, const FolderId* up, Kept& kept) {
   FolderStream source(from);
   Descriptor target(to);
   if (!source.valid() || !target.valid()) return false;
@@ -360,7 +389,7 @@ bool RemoveEntry(const char* parent, const char* name) noexcept {
   if (parent != nullptr && !folder.valid()) return false;
   const int at = folder.valid() ? folder.get() : AT_FDCWD;
   Kept kept;
-  return ReadKept(at, &kept) && RemoveEntryAt(at, name, kept, nullptr);
+  return StartKept(at, &kept) && RemoveEntryAt(at, name, kept, nullptr);
 }
 
 void ParentFolders::plan(const SafeString& path) {
@@ -436,7 +465,7 @@ bool FileUtils::RemoveFolder(const SafeString& path) {
   if (!detail::IsEntryName(name.c_str())) return false;
   Descriptor parent(OpenParent(folder));
   Kept kept;
-  if (!parent.valid() || !ReadKept(parent.get(), &kept)) return false;
+  if (!parent.valid() || !StartKept(parent.get(), &kept)) return false;
   struct stat info;
   // Whatever the path leads to must not be the root, nor the root mounted
   // elsewhere (same device and inode).
@@ -461,7 +490,7 @@ bool FileUtils::CopyFolder(const SafeString& from, const SafeString& to) {
   if (source < 0) return false;
   Descriptor parent(OpenParent(folder));
   Kept kept;
-  if (!parent.valid() || !ReadKept(parent.get(), &kept)) {
+  if (!parent.valid() || !StartKept(parent.get(), &kept)) {
     ::close(source);
     return false;
   }
