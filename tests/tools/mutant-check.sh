@@ -16,6 +16,16 @@ if [ "$(id -u)" = 0 ] && [ "${ZORV_MUTANTS_AS_ROOT:-}" != 1 ]; then
        "or set ZORV_MUTANTS_AS_ROOT=1 in a throw-away container" >&2
   exit 2
 fi
+# A mutant that removes folders above the tests' own (a broken roll-back)
+# can take the temporary folder with it; every later mutant would then be
+# "killed" by tests that cannot make their scratch folders. The run is void
+# from there on, so it is stopped instead.
+temporary=${TMPDIR:-/tmp}
+if [ ! -d "$temporary" ] || [ ! -w "$temporary" ]; then
+  echo "mutant-check.sh: the temporary folder $temporary is gone; stopping the run" >&2
+  pkill -f mutate.py
+  exit 2
+fi
 # A mutant may leave a forked copy of a test running after ctest gave up on
 # the test (a child that loops); it would take a processor from every later
 # mutant. Whatever still runs from this build's tests is ended on the way out.
