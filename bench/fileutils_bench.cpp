@@ -1,7 +1,8 @@
 // CopyFile of a 100 MB file and of a small one against
 // std::filesystem::copy_file;
 // SearchFiles over a tree of 100,000 files against
-// std::filesystem::recursive_directory_iterator; and ReadText of a small
+// std::filesystem::recursive_directory_iterator; RemoveFolder of a small
+// tree against std::filesystem::remove_all; and ReadText of a small
 // file and of a sysfs attribute (what a program polls) against std::ifstream,
 // GLib's g_file_get_contents and a plain open/read/close. The files and the
 // tree are made under $TMPDIR (or /tmp) at start and removed at the end.
@@ -232,6 +233,45 @@ void GlibBuildFilename(benchmark::State& state) {
 }
 BENCHMARK(GlibBuildFilename);
 #endif
+
+// A folder holding a file and a subfolder with a file, its parent six
+// levels below the root, removed; it is made again, untimed, before each
+// removal.
+const std::string& SmallTree() {
+  static const std::string top = WorkFolder() + "/l3/l4/l5/l6/tree";
+  return top;
+}
+
+bool MakeSmallTree() {
+  std::error_code error;
+  fs::create_directories(SmallTree() + "/sub", error);
+  std::ofstream(SmallTree() + "/f1") << "a";
+  std::ofstream(SmallTree() + "/sub/f2") << "b";
+  return !error;
+}
+
+void RemoveFolderSmallTree(benchmark::State& state) {
+  const SafeString top(SmallTree().c_str());
+  for (auto _ : state) {
+    state.PauseTiming();
+    const bool made = MakeSmallTree();
+    state.ResumeTiming();
+    if (!made || !FileUtils::RemoveFolder(top)) state.SkipWithError("RemoveFolder failed");
+  }
+}
+BENCHMARK(RemoveFolderSmallTree)->UseRealTime();
+
+void StdRemoveAllSmallTree(benchmark::State& state) {
+  const fs::path top(SmallTree());
+  std::error_code error;
+  for (auto _ : state) {
+    state.PauseTiming();
+    const bool made = MakeSmallTree();
+    state.ResumeTiming();
+    if (!made || fs::remove_all(top, error) != 4) state.SkipWithError("remove_all failed");
+  }
+}
+BENCHMARK(StdRemoveAllSmallTree)->UseRealTime();
 
 void SearchFiles100k(benchmark::State& state) {
   const SafeString root(Tree().c_str());

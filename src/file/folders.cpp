@@ -236,11 +236,19 @@ void Walk(int fd, const SafeString& root, const SafeString& prefix, unsigned int
   }
 }
 
-bool RemoveEntryAt(int parent, const char* name, Kept& kept, const FolderId* path);
-
-// Empties the folder open as `fd` (taken over), below the folders `path`.
-// Stops at the first failure.
-bool EmptyFolder(int fd, Kept& kept, const FolderId* path) {
+// Removes the entry `name` of the folder open as `parent`, below the
+// folders `path`: a real folder is emptied and removed, anything else
+// (links, files, devices, FIFOs, sockets) is unlinked. The folder is opened
+// without following a link, so an entry that turns into a link is unlinked
+// instead of entered. A folder that is not empty when its turn to go comes
+// (entries made meanwhile, or missed by a listing of a changing folder) is
+// listed again, up to kEmptyPasses times. Stops at the first failure.
+bool RemoveEntryAt(int parent, const char* name, Kept& kept, const FolderId* path) {
+  int fd = OpenFolderAt(parent, name, false);
+  if (fd < 0) {
+    if (errno != ENOTDIR && errno != ELOOP) return false;
+    return ::unlinkat(parent, name, 0) == 0;
+  }
   FolderStream dir(fd);
   if (!dir.valid()) return false;
   struct stat info;
@@ -248,29 +256,14 @@ bool EmptyFolder(int fd, Kept& kept, const FolderId* path) {
   if (!IdentityOf(dir.fd(), &info, &mountRoot) || IsKept(kept, info, mountRoot, path)) return false;
   const FolderId self{info.st_dev, info.st_ino, path};
   for (int pass = 0; pass < kEmptyPasses; ++pass) {
-    bool found = false;
+    if (pass > 0) dir.rewind();
     while (struct dirent* entry = dir.next()) {
-      found = true;
       if (!RemoveEntryAt(dir.fd(), entry->d_name, kept, &self)) return false;
     }
-    if (!found) return true;
-    dir.rewind();
+    if (::unlinkat(parent, name, AT_REMOVEDIR) == 0) return true;
+    if (errno != ENOTEMPTY && errno != EEXIST) return false;
   }
   return false;
-}
-
-// Removes the entry `name` of the folder open as `parent`: a real folder is
-// emptied and removed, anything else (links, files, devices, FIFOs,
-// sockets) is unlinked. The folder is opened without following a link, so
-// an entry that turns into a link is unlinked instead of entered.
-bool RemoveEntryAt(int parent, const char* name, Kept& kept, const FolderId* path) {
-  int fd = OpenFolderAt(parent, name, false);
-  if (fd < 0) {
-    if (errno != ENOTDIR && errno != ELOOP) return false;
-    return ::unlinkat(parent, name, 0) == 0;
-  }
-  if (!EmptyFolder(fd, kept, path)) return false;
-  return ::unlinkat(parent, name, AT_REMOVEDIR) == 0;
 }
 
 // Copies the file `name` of the folder `from` (following a link) to the
@@ -466,17 +459,19 @@ bool FileUtils::RemoveFolder(const SafeString& path) {
   Descriptor parent(OpenParent(folder));
   Kept kept;
   if (!parent.valid() || !StartKept(parent.get(), &kept)) return false;
-  struct stat info;
+  struct stat entry;
+  if (::fstatat(parent.get(), name.c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  const bool link = S_ISLNK(entry.st_mode);
   // Whatever the path leads to must not be the root, nor the root mounted
   // elsewhere (same device and inode).
-  if (::fstatat(parent.get(), name.c_str(), &info, 0) != 0 || SameFolder(kept.root, info) ||
-      (info.st_mode & kDirectoryBit) == 0) {
+  struct stat info = entry;
+  if ((link && ::fstatat(parent.get(), name.c_str(), &info, 0) != 0) ||
+      SameFolder(kept.root, info) || (info.st_mode & kDirectoryBit) == 0) {
     return false;
   }
-  if (::fstatat(parent.get(), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) return false;
   // A link to a folder goes as a link; sockets and block devices fail.
-  if (S_ISLNK(info.st_mode)) return ::unlinkat(parent.get(), name.c_str(), 0) == 0;
-  if (!S_ISDIR(info.st_mode)) return false;
+  if (link) return ::unlinkat(parent.get(), name.c_str(), 0) == 0;
+  if (!S_ISDIR(entry.st_mode)) return false;
   return RemoveEntryAt(parent.get(), name.c_str(), kept, nullptr);
 }
 

@@ -6,6 +6,8 @@
 //   searched (which root may);
 // - fdopendir: fails a chosen call as the C library does when it has no
 //   memory for the listing;
+// - unlinkat: makes a folder inside a folder about to be removed, as another
+//   program adding entries meanwhile;
 // - mkdirat: fails for a chosen name, as for a target the caller may not
 //   write (which root may);
 // - lseek: a seek to the end gives a chosen size, as a device may claim
@@ -71,6 +73,8 @@ void LogCall(char c) {
 
 int g_listingSkip = -1;
 char g_makeFails[256];
+char g_fillName[256];
+int g_fillTimes = 0;
 long long g_seekEnd = -1;
 bool g_seekStartFails = false;
 int g_readSkip = -1;
@@ -156,6 +160,24 @@ extern "C" int mkdirat(int folder, const char* path, mode_t mode) {
     return -1;
   }
   return static_cast<int>(::syscall(SYS_mkdirat, folder, path, mode));
+}
+
+// Before each of the next `times` removals of a folder named `name`
+// (unlinkat with AT_REMOVEDIR), a folder "late<n>" (n counting down) is
+// made inside it, as another program adding entries meanwhile; 0 disarms.
+extern "C" void ZorvTestFillBeforeRemoval(const char* name, int times) {
+  std::snprintf(g_fillName, sizeof(g_fillName), "%s", name);
+  g_fillTimes = times;
+}
+
+extern "C" int unlinkat(int folder, const char* path, int flags) {
+  constexpr int kRemoveFolder = 0x200;  // AT_REMOVEDIR on Linux
+  if ((flags & kRemoveFolder) != 0 && g_fillTimes > 0 && std::strcmp(path, g_fillName) == 0) {
+    char late[sizeof(g_fillName) + 16];
+    std::snprintf(late, sizeof(late), "%s/late%d", path, --g_fillTimes);
+    (void)::syscall(SYS_mkdirat, folder, late, 0700);
+  }
+  return static_cast<int>(::syscall(SYS_unlinkat, folder, path, flags));
 }
 
 // The next seek to the end (offset 0, SEEK_END) moves to the end as usual

@@ -17,6 +17,7 @@ extern "C" void ZorvTestFailListing(int skip);
 extern "C" void ZorvTestFailMakeFolder(const char* name);
 extern "C" void ZorvTestLogCalls(char* log, int room);
 extern "C" void ZorvTestFailStat(const char* path, int skip);
+extern "C" void ZorvTestFillBeforeRemoval(const char* name, int times);
 
 namespace {
 
@@ -98,6 +99,17 @@ Call WithReader(const std::string& fifo, Call call) {
   };
 }
 
+// `call` while each of the next `times` removals of a folder "d" first
+// finds a new folder in it.
+Call Filled(int times, Call call) {
+  return [=](const std::string& b) {
+    ZorvTestFillBeforeRemoval("d", times);
+    const bool ok = call(b);
+    ZorvTestFillBeforeRemoval("", 0);
+    return ok;
+  };
+}
+
 TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
   const std::string longName(300, 'n');
   const std::vector<std::string> abc = {"a/", "a/b/", "a/b/c/"};
@@ -114,6 +126,11 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"failed create through '..'", {"a/"}, Op('m', "a/new\\..\\..\\evil/" + longName), false, {"a/"}},
       {"remove a tree", Tree(), Op('R', "root"), true, {}},
       {"remove a folder named '.a'", {"d/", "d/.a/", "d/.a/f=x"}, Op('R', "d/.a"), true, {"d/"}},
+      // Entries made in a folder after it was listed are found by another
+      // listing, up to eight; a folder that keeps filling up fails.
+      {"remove a folder filled meanwhile", {"d/", "d/f=x"}, Filled(1, Op('R', "d")), true, {}},
+      {"remove a folder that keeps filling", {"d/", "d/f=x"}, Filled(8, Op('R', "d")), false,
+       {"d/", "d/late0/"}},
       // The folder and its parent open, no descriptor for the entry: nothing goes.
       {"remove without descriptors", {"d/", "d/f=x"}, InChild(2, -1, Op('R', "d")), false,
        {"d/", "d/f=x"}},
