@@ -190,7 +190,8 @@ TEST_F(ProcessTest, NullArgumentsReturnFalse) {
 }
 
 // What a started program inherits: no descriptor above 2, SIGCHLD at its
-// default although the caller ignores it, no blocked signal although the
+// default although the caller ignores it, SIGHUP ignored as the caller
+// ignores it (as nohup does), no blocked signal although the
 // calling thread blocks one; also when allocations of the call fail. The
 // call returns while the child goes on, and leaves SIGCHLD ignored so that
 // the system reaps the child; Command's shell runs the whole line.
@@ -226,6 +227,9 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGUSR2);
   pthread_sigmask(SIG_BLOCK, &blocked, &previous);
+  struct sigaction ignore = {}, hangUp;
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGHUP, &ignore, &hangUp);
   std::set<std::string> held, standard;  // what the test has open above 2, and of 0..2
   for (const auto& fd : Entries("/proc/self/fd")) {
     if (atoi(fd.first.c_str()) > 2 && !fd.second.empty()) held.insert(fd.second);
@@ -259,7 +263,9 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     EXPECT_EQ(ReadRawFile(out), c.execute ? "" : "mademade\n");
     const std::vector<int> pids = ProcessesNamed(name);
     ASSERT_EQ(pids.size(), 1u);
-    EXPECT_EQ(SignalMask(pids[0], "SigIgn") & (1ULL << (SIGCHLD - 1)), 0u) << "SIGCHLD ignored";
+    EXPECT_EQ(SignalMask(pids[0], "SigIgn") & (1ULL << (SIGCHLD - 1) | 1ULL << (SIGHUP - 1)),
+              1ULL << (SIGHUP - 1))
+        << "SIGCHLD ignored, or SIGHUP not";
     EXPECT_EQ(SignalMask(pids[0], "SigBlk"), 0u) << "signals blocked";
     const std::string fds = "/proc/" + std::to_string(pids[0]) + "/fd";
     // Execute leaves the program execute-only, and a process run from a file
@@ -280,6 +286,7 @@ TEST_F(ProcessTest, StartedProgramsInheritOnlyStandardDescriptorsAndDefaultSigna
     }
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  sigaction(SIGHUP, &hangUp, nullptr);
   for (int fd : {file, pipeFds[0], pipeFds[1], ninety}) close(fd);
 }
 

@@ -327,14 +327,18 @@ TYPED_TEST(ExecutorTest, QueueGrowsForABurstAndFailedGrowthDisposesTheTask) {
   EXPECT_EQ(h.tally.disposals.load(), 2);
   // The queue is full but for the room kept for the stop marker: stop() needs
   // no memory, so it cannot fail. The worker goes on once stop() had the time
-  // to queue its marker.
+  // to queue its marker, and never while allocations fail (it would keep
+  // the big ring).
+  std::atomic<bool> armed{false};
   std::thread release([&] {
+    while (!armed.load()) std::this_thread::yield();
     Thread::Sleep(static_cast<unsigned int>(zorv::test::Margin(20).count()));
     zf::debug::MemoryMonitor::FailAfter(0);
     h.gate.open();
   });
   {
     zorv::test::FailAfterGuard fail(1);
+    armed = true;
     EXPECT_NO_THROW(h.pool.stop());
   }
   release.join();
