@@ -130,13 +130,18 @@ bool LockConditionHelper::WaitFor(ILockCondition& cond, Locker& locker, unsigned
   time::Stopwatch stopwatch;
   if (!pred) throw std::bad_function_call();
   unsigned int remaining = ms;
+  // The time spent inside tryWait, summed in microseconds: waits that end
+  // within a millisecond (a condition notified many times a millisecond)
+  // use the budget up as well, where whole milliseconds a wait would charge
+  // nothing and the budget would never run out.
+  double waitedMs = 0.0;
   for (;;) {
     if (pred()) return true;
     stopwatch.start();
     if (!cond.tryWait(locker, remaining)) return pred();
-    const unsigned long long elapsed = stopwatch.toTick();
-    if (elapsed > 0xFFFFFFFFULL || elapsed >= remaining) return pred();
-    remaining -= static_cast<unsigned int>(elapsed);
+    waitedMs += stopwatch.toSeconds() * 1000.0;
+    if (waitedMs >= ms) return pred();
+    remaining = ms - static_cast<unsigned int>(waitedMs);
   }
 }
 

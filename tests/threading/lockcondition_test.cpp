@@ -94,26 +94,31 @@ TEST_F(LockConditionTest, TimedWaitsReturnAfterTheirTimeOut) {
   int calls = 0;
   const std::function<bool()> never = [&] { return ++calls < 0; };
   const std::function<bool()> always = [&] { return ++calls > 0; };
-  // nagged: another thread keeps waking the waiter every 10 ms without ever
-  // making the predicate true; the budget is the time spent waiting, and
-  // wake-ups do not restart it (calls is then a least number).
+  // nagged: another thread keeps waking the waiter (1: every 10 ms, 2: many
+  // times a millisecond) without ever making the predicate true; the budget
+  // is the time spent waiting, and wake-ups do not restart it (calls is then
+  // a least number). The nagging ends after the longest wait allowed.
   using H = LockConditionHelper;
-  const std::tuple<const char*, std::function<bool(Locker&)>, bool, bool, int, int> cases[] = {
-      {"tryWait 120", [&](Locker& l) { return cond.tryWait(l, 120); }, false, false, 119, 0},
-      {"WaitFor, holds", [&](Locker& l) { return H::WaitFor(cond, l, always); }, true, false, 0, 1},
+  const std::tuple<const char*, std::function<bool(Locker&)>, bool, int, int, int> cases[] = {
+      {"tryWait 120", [&](Locker& l) { return cond.tryWait(l, 120); }, false, 0, 119, 0},
+      {"WaitFor, holds", [&](Locker& l) { return H::WaitFor(cond, l, always); }, true, 0, 0, 1},
       {"WaitFor 10000, holds", [&](Locker& l) { return H::WaitFor(cond, l, 10000, always); }, true,
-       false, 0, 1},
+       0, 0, 1},
       // once before the wait, once after the time-out
       {"WaitFor 150, never holds", [&](Locker& l) { return H::WaitFor(cond, l, 150, never); },
-       false, false, 149, 2},
+       false, 0, 149, 2},
       {"WaitFor 300, woken often", [&](Locker& l) { return H::WaitFor(cond, l, 300, never); },
-       false, true, 250, 3}};
+       false, 1, 250, 3},
+      {"WaitFor 300, woken all the time", [&](Locker& l) { return H::WaitFor(cond, l, 300, never); },
+       false, 2, 250, 3}};
   for (const auto& [name, wait, result, nagged, atLeast, expectedCalls] : cases) {
     SCOPED_TRACE(name);
-    std::atomic<bool> stop{!nagged};
+    std::atomic<bool> stop{nagged == 0};
+    const Clock::time_point giveUp = Clock::now() + milliseconds(atLeast) + zorv::test::Margin(2000);
     std::thread nagger([&] {
-      while (!stop) {
-        std::this_thread::sleep_for(milliseconds(10));
+      while (!stop && Clock::now() < giveUp) {
+        std::this_thread::sleep_for(nagged == 1 ? std::chrono::microseconds(10000)
+                                                 : std::chrono::microseconds(50));
         Locker locker(lock, false);
         cond.notifyAll(locker);
       }
@@ -125,7 +130,7 @@ TEST_F(LockConditionTest, TimedWaitsReturnAfterTheirTimeOut) {
     const long long waited = std::chrono::duration_cast<milliseconds>(Clock::now() - start).count();
     EXPECT_GE(waited, atLeast);
     EXPECT_LT(waited, atLeast + zorv::test::Margin(2000).count());
-    EXPECT_TRUE(nagged ? calls >= expectedCalls : calls == expectedCalls) << calls;
+    EXPECT_TRUE(nagged != 0 ? calls >= expectedCalls : calls == expectedCalls) << calls;
     stop = true;
     locker.unlock();
     nagger.join();

@@ -107,7 +107,9 @@ class ZORV_FOUNDATION_EXPORT LockConditionHelper {
   static bool WaitFor(ILockCondition& cond, Locker& locker, const std::function<bool()>& pred);
 
   // As above for at most about `ms` milliseconds: the budget shrinks by the
-  // time spent waiting (not by the time pred() takes). Returns true as soon
+  // time spent waiting (not by the time pred() takes), counted finer than
+  // the millisecond, so that a condition notified many times a millisecond
+  // uses it up too. Returns true as soon
   // as pred() is true; when the budget is spent, the result of one last
   // pred(). Throws std::bad_function_call when pred is empty, and what
   // cond.tryWait throws.
