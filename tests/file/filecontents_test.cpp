@@ -24,6 +24,8 @@ extern "C" void ZorvTestFailRead(int skip, int error);
 extern "C" void ZorvTestFailListing(int skip);
 extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 extern "C" void ZorvTestFailStat(const char* path, int skip);
+extern "C" void ZorvTestEmptyWhileCopied(bool on);
+extern "C" int ZorvTestCopyCalls();
 
 namespace {
 
@@ -216,6 +218,19 @@ TEST_F(FileContentsTest, AReadThatFailsMidwayFailsTheCall) {
     }
     ZorvTestFailRead(-1, 0);
   }
+}
+
+// A file emptied by another program while the kernel copies it: the copy
+// stops where the file now ends, after one call.
+TEST_F(FileContentsTest, AFileEmptiedWhileCopiedEndsTheCopy) {
+  ASSERT_TRUE(WriteRawFile(dir_ / "big", std::string(100000, 'b')));
+  ZorvTestEmptyWhileCopied(true);
+  const bool copied = FileUtils::CopyFile(P("big"), P("copy"));
+  const int calls = ZorvTestCopyCalls();
+  ZorvTestEmptyWhileCopied(false);
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(copied, zorv::test::RawExists(dir_ / "copy"));
+  EXPECT_EQ((copied ? ReadRawFile(dir_ / "copy") : "").size(), 0u);
 }
 
 // Files under /proc say they hold 0 bytes, yet are read, and copied, to

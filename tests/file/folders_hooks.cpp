@@ -12,6 +12,8 @@
 //   write (which root may);
 // - lseek: a seek to the end gives a chosen size, as a device may claim
 //   more than it holds, and a seek back to the start may fail;
+// - copy_file_range: empties the source first, as a file truncated while
+//   the kernel copies it;
 // - read: fails a chosen call, as a disk that goes bad midway through a
 //   file does;
 // - MemoryMonitor::Alloc: once fault injection has failed one allocation,
@@ -74,6 +76,7 @@ void LogCall(char c) {
 int g_listingSkip = -1;
 char g_makeFails[256];
 char g_fillName[256];
+int g_copyCalls = -1;
 int g_fillTimes = 0;
 long long g_seekEnd = -1;
 bool g_seekStartFails = false;
@@ -178,6 +181,26 @@ extern "C" int unlinkat(int folder, const char* path, int flags) {
     (void)::syscall(SYS_mkdirat, folder, late, 0700);
   }
   return static_cast<int>(::syscall(SYS_unlinkat, folder, path, flags));
+}
+
+// While armed, the source of copy_file_range is emptied before the first
+// call, as a file that another program truncates while the kernel copies
+// it; the calls are counted, and from the 101st on they fail with EIO.
+extern "C" void ZorvTestEmptyWhileCopied(bool on) { g_copyCalls = on ? 0 : -1; }
+extern "C" int ZorvTestCopyCalls() { return g_copyCalls; }
+
+extern "C" ssize_t copy_file_range(int in, off64_t* inAt, int out, off64_t* outAt, size_t length,
+                                   unsigned int flags) {
+  if (g_copyCalls >= 0 && g_copyCalls++ == 0) {
+    char source[64];  // the descriptor is open for reading only
+    std::snprintf(source, sizeof(source), "/proc/self/fd/%d", in);
+    (void)::truncate(source, 0);
+  }
+  if (g_copyCalls > 100) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<ssize_t>(::syscall(SYS_copy_file_range, in, inAt, out, outAt, length, flags));
 }
 
 // The next seek to the end (offset 0, SEEK_END) moves to the end as usual
