@@ -141,6 +141,8 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
        true, {}},
       {"copy into a folder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
        InChild(-1, 1, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
+      {"copy a subfolder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
+       InChild(-1, 0, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
       {"copy to a folder that opens as descriptor 0", {"s/", "s/f=x"},
        InChild(-1, 0, Op('C', "s", "d")), true, {"s/", "s/f=x", "d/", "d/f=x"}},
       {"copy from a folder opened as descriptor 0", {"d/", "d/f=x"},
