@@ -32,9 +32,10 @@ using detail::Descriptor;
 constexpr mode_t kDirectoryBit = 040000;
 constexpr mode_t kFolderMode = 0755;
 constexpr size_t kCopyChunk = 4096;
-// Passes over a folder being emptied: a pass that finds entries is followed
-// by another, so that entries readdir skipped while the folder changed are
-// found; a folder that keeps filling up fails after these many.
+// Listings of a folder being removed: a folder that is not empty when it
+// is to go is listed again, so that entries made meanwhile, or skipped by
+// readdir while the folder changed, are found; a folder that keeps filling
+// up fails after these many.
 constexpr int kEmptyPasses = 8;
 
 using system::posixio::OpenAt;
