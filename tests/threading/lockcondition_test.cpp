@@ -115,10 +115,10 @@ TEST_F(LockConditionTest, TimedWaitsReturnAfterTheirTimeOut) {
     SCOPED_TRACE(name);
     std::atomic<bool> stop{nagged == 0};
     const Clock::time_point giveUp = Clock::now() + milliseconds(atLeast) + zorv::test::Margin(2000);
+    const std::chrono::microseconds period(nagged == 1 ? 10000 : 50);
     std::thread nagger([&] {
       while (!stop && Clock::now() < giveUp) {
-        std::this_thread::sleep_for(nagged == 1 ? std::chrono::microseconds(10000)
-                                                 : std::chrono::microseconds(50));
+        std::this_thread::sleep_for(period);
         Locker locker(lock, false);
         cond.notifyAll(locker);
       }
