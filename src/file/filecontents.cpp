@@ -458,9 +458,9 @@ SafeString EntryFolder(const SafeString& path) {
 // the spelling. True as well when the walk cannot be made: the answer is
 // used to refuse a removal.
 bool AtOrBelow(const SafeString& folder, const Identity& outer) {
-  return detail::WalkUpFrom(AT_FDCWD, folder.c_str(), [&outer](const struct stat& here) {
-           return here.st_dev != outer.device || here.st_ino != outer.inode;
-         }) != detail::WalkUp::kAtRoot;
+  return !detail::WalkUpFrom(AT_FDCWD, folder.c_str(), [&outer](const struct stat& here) {
+    return here.st_dev != outer.device || here.st_ino != outer.inode;
+  });
 }
 
 // The common checks of RenameFile and RenameFolder, then the rename. Before

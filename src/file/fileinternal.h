@@ -53,30 +53,28 @@ void WalkFolder(const SafeString& root, const SafeString& prefix, unsigned int f
 // parent does.
 bool IsEntryName(const char* name) noexcept;
 
-// How a walk up the folders ended.
-enum class WalkUp { kStopped, kAtRoot, kFailed };
-
 // Calls visit(status) for the folder `path` of the folder `at` (AT_FDCWD:
 // the current folder) and for each folder above it through the real
 // parents (".."), whatever the spelling, up to the root (its own parent),
-// until visit returns false. Never allocates.
+// until visit returns false. True when the walk reached the root; false
+// when visit stopped it or a folder could not be opened. Never allocates.
 template <class Visit>
-WalkUp WalkUpFrom(int at, const char* path, Visit visit) noexcept {
+bool WalkUpFrom(int at, const char* path, Visit visit) noexcept {
   constexpr int kFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
   Descriptor current(system::posixio::OpenAt(at, path, kFlags));
   struct stat here;
-  if (!current.valid() || ::fstat(current.get(), &here) != 0) return WalkUp::kFailed;
+  if (!current.valid() || ::fstat(current.get(), &here) != 0) return false;
   // Far deeper than any path that the system accepts.
   for (int depth = 0; depth < 65536; ++depth) {
-    if (!visit(static_cast<const struct stat&>(here))) return WalkUp::kStopped;
+    if (!visit(static_cast<const struct stat&>(here))) return false;
     Descriptor parent(system::posixio::OpenAt(current.get(), "..", kFlags));
     struct stat above;
-    if (!parent.valid() || ::fstat(parent.get(), &above) != 0) return WalkUp::kFailed;
-    if (above.st_dev == here.st_dev && above.st_ino == here.st_ino) return WalkUp::kAtRoot;
+    if (!parent.valid() || ::fstat(parent.get(), &above) != 0) return false;
+    if (above.st_dev == here.st_dev && above.st_ino == here.st_ino) return true;
     here = above;
     current.swap(parent);
   }
-  return WalkUp::kFailed;
+  return false;
 }
 
 // Removes the entry `name` of the folder `parent` (the current folder when

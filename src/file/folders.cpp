@@ -131,8 +131,9 @@ bool StartKept(int start, Kept* kept) {
   return true;
 }
 
-// The identity of the folder open as `fd`, and whether it may be the root of
-// a mount: always where the kernel cannot tell (before Linux 5.8).
+// The identity of the folder open as `fd` (the device and inode of `info`;
+// nothing else of it is read), and whether it may be the root of a mount:
+// always where the kernel cannot tell (before Linux 5.8).
 bool IdentityOf(int fd, struct stat* info, bool* mountRoot) {
 #ifdef STATX_ATTR_MOUNT_ROOT
   struct statx x;
