@@ -2,6 +2,10 @@
 #include <cstdint>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "file/fileinternal.h"
 #include "foundation/file/fileutils.h"
 
@@ -92,9 +96,23 @@ class PathBuilder {
     if (length > 1 && bytes[length - 1] == '/') return false;
     size_t i = 0;
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    // A word at a time: a byte's mark shifted up by 8 bits lands on the
-    // byte after it, and the last byte's mark is carried into the next word.
+    // A block at a time: a byte's mark shifted up by one byte lands on the
+    // byte after it, and the block's last mark is carried into the next.
     Word slashBefore = 0;
+#if defined(__SSE2__)
+    unsigned slashAtEnd = 0;
+    for (; i + 16 <= length; i += 16) {
+      const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
+      const unsigned slashes = static_cast<unsigned>(
+          _mm_movemask_epi8(_mm_cmpeq_epi8(block, _mm_set1_epi8('/'))));
+      const unsigned others = static_cast<unsigned>(_mm_movemask_epi8(
+          _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('\\')),
+                       _mm_cmpeq_epi8(block, _mm_setzero_si128()))));
+      if ((others | (slashes & ((slashes << 1) | slashAtEnd))) != 0) return false;
+      slashAtEnd = slashes >> 15;
+    }
+    slashBefore = slashAtEnd != 0 ? Word(0x80) : Word(0);
+#endif
     for (; i + sizeof(Word) <= length; i += sizeof(Word)) {
       Word word;
       std::memcpy(&word, bytes + i, sizeof word);
@@ -126,15 +144,44 @@ size_t WithoutTrailingSeparators(const char* bytes, size_t length) {
   return length;
 }
 
+// The length of bytes[0, length) up to and with its last separator: 0 when
+// there is none.
+size_t AfterLastSeparator(const char* bytes, size_t length) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  // A block at a time from the end: the highest mark is the last separator.
+#if defined(__SSE2__)
+  for (; length >= 16; length -= 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + length - 16));
+    const unsigned marks = static_cast<unsigned>(_mm_movemask_epi8(
+        _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('/')),
+                     _mm_cmpeq_epi8(block, _mm_set1_epi8('\\')))));
+    if (marks != 0) return length - 16 + 32 - static_cast<size_t>(__builtin_clz(marks));
+  }
+#endif
+  for (; length >= sizeof(Word); length -= sizeof(Word)) {
+    Word word;
+    std::memcpy(&word, bytes + length - sizeof(Word), sizeof word);
+    const Word marks = ByteMatches(word, '/') | ByteMatches(word, '\\');
+    if (marks != 0) {
+      const int highBit = 8 * static_cast<int>(sizeof(Word)) - 1 -
+                          (sizeof(Word) == sizeof(long long)
+                               ? __builtin_clzll(static_cast<unsigned long long>(marks))
+                               : __builtin_clz(static_cast<unsigned>(marks)));
+      return length - sizeof(Word) + static_cast<size_t>(highBit / 8) + 1;
+    }
+  }
+#endif
+  while (length > 0 && !IsSeparator(bytes[length - 1])) --length;
+  return length;
+}
+
 // Where the last component of a path starts and ends: [*start, *end). Both
 // are 0 for a path of separators only (or an empty one).
 void FindLast(const SafeString& path, size_t* start, size_t* end) {
   const char* const bytes = path.data();
   size_t last = path.size();
   while (last > 0 && IsSeparator(bytes[last - 1])) --last;
-  size_t first = last;
-  while (first > 0 && !IsSeparator(bytes[first - 1])) --first;
-  *start = first;
+  *start = AfterLastSeparator(bytes, last);
   *end = last;
 }
 
@@ -198,8 +245,11 @@ SafeString FileUtils::GetFolderPath(const SafeString& path) {
   detail::FindLast(path, &start, &end);
   // A path of separators only is the root alone, which has no folder.
   if (end == 0) return SafeString();
+  const size_t length = detail::WithoutTrailingSeparators(path.data(), start);
+  // A folder that is normal already (the usual case) is the result as it stands.
+  if (detail::PathBuilder::IsNormal(path.data(), length)) return SafeString(path.data(), length);
   detail::PathBuilder builder(start);
-  builder.addParts(path.data(), detail::WithoutTrailingSeparators(path.data(), start));
+  builder.addParts(path.data(), length);
   return builder.take();
 }
 
