@@ -18,6 +18,10 @@
 #include <type_traits>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "numberdigits.h"
 
 namespace zorv {
@@ -379,6 +383,7 @@ __attribute__((format(printf, 1, 0))) foundation::SafeString QuickFormatV(const 
   }
 }
 
+#if !defined(__SSE2__)
 // How many bytes CompareNoCase compares one by one before it hands the rest
 // to the C library.
 constexpr int kCompareHead = 16;
@@ -389,6 +394,56 @@ locale_t CLocale() {
   static const locale_t c = ::newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(0));
   return c;
 }
+#endif
+
+#if defined(__SSE2__)
+// How many bytes can be read from `p` on without leaving its page (4096
+// bytes, or a part of one where pages are larger).
+inline size_t RoomInPage(const unsigned char* p) {
+  constexpr uintptr_t kPage = 4096;
+  return kPage - (reinterpret_cast<uintptr_t>(p) & (kPage - 1));
+}
+
+// CompareNoCase 16 bytes a step. A step reads past the end of a text, but
+// never into a page that holds none of it, and so never a byte that cannot
+// be read; the sanitizers are told not to take those bytes for the text's.
+// Where a step would reach into the next page of either text, it goes a
+// byte at a time for 16 bytes.
+__attribute__((no_sanitize("address", "thread"))) int CompareNoCaseBlocks(
+    const unsigned char* x, const unsigned char* y) {
+  // A byte plus 31 is below -102 as a signed byte exactly for 'a' to 'z'.
+  const __m128i toSigned = _mm_set1_epi8(static_cast<char>(128 - 'a'));
+  const __m128i belowLimit = _mm_set1_epi8(static_cast<char>(-128 + 26));
+  const __m128i caseBit = _mm_set1_epi8(0x20);
+  for (;;) {
+    for (size_t steps = std::min(RoomInPage(x), RoomInPage(y)) / 16; steps > 0; --steps) {
+      const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(x));
+      const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(y));
+      // Equal but for case: the bytes differ only in the case bit, and
+      // that of `a` with the bit set is a lower-case letter.
+      const __m128i lowerA = _mm_or_si128(a, caseBit);
+      const __m128i letter = _mm_cmplt_epi8(_mm_add_epi8(lowerA, toSigned), belowLimit);
+      const __m128i caseOnly = _mm_and_si128(_mm_cmpeq_epi8(_mm_xor_si128(a, b), caseBit), letter);
+      const unsigned differ = static_cast<unsigned>(_mm_movemask_epi8(
+                                  _mm_or_si128(_mm_cmpeq_epi8(a, b), caseOnly))) ^
+                              0xFFFFu;
+      const unsigned ends =
+          static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, _mm_setzero_si128())));
+      if ((differ | ends) != 0) {
+        const int i = __builtin_ctz(differ | ends);
+        return kUpperTable[x[i]] - kUpperTable[y[i]];
+      }
+      x += 16;
+      y += 16;
+    }
+    for (int i = 0; i < 16; ++i, ++x, ++y) {
+      const int cx = kUpperTable[*x];
+      const int cy = kUpperTable[*y];
+      if (cx != cy || *x == 0) return cx - cy;
+    }
+  }
+}
+#endif
 
 foundation::SafeString MapCase(const char* s, const unsigned char* table) {
   if (s == nullptr) return foundation::SafeString();
@@ -419,6 +474,9 @@ int StringUtils::CompareNoCase(const char* a, const char* b) {
   if (b == nullptr) return 1;
   const unsigned char* x = reinterpret_cast<const unsigned char*>(a);
   const unsigned char* y = reinterpret_cast<const unsigned char*>(b);
+#if defined(__SSE2__)
+  return CompareNoCaseBlocks(x, y);
+#else
   // Most comparisons of different texts end within the first bytes.
   for (int i = 0; i < kCompareHead; ++i, ++x, ++y) {
     const int cx = kUpperTable[*x];
@@ -440,6 +498,7 @@ int StringUtils::CompareNoCase(const char* a, const char* b) {
     const int cy = kUpperTable[*y];
     if (cx != cy || *x == 0) return cx - cy;
   }
+#endif
 }
 
 bool StringUtils::StartWith(const char* text, const char* prefix) {

@@ -3,6 +3,8 @@
 #include "foundation/text/stringutils.h"
 
 #include <locale.h>
+#include <sys/mman.h>
+#include <unistd.h>
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
 #endif
@@ -82,6 +84,41 @@ TEST_F(StringUtilsTest, ComparisonsPrefixesAndCommonPrefix) {
                 compareNoCase);
     }
   }
+}
+
+// Random texts of letters and the bytes beside them in the code table, one
+// of them ending where an unreadable page begins, against a byte-by-byte
+// fold to upper case.
+TEST_F(StringUtilsTest, CompareNoCaseOfRandomTextsEndingAtAPage) {
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  char* areas[2];
+  for (char*& area : areas) {
+    area = static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE,
+                                   MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(area, MAP_FAILED);
+    ASSERT_EQ(mprotect(area + page, page, PROT_NONE), 0);
+  }
+  const auto upper = [](unsigned char c) { return c >= 'a' && c <= 'z' ? c - 0x20 : c; };
+  const char alphabet[] = "@AMZ[`amz{\x7f\xc1\xe1";
+  std::mt19937 random(20261127);
+  for (int round = 0; round < 20000; ++round) {
+    std::string a;
+    for (size_t n = random() % 48; n > 0; --n) a += alphabet[random() % (sizeof alphabet - 1)];
+    std::string b = a;
+    for (char& c : b) c = static_cast<char>(random() % 3 == 0 ? c ^ 0x20 : c);
+    if (random() % 2 == 0) b.resize(random() % (b.size() + 2), 'm');
+    // The text at the page's end by turns; the other one anywhere.
+    const size_t other = random() % (page - b.size() - a.size() - 2);
+    char* x = areas[0] + (round % 2 == 0 ? page - a.size() - 1 : other);
+    char* y = areas[1] + (round % 2 == 0 ? other : page - b.size() - 1);
+    std::memcpy(x, a.c_str(), a.size() + 1);
+    std::memcpy(y, b.c_str(), b.size() + 1);
+    size_t i = 0;
+    while (a[i] != 0 && upper(a[i]) == upper(b[i])) ++i;
+    SCOPED_TRACE("'" + a + "' vs '" + b + "'");
+    ASSERT_EQ(StringUtils::CompareNoCase(x, y), upper(a[i]) - upper(b[i]));
+  }
+  for (char* area : areas) munmap(area, 2 * page);
 }
 
 TEST_F(StringUtilsTest, HashNoCaseIsFnv1aOverUpperCase) {
