@@ -52,6 +52,7 @@ const bool g_leaker = [] {
   if (grandchild == 0) _exit(WriteReport(devNull, ReportFormat::kJson) ? 0 : 1);
   int status = -1;
   if (waitpid(grandchild, &status, 0) != grandchild || status != 0) _exit(3);
+  close(devNull);
   if (getenv("ZORV_TEST_CLOSE_FAILS") != nullptr) FailSyscall(SYS_close, EIO);
   close(open(ready, O_WRONLY | O_CREAT, 0600));
   static int leaked[6000];
@@ -593,7 +594,8 @@ TEST_F(MonitorsTest, DiffListsGrowthLargestFirstAndRejectsBadReports) {
 TEST_F(MonitorsTest, SignalWritesReportsThatTheDiffCompares) {
   const std::string path = dir_ / "report.json";
   bool ok = false;
-  const pid_t child = startLeaker("ZORV_DEBUG_REPORT_PATH=" + path, &ok);
+  // Without a standard input, as a daemon: the report may get descriptor 0.
+  const pid_t child = startLeaker("ZORV_DEBUG_REPORT_PATH=" + path + " 0<&-", &ok);
   ASSERT_GE(child, 0);
   std::string reports[2] = {dir_ / "first.json", dir_ / "second.json"};
   for (int i = 0; i < 2 && ok; ++i) {
