@@ -121,7 +121,7 @@ struct Kept {
 };
 
 // Begins what a removal starting in the folder `start` keeps; false when the
-// root or the start cannot be read.
+// root or the start cannot be read (a failed open's -1 among them).
 bool StartKept(int start, Kept* kept) {
   struct stat info;
   if (!RootId(&kept->root) || ::fstatat(start, ".", &info, 0) != 0) return false;
@@ -460,7 +460,7 @@ bool FileUtils::RemoveFolder(const SafeString& path) {
   if (!detail::IsEntryName(name.c_str())) return false;
   Descriptor parent(OpenParent(folder));
   Kept kept;
-  if (!parent.valid() || !StartKept(parent.get(), &kept)) return false;
+  if (!StartKept(parent.get(), &kept)) return false;
   struct stat entry;
   if (::fstatat(parent.get(), name.c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0) return false;
   const bool link = S_ISLNK(entry.st_mode);
@@ -487,7 +487,7 @@ bool FileUtils::CopyFolder(const SafeString& from, const SafeString& to) {
   if (source < 0) return false;
   Descriptor parent(OpenParent(folder));
   Kept kept;
-  if (!parent.valid() || !StartKept(parent.get(), &kept)) {
+  if (!StartKept(parent.get(), &kept)) {
     ::close(source);
     return false;
   }

@@ -418,8 +418,8 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   const char* const oddName =
       "Odd \"name\" \\ \x01\n\xff caf\xc3\xa9 \xc2\xa9\xe0\xa4\xb9 \xed\xa0\x80 "
       "\xf4\x8f\xbf\xbf\xf4\x90 \xe2\x82 \xf5\x80\x80\x80 \xef\xbf\xbd\xf0\x9f\x98\x80 "
-      // the lowest of 2, 3 and 4 bytes; the highest of 2
-      "\xc2\x80\xe0\xa0\x80\xf0\x90\x80\x80 \xdf\xbf";
+      // the lowest of 2, 3 and 4 bytes; the highest of 2; the lowest after E1
+      "\xc2\x80\xe0\xa0\x80\xf0\x90\x80\x80 \xdf\xbf\xe1\x80\x80";
   int marker[4] = {};
   ObjectMonitor::_IncLeak(&marker[0], "../lang/report", 77, "ReportedThing", 4);
   ObjectMonitor::_IncLeak(&marker[1], "../lang/report", 77, "ReportedThing", 4);
@@ -469,7 +469,7 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
                            "\xc3\xad\xc2\xa0\xc2\x80 "
                            "\xf4\x8f\xbf\xbf\xc3\xb4\xc2\x90 \xc3\xa2\xc2\x82 "
                            "\xc3\xb5\xc2\x80\xc2\x80\xc2\x80 \xef\xbf\xbd\xf0\x9f\x98\x80 "
-                           "\xc2\x80\xe0\xa0\x80\xf0\x90\x80\x80 \xdf\xbf"],
+                           "\xc2\x80\xe0\xa0\x80\xf0\x90\x80\x80 \xdf\xbf\xe1\x80\x80"],
             1);
   EXPECT_EQ(parsed.blocks, static_cast<long long>(MemoryMonitor::LiveBlocks()));
   EXPECT_EQ(parsed.bytes, static_cast<long long>(MemoryMonitor::LiveBytes()));

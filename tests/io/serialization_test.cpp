@@ -77,7 +77,8 @@ TEST_F(SerializationTest, DeserializeReadsOnePrefixedString) {
       {"2 GiB", Prefixed(0x80000000ull, ""), 0x80000000ull, -1, "unchanged", 0},
       {"no memory", Prefixed(40, ""), 40, -1, "unchanged", 0},
       {"no memory, all there", Prefixed(40, std::string(40, 'z')), 0, -1, "unchanged", 0},
-      {"length short of the read position", Prefixed(0, ""), ~0ull, 0, "unchanged", 8}};
+      {"length short of the read position", Prefixed(0, ""), ~0ull, 0, "unchanged", 8},
+      {"claimed but not there", Prefixed(5, "wx"), 3, 0, "unchanged", 8}};
   // clang-format on
   for (const auto& c : cases) {
     for (const bool plain : {false, true}) {
