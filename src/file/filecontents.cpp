@@ -7,6 +7,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -186,7 +187,7 @@ bool CopyChunks(int in, int out, bool toEnd, unsigned long long size,
 // number of bytes it left of `size`.
 unsigned long long CopyInKernel(int in, int out, unsigned long long size) {
   while (size > 0) {
-    const size_t want = static_cast<size_t>(size < kMostPerRead ? size : kMostPerRead);
+    const size_t want = static_cast<size_t>(std::min(size, kMostPerRead));
     const ssize_t copied = ::copy_file_range(in, nullptr, out, nullptr, want, 0);
     if (copied <= 0) break;
     size -= static_cast<unsigned long long>(copied);

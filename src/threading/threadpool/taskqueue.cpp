@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <ctime>
 #include <new>
@@ -639,11 +640,10 @@ void WorkerUsers::retire() {
 }
 
 unsigned int WorkerCount(unsigned int requested) {
-  if (requested != 0) return requested < kMaxWorkers ? requested : kMaxWorkers;
+  if (requested != 0) return std::min(requested, kMaxWorkers);
   const long processors = static_cast<long>(system::SystemUtils::GetProcessorNum());
   if (processors <= 0) return 1;
-  return processors < static_cast<long>(kMaxWorkers) ? static_cast<unsigned int>(processors)
-                                                     : kMaxWorkers;
+  return static_cast<unsigned int>(std::min(processors, static_cast<long>(kMaxWorkers)));
 }
 
 }  // namespace detail
