@@ -38,7 +38,9 @@ class ZORV_FOUNDATION_EXPORT StringUtils {
   static int Compare(const char* a, const char* b);
 
   // As Compare, with both bytes first folded to upper case (ASCII only); the
-  // difference is taken between the folded bytes. Same null rules.
+  // difference is taken between the folded bytes. Same null rules. On x86 it
+  // may read up to 15 bytes past a text's terminator, as the C library's
+  // string functions do, but never past the end of the page that holds it.
   static int CompareNoCase(const char* a, const char* b);
 
   // True when `text` begins with `prefix`. False when either is null or
