@@ -438,15 +438,20 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
   const std::string s5(5 * 4096, 's');
   const std::vector<std::string> sub = {"s/", "s/m=M", "t/", "t/k=K", "l->t"};
   const std::vector<std::string> moved = {"l/", "l/m=M", "t/", "t/k=K"};
+  // WriteText(path, "r") from the case's folder as the working folder.
+  const auto fromHere = [](const std::string& path) {
+    return [path](const std::string& b) {
+      const std::string back = std::filesystem::current_path();
+      const bool ok = ::chdir(b.c_str()) == 0 && FileUtils::WriteText(path.c_str(), "r");
+      return ::chdir(back.c_str()) == 0 && ok;
+    };
+  };
   // clang-format off
   std::vector<zorv::test::FileCase> cases = {
       {"parents made", {}, Op('t', "x/y/z.txt", nul), true, {"x/", "x/y/", "x/y/z.txt=" + nul}},
-      {"parent made for a path from the working folder", {},
-       [](const std::string& b) {
-         const std::string back = std::filesystem::current_path();
-         const bool ok = ::chdir(b.c_str()) == 0 && FileUtils::WriteText("made/f", "r");
-         return ::chdir(back.c_str()) == 0 && ok;
-       }, true, {"made/", "made/f=r"}},
+      {"parent made for a path from the working folder", {}, fromHere("made/f"), true,
+       {"made/", "made/f=r"}},
+      {"parent from the working folder rolled back", {}, fromHere("made/" + longName), false, {}},
       {"contents replaced", {"f=longer old"}, Op('t', "f", "short"), true, {"f=short"}},
       {"emptied", {"f=old"}, Op('t', "f", ""), true, {"f="}},
       {"binary", {}, Op('b', "d/b", bin), true, {"d/", "d/b=" + bin}},
