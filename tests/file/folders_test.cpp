@@ -141,6 +141,13 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
        true, {}},
       {"copy into a folder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
        InChild(-1, 1, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
+      {"copy of a file that cannot be opened", {"s/", "s/f=x"},
+       [](const std::string& b) {
+         ZorvTestBeforeOpen("f", 0, "!", -1);
+         const bool ok = Op('C', "s", "copy")(b);
+         ZorvTestBeforeOpen("", 0, "", -1);
+         return ok;
+       }, false, {"s/", "s/f=x"}},
       {"copy a subfolder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
        InChild(-1, 0, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
       {"copy to a folder that opens as descriptor 0", {"s/", "s/f=x"},
