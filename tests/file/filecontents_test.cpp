@@ -61,7 +61,8 @@ TEST_F(FileContentsTest, KindsAndSizes) {
                                       "linkfile->file", "dangling->gone", "fifo?", "sock@"}));
   // A FIFO without a writer neither blocks nor has a size; a socket's type
   // code holds the directory bit, so it counts as a folder. What is no file
-  // cannot be read.
+  // cannot be read. The terminal has no size, nor can it be opened where
+  // the process has none.
   // clang-format off
   const std::tuple<std::string, bool, bool, bool, unsigned long long> cases[] = {
       {"", false, false, false, 0}, {"file", true, false, true, 5}, {"empty", true, false, true, 0},
@@ -69,7 +70,8 @@ TEST_F(FileContentsTest, KindsAndSizes) {
       {"missing", false, false, false, 0}, {"file/below", false, false, false, 0},
       {"linkdir", true, true, false, 0}, {"linkfile", true, false, true, 5},
       {"dangling", false, false, false, 0}, {"fifo", true, false, true, 0},
-      {"sock", true, true, false, 0}, {"/dev/null", true, false, true, 0}};
+      {"sock", true, true, false, 0}, {"/dev/null", true, false, true, 0},
+      {"/dev/tty", true, false, true, 0}};
   // clang-format on
   for (const auto& [name, exists, folder, file, size] : cases) {
     const std::string path = name.empty() || name[0] == '/' ? name : dir_ / name;
