@@ -81,8 +81,9 @@ bool WalkUpFrom(int at, const char* path, Visit visit) noexcept {
 // `parent` is null): a real folder with everything in it, anything else,
 // links included, as it is. Links are never followed, the root folder is
 // never emptied, and no accounted memory is used, so that this serves as
-// the roll-back after an allocation failure. False at the first failure.
-bool RemoveEntry(const char* parent, const char* name) noexcept;
+// the roll-back after an allocation failure. Stops at the first failure;
+// what could not be removed stays.
+void RemoveEntry(const char* parent, const char* name) noexcept;
 
 // The missing parent folders of one path, made for one call and removed
 // again when that call fails. plan() allocates everything that make() and

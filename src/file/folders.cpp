@@ -378,13 +378,13 @@ bool IsEntryName(const char* name) noexcept {
          !(name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')));
 }
 
-bool RemoveEntry(const char* parent, const char* name) noexcept {
-  if (!IsEntryName(name)) return false;
+void RemoveEntry(const char* parent, const char* name) noexcept {
+  if (!IsEntryName(name)) return;
   Descriptor folder(parent == nullptr ? -1 : OpenFolderAt(AT_FDCWD, parent, true));
-  if (parent != nullptr && !folder.valid()) return false;
+  if (parent != nullptr && !folder.valid()) return;
   const int at = folder.valid() ? folder.get() : AT_FDCWD;
   Kept kept;
-  return StartKept(at, &kept) && RemoveEntryAt(at, name, kept, nullptr);
+  if (StartKept(at, &kept)) (void)RemoveEntryAt(at, name, kept, nullptr);
 }
 
 void ParentFolders::plan(const SafeString& path) {
@@ -433,8 +433,7 @@ void ParentFolders::rollBack() noexcept {
     // A folder that was made is a component below the folder before it.
     const char* folder = folders_[i].c_str();
     const char* slash = std::strrchr(folder, '/');
-    (void)RemoveEntry(i == 0 ? nullptr : folders_[i - 1].c_str(),
-                      slash == nullptr ? folder : slash + 1);
+    RemoveEntry(i == 0 ? nullptr : folders_[i - 1].c_str(), slash == nullptr ? folder : slash + 1);
   }
 }
 
