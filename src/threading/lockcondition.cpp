@@ -130,10 +130,10 @@ bool LockConditionHelper::WaitFor(ILockCondition& cond, Locker& locker, unsigned
   time::Stopwatch stopwatch;
   if (!pred) throw std::bad_function_call();
   unsigned int remaining = ms;
-  // The time spent inside tryWait, summed in microseconds: waits that end
-  // within a millisecond (a condition notified many times a millisecond)
-  // use the budget up as well, where whole milliseconds a wait would charge
-  // nothing and the budget would never run out.
+  // The time spent inside tryWait, summed finer than the millisecond: waits
+  // that end within a millisecond (a condition notified many times a
+  // millisecond) use the budget up as well, where whole milliseconds a wait
+  // would charge nothing and the budget would never run out.
   double waitedMs = 0.0;
   for (;;) {
     if (pred()) return true;
