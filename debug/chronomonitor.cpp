@@ -210,15 +210,13 @@ void SetOsThreadName(const char* name, size_t length) {
   pthread_setname_np(pthread_self(), shortName);
 }
 
-// Each thread remembers the entries of the last pairs it timed, by the
-// addresses of their texts, so that a scope that ends again with the same
-// texts skips hashing them. A hit is confirmed against the entry's own copy
-// of the texts (the same address may hold other text by now), reached
+// Each thread remembers the entries of the last pairs it timed, placed by
+// the addresses of their texts, so that a scope that ends again with the
+// same texts skips hashing them. A hit is confirmed against the entry's own
+// copy of the texts (the same address may hold other text by now), reached
 // through pointers kept in the slot: the entry's own fields share a cache
 // line with counters that other threads keep changing.
 struct CacheSlot {
-  const char* category;
-  const char* operation;
   const char* categoryCopy;
   const char* operationCopy;
   Stat* stat;
@@ -330,12 +328,12 @@ Counters* FindCached(const char* category, const char* operation, bool* lane) {
   const uintptr_t key =
       reinterpret_cast<uintptr_t>(category) ^ (reinterpret_cast<uintptr_t>(operation) >> 3);
   CacheSlot& slot = t_cache[(key ^ (key >> 7)) & (kCacheSlots - 1)];
-  if (slot.category != category || slot.operation != operation ||
-      strcmp(slot.categoryCopy, category) != 0 || strcmp(slot.operationCopy, operation) != 0) {
+  if (slot.stat == nullptr || strcmp(slot.categoryCopy, category) != 0 ||
+      strcmp(slot.operationCopy, operation) != 0) {
     Stat* stat = Find(category, operation, true);
     if (stat == nullptr) return nullptr;
-    slot = CacheSlot{category,       operation, stat->category.load(std::memory_order_relaxed),
-                     stat->operation, stat,     LaneFor(stat)};
+    slot = CacheSlot{stat->category.load(std::memory_order_relaxed), stat->operation, stat,
+                     LaneFor(stat)};
   }
   if (slot.lane == nullptr) return &slot.stat->shared;
   *lane = true;
