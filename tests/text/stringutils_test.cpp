@@ -455,7 +455,7 @@ TEST_F(NumberTextTest, ClassificationAndFloatParse) {
       // The exponent follows the integer rules, wrap-around and digit limit
       // included (the classification has no limit).
       {"1e4294967297", 2, 10.0}, {"1e12345678901", 2, 0.0}, {"1e0000000000000000000001", 2, 10.0},
-      {"1." + zeros + "1e2", 2, 100.0},
+      {"1." + zeros + "1e2", 2, 100.0}, {"2.5e00", 2, 2.5},
       // Everything stops at the first zero byte; a sign alone reads as a
       // signed zero, except as the whole text.
       {SafeString("12\0x", 4), 1, 12.0}, {SafeString("1.5\0zz", 6), 2, 1.5},
