@@ -110,6 +110,17 @@ Call Filled(int times, Call call) {
   };
 }
 
+// `call` with the first open of an entry named `name` failing with EACCES,
+// as for a folder that may not be searched (which root may).
+Call Unopenable(const char* name, Call call) {
+  return [=](const std::string& b) {
+    ZorvTestBeforeOpen(name, 0, "!", -1);
+    const bool ok = call(b);
+    ZorvTestBeforeOpen("", 0, "", -1);
+    return ok;
+  };
+}
+
 TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
   const std::string longName(300, 'n');
   const std::vector<std::string> abc = {"a/", "a/b/", "a/b/c/"};
@@ -131,6 +142,10 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       {"remove a folder filled meanwhile", {"d/", "d/f=x"}, Filled(1, Op('R', "d")), true, {}},
       {"remove a folder that keeps filling", {"d/", "d/f=x"}, Filled(8, Op('R', "d")), false,
        {"d/", "d/late0/"}},
+      // A removal stops at the first entry that fails, also where a second
+      // listing would have got it.
+      {"remove a folder whose subfolder cannot be opened", {"d/", "d/s/", "d/s/f=x"},
+       Unopenable("s", Op('R', "d")), false, {"d/", "d/s/", "d/s/f=x"}},
       // The folder and its parent open, no descriptor for the entry: nothing goes.
       {"remove without descriptors", {"d/", "d/f=x"}, InChild(2, -1, Op('R', "d")), false,
        {"d/", "d/f=x"}},
@@ -141,13 +156,8 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
        true, {}},
       {"copy into a folder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
        InChild(-1, 1, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
-      {"copy of a file that cannot be opened", {"s/", "s/f=x"},
-       [](const std::string& b) {
-         ZorvTestBeforeOpen("f", 0, "!", -1);
-         const bool ok = Op('C', "s", "copy")(b);
-         ZorvTestBeforeOpen("", 0, "", -1);
-         return ok;
-       }, false, {"s/", "s/f=x"}},
+      {"copy of a file that cannot be opened", {"s/", "s/f=x"}, Unopenable("f", Op('C', "s", "copy")),
+       false, {"s/", "s/f=x"}},
       {"copy a subfolder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
        InChild(-1, 0, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
       {"copy to a folder that opens as descriptor 0", {"s/", "s/f=x"},
