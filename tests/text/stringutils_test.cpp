@@ -250,7 +250,8 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
                         99.95, static_cast<const char*>(nullptr));
   ExpectLikeTheCLibrary("[%*d|%-*.*s]", 6, 42, 8, 2, "abcdef");
   ExpectLikeTheCLibrary("%2$s %1$d", 5, "x");
-  ExpectLikeTheCLibrary("%hdd", static_cast<short>(-300));  // 'h' then a conversion's letter
+  // A length, then a conversion's letter as text.
+  ExpectLikeTheCLibrary("%hdd %ldu", static_cast<short>(-300), -300L);
   ExpectLikeTheCLibrary("%llf", 0.125L);  // the C library reads 'll' as 'L' here
   ExpectLikeTheCLibrary("trailing %");
   // A wide character that has no multibyte form in the C locale makes
