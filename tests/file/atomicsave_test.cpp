@@ -18,7 +18,6 @@
 #include "support/boundedwait.h"
 
 extern "C" void ZorvTestLogCalls(char* log, int room);
-extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 extern "C" void ZorvTestFailFolderSync(int error);
 
 namespace {

@@ -22,7 +22,6 @@
 extern "C" void ZorvTestSeekEnd(long long size, bool startFails = false);
 extern "C" void ZorvTestFailRead(int skip, int error);
 extern "C" void ZorvTestFailListing(int skip);
-extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 extern "C" void ZorvTestFailStat(const char* path, int skip);
 extern "C" void ZorvTestEmptyWhileCopied(bool on);
 extern "C" int ZorvTestCopyCalls();
@@ -34,6 +33,7 @@ using zorv::foundation::collection::Vector;
 using zorv::foundation::file::FileUtils;
 using zorv::foundation::memory::MemoryBuffer;
 using zorv::test::Op;
+using zorv::test::WithOpenHook;
 using zorv::test::ReadRawFile;
 using zorv::test::WriteRawFile;
 
@@ -481,26 +481,19 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
       // The source turns into a dangling link just before it is opened to
       // compare it with the target: the target stays.
       {"rename a folder whose source goes away", {"f/", "f/x=F", "t/", "t/o=X"},
-       [](const std::string& b) {
-         ZorvTestBeforeOpen((b + "/f").c_str(), 0, "gone", -1);
-         const bool ok = Op('d', "f", "t")(b);
-         ZorvTestBeforeOpen("", 0, "", -1);
-         return ok;
-       }, false, {"f->gone", "f.moved/", "f.moved/x=F", "t/", "t/o=X"}},
+       WithOpenHook("/f", "gone", Op('d', "f", "t")), false,
+       {"f->gone", "f.moved/", "f.moved/x=F", "t/", "t/o=X"}},
       // Whether either folder holds the other cannot be told: nothing goes.
       {"rename a folder when a parent cannot be opened", {"f/", "f/x=F", "t/"},
-       [](const std::string& b) {
-         ZorvTestBeforeOpen("..", 0, "!", -1);
-         const bool ok = Op('d', "f", "t")(b);
-         ZorvTestBeforeOpen("", 0, "", -1);
-         return ok;
-       }, false, {"f/", "f/x=F", "t/"}},
+       WithOpenHook("..", "!", Op('d', "f", "t")), false, {"f/", "f/x=F", "t/"}},
       {"rename a folder onto a link", sub, Op('d', "s", "l"), true, moved},
       {"rename a folder onto a link spelled l/", sub, Op('d', "s", "l/"), true, moved},
       {"rename a file onto a link", {"s=M", "t=T", "l->t"}, Op('f', "s", "l"), true, {"l=M", "t=T"}},
       {"copy in chunks", {"s=" + big}, Op('c', "s", "n"), true, {"n=" + big, "s=" + big}},
       {"copy of nothing", {"s=", "d=old"}, Op('c', "s", "d"), true, {"d=", "s="}},
       {"copy of /dev/null", {}, Op('c', "/dev/null", "n"), true, {"n="}},
+      {"copy of a file that cannot be opened", {"s=S"}, WithOpenHook("/s", "!", Op('c', "s", "d")),
+       false, {"s=S"}},
       // A FIFO counts as a file but cannot be sized: no partial copy remains.
       {"copy of a FIFO", {"fifo?"}, Op('c', "fifo", "copy"), false, {"fifo?"}},
       {"failed copy removes the partial target", {"s=" + s5}, Op('c', "s", "d"), false, {"s=" + s5},

@@ -25,6 +25,9 @@
 #include "support/leakcheck.h"
 #include "support/tempdir.h"
 
+// The open hook of folders_hooks.cpp, which the file tests link.
+extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
+
 namespace zorv {
 namespace test {
 
@@ -183,6 +186,21 @@ class FileTest : public LeakCheckedTest {
   foundation::SafeString P(const std::string& relative) const { return (dir_ / relative).c_str(); }
   TempDir dir_;
 };
+
+// `call` with the open hook armed for the first opening of `name` (as the
+// library passes it to openat; a name starting with '/' is the path below
+// the test's folder): `target` "!" fails it with EACCES, another target
+// turns the entry into a link to it just before.
+inline std::function<bool(const std::string&)> WithOpenHook(
+    const std::string& name, const std::string& target,
+    std::function<bool(const std::string&)> call) {
+  return [=](const std::string& b) {
+    ZorvTestBeforeOpen((name[0] == '/' ? b + name : name).c_str(), 0, target.c_str(), -1);
+    const bool ok = call(b);
+    ZorvTestBeforeOpen("", 0, "", -1);
+    return ok;
+  };
+}
 
 }  // namespace test
 }  // namespace zorv

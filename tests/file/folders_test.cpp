@@ -11,7 +11,6 @@
 #include "support/forked.h"
 
 // Test hooks (folders_hooks.cpp).
-extern "C" void ZorvTestBeforeOpen(const char* name, int skip, const char* target, int fd);
 extern "C" void ZorvTestStickyAllocFailure(bool on);
 extern "C" void ZorvTestFailListing(int skip);
 extern "C" void ZorvTestFailMakeFolder(const char* name);
@@ -26,6 +25,7 @@ using zorv::foundation::collection::Vector;
 using zorv::foundation::file::FileUtils;
 using zorv::test::Build;
 using zorv::test::Op;
+using zorv::test::WithOpenHook;
 using zorv::test::RawExists;
 using zorv::test::ReadRawFile;
 
@@ -110,17 +110,6 @@ Call Filled(int times, Call call) {
   };
 }
 
-// `call` with the first open of an entry named `name` failing with EACCES,
-// as for a folder that may not be searched (which root may).
-Call Unopenable(const char* name, Call call) {
-  return [=](const std::string& b) {
-    ZorvTestBeforeOpen(name, 0, "!", -1);
-    const bool ok = call(b);
-    ZorvTestBeforeOpen("", 0, "", -1);
-    return ok;
-  };
-}
-
 TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
   const std::string longName(300, 'n');
   const std::vector<std::string> abc = {"a/", "a/b/", "a/b/c/"};
@@ -145,7 +134,7 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
       // A removal stops at the first entry that fails, also where a second
       // listing would have got it.
       {"remove a folder whose subfolder cannot be opened", {"d/", "d/s/", "d/s/f=x"},
-       Unopenable("s", Op('R', "d")), false, {"d/", "d/s/", "d/s/f=x"}},
+       WithOpenHook("s", "!", Op('R', "d")), false, {"d/", "d/s/", "d/s/f=x"}},
       // The folder and its parent open, no descriptor for the entry: nothing goes.
       {"remove without descriptors", {"d/", "d/f=x"}, InChild(2, -1, Op('R', "d")), false,
        {"d/", "d/f=x"}},
@@ -156,7 +145,7 @@ TEST_F(FoldersTest, CreateRemoveCopyAndWrite) {
        true, {}},
       {"copy into a folder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
        InChild(-1, 1, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
-      {"copy of a file that cannot be opened", {"s/", "s/f=x"}, Unopenable("f", Op('C', "s", "copy")),
+      {"copy of a file that cannot be opened", {"s/", "s/f=x"}, WithOpenHook("f", "!", Op('C', "s", "copy")),
        false, {"s/", "s/f=x"}},
       {"copy a subfolder opened as descriptor 0", {"s/", "s/d/", "s/d/f=x"},
        InChild(-1, 0, Op('C', "s", "copy")), true, {"s/", "s/d/", "s/d/f=x", "copy/", "copy/d/", "copy/d/f=x"}},
