@@ -585,6 +585,8 @@ TEST_F(AffinityThreadPoolTest, TasksOfOneAffinityRunOnOneWorkerInOrder) {
   const unsigned long long worker0 = pool.workerThreadID(0);
   const unsigned long long worker1 = pool.workerThreadID(1);
   ASSERT_NE(worker0, 0u);
+  EXPECT_EQ(pool.workerThreadID(4), 0u) << "no worker past the last";
+  EXPECT_EQ(pool.maxTaskNum(4), 0u) << "no worker past the last";
   // Rows of an affinity and the worker that runs it.
   const std::pair<int, unsigned long long> cases[] = {
       {0, worker0}, {4, worker0}, {8, worker0}, {5, worker1}, {1, worker1}};
