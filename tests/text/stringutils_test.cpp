@@ -260,6 +260,8 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
   ExpectLikeTheCLibrary("%ls", wide);
   for (size_t n : {509u, 510u, 511u, 512u, 513u, 1000u}) {
     ExpectLikeTheCLibrary("%s%d", std::string(n - 2, 'q').c_str(), 42);
+    // At 513 the text fills the quick buffer and leaves no room for the sign.
+    ExpectLikeTheCLibrary("%s%+d", std::string(n - 1, 'q').c_str(), 42);
     ExpectLikeTheCLibrary(std::string(n - 2, 'q') + "%d", 42);
     ExpectLikeTheCLibrary("%s%8d|%-8d", std::string(n - 15, 'q').c_str(), 42, 42);
   }
