@@ -2,6 +2,11 @@
 // under sanitizers and on slow targets (ZORV_SLOW_TARGET); a stop() that
 // never returns ends in the test's time limit.
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/prctl.h>
+
+#include <chrono>
 
 #include <atomic>
 #include <random>
@@ -141,6 +146,53 @@ TYPED_TEST(PoolStressTest, ProducersLoseNoTaskAlsoWhenStopRaces) {
       EXPECT_EQ(slots.wrong(true), 0u) << "tasks lost, or run or disposed more than once";
     }
   }
+}
+
+// As on a single-core board: this thread, and with it the pool's workers,
+// the producers and a ticker, held to one processor, where the queue's locks
+// never spin. The producers run in the idle scheduling class and the ticker
+// wakes every few microseconds, so the scheduler stops producers (and
+// workers) at any point, inside the queue's locks too, and the next thread
+// meets the lock taken. Every task is run and disposed exactly once.
+TYPED_TEST(PoolStressTest, LocksHoldOnOneProcessorWhenTheHolderIsStopped) {
+  cpu_set_t before;
+  ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
+  int cpu = 0;
+  while (!CPU_ISSET(cpu, &before)) ++cpu;
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(cpu, &one);
+  ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+  const unsigned int producers = 3, perProducer = Scaled(8000, 20);
+  Slots slots(static_cast<size_t>(producers) * perProducer);
+  {
+    TypeParam pool(2);
+    pool.setMaxTaskNum(64);
+    std::atomic<bool> done{false};
+    std::thread ticker([&] {
+      (void)prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+      while (!done.load()) std::this_thread::sleep_for(std::chrono::microseconds(20));
+    });
+    std::vector<std::thread> threads;
+    for (unsigned int p = 0; p < producers; ++p) {
+      threads.emplace_back([&, p] {
+        // Not allowed everywhere; the test then only runs with less
+        // interleaving.
+        const sched_param none{};
+        (void)pthread_setschedparam(pthread_self(), SCHED_IDLE, &none);
+        for (unsigned int i = 0; i < perProducer; ++i) {
+          const size_t index = static_cast<size_t>(p) * perProducer + i;
+          slots.offered[index].store(1);
+          pool.addTask(new SlotItem(&slots, index, static_cast<int>(p)));
+        }
+      });
+    }
+    for (std::thread& t : threads) t.join();
+    done.store(true);
+    ticker.join();
+  }
+  ASSERT_EQ(sched_setaffinity(0, sizeof before, &before), 0);
+  EXPECT_EQ(slots.wrong(true), 0u) << "tasks lost, or run or disposed more than once";
 }
 
 // Each round: two threads add timers (at a fixed rate when i % 4 < 2) and
