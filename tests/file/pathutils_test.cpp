@@ -56,11 +56,12 @@ TEST_F(PathUtilsTest, Table) {
   }
 }
 
-// A random path of '/', '\', '.', '..' and short names.
+// A random path of up to 16 pieces of '/', '\', '.', '..' and short names: long
+// enough for separators to meet across the 16- and 8-byte blocks of the scans.
 std::string RandomPath(std::mt19937& random) {
   static const char* const kPieces[] = {"/",  "\\", ".",     "..", "a",    "bc", "d.e",
                                         ".f", "g.", "h.i.j", "//", "\\\\", "k"};
-  std::uniform_int_distribution<int> count(0, 8);
+  std::uniform_int_distribution<int> count(0, 16);
   std::uniform_int_distribution<int> piece(0, 12);
   std::string path;
   for (int n = count(random); n > 0; --n) path += kPieces[piece(random)];

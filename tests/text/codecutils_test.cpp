@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "support/leakcheck.h"
 #include "text/checkedsize.h"
@@ -21,9 +22,11 @@ using CodecTest = zorv::test::LeakCheckedTest;
 
 std::string Str(const SafeString& s) { return std::string(s.data(), s.size()); }
 
+// Encodes a copy of `bytes` in a heap block of exactly their size, so that
+// ASan sees a read past their end.
 SafeString Encode(const std::string& bytes) {
-  return CodecUtils::EncodeBase64(reinterpret_cast<const unsigned char*>(bytes.data()),
-                                  static_cast<unsigned int>(bytes.size()));
+  const std::vector<unsigned char> exact(bytes.begin(), bytes.end());
+  return CodecUtils::EncodeBase64(exact.data(), static_cast<unsigned int>(exact.size()));
 }
 
 TEST_F(CodecTest, Base64EncodeAndDecode) {
