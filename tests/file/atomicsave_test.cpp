@@ -60,6 +60,14 @@ TEST_F(AtomicSaveTest, Cases) {
     rlim_t sizeLimit = 0;
     bool noDescriptors = false;  // no descriptor can be opened during the save
   };
+  // `more` and a chain of n links, "l0" first, to the file "t".
+  const auto chain = [](int n, std::vector<std::string> more) {
+    for (int i = 0; i < n; ++i) {
+      const std::string next = i + 1 < n ? "l" + std::to_string(i + 1) : "t";
+      more.push_back("l" + std::to_string(i) + "->" + next);
+    }
+    return more;
+  };
   // clang-format off
   const std::vector<Case> cases = {
       {"new file", {}, "new", true, "new", newMode, {}},
@@ -73,6 +81,8 @@ TEST_F(AtomicSaveTest, Cases) {
       {"parent is a file", {"f=o"}, "f/z", false, "", 0, {"f=o"}},
       {"target is a folder", {"d/"}, "d", false, "", 0, {"d/"}},
       {"link loop", {"loop->loop"}, "loop", false, "", 0, {"loop->loop"}},
+      {"40 links, the most followed", chain(40, {"t=o"}), "l0", true, "t", 0600, chain(40, {})},
+      {"41 links", chain(41, {"t=o"}), "l0", false, "", 0, chain(41, {"t=o"})},
       {"name is a parent reference", {"d/"}, "d/..", false, "", 0, {"d/"}},
       {"read-only folder", {"ro/"}, "ro/t", false, "ro", 0555, {"ro/"}},
       {"write fails", {"t=o"}, "t", false, "t", 0600, {"t=o"}, 4},
