@@ -385,7 +385,7 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
   std::vector<std::thread> churners;
   for (int t = 0; t < 2; ++t) {
     churners.emplace_back([&stop, t] {
-      int objects[8];
+      int objects[64];  // records in every shard, or nearly
       std::string name = "churn" + std::to_string(t);
       while (!stop.load()) {
         for (int& o : objects) ObjectMonitor::_IncLeak(&o, "../t", 1, "Churn", 4);
@@ -398,9 +398,10 @@ TEST_F(MonitorsTest, ForkedChildNeverBlocksOnTheMonitors) {
   }
   for (int i = 0; i < 20; ++i) {
     const pid_t child = zorv::test::Fork([](int) {
-      int object = 0;
+      int objects[64];
       for (int k = 0; k < 100; ++k) {
         MemoryMonitor::Dealloc(MemoryMonitor::Alloc(64), 64);
+        int& object = objects[k % 64];
         ObjectMonitor::_IncLeak(&object, "../child", 1, "Child", 4);
         ObjectMonitor::_DecLeakEx(&object, "../child", 2, "~Child");
         ChronoMonitor::Chronometer scope("test.Fork", "child");
