@@ -483,6 +483,9 @@ TEST_F(MonitorsTest, ReportListsObjectsBlocksHandlesAndTimingsInBothFormats) {
   EXPECT_TRUE(timing.p99Ns >= 2000000 && timing.p99Ns <= timing.maxNs);
   // p99 lies in the bucket of the shorter long scope, at most 1.5 times it.
   EXPECT_GE(timing.totalNs, 2 * timing.p99Ns / 3 + timing.maxNs);
+  EXPECT_NE(json.find("\"total_ns\": " + std::to_string(timing.totalNs) +
+                      ", \"mean_ns\": " + std::to_string(timing.totalNs / 100) + ","),
+            std::string::npos);
   // Without ZORV_DEBUG_SIGNAL, no signal is blocked or handled.
   sigset_t mask;
   struct sigaction action;
