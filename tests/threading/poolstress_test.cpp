@@ -6,9 +6,8 @@
 #include <sched.h>
 #include <sys/prctl.h>
 
-#include <chrono>
-
 #include <atomic>
+#include <chrono>
 #include <random>
 #include <string>
 #include <thread>
