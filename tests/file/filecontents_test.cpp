@@ -94,6 +94,7 @@ TEST_F(FileContentsTest, KindsAndSizes) {
 
 TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
   const std::string utf16("\xFF\xFEh\0i\0", 6);
+  const std::string wide(37, 'w');  // read into a block of exactly its size
   // clang-format off
   const std::tuple<std::string, std::string, std::vector<std::string>> cases[] = {
       {"", "", {}}, {"a", "a", {"a"}}, {"\xEF\xBB\xBF", "", {}}, {"\xFF\xFE", "", {}},
@@ -103,7 +104,7 @@ TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
       {"a\r\nb", "a\r\nb", {"a\r", "b"}}, {"a\n\nb\n", "a\n\nb\n", {"a", "", "b"}},
       {"\n\n", "\n\n", {"", ""}}, {"a\rb\n", "a\rb\n", {"a\rb"}},
       {"\xEF\xBB\xBFx\ny", "x\ny", {"x", "y"}}, {"\xFF\xFF", "\xFF\xFF", {"\xFF\xFF"}},
-      {"\xFE\xFE", "\xFE\xFE", {"\xFE\xFE"}}};
+      {"\xFE\xFE", "\xFE\xFE", {"\xFE\xFE"}}, {wide + "\nab", wide + "\nab", {wide, "ab"}}};
   // clang-format on
   for (const auto& [content, expected, expectedLines] : cases) {
     SCOPED_TRACE("content '" + content + "'");
