@@ -258,6 +258,7 @@ TEST_F(StringUtilsTest, FormatWritesWhatTheCLibraryWrites) {
   // vsnprintf fail.
   const wchar_t wide[] = {static_cast<wchar_t>(0x20AC), 0};
   ExpectLikeTheCLibrary("%ls", wide);
+  ExpectLikeTheCLibrary("%lc", static_cast<wint_t>(wide[0]));
   for (size_t n : {509u, 510u, 511u, 512u, 513u, 1000u}) {
     ExpectLikeTheCLibrary("%s%d", std::string(n - 2, 'q').c_str(), 42);
     // At 513 the text fills the quick buffer and leaves no room for the sign.
