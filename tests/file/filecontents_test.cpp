@@ -94,7 +94,7 @@ TEST_F(FileContentsTest, KindsAndSizes) {
 
 TEST_F(FileContentsTest, ReadersSkipByteOrderMarksAndSplitLines) {
   const std::string utf16("\xFF\xFEh\0i\0", 6);
-  const std::string wide(37, 'w');  // read into a block of exactly its size
+  const std::string wide(37, 'w');  // read into a string whose room is exactly its length
   // clang-format off
   const std::tuple<std::string, std::string, std::vector<std::string>> cases[] = {
       {"", "", {}}, {"a", "a", {"a"}}, {"\xEF\xBB\xBF", "", {}}, {"\xFF\xFE", "", {}},
