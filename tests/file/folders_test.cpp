@@ -364,6 +364,7 @@ TEST_F(FoldersTest, TheRootMetInsideATreeIsKept) {
 
 // A folder of the removal's own path, or one above it, mounted again inside
 // the tree: the removal fails there, and nothing beside the tree is touched.
+// Any other folder mounted there is emptied like the rest.
 // Made in a mount namespace of a child (a user namespace too when not root).
 TEST_F(FoldersTest, AFolderAboveMountedInsideIsKept) {
   const struct {
@@ -373,14 +374,15 @@ TEST_F(FoldersTest, AFolderAboveMountedInsideIsKept) {
     size_t listed;  // folders that a listing of the removed tree finds
   } cases[] = {{"the folder holding the tree", "g", "g/b", 4},
                {"a folder further up", "g", "g/p/b", 4},
-               {"the tree itself, mounted inside", "g/p/b", "g/p/b", 1}};
+               {"the tree itself, mounted inside", "g/p/b", "g/p/b", 1},
+               {"another folder, mounted inside: emptied, then busy", "o", "g/b", 1}};
   int index = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string base = dir_ / std::to_string(index++);
     const std::string removed = base + "/" + c.removed;
     ASSERT_EQ(::mkdir(base.c_str(), 0755), 0);
-    ASSERT_TRUE(Build(base, {"g/", "g/k1=x", "g/k2=x", "g/b/", "g/p/", "g/p/k3=x", "g/p/b/", "g/z=x"}));
+    ASSERT_TRUE(Build(base, {"g/", "g/k1=x", "g/k2=x", "g/b/", "g/p/", "g/p/k3=x", "g/p/b/", "g/z=x", "o/", "o/f=x"}));
     ASSERT_TRUE(Build(removed, {"mnt/"}));
     const pid_t child = zorv::test::Fork([&](int) {
       if (::unshare(::geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0 ||
@@ -399,6 +401,7 @@ TEST_F(FoldersTest, AFolderAboveMountedInsideIsKept) {
     EXPECT_EQ(code, 0);
     for (const char* kept : {"g/k1", "g/k2", "g/p/k3", "g/z"}) EXPECT_TRUE(RawExists(base + "/" + kept)) << kept;
     EXPECT_TRUE(RawExists(removed + "/mnt"));
+    EXPECT_EQ(RawExists(base + "/o/f"), std::string(c.mountedFolder) != "o");
   }
 }
 
