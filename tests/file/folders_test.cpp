@@ -367,6 +367,12 @@ TEST_F(FoldersTest, TheRootMetInsideATreeIsKept) {
 // Any other folder mounted there is emptied like the rest.
 // Made in a mount namespace of a child (a user namespace too when not root).
 TEST_F(FoldersTest, AFolderAboveMountedInsideIsKept) {
+  std::vector<std::string> tree = {"g/",       "g/k1=x", "g/k2=x", "g/b/", "g/p/",
+                                   "g/p/k3=x", "g/p/b/", "g/z=x",  "o/",   "o/f=x"};
+  // Deeper than the 64 folders above that a removal reads when it meets a mount.
+  std::string deep = "q/";
+  for (tree.push_back(deep); tree.size() < 80;) tree.push_back(deep += "d/");
+  deep.pop_back();
   const struct {
     const char* name;
     const char* mountedFolder;  // mounted at "mnt", below the path removed
@@ -375,14 +381,14 @@ TEST_F(FoldersTest, AFolderAboveMountedInsideIsKept) {
   } cases[] = {{"the folder holding the tree", "g", "g/b", 4},
                {"a folder further up", "g", "g/p/b", 4},
                {"the tree itself, mounted inside", "g/p/b", "g/p/b", 1},
-               {"another folder, mounted inside: emptied, then busy", "o", "g/b", 1}};
+               {"another folder, mounted deep inside: emptied, then busy", "o", deep.c_str(), 1}};
   int index = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string base = dir_ / std::to_string(index++);
     const std::string removed = base + "/" + c.removed;
     ASSERT_EQ(::mkdir(base.c_str(), 0755), 0);
-    ASSERT_TRUE(Build(base, {"g/", "g/k1=x", "g/k2=x", "g/b/", "g/p/", "g/p/k3=x", "g/p/b/", "g/z=x", "o/", "o/f=x"}));
+    ASSERT_TRUE(Build(base, tree));
     ASSERT_TRUE(Build(removed, {"mnt/"}));
     const pid_t child = zorv::test::Fork([&](int) {
       if (::unshare(::geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0 ||
