@@ -8,6 +8,7 @@
 #include <benchmark/benchmark.h>
 #include <strings.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -176,6 +177,20 @@ BENCHMARK_CAPTURE(CompareNoCase, Strcasecmp, &strcasecmp)->Arg(0)->Arg(1)->ArgNa
 #ifdef ZORV_BENCH_GLIB
 BENCHMARK_CAPTURE(CompareNoCase, Glib, &g_ascii_strcasecmp)->Arg(0)->Arg(1)->ArgName("differ");
 #endif
+
+// The same key compared with case: with a copy of itself (range 0), and
+// with a key that differs from its ninth byte on (range 1).
+void Compare(benchmark::State& state, int (*compare)(const char*, const char*)) {
+  static const std::string copy(kKey);
+  const char* a = kKey;
+  const char* b = state.range(0) == 0 ? copy.c_str() : "Network.Route.Default";
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(a);
+    benchmark::DoNotOptimize(compare(a, b));
+  }
+}
+BENCHMARK_CAPTURE(Compare, Zorv, &StringUtils::Compare)->Arg(0)->Arg(1)->ArgName("differ");
+BENCHMARK_CAPTURE(Compare, Strcmp, &strcmp)->Arg(0)->Arg(1)->ArgName("differ");
 
 #ifdef ZORV_BENCH_POCO
 void CompareNoCasePoco(benchmark::State& state) {

@@ -404,13 +404,15 @@ inline size_t RoomInPage(const unsigned char* p) {
   return kPage - (reinterpret_cast<uintptr_t>(p) & (kPage - 1));
 }
 
-// CompareNoCase 16 bytes a step. A step reads past the end of a text, but
-// never into a page that holds none of it, and so never a byte that cannot
-// be read; the sanitizers are told not to take those bytes for the text's.
-// Where a step would reach into the next page of either text, it goes a
-// byte at a time for 16 bytes.
-__attribute__((no_sanitize("address", "thread"))) int CompareNoCaseBlocks(
-    const unsigned char* x, const unsigned char* y) {
+// Compare and CompareNoCase 16 bytes a step. A step reads past the end of a
+// text, but never into a page that holds none of it, and so never a byte
+// that cannot be read; the sanitizers are told not to take those bytes for
+// the text's. Where a step would reach into the next page of either text,
+// it goes a byte at a time for 16 bytes. With `kFold`, bytes are compared
+// through the upper-case table.
+template <bool kFold>
+__attribute__((no_sanitize("address", "thread"))) int CompareBlocks(const unsigned char* x,
+                                                                    const unsigned char* y) {
   // A byte plus 31 is below -102 as a signed byte exactly for 'a' to 'z'.
   const __m128i toSigned = _mm_set1_epi8(static_cast<char>(128 - 'a'));
   const __m128i belowLimit = _mm_set1_epi8(static_cast<char>(-128 + 26));
@@ -419,26 +421,31 @@ __attribute__((no_sanitize("address", "thread"))) int CompareNoCaseBlocks(
     for (size_t steps = std::min(RoomInPage(x), RoomInPage(y)) / 16; steps > 0; --steps) {
       const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(x));
       const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(y));
-      // Equal but for case: the bytes differ only in the case bit, and
-      // that of `a` with the bit set is a lower-case letter.
-      const __m128i lowerA = _mm_or_si128(a, caseBit);
-      const __m128i letter = _mm_cmplt_epi8(_mm_add_epi8(lowerA, toSigned), belowLimit);
-      const __m128i caseOnly = _mm_and_si128(_mm_cmpeq_epi8(_mm_xor_si128(a, b), caseBit), letter);
-      const unsigned differ = static_cast<unsigned>(_mm_movemask_epi8(
-                                  _mm_or_si128(_mm_cmpeq_epi8(a, b), caseOnly))) ^
-                              0xFFFFu;
+      __m128i same = _mm_cmpeq_epi8(a, b);
+      if (kFold) {
+        // Equal but for case: the bytes differ only in the case bit, and
+        // that of `a` with the bit set is a lower-case letter.
+        const __m128i lowerA = _mm_or_si128(a, caseBit);
+        const __m128i letter = _mm_cmplt_epi8(_mm_add_epi8(lowerA, toSigned), belowLimit);
+        const __m128i caseOnly =
+            _mm_and_si128(_mm_cmpeq_epi8(_mm_xor_si128(a, b), caseBit), letter);
+        same = _mm_or_si128(same, caseOnly);
+      }
+      const unsigned differ = static_cast<unsigned>(_mm_movemask_epi8(same)) ^ 0xFFFFu;
       const unsigned ends =
           static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, _mm_setzero_si128())));
       if ((differ | ends) != 0) {
         const int i = __builtin_ctz(differ | ends);
-        return kUpperTable[x[i]] - kUpperTable[y[i]];
+        // Both texts end here: equal, with no need to look the bytes up.
+        if (((differ >> i) & 1u) == 0) return 0;
+        return kFold ? kUpperTable[x[i]] - kUpperTable[y[i]] : x[i] - y[i];
       }
       x += 16;
       y += 16;
     }
     for (int i = 0; i < 16; ++i, ++x, ++y) {
-      const int cx = kUpperTable[*x];
-      const int cy = kUpperTable[*y];
+      const int cx = kFold ? kUpperTable[*x] : *x;
+      const int cy = kFold ? kUpperTable[*y] : *y;
       if (cx != cy || *x == 0) return cx - cy;
     }
   }
@@ -462,11 +469,15 @@ int StringUtils::Compare(const char* a, const char* b) {
   if (b == nullptr) return 1;
   const unsigned char* x = reinterpret_cast<const unsigned char*>(a);
   const unsigned char* y = reinterpret_cast<const unsigned char*>(b);
+#if defined(__SSE2__)
+  return CompareBlocks<false>(x, y);
+#else
   while (*x != 0 && *x == *y) {
     ++x;
     ++y;
   }
   return static_cast<int>(*x) - static_cast<int>(*y);
+#endif
 }
 
 int StringUtils::CompareNoCase(const char* a, const char* b) {
@@ -475,7 +486,7 @@ int StringUtils::CompareNoCase(const char* a, const char* b) {
   const unsigned char* x = reinterpret_cast<const unsigned char*>(a);
   const unsigned char* y = reinterpret_cast<const unsigned char*>(b);
 #if defined(__SSE2__)
-  return CompareNoCaseBlocks(x, y);
+  return CompareBlocks<true>(x, y);
 #else
   // Most comparisons of different texts end within the first bytes.
   for (int i = 0; i < kCompareHead; ++i, ++x, ++y) {
