@@ -82,14 +82,15 @@ TEST_F(StringUtilsTest, ComparisonsPrefixesAndCommonPrefix) {
       EXPECT_EQ(StringUtils::CompareNoCase((head.substr(0, length) + a).c_str(),
                                            (lowered + b).c_str()),
                 compareNoCase);
+      EXPECT_EQ(StringUtils::Compare((lowered + a).c_str(), (lowered + b).c_str()), compare);
     }
   }
 }
 
 // Random texts of letters and the bytes beside them in the code table, one
 // of them ending where an unreadable page begins, against a byte-by-byte
-// fold to upper case.
-TEST_F(StringUtilsTest, CompareNoCaseOfRandomTextsEndingAtAPage) {
+// comparison, with and without a fold to upper case.
+TEST_F(StringUtilsTest, ComparisonsOfRandomTextsEndingAtAPage) {
   const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   char* areas[2];
   for (char*& area : areas) {
@@ -115,8 +116,11 @@ TEST_F(StringUtilsTest, CompareNoCaseOfRandomTextsEndingAtAPage) {
     std::memcpy(y, b.c_str(), b.size() + 1);
     size_t i = 0;
     while (a[i] != 0 && upper(a[i]) == upper(b[i])) ++i;
+    size_t j = 0;
+    while (a[j] != 0 && a[j] == b[j]) ++j;
     SCOPED_TRACE("'" + a + "' vs '" + b + "'");
     ASSERT_EQ(StringUtils::CompareNoCase(x, y), upper(a[i]) - upper(b[i]));
+    ASSERT_EQ(StringUtils::Compare(x, y), (a[j] & 0xFF) - (b[j] & 0xFF));
   }
   for (char* area : areas) munmap(area, 2 * page);
 }
@@ -482,16 +486,16 @@ TEST_F(NumberTextTest, ClassificationAndFloatParse) {
 }
 
 // Beyond the largest double, leading zeros after the point, halfway (to
-// even), just above halfway, before and after the point, dropped zeros only,
-// rounding up to 1, a subnormal, out of range below and above, zeros only
-// with an exponent beyond the range.
+// even), just above halfway, before and after the point, halfway with only
+// zeros dropped, rounding up to 1, a subnormal, out of range below and
+// above, zeros only with an exponent beyond the range.
 TEST_F(NumberTextTest, LongMantissasRoundAsTheWholeTextAndNeverAllocate) {
   const std::string zeros(800, '0');
   // clang-format off
   const std::string cases[] = {
       std::string(60, '7'), "0." + std::string(59, '3'), "1" + zeros, "0." + zeros + "25e801",
       "9007199254740993", "9007199254740993" + zeros + "1", "9007199254740993." + zeros + "1",
-      "9007199254740992" + zeros + "e-800", "-" + std::string(1000, '9') + "e-1000",
+      "9007199254740993" + zeros + "e-800", "-" + std::string(1000, '9') + "e-1000",
       "1" + zeros + "e-1100", "0." + zeros + "1e-2147483647", "1" + zeros + "1e2147483647",
       zeros + "e400"};
   // clang-format on
