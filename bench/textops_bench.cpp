@@ -135,10 +135,6 @@ const char* const kKey = "Network.Interface.Eth0.DefaultGateway";
 const char* const kKeyOther = "network.interface.ETH0.defaultgateway";
 const char* const kKeyDifferent = "network.Route.Default";
 
-const char* CompareWith(const benchmark::State& state) {
-  return state.range(0) == 0 ? kKeyOther : kKeyDifferent;
-}
-
 void ToLowerZorv(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(StringUtils::ToLower(kKey));
 }
@@ -163,39 +159,37 @@ void ToLowerPoco(benchmark::State& state) {
 BENCHMARK(ToLowerPoco);
 #endif
 
-void CompareNoCase(benchmark::State& state, int (*compare)(const char*, const char*)) {
+// `compare` on the key and `same` (range 0), or `different` (range 1).
+void Compare(benchmark::State& state, int (*compare)(const char*, const char*), const char* same,
+             const char* different) {
   const char* a = kKey;
-  const char* b = CompareWith(state);
+  const char* b = state.range(0) == 0 ? same : different;
   for (auto _ : state) {
     benchmark::DoNotOptimize(a);
     benchmark::DoNotOptimize(compare(a, b));
   }
 }
-BENCHMARK_CAPTURE(CompareNoCase, Zorv, &StringUtils::CompareNoCase)
+BENCHMARK_CAPTURE(Compare, NoCaseZorv, &StringUtils::CompareNoCase, kKeyOther, kKeyDifferent)
     ->Arg(0)->Arg(1)->ArgName("differ");
-BENCHMARK_CAPTURE(CompareNoCase, Strcasecmp, &strcasecmp)->Arg(0)->Arg(1)->ArgName("differ");
+BENCHMARK_CAPTURE(Compare, NoCaseStrcasecmp, &strcasecmp, kKeyOther, kKeyDifferent)
+    ->Arg(0)->Arg(1)->ArgName("differ");
 #ifdef ZORV_BENCH_GLIB
-BENCHMARK_CAPTURE(CompareNoCase, Glib, &g_ascii_strcasecmp)->Arg(0)->Arg(1)->ArgName("differ");
+BENCHMARK_CAPTURE(Compare, NoCaseGlib, &g_ascii_strcasecmp, kKeyOther, kKeyDifferent)
+    ->Arg(0)->Arg(1)->ArgName("differ");
 #endif
-
-// The same key compared with case: with a copy of itself (range 0), and
-// with a key that differs from its ninth byte on (range 1).
-void Compare(benchmark::State& state, int (*compare)(const char*, const char*)) {
-  static const std::string copy(kKey);
-  const char* a = kKey;
-  const char* b = state.range(0) == 0 ? copy.c_str() : "Network.Route.Default";
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(a);
-    benchmark::DoNotOptimize(compare(a, b));
-  }
-}
-BENCHMARK_CAPTURE(Compare, Zorv, &StringUtils::Compare)->Arg(0)->Arg(1)->ArgName("differ");
-BENCHMARK_CAPTURE(Compare, Strcmp, &strcmp)->Arg(0)->Arg(1)->ArgName("differ");
+// With case: against a copy of the key and a key that differs from its ninth
+// byte on.
+const char kKeyCopy[] = "Network.Interface.Eth0.DefaultGateway";
+const char* const kKeyDifferentWithCase = "Network.Route.Default";
+BENCHMARK_CAPTURE(Compare, Zorv, &StringUtils::Compare, kKeyCopy, kKeyDifferentWithCase)
+    ->Arg(0)->Arg(1)->ArgName("differ");
+BENCHMARK_CAPTURE(Compare, Strcmp, &strcmp, kKeyCopy, kKeyDifferentWithCase)
+    ->Arg(0)->Arg(1)->ArgName("differ");
 
 #ifdef ZORV_BENCH_POCO
 void CompareNoCasePoco(benchmark::State& state) {
   const std::string a(kKey);
-  const std::string b(CompareWith(state));
+  const std::string b(state.range(0) == 0 ? kKeyOther : kKeyDifferent);
   for (auto _ : state) benchmark::DoNotOptimize(Poco::icompare(a, b));
 }
 BENCHMARK(CompareNoCasePoco)->Arg(0)->Arg(1)->ArgName("differ");
