@@ -431,13 +431,12 @@ __attribute__((no_sanitize("address", "thread"))) int CompareBlocks(const unsign
             _mm_and_si128(_mm_cmpeq_epi8(_mm_xor_si128(a, b), caseBit), letter);
         same = _mm_or_si128(same, caseOnly);
       }
-      const unsigned differ = static_cast<unsigned>(_mm_movemask_epi8(same)) ^ 0xFFFFu;
-      const unsigned ends =
-          static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, _mm_setzero_si128())));
-      if ((differ | ends) != 0) {
-        const int i = __builtin_ctz(differ | ends);
-        // Both texts end here: equal, with no need to look the bytes up.
-        if (((differ >> i) & 1u) == 0) return 0;
+      // Zero where the bytes differ or `a` ends: `same` is 0 or 0xFF.
+      const __m128i stop = _mm_min_epu8(same, a);
+      const unsigned mask =
+          static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(stop, _mm_setzero_si128())));
+      if (mask != 0) {
+        const int i = __builtin_ctz(mask);
         return kFold ? kUpperTable[x[i]] - kUpperTable[y[i]] : x[i] - y[i];
       }
       x += 16;
