@@ -7,9 +7,9 @@
 // - fdopendir: fails a chosen call as the C library does when it has no
 //   memory for the listing;
 // - unlinkat: makes a folder inside a folder about to be removed, as another
-//   program adding entries meanwhile;
+//   program adding entries meanwhile, and counts the folder removals;
 // - mkdirat: fails for a chosen name, as for a target the caller may not
-//   write (which root may);
+//   write (which root may), and counts the folders asked for;
 // - lseek: a seek to the end gives a chosen size, as a device may claim
 //   more than it holds, and a seek back to the start may fail;
 // - copy_file_range: empties the source first, as a file truncated while
@@ -157,7 +157,13 @@ extern "C" void ZorvTestFailMakeFolder(const char* name) {
   std::snprintf(g_makeFails, sizeof(g_makeFails), "%s", name);
 }
 
+int g_foldersMade = 0;
+
+// How many folders mkdirat was asked to make.
+extern "C" int ZorvTestFoldersMade() { return g_foldersMade; }
+
 extern "C" int mkdirat(int folder, const char* path, mode_t mode) {
+  ++g_foldersMade;
   if (g_makeFails[0] != '\0' && std::strcmp(path, g_makeFails) == 0) {
     errno = EACCES;
     return -1;
@@ -173,8 +179,14 @@ extern "C" void ZorvTestFillBeforeRemoval(const char* name, int times) {
   g_fillTimes = times;
 }
 
+int g_folderRemovals = 0;
+
+// How many folder removals (unlinkat with AT_REMOVEDIR) were asked for.
+extern "C" int ZorvTestFolderRemovals() { return g_folderRemovals; }
+
 extern "C" int unlinkat(int folder, const char* path, int flags) {
   constexpr int kRemoveFolder = 0x200;  // AT_REMOVEDIR on Linux
+  if ((flags & kRemoveFolder) != 0) ++g_folderRemovals;
   if ((flags & kRemoveFolder) != 0 && g_fillTimes > 0 && std::strcmp(path, g_fillName) == 0) {
     char late[sizeof(g_fillName) + 16];
     std::snprintf(late, sizeof(late), "%s/late%d", path, --g_fillTimes);
