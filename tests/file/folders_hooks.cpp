@@ -158,9 +158,12 @@ extern "C" void ZorvTestFailMakeFolder(const char* name) {
 }
 
 int g_foldersMade = 0;
+int g_folderRemovals = 0;
 
-// How many folders mkdirat was asked to make.
-extern "C" int ZorvTestFoldersMade() { return g_foldersMade; }
+// How many folders mkdirat was asked to make, or unlinkat to remove.
+extern "C" int ZorvTestFolderCalls(bool removals) {
+  return removals ? g_folderRemovals : g_foldersMade;
+}
 
 extern "C" int mkdirat(int folder, const char* path, mode_t mode) {
   ++g_foldersMade;
@@ -179,14 +182,9 @@ extern "C" void ZorvTestFillBeforeRemoval(const char* name, int times) {
   g_fillTimes = times;
 }
 
-int g_folderRemovals = 0;
-
-// How many folder removals (unlinkat with AT_REMOVEDIR) were asked for.
-extern "C" int ZorvTestFolderRemovals() { return g_folderRemovals; }
-
 extern "C" int unlinkat(int folder, const char* path, int flags) {
   constexpr int kRemoveFolder = 0x200;  // AT_REMOVEDIR on Linux
-  if ((flags & kRemoveFolder) != 0) ++g_folderRemovals;
+  g_folderRemovals += (flags & kRemoveFolder) != 0;
   if ((flags & kRemoveFolder) != 0 && g_fillTimes > 0 && std::strcmp(path, g_fillName) == 0) {
     char late[sizeof(g_fillName) + 16];
     std::snprintf(late, sizeof(late), "%s/late%d", path, --g_fillTimes);
