@@ -489,6 +489,9 @@ TEST_F(FileContentsTest, WriteRemoveRenameAndCopy) {
        WithOpenHook("..", "!", Op('d', "f", "t")), false, {"f/", "f/x=F", "t/"}},
       {"rename a folder onto a link", sub, Op('d', "s", "l"), true, moved},
       {"rename a folder onto a link spelled l/", sub, Op('d', "s", "l/"), true, moved},
+      // Nobody may remove that link, root included: nothing moves.
+      {"rename a folder onto a link that stays", {"s/", "s/x=X"}, Op('d', "s", "/proc/self/cwd"), false,
+       {"s/", "s/x=X"}},
       {"rename a file onto a link", {"s=M", "t=T", "l->t"}, Op('f', "s", "l"), true, {"l=M", "t=T"}},
       {"copy in chunks", {"s=" + big}, Op('c', "s", "n"), true, {"n=" + big, "s=" + big}},
       {"copy of nothing", {"s=", "d=old"}, Op('c', "s", "d"), true, {"d=", "s="}},
